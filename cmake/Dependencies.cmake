@@ -1,0 +1,23 @@
+# Every third-party library as an imported target, found once for the whole tree.
+find_package(ICU REQUIRED COMPONENTS uc i18n)
+find_package(SQLite3 REQUIRED)
+find_package(nlohmann_json REQUIRED)
+pkg_check_modules(TAGLIB REQUIRED IMPORTED_TARGET taglib)
+pkg_check_modules(FFMPEG REQUIRED IMPORTED_TARGET libavformat libavcodec libavutil libswresample libswscale)
+find_package(cubeb QUIET)
+if(NOT TARGET cubeb::cubeb)
+  pkg_check_modules(CUBEB REQUIRED IMPORTED_TARGET libcubeb)
+  add_library(cubeb::cubeb ALIAS PkgConfig::CUBEB)
+endif()
+find_package(sdbus-c++ QUIET)
+
+add_library(trovan_asio INTERFACE)
+target_compile_definitions(trovan_asio INTERFACE ASIO_STANDALONE ASIO_NO_DEPRECATED)
+target_link_libraries(trovan_asio INTERFACE Threads::Threads)
+
+if(TROVAN_TESTS)
+  find_package(GTest REQUIRED)
+endif()
+if(TROVAN_BENCH)
+  find_package(benchmark REQUIRED)
+endif()
