@@ -1,0 +1,25 @@
+#pragma once
+// The user's choices kept between runs in config.json.
+
+#include "library/EQPreset.h"
+#include "library/RepeatMode.h"
+
+#include <string>
+#include <vector>
+
+namespace trovan {
+
+struct Settings {
+    std::vector<std::string> roots; // music folders, in the order they were added
+    float volume = 0.8f;            // 0.0 - 1.0
+    bool shuffle = false;
+    RepeatMode repeatMode = RepeatMode::off;
+    bool eqEnabled = true;
+    std::string eqPreset = EQPreset::flat().name;
+    std::vector<float> eqGains = EQPreset::flat().gains;
+    std::vector<EQPreset> customPresets;
+
+    bool operator==(const Settings&) const = default;
+};
+
+} // namespace trovan

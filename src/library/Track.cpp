@@ -1,0 +1,114 @@
+#include "library/Track.h"
+
+#include "text/Text.h"
+
+#include <charconv>
+#include <functional>
+
+namespace trovan {
+
+namespace {
+
+std::string_view lastComponent(std::string_view path) {
+    auto slash = path.rfind('/');
+    return slash == std::string_view::npos ? path : path.substr(slash + 1);
+}
+
+// Text after the last dot of the last component; empty if none.
+std::string_view extensionOf(std::string_view path) {
+    auto name = lastComponent(path);
+    auto dot = name.rfind('.');
+    return dot == std::string_view::npos ? std::string_view{} : name.substr(dot + 1);
+}
+
+std::string asciiLower(std::string_view s) {
+    std::string out(s);
+    for (auto& c : out)
+        if (c >= 'A' && c <= 'Z') c = static_cast<char>(c - 'A' + 'a');
+    return out;
+}
+
+std::string asciiUpper(std::string_view s) {
+    std::string out(s);
+    for (auto& c : out)
+        if (c >= 'a' && c <= 'z') c = static_cast<char>(c - 'a' + 'A');
+    return out;
+}
+
+} // namespace
+
+std::string Track::displayTitle() const {
+    if (!title.empty()) return title;
+    auto name = lastComponent(path);
+    auto dot = name.rfind('.');
+    if (dot != std::string_view::npos && dot > 0) name = name.substr(0, dot);
+    return std::string(name);
+}
+
+std::string Track::displayArtist() const {
+    if (!artist.empty()) return artist;
+    if (!albumArtist.empty()) return albumArtist;
+    return std::string(kUnknownArtist);
+}
+
+std::string Track::groupArtist() const {
+    if (!albumArtist.empty()) return albumArtist;
+    if (!artist.empty()) return artist;
+    return std::string(kUnknownArtist);
+}
+
+int64_t Track::leadingInt(const std::optional<std::string>& value) {
+    if (!value) return 0;
+    std::string_view s = *value;
+    while (!s.empty() && (s.front() == ' ' || s.front() == '\t')) s.remove_prefix(1);
+    while (!s.empty() && (s.back() == ' ' || s.back() == '\t')) s.remove_suffix(1);
+
+    std::size_t prefix = 0;
+    text::Graphemes clusters(s);
+    std::string_view cluster;
+    while (clusters.next(cluster) && text::isNumeric(cluster)) prefix += cluster.size();
+    if (prefix == 0) return 0;
+
+    // Numeric characters other than ASCII digits (fractions, other scripts) do not parse.
+    int64_t result = 0;
+    auto digits = s.substr(0, prefix);
+    auto [end, ec] = std::from_chars(digits.data(), digits.data() + digits.size(), result, 10);
+    if (ec != std::errc{} || end != digits.data() + digits.size()) return 0;
+    return result;
+}
+
+std::string Track::codecLabel(std::string_view ext, int64_t bitrate) {
+    if (ext == "m4a" || ext == "m4b" || ext == "mp4") return bitrate > 400 ? "ALAC" : "AAC";
+    if (ext == "aif" || ext == "aiff" || ext == "aifc") return "AIFF";
+    return asciiUpper(ext);
+}
+
+const std::unordered_set<std::string_view>& Track::audioExtensions() {
+    static const std::unordered_set<std::string_view> set = {
+        "flac", "mp3",  "m4a",  "m4b", "mp4", "aac", "wav", "aif",
+        "aiff", "aifc", "caf",  "ogg", "oga", "opus"};
+    return set;
+}
+
+bool Track::isAudioPath(std::string_view path) {
+    auto ext = extensionOf(path);
+    if (ext.empty() || ext.size() > 4) return false;
+    return audioExtensions().contains(asciiLower(ext));
+}
+
+std::size_t TrackHash::operator()(const Track& t) const noexcept {
+    std::size_t h = 0;
+    auto mix = [&h](std::size_t v) { h ^= v + 0x9e3779b97f4a7c15ULL + (h << 6) + (h >> 2); };
+    std::hash<std::string> hs;
+    std::hash<int64_t> hi;
+    mix(hs(t.path));
+    mix(std::hash<double>{}(t.mtime + 0.0)); // folds -0.0 into 0.0
+    mix(hi(t.size));
+    for (const auto* s : {&t.title, &t.artist, &t.albumArtist, &t.album, &t.genre}) mix(hs(*s));
+    for (auto v : {t.year, t.trackNumber, t.discNumber, t.durationMs}) mix(hi(v));
+    mix(hs(t.codec));
+    for (auto v : {t.sampleRate, t.bitrate, t.channels}) mix(hi(v));
+    return h;
+}
+
+} // namespace trovan

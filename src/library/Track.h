@@ -1,0 +1,71 @@
+#pragma once
+// One audio file's record, as the whole program passes it around: file stamp,
+// tags and audio properties. Empty text and 0 mean "unknown".
+
+#include <cstddef>
+#include <cstdint>
+#include <optional>
+#include <string>
+#include <string_view>
+#include <unordered_set>
+
+namespace trovan {
+
+struct Track {
+    std::string path;       // absolute path; the record's identity
+    double mtime = 0;       // modification time, seconds since 1970 (fractional)
+    int64_t size = 0;       // bytes
+    std::string title;
+    std::string artist;
+    std::string albumArtist;
+    std::string album;
+    std::string genre;
+    int64_t year = 0;           // leading number of DATE
+    int64_t trackNumber = 0;    // leading number of TRACKNUMBER
+    int64_t discNumber = 0;     // leading number of DISCNUMBER
+    int64_t durationMs = 0;
+    std::string codec;      // short label shown to the user: FLAC, MP3, AAC, ALAC, AIFF...
+    int64_t sampleRate = 0;     // Hz
+    int64_t bitrate = 0;        // kb/s
+    int64_t channels = 0;
+
+    bool operator==(const Track&) const = default;
+
+    const std::string& id() const { return path; }
+
+    // title, else the file name without its extension.
+    std::string displayTitle() const;
+    // artist, else album artist, else "Artista desconocido" (what the player shows).
+    std::string displayArtist() const;
+    // album artist, else artist, else "Artista desconocido" (what the library groups by).
+    std::string groupArtist() const;
+
+    // Builds the record of the file at `path`: stamp, then tags and audio properties
+    // through TagLib, or audio properties alone through FFmpeg when TagLib cannot open
+    // it. None when the file does not exist or neither library can read it.
+    // Safe to call from several threads on different files.
+    static std::optional<Track> read(const std::string& path);
+
+    // Leading number of a tag value such as "3/12", "2024-05-01" or " 07 ";
+    // 0 when absent, not numeric, or out of range.
+    static int64_t leadingInt(const std::optional<std::string>& value);
+
+    // Label shown for a file read through TagLib: m4a/m4b/mp4 above 400 kb/s is ALAC,
+    // else AAC; aif/aiff/aifc is AIFF; anything else is the extension upper-cased.
+    // `ext` must already be lower case.
+    static std::string codecLabel(std::string_view ext, int64_t bitrate);
+
+    // Lower-case extensions, without the dot, of the files the library indexes.
+    static const std::unordered_set<std::string_view>& audioExtensions();
+    // True when the extension of `path` (last component only), lower-cased, is audio.
+    static bool isAudioPath(std::string_view path);
+};
+
+inline constexpr std::string_view kUnknownArtist = "Artista desconocido";
+
+// Memberwise hash; 0.0 and -0.0 hash alike, as they compare equal.
+struct TrackHash {
+    std::size_t operator()(const Track& t) const noexcept;
+};
+
+} // namespace trovan

@@ -1,0 +1,311 @@
+#include "media/AudioDecoder.h"
+
+extern "C" {
+#include <libavcodec/avcodec.h>
+#include <libavformat/avformat.h>
+#include <libavutil/channel_layout.h>
+#include <libavutil/log.h>
+#include <libswresample/swresample.h>
+}
+
+#include <algorithm>
+#include <cstring>
+#include <limits>
+#include <mutex>
+#include <vector>
+
+namespace trovan {
+
+namespace {
+
+struct FormatCloser {
+    void operator()(AVFormatContext* c) const { avformat_close_input(&c); }
+};
+struct CodecFreer {
+    void operator()(AVCodecContext* c) const { avcodec_free_context(&c); }
+};
+struct SwrFreer {
+    void operator()(SwrContext* c) const { swr_free(&c); }
+};
+struct PacketFreer {
+    void operator()(AVPacket* p) const { av_packet_free(&p); }
+};
+struct FrameFreer {
+    void operator()(AVFrame* f) const { av_frame_free(&f); }
+};
+struct LayoutHolder {
+    AVChannelLayout layout{};
+    ~LayoutHolder() { av_channel_layout_uninit(&layout); }
+};
+
+using FormatPtr = std::unique_ptr<AVFormatContext, FormatCloser>;
+using CodecPtr = std::unique_ptr<AVCodecContext, CodecFreer>;
+using SwrPtr = std::unique_ptr<SwrContext, SwrFreer>;
+using PacketPtr = std::unique_ptr<AVPacket, PacketFreer>;
+using FramePtr = std::unique_ptr<AVFrame, FrameFreer>;
+
+constexpr int maxSampleRate = 1'536'000;
+constexpr int maxChannels = 64;
+// Corrupt files can yield endless undecodable packets; give up after this many in a row.
+constexpr int maxConsecutiveErrors = 500;
+
+void silenceFfmpeg() {
+    static std::once_flag once;
+    std::call_once(once, [] { av_log_set_level(AV_LOG_QUIET); });
+}
+
+AudioCodecKind kindOf(AVCodecID id) {
+    switch (id) {
+    case AV_CODEC_ID_ALAC: return AudioCodecKind::alac;
+    case AV_CODEC_ID_FLAC: return AudioCodecKind::flac;
+    case AV_CODEC_ID_AAC:
+    case AV_CODEC_ID_AAC_LATM: return AudioCodecKind::aac;
+    case AV_CODEC_ID_MP3: return AudioCodecKind::mp3;
+    default: break;
+    }
+    if (id >= AV_CODEC_ID_FIRST_AUDIO && id < AV_CODEC_ID_ADPCM_IMA_QT) return AudioCodecKind::pcm;
+    return AudioCodecKind::other;
+}
+
+} // namespace
+
+struct AudioDecoder::Impl {
+    FormatPtr format;
+    CodecPtr codec;
+    SwrPtr swr;
+    PacketPtr packet{av_packet_alloc()};
+    FramePtr frame{av_frame_alloc()};
+    int stream = -1;
+    AVRational timeBase{1, 1};
+    int64_t startTime = 0; // in timeBase
+    int rate = 0;
+    int outChannels = 0;
+    // The converter's input format; rebuilt when a frame arrives in another one.
+    int swrFormat = -1;
+    int swrChannels = 0;
+
+    std::vector<float> pending; // converted frames not yet handed out
+    std::size_t pendingOffset = 0;
+    std::size_t pendingFrames = 0;
+    int64_t nextPosition = 0;    // estimate for frames without a timestamp
+    int64_t dropBefore = std::numeric_limits<int64_t>::min();
+    bool flushing = false;
+    bool finished = false;
+    bool needsPreroll = false;
+
+    void open(const std::string& path) {
+        AVFormatContext* raw = nullptr;
+        if (avformat_open_input(&raw, path.c_str(), nullptr, nullptr) < 0)
+            throw AudioDecodeError("cannot open " + path);
+        format.reset(raw);
+        if (avformat_find_stream_info(format.get(), nullptr) < 0)
+            throw AudioDecodeError("no stream information");
+        const AVCodec* decoder = nullptr;
+        stream = av_find_best_stream(format.get(), AVMEDIA_TYPE_AUDIO, -1, -1, &decoder, 0);
+        if (stream < 0 || !decoder) throw AudioDecodeError("no audio stream");
+        for (unsigned i = 0; i < format->nb_streams; ++i)
+            if (static_cast<int>(i) != stream) format->streams[i]->discard = AVDISCARD_ALL;
+        AVStream* st = format->streams[stream];
+        timeBase = st->time_base;
+        if (timeBase.num <= 0 || timeBase.den <= 0) throw AudioDecodeError("bad time base");
+        startTime = st->start_time == AV_NOPTS_VALUE ? 0 : st->start_time;
+
+        codec.reset(avcodec_alloc_context3(decoder));
+        if (!codec || avcodec_parameters_to_context(codec.get(), st->codecpar) < 0)
+            throw AudioDecodeError("cannot set up decoder");
+        codec->thread_count = 1;
+        if (avcodec_open2(codec.get(), decoder, nullptr) < 0)
+            throw AudioDecodeError("cannot open decoder");
+        rate = codec->sample_rate;
+        int channels = codec->ch_layout.nb_channels;
+        if (rate <= 0 || rate > maxSampleRate) throw AudioDecodeError("unsupported sample rate");
+        if (channels <= 0 || channels > maxChannels)
+            throw AudioDecodeError("unsupported channel count");
+        outChannels = channels == 1 ? 1 : 2;
+        AVCodecID id = st->codecpar->codec_id;
+        needsPreroll = id != AV_CODEC_ID_FLAC && id != AV_CODEC_ID_ALAC &&
+                       kindOf(id) != AudioCodecKind::pcm && id != AV_CODEC_ID_VORBIS &&
+                       id != AV_CODEC_ID_OPUS;
+        if (!packet || !frame) throw AudioDecodeError("out of memory");
+    }
+
+    // (Re)creates the converter for the given input; same rate in and out, so it
+    // never buffers and positions stay exact.
+    bool configure(const AVChannelLayout& inLayout, int sampleFormat) {
+        LayoutHolder in, out;
+        if (inLayout.order == AV_CHANNEL_ORDER_UNSPEC || av_channel_layout_check(&inLayout) == 0)
+            av_channel_layout_default(&in.layout, inLayout.nb_channels);
+        else if (av_channel_layout_copy(&in.layout, &inLayout) < 0)
+            return false;
+        av_channel_layout_default(&out.layout, outChannels);
+        SwrContext* raw = nullptr;
+        if (swr_alloc_set_opts2(&raw, &out.layout, AV_SAMPLE_FMT_FLT, rate, &in.layout,
+                                static_cast<AVSampleFormat>(sampleFormat), rate, 0,
+                                nullptr) < 0)
+            return false;
+        SwrPtr fresh(raw);
+        if (swr_init(fresh.get()) < 0) return false;
+        swr = std::move(fresh);
+        swrFormat = sampleFormat;
+        swrChannels = inLayout.nb_channels;
+        return true;
+    }
+
+    // Decodes until one frame's worth of converted audio is pending. False at the end.
+    bool decodeMore() {
+        int errors = 0;
+        while (!finished) {
+            int r = avcodec_receive_frame(codec.get(), frame.get());
+            if (r == 0) {
+                bool ok = convert();
+                av_frame_unref(frame.get());
+                if (ok && pendingFrames > pendingOffset) return true;
+                continue;
+            }
+            if (r == AVERROR_EOF) {
+                finished = true;
+                break;
+            }
+            if (r != AVERROR(EAGAIN)) {
+                if (++errors > maxConsecutiveErrors) finished = true;
+                continue;
+            }
+            if (flushing) { // a decoder that wants input after the flush: nothing more to get
+                finished = true;
+                break;
+            }
+            int rr = av_read_frame(format.get(), packet.get());
+            if (rr < 0) {
+                flushing = true;
+                avcodec_send_packet(codec.get(), nullptr);
+                continue;
+            }
+            if (packet->stream_index != stream) {
+                av_packet_unref(packet.get());
+                continue;
+            }
+            int s = avcodec_send_packet(codec.get(), packet.get());
+            av_packet_unref(packet.get());
+            if (s < 0 && s != AVERROR(EAGAIN)) {
+                if (++errors > maxConsecutiveErrors) finished = true;
+            } else {
+                errors = 0;
+            }
+        }
+        return false;
+    }
+
+    bool convert() {
+        AVFrame* f = frame.get();
+        if (f->nb_samples <= 0 || f->sample_rate != rate) return false;
+        if (f->ch_layout.nb_channels <= 0 || f->ch_layout.nb_channels > maxChannels) return false;
+        if (!swr || f->format != swrFormat || f->ch_layout.nb_channels != swrChannels) {
+            if (!configure(f->ch_layout, f->format)) return false;
+        }
+        int64_t pos = nextPosition;
+        int64_t ts = f->best_effort_timestamp;
+        if (ts != AV_NOPTS_VALUE)
+            pos = av_rescale_q(ts - startTime, timeBase, AVRational{1, rate});
+        int n = f->nb_samples;
+        nextPosition = pos + n;
+
+        pending.resize(static_cast<std::size_t>(n) * static_cast<std::size_t>(outChannels));
+        uint8_t* outPlanes[1] = {reinterpret_cast<uint8_t*>(pending.data())};
+        int got = swr_convert(swr.get(), outPlanes, n,
+                              const_cast<const uint8_t**>(f->extended_data), n);
+        if (got <= 0) return false;
+        pendingFrames = static_cast<std::size_t>(got);
+        pendingOffset = 0;
+        if (pos < dropBefore) {
+            int64_t drop = dropBefore - pos;
+            if (drop >= got) {
+                pendingFrames = 0;
+                return false;
+            }
+            pendingOffset = static_cast<std::size_t>(drop);
+        }
+        return true;
+    }
+
+    void resetDecoding() {
+        avcodec_flush_buffers(codec.get());
+        pendingFrames = pendingOffset = 0;
+        flushing = false;
+        finished = false;
+    }
+};
+
+AudioDecoder::AudioDecoder(const std::string& path) : impl_(std::make_unique<Impl>()), path_(path) {
+    silenceFfmpeg();
+    impl_->open(path);
+    AVStream* st = impl_->format->streams[impl_->stream];
+    const AVCodecParameters* par = st->codecpar;
+    sampleRate_ = impl_->rate;
+    outputChannels_ = impl_->outChannels;
+    description_.codec = kindOf(par->codec_id);
+    description_.codecName = avcodec_get_name(par->codec_id);
+    description_.sampleRate = par->sample_rate > 0 ? par->sample_rate : impl_->rate;
+    description_.channels = par->ch_layout.nb_channels > 0 ? par->ch_layout.nb_channels
+                                                           : impl_->codec->ch_layout.nb_channels;
+    description_.bitsPerRawSample = std::max(par->bits_per_raw_sample, 0);
+    description_.bitsPerCodedSample = std::max(par->bits_per_coded_sample, 0);
+
+    AVRational perFrame{1, sampleRate_};
+    if (st->duration != AV_NOPTS_VALUE && st->duration > 0)
+        frames_ = av_rescale_q(st->duration, st->time_base, perFrame);
+    else if (impl_->format->duration != AV_NOPTS_VALUE && impl_->format->duration > 0)
+        frames_ = av_rescale_q(impl_->format->duration, AVRational{1, AV_TIME_BASE}, perFrame);
+    frames_ = std::max<int64_t>(frames_, 0);
+}
+
+AudioDecoder::~AudioDecoder() = default;
+
+bool AudioDecoder::seek(int64_t frame) {
+    Impl& d = *impl_;
+    frame = std::max<int64_t>(frame, 0);
+    int64_t preroll = d.needsPreroll ? d.rate / 10 : 0;
+    int64_t from = std::max<int64_t>(frame - preroll, 0);
+    int64_t ts = d.startTime + av_rescale_q(from, AVRational{1, d.rate}, d.timeBase);
+    int r = av_seek_frame(d.format.get(), d.stream, ts, AVSEEK_FLAG_BACKWARD);
+    if (r < 0) r = avformat_seek_file(d.format.get(), d.stream, INT64_MIN, ts, ts, 0);
+    if (r < 0) {
+        // Unseekable input: rewind to the start by reopening, then decode forward.
+        try {
+            auto fresh = std::make_unique<Impl>();
+            fresh->open(path_);
+            impl_ = std::move(fresh);
+        } catch (const AudioDecodeError&) {
+            impl_->finished = true;
+            position_ = frame;
+            return false;
+        }
+        impl_->nextPosition = 0;
+    } else {
+        d.resetDecoding();
+        d.nextPosition = from;
+    }
+    impl_->dropBefore = frame;
+    position_ = frame;
+    return true;
+}
+
+std::size_t AudioDecoder::read(float* out, std::size_t maxFrames) {
+    Impl& d = *impl_;
+    std::size_t written = 0;
+    const auto ch = static_cast<std::size_t>(d.outChannels);
+    while (written < maxFrames) {
+        if (d.pendingOffset < d.pendingFrames) {
+            std::size_t n = std::min(maxFrames - written, d.pendingFrames - d.pendingOffset);
+            std::memcpy(out + written * ch, d.pending.data() + d.pendingOffset * ch,
+                        n * ch * sizeof(float));
+            d.pendingOffset += n;
+            written += n;
+            continue;
+        }
+        if (!d.decodeMore()) break;
+    }
+    position_ += static_cast<int64_t>(written);
+    return written;
+}
+
+} // namespace trovan

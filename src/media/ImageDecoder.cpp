@@ -1,0 +1,246 @@
+#include "media/ImageDecoder.h"
+
+extern "C" {
+#include <libavcodec/avcodec.h>
+#include <libavformat/avformat.h>
+#include <libavutil/dict.h>
+#include <libavutil/frame.h>
+#include <libavutil/log.h>
+#include <libavutil/mem.h>
+#include <libavutil/pixdesc.h>
+#include <libswscale/swscale.h>
+}
+
+#include <algorithm>
+#include <cmath>
+#include <cstdlib>
+#include <cstring>
+#include <memory>
+#include <mutex>
+
+namespace trovan {
+
+namespace {
+
+struct CodecContextDeleter {
+    void operator()(AVCodecContext* c) const { avcodec_free_context(&c); }
+};
+struct FrameDeleter {
+    void operator()(AVFrame* f) const { av_frame_free(&f); }
+};
+struct PacketDeleter {
+    void operator()(AVPacket* p) const { av_packet_free(&p); }
+};
+struct SwsDeleter {
+    void operator()(SwsContext* s) const { sws_freeContext(s); }
+};
+struct FormatDeleter {
+    void operator()(AVFormatContext* f) const { avformat_close_input(&f); }
+};
+struct AvFreeDeleter {
+    void operator()(std::uint8_t* p) const { av_free(p); }
+};
+
+using CodecContextPtr = std::unique_ptr<AVCodecContext, CodecContextDeleter>;
+using FramePtr = std::unique_ptr<AVFrame, FrameDeleter>;
+using PacketPtr = std::unique_ptr<AVPacket, PacketDeleter>;
+using SwsPtr = std::unique_ptr<SwsContext, SwsDeleter>;
+using FormatPtr = std::unique_ptr<AVFormatContext, FormatDeleter>;
+using AvBuffer = std::unique_ptr<std::uint8_t, AvFreeDeleter>;
+
+// A pathological picture must not exhaust memory; real covers are far below this.
+constexpr std::int64_t maxPixels = 64LL * 1024 * 1024;
+
+void silenceLibraries() {
+    // FFmpeg's warnings would land in the middle of the full-screen session.
+    static std::once_flag once;
+    std::call_once(once, [] { av_log_set_level(AV_LOG_QUIET); });
+}
+
+bool startsWith(std::span<const std::uint8_t> b, std::size_t at, const char* magic,
+                std::size_t n) {
+    return b.size() >= at + n && std::memcmp(b.data() + at, magic, n) == 0;
+}
+
+AVCodecID codecFor(std::span<const std::uint8_t> b) {
+    if (startsWith(b, 0, "\xFF\xD8\xFF", 3)) return AV_CODEC_ID_MJPEG;
+    if (startsWith(b, 0, "\x89PNG\r\n\x1A\n", 8)) return AV_CODEC_ID_PNG;
+    if (startsWith(b, 0, "GIF87a", 6) || startsWith(b, 0, "GIF89a", 6)) return AV_CODEC_ID_GIF;
+    if (startsWith(b, 0, "RIFF", 4) && startsWith(b, 8, "WEBP", 4)) return AV_CODEC_ID_WEBP;
+    if (startsWith(b, 0, "II*\0", 4) || startsWith(b, 0, "MM\0*", 4)) return AV_CODEC_ID_TIFF;
+    if (startsWith(b, 0, "BM", 2) && b.size() > 26) return AV_CODEC_ID_BMP;
+    return AV_CODEC_ID_NONE;
+}
+
+struct Decoded {
+    FramePtr frame;
+    int orientation = 1; // EXIF values 1..8
+};
+
+int orientationOf(const AVFrame& frame) {
+    const AVDictionaryEntry* e = av_dict_get(frame.metadata, "Orientation", nullptr, 0);
+    if (!e || !e->value) return 1;
+    int v = std::atoi(e->value);
+    return v >= 1 && v <= 8 ? v : 1;
+}
+
+bool transposes(int orientation) { return orientation >= 5; }
+
+std::optional<Decoded> decode(std::span<const std::uint8_t> bytes) {
+    silenceLibraries();
+    AVCodecID id = codecFor(bytes);
+    if (id == AV_CODEC_ID_NONE || bytes.size() > static_cast<std::size_t>(INT32_MAX) / 2)
+        return std::nullopt;
+    const AVCodec* codec = avcodec_find_decoder(id);
+    if (!codec) return std::nullopt;
+    CodecContextPtr ctx(avcodec_alloc_context3(codec));
+    if (!ctx) return std::nullopt;
+    ctx->thread_count = 1;
+    ctx->max_pixels = maxPixels;
+    if (avcodec_open2(ctx.get(), codec, nullptr) < 0) return std::nullopt;
+
+    PacketPtr packet(av_packet_alloc());
+    if (!packet || av_new_packet(packet.get(), static_cast<int>(bytes.size())) < 0)
+        return std::nullopt;
+    std::memcpy(packet->data, bytes.data(), bytes.size());
+    packet->flags |= AV_PKT_FLAG_KEY;
+
+    FramePtr frame(av_frame_alloc());
+    if (!frame) return std::nullopt;
+    if (avcodec_send_packet(ctx.get(), packet.get()) < 0) return std::nullopt;
+    int rc = avcodec_receive_frame(ctx.get(), frame.get());
+    if (rc == AVERROR(EAGAIN)) {
+        avcodec_send_packet(ctx.get(), nullptr);
+        rc = avcodec_receive_frame(ctx.get(), frame.get());
+    }
+    if (rc < 0 || frame->width < 1 || frame->height < 1 || !frame->data[0]) return std::nullopt;
+    if (static_cast<AVPixelFormat>(frame->format) == AV_PIX_FMT_NONE) return std::nullopt;
+    Decoded d;
+    d.orientation = orientationOf(*frame);
+    d.frame = std::move(frame);
+    return d;
+}
+
+// The deprecated "J" formats mean full-range YUV; swscale wants the plain format plus
+// the range flag.
+AVPixelFormat plainFormat(AVPixelFormat f, bool& fullRange) {
+    switch (f) {
+    case AV_PIX_FMT_YUVJ420P: fullRange = true; return AV_PIX_FMT_YUV420P;
+    case AV_PIX_FMT_YUVJ422P: fullRange = true; return AV_PIX_FMT_YUV422P;
+    case AV_PIX_FMT_YUVJ444P: fullRange = true; return AV_PIX_FMT_YUV444P;
+    case AV_PIX_FMT_YUVJ440P: fullRange = true; return AV_PIX_FMT_YUV440P;
+    case AV_PIX_FMT_YUVJ411P: fullRange = true; return AV_PIX_FMT_YUV411P;
+    default: return f;
+    }
+}
+
+// Maps output pixel (x, y) of the upright picture (outW × outH) to the pixel of the
+// stored picture (inW × inH) it comes from.
+std::pair<int, int> sourceOf(int orientation, int x, int y, int inW, int inH) {
+    switch (orientation) {
+    case 2: return {inW - 1 - x, y};
+    case 3: return {inW - 1 - x, inH - 1 - y};
+    case 4: return {x, inH - 1 - y};
+    case 5: return {y, x};
+    case 6: return {y, inH - 1 - x};
+    case 7: return {inW - 1 - y, inH - 1 - x};
+    case 8: return {inW - 1 - y, x};
+    default: return {x, y};
+    }
+}
+
+} // namespace
+
+bool ImageDecoder::isImage(std::span<const std::uint8_t> bytes) {
+    return decode(bytes).has_value();
+}
+
+std::optional<std::pair<int, int>> ImageDecoder::size(std::span<const std::uint8_t> bytes) {
+    auto d = decode(bytes);
+    if (!d) return std::nullopt;
+    if (transposes(d->orientation)) return std::pair{d->frame->height, d->frame->width};
+    return std::pair{d->frame->width, d->frame->height};
+}
+
+std::optional<RgbImage> ImageDecoder::decodeToFill(std::span<const std::uint8_t> bytes, int width,
+                                                   int height) {
+    if (width < 1 || height < 1 || static_cast<std::int64_t>(width) * height > maxPixels)
+        return std::nullopt;
+    auto d = decode(bytes);
+    if (!d) return std::nullopt;
+    AVFrame* frame = d->frame.get();
+
+    // Work in the stored picture's axes; the orientation is applied to the small result.
+    const bool swap = transposes(d->orientation);
+    const int tw = swap ? height : width;
+    const int th = swap ? width : height;
+    const double w = frame->width, h = frame->height;
+    const double scale = std::max(tw / w, th / h);
+    const int keepW = std::clamp(static_cast<int>(std::lround(tw / scale)), 1, frame->width);
+    const int keepH = std::clamp(static_cast<int>(std::lround(th / scale)), 1, frame->height);
+    frame->crop_left = static_cast<std::size_t>((frame->width - keepW) / 2);
+    frame->crop_right = static_cast<std::size_t>(frame->width - keepW) - frame->crop_left;
+    frame->crop_top = static_cast<std::size_t>((frame->height - keepH) / 2);
+    frame->crop_bottom = static_cast<std::size_t>(frame->height - keepH) - frame->crop_top;
+    if (av_frame_apply_cropping(frame, AV_FRAME_CROP_UNALIGNED) < 0) return std::nullopt;
+
+    bool fullRange = frame->color_range == AVCOL_RANGE_JPEG;
+    AVPixelFormat src = plainFormat(static_cast<AVPixelFormat>(frame->format), fullRange);
+    SwsPtr sws(sws_getContext(frame->width, frame->height, src, tw, th, AV_PIX_FMT_RGB24,
+                              SWS_LANCZOS | SWS_ACCURATE_RND | SWS_FULL_CHR_H_INT, nullptr,
+                              nullptr, nullptr));
+    if (!sws) return std::nullopt;
+    const AVPixFmtDescriptor* desc = av_pix_fmt_desc_get(src);
+    if (desc && !(desc->flags & AV_PIX_FMT_FLAG_RGB) && desc->nb_components >= 3) {
+        int* invTable = nullptr;
+        int* table = nullptr;
+        int srcRange = 0, dstRange = 0, brightness = 0, contrast = 0, saturation = 0;
+        if (sws_getColorspaceDetails(sws.get(), &invTable, &srcRange, &table, &dstRange,
+                                     &brightness, &contrast, &saturation) >= 0) {
+            int cs = frame->colorspace == AVCOL_SPC_BT709 ? SWS_CS_ITU709 : SWS_CS_ITU601;
+            sws_setColorspaceDetails(sws.get(), sws_getCoefficients(cs), fullRange ? 1 : 0,
+                                     table, 1, brightness, contrast, saturation);
+        }
+    }
+
+    const int stride = (tw * 3 + 63) & ~63;
+    AvBuffer scaled(static_cast<std::uint8_t*>(av_malloc(static_cast<std::size_t>(stride) * th + 64)));
+    if (!scaled) return std::nullopt;
+    std::uint8_t* dst[4] = {scaled.get(), nullptr, nullptr, nullptr};
+    int dstStride[4] = {stride, 0, 0, 0};
+    if (sws_scale(sws.get(), frame->data, frame->linesize, 0, frame->height, dst, dstStride) != th)
+        return std::nullopt;
+
+    RgbImage out;
+    out.width = width;
+    out.height = height;
+    out.rgb.resize(static_cast<std::size_t>(width) * height * 3);
+    for (int y = 0; y < height; ++y) {
+        for (int x = 0; x < width; ++x) {
+            auto [sx, sy] = sourceOf(d->orientation, x, y, tw, th);
+            const std::uint8_t* p = scaled.get() + static_cast<std::size_t>(sy) * stride + sx * 3;
+            std::uint8_t* q = out.rgb.data() + (static_cast<std::size_t>(y) * width + x) * 3;
+            q[0] = p[0];
+            q[1] = p[1];
+            q[2] = p[2];
+        }
+    }
+    return out;
+}
+
+std::optional<std::vector<std::uint8_t>> ImageDecoder::embeddedPicture(const std::string& path) {
+    silenceLibraries();
+    AVFormatContext* raw = nullptr;
+    if (avformat_open_input(&raw, path.c_str(), nullptr, nullptr) < 0) return std::nullopt;
+    FormatPtr fmt(raw);
+    for (unsigned i = 0; i < fmt->nb_streams; ++i) {
+        const AVStream* st = fmt->streams[i];
+        if (!(st->disposition & AV_DISPOSITION_ATTACHED_PIC)) continue;
+        const AVPacket& pic = st->attached_pic;
+        if (pic.size <= 0 || !pic.data) continue;
+        return std::vector<std::uint8_t>(pic.data, pic.data + pic.size);
+    }
+    return std::nullopt;
+}
+
+} // namespace trovan
