@@ -1,0 +1,42 @@
+#pragma once
+
+#include "terminal/InputEvent.h"
+
+#include <cstddef>
+#include <optional>
+#include <string>
+#include <string_view>
+#include <vector>
+
+namespace trovan {
+
+// Turns raw terminal bytes (raw mode, SGR mouse, bracketed paste) into events. An
+// incomplete escape sequence or UTF-8 character waits in `pending` for the next read;
+// a lone ESC at the end of a read is the Escape key at once, never a timeout.
+class InputDecoder {
+public:
+    std::string pending;
+    std::optional<std::string> pasteBuffer;
+    std::string pasteStart = "\x1b[200~";
+    std::string pasteEnd = "\x1b[201~";
+
+    // Appends `bytes` and returns every complete event in order.
+    std::vector<InputEvent> decode(std::string_view bytes);
+
+private:
+    enum class Outcome { incomplete, none, event };
+    struct Step {
+        Outcome outcome = Outcome::none;
+        std::size_t consumed = 0;
+        InputEvent event{};
+    };
+
+    Step decodeOne(std::size_t p);
+    Step decodeCSI(std::size_t p);
+
+    // Where the scan for the final byte of an unfinished CSI sequence stopped, so a
+    // long sequence arriving in many reads is scanned once.
+    std::size_t csiScanFrom_ = 0;
+};
+
+} // namespace trovan

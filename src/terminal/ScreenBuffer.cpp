@@ -1,0 +1,76 @@
+#include "terminal/ScreenBuffer.h"
+
+#include "text/Text.h"
+
+#include <algorithm>
+
+namespace trovan {
+
+ScreenBuffer::ScreenBuffer(int width, int height, Style style)
+    : width_(std::max(width, 0)), height_(std::max(height, 0)),
+      cells_(static_cast<std::size_t>(width_) * static_cast<std::size_t>(height_),
+             Cell{Glyph(" ", 1), style}) {}
+
+void ScreenBuffer::write(const Glyph& ch, int x, int y, Style style) {
+    Cell& cell = cells_[index(x, y)];
+    // Writing over the right half of a wide character leaves its left half alone.
+    if (!ch.empty() && x > 0 && cell.ch.empty()) {
+        cells_[index(x - 1, y)].ch = Glyph(" ", 1);
+    }
+    // Writing over the left half of a wide character leaves its right half alone.
+    if (x + 1 < width_ && !cell.ch.empty() && cells_[index(x + 1, y)].ch.empty()) {
+        cells_[index(x + 1, y)].ch = Glyph(" ", 1);
+    }
+    cell.ch = ch;
+    cell.style = style;
+}
+
+void ScreenBuffer::put(const Glyph& ch, int x, int y, Style style) {
+    if (x < 0 || x >= width_ || y < 0 || y >= height_) return;
+    write(ch, x, y, style);
+}
+
+int ScreenBuffer::text(std::string_view s, int x, int y, int maxWidth, Style style) {
+    if (y < 0 || y >= height_ || maxWidth < 1) return 0;
+    const int total = text::displayWidth(s);
+    const int limit = total > maxWidth ? maxWidth - 1 : maxWidth;
+    int used = 0;
+    text::Graphemes clusters(s);
+    std::string_view c;
+    while (clusters.next(c)) {
+        const int w = text::charWidth(c);
+        if (w == 0) continue;
+        if (used + w > limit) break;
+        const int col = x + used;
+        if (col >= 0 && col < width_) {
+            write(Glyph(c, w), col, y, style);
+            if (w == 2 && col + 1 < width_) {
+                Cell& right = cells_[index(col + 1, y)];
+                right.ch = Glyph();
+                right.style = style;
+                if (col + 2 < width_ && cells_[index(col + 2, y)].ch.empty()) {
+                    cells_[index(col + 2, y)].ch = Glyph(" ", 1);
+                }
+            }
+        }
+        used += w;
+    }
+    if (total <= maxWidth) return used;
+    put(Glyph("\xE2\x80\xA6", 1), x + used, y, style);
+    return used + 1;
+}
+
+void ScreenBuffer::fill(Rect rect, Style style, const Glyph& ch) {
+    // 64-bit sums: rectangles far outside the screen must not overflow.
+    const int y0 = std::max(rect.y, 0);
+    const int y1 = static_cast<int>(std::min<long long>(0LL + rect.y + rect.height, height_));
+    const int x0 = std::max(rect.x, 0);
+    const int x1 = static_cast<int>(std::min<long long>(0LL + rect.x + rect.width, width_));
+    if (x0 >= x1) return;
+    for (int y = y0; y < y1; ++y) {
+        std::fill(cells_.begin() + static_cast<std::ptrdiff_t>(index(x0, y)),
+                  cells_.begin() + static_cast<std::ptrdiff_t>(index(x1, y)), Cell{ch, style});
+    }
+}
+
+} // namespace trovan

@@ -1,0 +1,13 @@
+#pragma once
+
+namespace trovan {
+
+// Terminal dimensions in columns and rows.
+struct Size {
+    int width = 0;
+    int height = 0;
+
+    bool operator==(const Size&) const = default;
+};
+
+} // namespace trovan
