@@ -1,6 +1,7 @@
 #pragma once
 
 #include <cstdint>
+#include <ctime>
 
 namespace trovan {
 
@@ -10,6 +11,11 @@ struct FileStamp {
     int64_t size = 0; // bytes
 
     bool operator==(const FileStamp&) const = default;
+
+    // The one conversion from the file system's time, so every reader agrees to the bit.
+    static double seconds(const timespec& t) {
+        return static_cast<double>(t.tv_sec) + static_cast<double>(t.tv_nsec) / 1e9;
+    }
 };
 
 } // namespace trovan

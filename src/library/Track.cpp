@@ -1,9 +1,14 @@
 #include "library/Track.h"
 
+#include "library/FileStamp.h"
+#include "media/AudioFileProbe.h"
+#include "media/TagLibFile.h"
 #include "text/Text.h"
 
 #include <charconv>
+#include <cmath>
 #include <functional>
+#include <sys/stat.h>
 
 namespace trovan {
 
@@ -35,6 +40,14 @@ std::string asciiUpper(std::string_view s) {
     return out;
 }
 
+// Frames over rate, truncated; 0 when the rate is unusable.
+int64_t probeDurationMs(const AudioFileProbe& probe) {
+    if (!(probe.sampleRate > 0) || !std::isfinite(probe.sampleRate)) return 0;
+    double ms = static_cast<double>(probe.frames) / probe.sampleRate * 1000.0;
+    if (!std::isfinite(ms) || ms < 0 || ms >= 9.2e18) return 0;
+    return static_cast<int64_t>(ms);
+}
+
 } // namespace
 
 std::string Track::displayTitle() const {
@@ -55,6 +68,64 @@ std::string Track::groupArtist() const {
     if (!albumArtist.empty()) return albumArtist;
     if (!artist.empty()) return artist;
     return std::string(kUnknownArtist);
+}
+
+std::optional<Track> Track::read(const std::string& path) {
+    struct stat st{};
+    if (::stat(path.c_str(), &st) != 0) return std::nullopt;
+
+    Track t;
+    t.path = path;
+    t.mtime = FileStamp::seconds(st.st_mtim);
+    t.size = static_cast<int64_t>(st.st_size);
+    auto ext = asciiLower(extensionOf(path));
+
+    auto file = TagLibFile::open(path);
+    std::optional<TagLibFile::AudioProperties> props;
+    if (file) {
+        props = file->audioProperties();
+        // TagLib accepts some empty or garbage files (WAV, AIFF, MPEG) as valid and reports
+        // no audio at all; only FFmpeg can tell whether there is anything to play then.
+        if (!props || props->sampleRate <= 0) {
+            if (!AudioFileProbe::read(path)) return std::nullopt;
+        }
+    }
+    if (file) {
+        auto text = [&](const char* key) { return file->value(key).value_or(std::string{}); };
+        t.title = text("TITLE");
+        t.artist = text("ARTIST");
+        t.albumArtist = text("ALBUMARTIST");
+        t.album = text("ALBUM");
+        t.genre = text("GENRE");
+        t.year = leadingInt(file->value("DATE"));
+        t.trackNumber = leadingInt(file->value("TRACKNUMBER"));
+        t.discNumber = leadingInt(file->value("DISCNUMBER"));
+        if (props) {
+            t.durationMs = int64_t{props->lengthSeconds} * 1000;
+            t.bitrate = props->bitrate;
+            t.sampleRate = props->sampleRate;
+            t.channels = props->channels;
+        }
+        t.codec = codecLabel(ext, t.bitrate);
+        // TagLib cannot measure some streams (FLAC in Ogg); FFmpeg can.
+        if (!props || props->lengthMs <= 0 || props->sampleRate <= 0) {
+            if (auto probe = AudioFileProbe::read(path)) {
+                t.durationMs = probeDurationMs(*probe);
+                if (t.sampleRate <= 0) t.sampleRate = static_cast<int64_t>(probe->sampleRate);
+                if (t.channels <= 0) t.channels = probe->channels;
+            }
+        }
+        return t;
+    }
+
+    auto probe = AudioFileProbe::read(path);
+    if (!probe) return std::nullopt;
+    t.durationMs = probeDurationMs(*probe);
+    if (probe->sampleRate > 0 && std::isfinite(probe->sampleRate))
+        t.sampleRate = static_cast<int64_t>(probe->sampleRate);
+    t.channels = probe->channels;
+    t.codec = asciiUpper(ext);
+    return t;
 }
 
 int64_t Track::leadingInt(const std::optional<std::string>& value) {

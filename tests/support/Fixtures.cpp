@@ -4,6 +4,7 @@
 #include <taglib/attachedpictureframe.h>
 #include <taglib/flacfile.h>
 #include <taglib/flacpicture.h>
+#include <taglib/id3v2header.h>
 #include <taglib/id3v2tag.h>
 #include <taglib/mp4coverart.h>
 #include <taglib/mp4file.h>
@@ -16,6 +17,9 @@
 #include <taglib/wavfile.h>
 #include <taglib/xiphcomment.h>
 
+#include <cctype>
+#include <cstdio>
+#include <cstdlib>
 #include <fstream>
 #include <memory>
 #include <mutex>
@@ -224,7 +228,7 @@ const std::vector<Format>& taggableFormats() {
     static const std::vector<Format> formats = [] {
         std::vector<Format> out;
         for (auto f : allFormats())
-            if (f != Format::adts && f != Format::caf) out.push_back(f);
+            if (f != Format::adts && f != Format::caf && f != Format::oggFlac) out.push_back(f);
         return out;
     }();
     return formats;
@@ -341,14 +345,48 @@ const fs::path& sharedDir() {
     return dir.path();
 }
 
-fs::path cached(const std::string& fileName, const Tone& tone) {
-    std::lock_guard lock(sharedMutex);
-    auto p = sharedDir() / fileName;
-    if (!fs::exists(p)) {
-        // Written under a temporary name so a failed encode leaves nothing behind.
-        auto tmp = write(sharedDir(), ".partial-" + fileName, tone);
-        fs::rename(tmp, p);
+namespace {
+
+// Bump when the generator changes what it writes, so stale cached files are not reused.
+constexpr int kCacheVersion = 1;
+
+std::string describe(const std::string& fileName, const Tone& t) {
+    std::ostringstream s;
+    s.imbue(std::locale::classic());
+    s << kCacheVersion << '|' << fileName << '|' << static_cast<int>(t.format) << '|'
+      << static_cast<int>(t.wave) << '|' << t.frequency << '|' << t.seconds << '|' << t.sampleRate
+      << '|' << t.channels << '|' << t.bitDepth << '|' << t.bitrateKbps;
+    for (const auto& [k, vs] : t.tags) {
+        s << "|T" << k.size() << ':' << k;
+        for (const auto& v : vs) s << ',' << v.size() << ':' << v;
     }
+    for (const auto& c : t.covers)
+        s << "|C" << static_cast<int>(c.kind) << ',' << c.width << 'x' << c.height << ','
+          << c.color << ',' << (c.mimeType ? "m" + *c.mimeType : "-") << ',' << c.pictureType
+          << ',' << c.description;
+    return s.str();
+}
+
+} // namespace
+
+fs::path cached(const std::string& fileName, const Tone& tone) {
+    const char* base = std::getenv("TMPDIR");
+    fs::path root = fs::path(base && *base ? base : "/tmp") /
+                    ("trovan-fixture-cache-" + std::to_string(getuid()));
+    char hex[17];
+    std::snprintf(hex, sizeof hex, "%016zx", std::hash<std::string>{}(describe(fileName, tone)));
+    auto dir = root / hex;
+    auto p = dir / fileName;
+    std::lock_guard lock(sharedMutex);
+    if (fs::exists(p)) return p;
+    fs::create_directories(dir);
+    // Generated aside and renamed into place, so a concurrent test process never sees a
+    // half-written file and a failed encode leaves nothing behind.
+    TempDir work("trovan-fixture");
+    auto tmp = write(work.path(), fileName, tone);
+    auto staged = dir / (".staging-" + std::to_string(getpid()) + "-" + fileName);
+    fs::copy_file(tmp, staged, fs::copy_options::overwrite_existing);
+    fs::rename(staged, p);
     return p;
 }
 
@@ -356,6 +394,89 @@ fs::path copyTo(const fs::path& file, const fs::path& dir, const std::string& ne
     auto out = dir / (newName.empty() ? file.filename() : fs::path(newName));
     fs::copy_file(file, out, fs::copy_options::overwrite_existing);
     return out;
+}
+
+namespace {
+
+std::vector<uint8_t> toBytes(const TagLib::ByteVector& v) { return {v.begin(), v.end()}; }
+
+void collectId3(const TagLib::ID3v2::Tag* tag, std::vector<StoredPicture>& out) {
+    if (!tag) return;
+    for (auto* frame : tag->frameList("APIC"))
+        if (auto* apic = dynamic_cast<TagLib::ID3v2::AttachedPictureFrame*>(frame))
+            out.push_back({apic->mimeType().to8Bit(true), static_cast<int>(apic->type()),
+                           apic->description().to8Bit(true), toBytes(apic->picture())});
+}
+
+void collectFlac(const TagLib::List<TagLib::FLAC::Picture*>& list, std::vector<StoredPicture>& out) {
+    for (auto* p : list)
+        out.push_back({p->mimeType().to8Bit(true), static_cast<int>(p->type()),
+                       p->description().to8Bit(true), toBytes(p->data())});
+}
+
+} // namespace
+
+std::vector<StoredPicture> storedPictures(const fs::path& p) {
+    std::vector<StoredPicture> out;
+    auto ext = p.extension().string();
+    for (auto& c : ext) c = static_cast<char>(std::tolower(static_cast<unsigned char>(c)));
+    auto open = [&](auto& f) {
+        if (!f.isValid()) throw std::runtime_error("TagLib cannot open " + p.string());
+    };
+    if (ext == ".mp3") {
+        TagLib::MPEG::File f(p.c_str());
+        open(f);
+        if (f.hasID3v2Tag()) collectId3(f.ID3v2Tag(), out);
+    } else if (ext == ".flac") {
+        TagLib::FLAC::File f(p.c_str());
+        open(f);
+        collectFlac(f.pictureList(), out);
+        if (f.hasXiphComment()) collectFlac(f.xiphComment()->pictureList(), out);
+    } else if (ext == ".m4a" || ext == ".m4b" || ext == ".mp4") {
+        TagLib::MP4::File f(p.c_str());
+        open(f);
+        if (f.tag()->contains("covr"))
+            for (const auto& art : f.tag()->item("covr").toCoverArtList()) {
+                std::string mime = art.format() == TagLib::MP4::CoverArt::PNG    ? "image/png"
+                                   : art.format() == TagLib::MP4::CoverArt::JPEG ? "image/jpeg"
+                                                                                 : "";
+                out.push_back({mime, -1, "", toBytes(art.data())});
+            }
+    } else if (ext == ".wav") {
+        TagLib::RIFF::WAV::File f(p.c_str());
+        open(f);
+        if (f.hasID3v2Tag()) collectId3(f.ID3v2Tag(), out);
+    } else if (ext == ".aiff" || ext == ".aif" || ext == ".aifc") {
+        TagLib::RIFF::AIFF::File f(p.c_str());
+        open(f);
+        if (f.hasID3v2Tag()) collectId3(f.tag(), out);
+    } else if (ext == ".ogg") {
+        TagLib::Ogg::Vorbis::File f(p.c_str());
+        open(f);
+        collectFlac(f.tag()->pictureList(), out);
+    } else if (ext == ".opus") {
+        TagLib::Ogg::Opus::File f(p.c_str());
+        open(f);
+        collectFlac(f.tag()->pictureList(), out);
+    } else if (ext == ".oga") {
+        TagLib::Ogg::FLAC::File f(p.c_str());
+        open(f);
+        if (f.tag()) collectFlac(f.tag()->pictureList(), out);
+    } else {
+        throw std::runtime_error("no picture support for " + p.string());
+    }
+    return out;
+}
+
+MpegTags mpegTags(const fs::path& p) {
+    TagLib::MPEG::File f(p.c_str());
+    if (!f.isValid()) throw std::runtime_error("TagLib cannot open " + p.string());
+    MpegTags t;
+    t.id3v1 = f.hasID3v1Tag();
+    t.id3v2 = f.hasID3v2Tag();
+    t.ape = f.hasAPETag();
+    if (t.id3v2) t.id3v2Version = static_cast<int>(f.ID3v2Tag()->header()->majorVersion());
+    return t;
 }
 
 std::optional<Probe> probe(const fs::path& file) {

@@ -39,12 +39,14 @@ enum class Format {
     caf,     // .caf, PCM; TagLib does not open these
     vorbis,  // .ogg, Ogg Vorbis
     opus,    // .opus, Ogg Opus (always 48 kHz inside)
-    oggFlac, // .oga, FLAC in Ogg
+    oggFlac, // .oga, FLAC in Ogg; give it no tags or covers (see taggableFormats)
 };
 
 // All formats, for tests that loop over every one.
 const std::vector<Format>& allFormats();
-// Formats whose tags and pictures TagLib can write (everything but adts and caf).
+// Formats whose tags and pictures TagLib writes and reads back: everything but adts and
+// caf (TagLib cannot open them) and oggFlac (TagLib 1.13 cannot reopen the FLAC-in-Ogg
+// files it has saved, although FFmpeg still plays them).
 const std::vector<Format>& taggableFormats();
 // Default file extension, without dot.
 std::string extension(Format f);
@@ -103,16 +105,35 @@ enum class Broken {
 std::filesystem::path writeBroken(const std::filesystem::path& dir, const std::string& fileName,
                                   Broken kind, Format basis = Format::flac);
 
-// A folder shared by every test of the process, removed at exit; use it for fixtures
-// that are generated once and only read.
+// A folder shared by every test of the process, removed at exit.
 const std::filesystem::path& sharedDir();
-// Writes `tone` into sharedDir() under fileName the first time, and returns the path
-// (later calls with the same name return the same file). Not for files a test modifies:
-// copy them first with copyTo.
+// Returns a read-only fixture: `tone` written as fileName in a cache folder under
+// $TMPDIR that every test process shares (ctest runs each test in its own process),
+// generated the first time that exact tone and name are asked for. Never modify the
+// returned file: copy it first with copyTo.
 std::filesystem::path cached(const std::string& fileName, const Tone& tone);
 // Copies a file into dir under newName (default: its own name) and returns the new path.
 std::filesystem::path copyTo(const std::filesystem::path& file, const std::filesystem::path& dir,
                              const std::string& newName = {});
+
+// A picture as stored in a file, read back with TagLib's per-format APIs (for checking
+// what a writer left behind).
+struct StoredPicture {
+    std::string mimeType; // as stored, possibly empty
+    int pictureType = -1; // -1 where the format has no picture types (MP4)
+    std::string description;
+    std::vector<uint8_t> data;
+};
+// Every embedded picture of a file, in stored order. Throws when TagLib cannot open it.
+std::vector<StoredPicture> storedPictures(const std::filesystem::path& file);
+// The tag types present in an MPEG file: "ID3v1", "ID3v2", "APE", and the ID3v2 version.
+struct MpegTags {
+    bool id3v1 = false;
+    bool id3v2 = false;
+    bool ape = false;
+    int id3v2Version = 0;
+};
+MpegTags mpegTags(const std::filesystem::path& file);
 
 // What ffprobe reports about the first audio stream.
 struct Probe {

@@ -1,0 +1,80 @@
+#pragma once
+// One audio file opened with TagLib: its property map (upper-case keys such as TITLE,
+// ARTIST, LYRICS, each with a list of values), its audio properties and its embedded
+// cover picture. Used by one thread at a time; unsaved changes are dropped on release.
+
+#include <cstdint>
+#include <map>
+#include <memory>
+#include <optional>
+#include <string>
+#include <vector>
+
+namespace trovan {
+
+// An encoded image (JPEG, PNG...) with its MIME type.
+struct Picture {
+    std::vector<uint8_t> data;
+    std::string mimeType;
+
+    bool operator==(const Picture&) const = default;
+};
+
+class TagLibFile {
+public:
+    struct AudioProperties {
+        int lengthSeconds = 0;
+        int lengthMs = 0;
+        int bitrate = 0;       // kb/s
+        int sampleRate = 0;    // Hz
+        int channels = 0;
+        int bitsPerSample = 0; // 0 when the format has none (lossy) or TagLib does not know
+        std::string codec;     // MPEG-4 files only: "AAC" or "ALAC"; empty otherwise
+
+        bool operator==(const AudioProperties&) const = default;
+    };
+
+    // None when TagLib cannot open the file or finds it invalid (unknown format,
+    // unreadable, corrupt).
+    static std::unique_ptr<TagLibFile> open(const std::string& path);
+    ~TagLibFile();
+    TagLibFile(const TagLibFile&) = delete;
+    TagLibFile& operator=(const TagLibFile&) = delete;
+
+    // First value of a property, or none when it is missing or has no values.
+    std::optional<std::string> value(const std::string& key) const;
+    // Every property, keys in TagLib's order.
+    std::map<std::string, std::vector<std::string>> properties() const;
+
+    // Deletes a property.
+    void remove(const std::string& key);
+    // Adds values after the existing ones of a property.
+    void append(const std::string& key, const std::vector<std::string>& values);
+    // Replaces a property by these values (delete, then append each); an empty list
+    // deletes it.
+    void set(const std::string& key, const std::vector<std::string>& values);
+
+    // Writes the changes to disk. MPEG files get an ID3v2.4 tag and never a new ID3v1 tag.
+    bool save();
+
+    // None when the file has no audio properties.
+    std::optional<AudioProperties> audioProperties() const;
+
+    // The first embedded picture that has data; a picture stored without a MIME type
+    // reads as "image/jpeg". None for formats without pictures.
+    std::optional<Picture> picture() const;
+    // With a picture: replaces every embedded picture by this one, as front cover with
+    // an empty description. Without: removes every embedded picture. False when the
+    // format cannot hold pictures (nothing changes then). Saving is a separate step.
+    bool setPicture(const std::optional<Picture>& picture);
+
+    const std::string& path() const { return path_; }
+
+private:
+    struct Impl;
+    TagLibFile(std::string path, std::unique_ptr<Impl> impl);
+    std::string path_;
+    std::unique_ptr<Impl> impl_;
+};
+
+} // namespace trovan
