@@ -3,6 +3,7 @@
 #include <atomic>
 #include <cerrno>
 #include <cstdlib>
+#include <fcntl.h>
 #include <poll.h>
 #include <sys/ioctl.h>
 #include <termios.h>
@@ -14,6 +15,7 @@ namespace {
 
 // Process-wide: shared by every Terminal and by the exit hook.
 struct termios savedAttributes {};
+int savedFlags = -1; // descriptor 0's status flags (O_NONBLOCK is shared with the shell)
 std::atomic<bool> restorePending{false};
 bool hookInstalled = false;
 
@@ -24,6 +26,7 @@ void exitHook() { restoreTerminal(); }
 void Terminal::enter() {
     if (isActive) return;
     tcgetattr(0, &savedAttributes);
+    savedFlags = fcntl(0, F_GETFL);
     struct termios raw = savedAttributes;
     cfmakeraw(&raw);
     tcsetattr(0, TCSAFLUSH, &raw);
@@ -42,6 +45,7 @@ void restoreTerminal() {
     ssize_t n = ::write(1, kLeaveSequence.data(), kLeaveSequence.size());
     (void)n;
     tcsetattr(0, TCSAFLUSH, &savedAttributes);
+    if (savedFlags != -1) fcntl(0, F_SETFL, savedFlags);
 }
 
 void Terminal::write(std::string_view bytes) { writeAll(1, bytes); }

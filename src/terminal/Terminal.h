@@ -28,8 +28,8 @@ public:
     static Size querySize();
 };
 
-// Leaves the session if one is pending: restores the screen, cursor, reports and the
-// saved terminal attributes. Safe to call any number of times; also the exit hook. It
+// Leaves the session if one is pending: restores the screen, cursor, reports, the
+// saved terminal attributes and standard input's descriptor flags. Safe to call any number of times; also the exit hook. It
 // does not touch any Terminal's isActive.
 void restoreTerminal();
 

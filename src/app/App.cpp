@@ -1,0 +1,224 @@
+#include "app/App.h"
+
+#include "terminal/Palette.h"
+#include "text/Text.h"
+
+#include <asio/io_context.hpp>
+#include <asio/post.hpp>
+#include <asio/posix/stream_descriptor.hpp>
+#include <asio/signal_set.hpp>
+#include <asio/steady_timer.hpp>
+
+#include <algorithm>
+#include <cassert>
+#include <chrono>
+#include <csignal>
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+#include <fcntl.h>
+#include <poll.h>
+#include <unistd.h>
+
+namespace trovan {
+
+namespace {
+
+constexpr std::string_view kUsage =
+    "Trovan \xE2\x80\x94 reproductor de m\xC3\xBAsica para terminal\n"
+    "\n"
+    "Uso: trovan [carpeta \xE2\x80\xA6]\n"
+    "  Las carpetas indicadas se agregan a la biblioteca (se recuerdan entre sesiones).\n"
+    "  Dentro de la app pulsa ? para ver los atajos y :help para los comandos.\n"
+    "\n"
+    "Datos: ~/.local/share/Trovan (c\xC3\xA1mbialo con TROVAN_HOME)";
+
+constexpr int kMinWidth = 60;
+constexpr int kMinHeight = 16;
+constexpr auto kTickInterval = std::chrono::milliseconds(250);
+
+} // namespace
+
+struct App::Sources {
+    explicit Sources(asio::io_context& io)
+        : input(io), signals(io) {}
+    ~Sources() {
+        // Standard input stays open for whoever runs after us.
+        asio::error_code ignored;
+        if (input.is_open()) input.release();
+        signals.cancel(ignored);
+    }
+
+    asio::posix::stream_descriptor input;
+    asio::signal_set signals;
+    std::unique_ptr<asio::steady_timer> ticker;
+};
+
+std::string_view App::usage() { return kUsage; }
+
+bool App::wantsTruecolor(const char* colorterm) {
+    std::string_view v = colorterm ? colorterm : "";
+    return v.find("truecolor") != std::string_view::npos ||
+           v.find("24bit") != std::string_view::npos;
+}
+
+int App::main(const std::vector<std::string>& arguments) {
+    for (const auto& a : arguments) {
+        if (a == "-h" || a == "--help") {
+            std::fwrite(kUsage.data(), 1, kUsage.size(), stdout);
+            std::fputc('\n', stdout);
+            return 0;
+        }
+    }
+    if (!isatty(0) || !isatty(1)) {
+        std::fputs("trovan necesita una terminal interactiva\n", stderr);
+        return 1;
+    }
+
+    asio::io_context io;
+    App app(io);
+    app.terminal().enter();
+    app.listenToInput();
+    app.listenToSignals();
+    app.render();
+    io.run();
+    // The loop only runs dry if every source failed: leave as on end of input.
+    app.controller().quit();
+}
+
+App::App(asio::io_context& io)
+    : io_(io), sources_(std::make_unique<Sources>(io)), mainThread_(std::this_thread::get_id()) {
+    decoder_.pasteStart = "\x1b[200~";
+    decoder_.pasteEnd = "\x1b[201~";
+    renderer_.truecolor = wantsTruecolor(std::getenv("COLORTERM"));
+    controller_ = std::make_unique<AppController>(terminal_, Terminal::querySize());
+    controller_->needsRender = [this] { scheduleRender(); };
+    controller_->screenInvalidated = [this] {
+        renderer_.front.reset();
+        scheduleRender();
+    };
+    controller_->playingChanged = [this](bool playing) { setTicking(playing); };
+}
+
+App::~App() = default;
+
+void App::listenToInput() {
+    asio::error_code ec;
+    sources_->input.assign(0, ec);
+    const int flags = fcntl(0, F_GETFL);
+    waitForInput();
+    // Waiting makes Asio switch the descriptor to non-blocking once and remember it. The
+    // open file is shared with the shell and with editors we run, and our own read only
+    // follows readiness, so put it back to blocking.
+    if (flags != -1) fcntl(0, F_SETFL, flags);
+}
+
+void App::waitForInput() {
+    sources_->input.async_wait(asio::posix::descriptor_base::wait_read,
+                               [this](const asio::error_code& ec) {
+                                   if (ec == asio::error::operation_aborted) return;
+                                   readInput();
+                               });
+}
+
+void App::readInput() {
+    assert(onMainThread());
+    char buf[4096] = {};
+    const ssize_t n = ::read(0, buf, sizeof buf);
+    // End of input or any failure (the terminal went away): there is no retry.
+    if (n <= 0) controller_->quit();
+
+    for (const InputEvent& event : decoder_.decode(std::string_view(buf, static_cast<std::size_t>(n)))) {
+        if (const auto* key = std::get_if<Key>(&event)) {
+            controller_->handleKey(*key);
+        } else if (const auto* mouse = std::get_if<MouseEvent>(&event)) {
+            controller_->handleMouse(*mouse);
+        }
+        // Pasted text only goes to an open prompt or form; there is none yet.
+        controller_->needsRender();
+    }
+
+    // The reactor reports readiness on edges: when a read left bytes behind (a large
+    // paste), read again from the queue instead of waiting for an edge that never comes.
+    struct pollfd pfd {0, POLLIN, 0};
+    if (poll(&pfd, 1, 0) > 0) {
+        asio::post(io_, [this] { readInput(); });
+    } else {
+        waitForInput();
+    }
+}
+
+void App::listenToSignals() {
+    for (int sig : {SIGWINCH, SIGTERM, SIGHUP, SIGINT}) {
+        std::signal(sig, SIG_IGN);
+        sources_->signals.add(sig);
+    }
+    waitForSignal();
+}
+
+void App::waitForSignal() {
+    sources_->signals.async_wait([this](const asio::error_code& ec, int sig) {
+        if (ec == asio::error::operation_aborted) return;
+        assert(onMainThread());
+        if (sig == SIGWINCH) {
+            renderer_.front.reset();
+            controller_->resize(Terminal::querySize());
+        } else {
+            controller_->quit();
+        }
+        waitForSignal();
+    });
+}
+
+void App::setTicking(bool on) {
+    if (on) {
+        if (sources_->ticker) return;
+        sources_->ticker = std::make_unique<asio::steady_timer>(io_);
+        sources_->ticker->expires_after(kTickInterval);
+        armTicker();
+    } else if (sources_->ticker) {
+        sources_->ticker->cancel();
+        sources_->ticker.reset();
+    }
+}
+
+void App::armTicker() {
+    asio::steady_timer* timer = sources_->ticker.get();
+    timer->async_wait([this, timer](const asio::error_code& ec) {
+        if (ec == asio::error::operation_aborted || sources_->ticker.get() != timer) return;
+        render();
+        timer->expires_at(timer->expiry() + kTickInterval);
+        armTicker();
+    });
+}
+
+void App::scheduleRender() {
+    if (renderScheduled_) return;
+    renderScheduled_ = true;
+    asio::post(io_, [this] { render(); });
+}
+
+void App::render() {
+    assert(onMainThread());
+    renderScheduled_ = false;
+    if (!terminal_.isActive) return;
+    Frame frame = composeFrame(*controller_);
+    Terminal::write(renderer_.render(std::move(frame.buffer), frame.cursor));
+}
+
+App::Frame App::composeFrame(const AppController& controller) {
+    const Size size = controller.size();
+    Frame frame{ScreenBuffer(size.width, size.height, palette::defaultStyle), std::nullopt};
+    if (size.width < kMinWidth || size.height < kMinHeight) {
+        const std::string message = "Agranda la terminal (m\xC3\xADnimo " + std::to_string(kMinWidth) +
+                                    "\xC3\x97" + std::to_string(kMinHeight) + ")";
+        const int x = std::max(0, (size.width - text::displayWidth(message)) / 2);
+        frame.buffer.text(message, x, size.height / 2, size.width, palette::on(palette::dim));
+        return frame;
+    }
+    // The views draw here, in order: header, artist pane, library, player, overlays
+    // (the overlays also place the text cursor).
+    return frame;
+}
+
+} // namespace trovan

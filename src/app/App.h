@@ -1,0 +1,77 @@
+#pragma once
+
+#include "app/AppController.h"
+#include "terminal/InputDecoder.h"
+#include "terminal/Renderer.h"
+#include "terminal/ScreenBuffer.h"
+#include "terminal/Terminal.h"
+
+#include <memory>
+#include <optional>
+#include <string>
+#include <string_view>
+#include <thread>
+#include <vector>
+
+namespace asio {
+class io_context;
+}
+
+namespace trovan {
+
+// The program's spine: command line, terminal check, and the single-threaded main loop
+// (terminal input, signals, the playback ticker and coalesced frames).
+class App {
+public:
+    // The whole program; returns the exit status (quitting exits the process directly).
+    static int main(const std::vector<std::string>& arguments);
+
+    explicit App(asio::io_context& io);
+    ~App();
+    App(const App&) = delete;
+    App& operator=(const App&) = delete;
+
+    // Read source on standard input and the SIGWINCH/SIGTERM/SIGHUP/SIGINT source.
+    void listenToInput();
+    void listenToSignals();
+    // Four frames a second while something plays.
+    void setTicking(bool on);
+    // Composes and emits one frame now.
+    void render();
+
+    Terminal& terminal() { return terminal_; }
+    Renderer& renderer() { return renderer_; }
+    AppController& controller() { return *controller_; }
+
+    struct Frame {
+        ScreenBuffer buffer;
+        std::optional<CursorPos> cursor;
+    };
+    // Draws a whole frame from the controller's state.
+    static Frame composeFrame(const AppController& controller);
+
+    // True when COLORTERM announces 24-bit colour.
+    static bool wantsTruecolor(const char* colorterm);
+    static std::string_view usage();
+
+private:
+    struct Sources;
+
+    void scheduleRender();
+    void waitForInput();
+    void readInput();
+    void waitForSignal();
+    void armTicker();
+    bool onMainThread() const { return std::this_thread::get_id() == mainThread_; }
+
+    asio::io_context& io_;
+    Terminal terminal_;
+    InputDecoder decoder_;
+    Renderer renderer_;
+    std::unique_ptr<Sources> sources_;
+    bool renderScheduled_ = false;
+    std::thread::id mainThread_;
+    std::unique_ptr<AppController> controller_;
+};
+
+} // namespace trovan

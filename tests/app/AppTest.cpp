@@ -1,0 +1,220 @@
+#include "app/App.h"
+#include "terminal/Palette.h"
+#include "text/Text.h"
+
+#include <asio/io_context.hpp>
+#include <gtest/gtest.h>
+
+#include <chrono>
+#include <csignal>
+#include <fcntl.h>
+#include <string>
+#include <sys/wait.h>
+#include <unistd.h>
+
+using namespace trovan;
+
+namespace {
+
+std::string rowText(const ScreenBuffer& b, int y) {
+    std::string s;
+    for (int x = 0; x < b.width(); ++x) s += b.at(x, y).ch.str();
+    return s;
+}
+
+const std::string kMessage = "Agranda la terminal (m\xC3\xADnimo 60\xC3\x97" "16)";
+
+int count(const std::string& hay, const std::string& needle) {
+    int n = 0;
+    for (auto p = hay.find(needle); p != std::string::npos; p = hay.find(needle, p + 1)) ++n;
+    return n;
+}
+
+// Collects what is written to standard output while `f` runs (and only then, so test
+// failures still reach the real output).
+template <typename F> std::string stdoutDuring(F f) {
+    int fds[2];
+    if (pipe2(fds, O_NONBLOCK) != 0) return "pipe failed";
+    fflush(stdout);
+    int saved = dup(1);
+    dup2(fds[1], 1);
+    f();
+    dup2(saved, 1);
+    close(saved);
+    close(fds[1]);
+    std::string out;
+    char buf[65536];
+    ssize_t n;
+    while ((n = read(fds[0], buf, sizeof buf)) > 0) out.append(buf, static_cast<std::size_t>(n));
+    close(fds[0]);
+    return out;
+}
+
+// Runs `body` in a child process and returns its exit status, or -1 if it had not
+// ended after `seconds` (then it is killed).
+int inChild(void (*body)(), int seconds = 10) {
+    pid_t pid = fork();
+    if (pid == 0) {
+        body();
+        _exit(99);
+    }
+    int status = 0;
+    for (int i = 0; i < seconds * 100; ++i) {
+        if (waitpid(pid, &status, WNOHANG) == pid) return WIFEXITED(status) ? WEXITSTATUS(status) : -2;
+        usleep(10000);
+    }
+    kill(pid, SIGKILL);
+    waitpid(pid, &status, 0);
+    return -1;
+}
+
+// Runs whatever is ready; the loop has no standing work here, so restart it each time.
+void pump(asio::io_context& io) {
+    io.restart();
+    io.poll();
+}
+
+} // namespace
+
+TEST(AppFrame, SmallTerminalShowsOnlyTheCentredMessage) {
+    Terminal terminal;
+    AppController c(terminal, Size{59, 20});
+    App::Frame f = App::composeFrame(c);
+    ASSERT_EQ(f.buffer.width(), 59);
+    EXPECT_EQ(text::displayWidth(kMessage), 34);
+    EXPECT_EQ(rowText(f.buffer, 10), std::string(12, ' ') + kMessage + std::string(13, ' '));
+    EXPECT_EQ(f.buffer.at(12, 10).style, palette::on(palette::dim));
+    EXPECT_EQ(f.buffer.at(0, 0).style, palette::defaultStyle);
+    EXPECT_FALSE(f.cursor);
+
+    c.resize(Size{100, 15});
+    f = App::composeFrame(c);
+    EXPECT_EQ(rowText(f.buffer, 7).find(kMessage), 33u);
+
+    // Narrower than the message: it starts at column 0 and is cut with an ellipsis.
+    c.resize(Size{10, 3});
+    f = App::composeFrame(c);
+    EXPECT_EQ(rowText(f.buffer, 1), "Agranda l\xE2\x80\xA6");
+
+    // At the minimum size the message is gone.
+    c.resize(Size{60, 16});
+    f = App::composeFrame(c);
+    EXPECT_EQ(f.buffer, ScreenBuffer(60, 16, palette::defaultStyle));
+
+    for (Size s : {Size{0, 0}, Size{1, 1}, Size{0, 30}, Size{300, 0}}) {
+        c.resize(s);
+        f = App::composeFrame(c);
+        EXPECT_EQ(f.buffer.width(), s.width);
+        EXPECT_EQ(f.buffer.height(), s.height);
+    }
+}
+
+TEST(AppFrame, ColourDepthFollowsColorterm) {
+    EXPECT_TRUE(App::wantsTruecolor("truecolor"));
+    EXPECT_TRUE(App::wantsTruecolor("24bit"));
+    EXPECT_TRUE(App::wantsTruecolor("x-truecolor-y"));
+    EXPECT_FALSE(App::wantsTruecolor("TrueColor"));
+    EXPECT_FALSE(App::wantsTruecolor("24BIT"));
+    EXPECT_FALSE(App::wantsTruecolor(""));
+    EXPECT_FALSE(App::wantsTruecolor(nullptr));
+}
+
+TEST(AppLoop, RenderRequestsAreCoalescedIntoOneFrame) {
+    asio::io_context io;
+    App app(io);
+    app.terminal().isActive = true; // draw without taking over the real terminal
+    app.controller().resize(Size{70, 20});
+    ASSERT_EQ(count(stdoutDuring([&] { pump(io); }), "\x1b[?2026h"), 1);
+
+    std::string frames = stdoutDuring([&] {
+        for (int i = 0; i < 10; ++i) app.controller().needsRender();
+        pump(io);
+    });
+    EXPECT_EQ(count(frames, "\x1b[?2026h"), 1);
+    EXPECT_EQ(frames.find("\x1b[2J"), std::string::npos); // nothing changed: no redraw
+
+    frames = stdoutDuring([&] {
+        app.controller().screenInvalidated();
+        app.controller().needsRender();
+        pump(io);
+    });
+    EXPECT_EQ(count(frames, "\x1b[?2026h"), 1);
+    EXPECT_NE(frames.find("\x1b[2J"), std::string::npos);
+
+    // While the terminal is handed away nothing is drawn.
+    app.terminal().isActive = false;
+    EXPECT_EQ(stdoutDuring([&] {
+                  app.controller().needsRender();
+                  pump(io);
+              }),
+              "");
+}
+
+TEST(AppLoop, TickerDrawsOnlyWhilePlaying) {
+    asio::io_context io;
+    App app(io);
+    app.terminal().isActive = true;
+    stdoutDuring([&] { app.render(); });
+
+    const std::string ticking = stdoutDuring([&] {
+        app.controller().playingChanged(true);
+        app.controller().playingChanged(true); // already ticking: still one ticker
+        io.run_for(std::chrono::milliseconds(900));
+    });
+    const int ticks = count(ticking, "\x1b[?2026h");
+    EXPECT_GE(ticks, 1);
+    EXPECT_LE(ticks, 4);
+
+    EXPECT_EQ(stdoutDuring([&] {
+                  app.controller().playingChanged(false);
+                  io.restart();
+                  io.run_for(std::chrono::milliseconds(400));
+              }),
+              "");
+}
+
+TEST(AppLoop, WindowChangeForcesAFullRedrawAtTheNewSize) {
+    asio::io_context io;
+    App app(io);
+    app.terminal().isActive = true;
+    app.listenToSignals();
+    app.controller().resize(Size{100, 40});
+    stdoutDuring([&] { pump(io); });
+    const std::string frame = stdoutDuring([&] {
+        raise(SIGWINCH);
+        io.run_for(std::chrono::milliseconds(200));
+    });
+    // Standard output is a pipe here, so the size query falls back to 80x24.
+    EXPECT_EQ(app.controller().size(), (Size{80, 24}));
+    EXPECT_EQ(count(frame, "\x1b[?2026h"), 1);
+    EXPECT_NE(frame.find("\x1b[2J"), std::string::npos);
+}
+
+TEST(AppLoop, InputEndsTheProgramOnQOrEndOfInput) {
+    // Each run is a child whose standard input is a pipe; quitting exits with 0.
+    auto run = [](const std::string& input, bool endOfInput) {
+        static std::string bytes;
+        static bool closeInput;
+        bytes = input;
+        closeInput = endOfInput;
+        return inChild([] {
+            int fds[2];
+            if (pipe(fds) != 0) _exit(98);
+            if (write(fds[1], bytes.data(), bytes.size()) != static_cast<ssize_t>(bytes.size())) _exit(97);
+            if (closeInput) close(fds[1]);
+            dup2(fds[0], 0);
+            int null = open("/dev/null", O_WRONLY);
+            dup2(null, 1);
+            asio::io_context io;
+            App app(io);
+            app.listenToInput();
+            app.listenToSignals();
+            io.run();
+            _exit(96);
+        });
+    };
+    EXPECT_EQ(run("abc", true), 0);      // end of input
+    EXPECT_EQ(run("x\x03zz", false), 0); // Ctrl-C
+    // A read leaves bytes behind: they are read without waiting for more input.
+    EXPECT_EQ(run(std::string(10000, 'a') + "q" + std::string(5000, 'b'), false), 0);
+}
