@@ -56,12 +56,17 @@ void silenceFfmpeg() {
 
 AudioCodecKind kindOf(AVCodecID id) {
     switch (id) {
-    case AV_CODEC_ID_ALAC: return AudioCodecKind::alac;
-    case AV_CODEC_ID_FLAC: return AudioCodecKind::flac;
+    case AV_CODEC_ID_ALAC:
+        return AudioCodecKind::alac;
+    case AV_CODEC_ID_FLAC:
+        return AudioCodecKind::flac;
     case AV_CODEC_ID_AAC:
-    case AV_CODEC_ID_AAC_LATM: return AudioCodecKind::aac;
-    case AV_CODEC_ID_MP3: return AudioCodecKind::mp3;
-    default: break;
+    case AV_CODEC_ID_AAC_LATM:
+        return AudioCodecKind::aac;
+    case AV_CODEC_ID_MP3:
+        return AudioCodecKind::mp3;
+    default:
+        break;
     }
     if (id >= AV_CODEC_ID_FIRST_AUDIO && id < AV_CODEC_ID_ADPCM_IMA_QT) return AudioCodecKind::pcm;
     return AudioCodecKind::other;
@@ -87,7 +92,7 @@ struct AudioDecoder::Impl {
     std::vector<float> pending; // converted frames not yet handed out
     std::size_t pendingOffset = 0;
     std::size_t pendingFrames = 0;
-    int64_t nextPosition = 0;    // estimate for frames without a timestamp
+    int64_t nextPosition = 0; // estimate for frames without a timestamp
     int64_t dropBefore = std::numeric_limits<int64_t>::min();
     bool flushing = false;
     bool finished = false;
@@ -140,8 +145,7 @@ struct AudioDecoder::Impl {
         av_channel_layout_default(&out.layout, outChannels);
         SwrContext* raw = nullptr;
         if (swr_alloc_set_opts2(&raw, &out.layout, AV_SAMPLE_FMT_FLT, rate, &in.layout,
-                                static_cast<AVSampleFormat>(sampleFormat), rate, 0,
-                                nullptr) < 0)
+                                static_cast<AVSampleFormat>(sampleFormat), rate, 0, nullptr) < 0)
             return false;
         SwrPtr fresh(raw);
         if (swr_init(fresh.get()) < 0) return false;
@@ -204,15 +208,14 @@ struct AudioDecoder::Impl {
         }
         int64_t pos = nextPosition;
         int64_t ts = f->best_effort_timestamp;
-        if (ts != AV_NOPTS_VALUE)
-            pos = av_rescale_q(ts - startTime, timeBase, AVRational{1, rate});
+        if (ts != AV_NOPTS_VALUE) pos = av_rescale_q(ts - startTime, timeBase, AVRational{1, rate});
         int n = f->nb_samples;
         nextPosition = pos + n;
 
         pending.resize(static_cast<std::size_t>(n) * static_cast<std::size_t>(outChannels));
         uint8_t* outPlanes[1] = {reinterpret_cast<uint8_t*>(pending.data())};
-        int got = swr_convert(swr.get(), outPlanes, n,
-                              const_cast<const uint8_t**>(f->extended_data), n);
+        int got =
+            swr_convert(swr.get(), outPlanes, n, const_cast<const uint8_t**>(f->extended_data), n);
         if (got <= 0) return false;
         pendingFrames = static_cast<std::size_t>(got);
         pendingOffset = 0;

@@ -13,7 +13,7 @@ enum class AudioCodecKind { alac, flac, pcm, aac, mp3, other };
 // The stored format of the decoded stream, as the container and codec report it.
 struct AudioStreamDescription {
     AudioCodecKind codec = AudioCodecKind::other;
-    std::string codecName;      // FFmpeg's short codec name, e.g. "flac", "pcm_s16le"
+    std::string codecName; // FFmpeg's short codec name, e.g. "flac", "pcm_s16le"
     double sampleRate = 0;
     int channels = 0;           // channels stored in the file
     int bitsPerRawSample = 0;   // 0 when unknown

@@ -60,7 +60,7 @@ AudioFormatInfo AudioFormatInfo::describe(const AudioStreamDescription& stream,
     case AudioCodecKind::alac:
     case AudioCodecKind::flac: {
         info.codec = stream.codec == AudioCodecKind::alac ? "ALAC" : "FLAC";
-        int bits = stream.bitsPerRawSample > 0 ? stream.bitsPerRawSample
+        int bits = stream.bitsPerRawSample > 0            ? stream.bitsPerRawSample
                    : stream.codec == AudioCodecKind::alac ? stream.bitsPerCodedSample
                                                           : 0;
         info.bitDepth = losslessDepth(bits);
@@ -73,9 +73,15 @@ AudioFormatInfo AudioFormatInfo::describe(const AudioStreamDescription& stream,
         else if (stream.bitsPerCodedSample > 0)
             info.bitDepth = stream.bitsPerCodedSample;
         break;
-    case AudioCodecKind::aac: info.codec = "AAC"; break;
-    case AudioCodecKind::mp3: info.codec = "MP3"; break;
-    case AudioCodecKind::other: info.codec = upper(ext); break;
+    case AudioCodecKind::aac:
+        info.codec = "AAC";
+        break;
+    case AudioCodecKind::mp3:
+        info.codec = "MP3";
+        break;
+    case AudioCodecKind::other:
+        info.codec = upper(ext);
+        break;
     }
     return info;
 }

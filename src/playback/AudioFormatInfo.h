@@ -10,9 +10,9 @@ struct AudioStreamDescription;
 // What the player panel says about the loaded file's format.
 struct AudioFormatInfo {
     std::string codec;
-    double sampleRate = 0;         // Hz, of the file itself
-    std::optional<int> bitDepth;   // absent for lossy codecs and unknown depths
-    int channels = 0;              // channels per frame of the file
+    double sampleRate = 0;       // Hz, of the file itself
+    std::optional<int> bitDepth; // absent for lossy codecs and unknown depths
+    int channels = 0;            // channels per frame of the file
 
     // "FLAC · 44.1 kHz · 16 bit", "MP3 · 48 kHz"; the channel count is not shown.
     std::string summary() const;

@@ -9,7 +9,7 @@ namespace trovan {
 
 // The playback snapshot the views draw: what is loaded and whether it plays.
 struct PlaybackState {
-    std::optional<Track> track;            // the loaded track
+    std::optional<Track> track; // the loaded track
     bool isPlaying = false;
     std::optional<AudioFormatInfo> format; // of the loaded file
     double duration = 0;                   // seconds, the decoded length (not the tag's)

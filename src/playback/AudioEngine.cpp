@@ -1,0 +1,483 @@
+#include "playback/AudioEngine.h"
+
+#include "media/AudioDecoder.h"
+#include "playback/DenormalGuard.h"
+#include "playback/SpscRing.h"
+
+#include <algorithm>
+#include <atomic>
+#include <cmath>
+#include <condition_variable>
+#include <exception>
+#include <limits>
+#include <mutex>
+#include <thread>
+#include <vector>
+
+namespace trovan {
+
+namespace {
+
+constexpr double ringSeconds = 0.5;
+constexpr std::size_t decodeChunkFrames = 4096;
+constexpr std::size_t minWriteFrames = 1024;
+constexpr std::size_t minRingFrames = 8 * minWriteFrames;
+constexpr auto pollInterval = std::chrono::milliseconds(10);
+constexpr double volumeRampSeconds = 0.02;
+
+} // namespace
+
+// One scheduled stretch of the file, from `startFrame` to the end. Shared by the
+// owner, the decoder thread and (through a raw pointer, see RenderCore) the
+// output callback.
+struct AudioEngine::Segment {
+    Segment(std::size_t ringSamples) : ring(ringSamples) {}
+
+    int64_t startFrame = 0;
+    int64_t endFrame = 0;
+    int channels = 2;
+    std::shared_ptr<AudioDecoder> decoder;
+    std::weak_ptr<AudioOutput> output;
+    Task onFinished;
+    Poster post;
+    SpscRing ring;
+
+    std::atomic<bool> cancelled{false};
+    std::atomic<bool> eof{false};        // every frame of the segment is in the ring
+    std::atomic<bool> drained{false};    // ... and the callback has taken the last one
+    std::atomic<int64_t> deviceBase{-1}; // device frame at which the segment's first frame plays
+    std::atomic<int64_t> endDevice{0};   // device frame after its last frame
+    std::atomic<int64_t> consumed{0};    // frames taken from the ring
+    // Decoder-thread only.
+    bool started = false;
+    bool finishedPosted = false;
+    int64_t decodedTo = 0;
+};
+
+// Runs on the output's real-time thread. Never locks, allocates or blocks.
+class AudioEngine::RenderCore final : public AudioRenderer {
+public:
+    explicit RenderCore(Equalizer& eq) : eq_(eq) {}
+
+    void render(float* out, std::size_t frames) noexcept override {
+        DenormalGuard denormals;
+        busy_.store(true, std::memory_order_seq_cst);
+        const auto ch = static_cast<std::size_t>(channels_);
+        if (!live_.load(std::memory_order_seq_cst)) {
+            std::fill(out, out + frames * ch, 0.0f);
+            busy_.store(false, std::memory_order_seq_cst);
+            return;
+        }
+        const int64_t base = rendered_.load(std::memory_order_relaxed);
+        std::size_t got = 0;
+        if (Segment* s = segment_.load(std::memory_order_seq_cst)) {
+            got = s->ring.read(out, frames * ch) / ch;
+            if (got > 0 && s->deviceBase.load(std::memory_order_relaxed) < 0)
+                s->deviceBase.store(base, std::memory_order_release);
+            if (got < frames) {
+                if (s->eof.load(std::memory_order_acquire) && s->ring.readable() == 0) {
+                    if (!s->drained.load(std::memory_order_relaxed)) {
+                        auto end = base + static_cast<int64_t>(got);
+                        if (s->deviceBase.load(std::memory_order_relaxed) < 0)
+                            s->deviceBase.store(end, std::memory_order_release);
+                        s->endDevice.store(end, std::memory_order_relaxed);
+                        s->drained.store(true, std::memory_order_release);
+                    }
+                } else if (s->deviceBase.load(std::memory_order_relaxed) >= 0) {
+                    // The decoder fell behind: the silence we insert shifts the
+                    // rest of the segment later on the device clock.
+                    s->deviceBase.fetch_add(static_cast<int64_t>(frames - got),
+                                            std::memory_order_release);
+                }
+            }
+            s->consumed.fetch_add(static_cast<int64_t>(got), std::memory_order_release);
+        }
+        std::fill(out + got * ch, out + frames * ch, 0.0f);
+        eq_.process(out, frames);
+        applyVolume(out, frames, ch);
+        rendered_.store(base + static_cast<int64_t>(frames), std::memory_order_release);
+        busy_.store(false, std::memory_order_seq_cst);
+    }
+
+    // Owner thread. After it returns the callback no longer sees `segment_`'s old value.
+    void attach(Segment* s) {
+        segment_.store(s, std::memory_order_seq_cst);
+        quiesce();
+    }
+    void detach() { attach(nullptr); }
+
+    // Owner thread, with no output running or after `setLive(false)`.
+    void reset(int channels, int sampleRate) {
+        channels_ = std::clamp(channels, 1, 2);
+        rendered_.store(0);
+        volumeStep_ = 1.0f / static_cast<float>(volumeRampSeconds * std::max(sampleRate, 1));
+        volume_ = volumeTarget_.load();
+    }
+    void setLive(bool live) {
+        live_.store(live, std::memory_order_seq_cst);
+        quiesce();
+    }
+    void setVolume(float v) { volumeTarget_.store(v, std::memory_order_relaxed); }
+    float volume() const { return volumeTarget_.load(std::memory_order_relaxed); }
+
+private:
+    void quiesce() const {
+        while (busy_.load(std::memory_order_seq_cst))
+            std::this_thread::yield();
+    }
+
+    void applyVolume(float* out, std::size_t frames, std::size_t ch) noexcept {
+        const float target = volumeTarget_.load(std::memory_order_relaxed);
+        if (volume_ == target) {
+            if (target != 1.0f)
+                for (std::size_t i = 0; i < frames * ch; ++i)
+                    out[i] *= target;
+            return;
+        }
+        for (std::size_t i = 0; i < frames; ++i) {
+            if (volume_ < target)
+                volume_ = std::min(target, volume_ + volumeStep_);
+            else if (volume_ > target)
+                volume_ = std::max(target, volume_ - volumeStep_);
+            for (std::size_t c = 0; c < ch; ++c)
+                out[i * ch + c] *= volume_;
+        }
+    }
+
+    Equalizer& eq_;
+    int channels_ = 2;
+    std::atomic<Segment*> segment_{nullptr};
+    std::atomic<bool> busy_{false};
+    std::atomic<bool> live_{false};
+    std::atomic<int64_t> rendered_{0};
+    std::atomic<float> volumeTarget_{1.0f};
+    float volume_ = 1.0f;
+    float volumeStep_ = 0.001f;
+};
+
+// Keeps the current segment's ring topped up and notices when its last frame has
+// been heard. One thread for the engine's lifetime.
+class AudioEngine::DecoderWorker {
+public:
+    DecoderWorker() : thread_([this] { run(); }) {}
+    ~DecoderWorker() {
+        {
+            std::lock_guard lock(mutex_);
+            quit_ = true;
+        }
+        wake_.notify_all();
+        thread_.join();
+    }
+
+    void assign(std::shared_ptr<Segment> s) {
+        {
+            std::lock_guard lock(mutex_);
+            next_ = std::move(s);
+        }
+        wake_.notify_all();
+    }
+
+private:
+    void run() {
+        std::shared_ptr<Segment> current;
+        std::vector<float> scratch(decodeChunkFrames * 2);
+        std::unique_lock lock(mutex_);
+        while (!quit_) {
+            if (next_ != current) {
+                auto old = std::move(current);
+                current = next_;
+                lock.unlock();
+                old.reset(); // the last reference may close a file: not under the lock
+                lock.lock();
+                continue;
+            }
+            bool needsMore = false;
+            if (current && !current->cancelled.load()) {
+                auto seg = current;
+                lock.unlock();
+                needsMore = service(*seg, scratch);
+                lock.lock();
+            }
+            if (quit_ || next_ != current) continue;
+            if (needsMore)
+                wake_.wait_for(lock, pollInterval, [&] { return quit_ || next_ != current; });
+            else
+                wake_.wait(lock, [&] { return quit_ || next_ != current; });
+        }
+    }
+
+    // Returns whether the segment still needs attention later.
+    static bool service(Segment& s, std::vector<float>& scratch) {
+        const auto ch = static_cast<std::size_t>(s.channels);
+        if (!s.started) {
+            s.started = true;
+            if (s.decoder->position() != s.startFrame) s.decoder->seek(s.startFrame);
+            s.decodedTo = s.startFrame;
+        }
+        while (!s.eof.load(std::memory_order_relaxed) && !s.cancelled.load()) {
+            std::size_t room = s.ring.writable() / ch;
+            if (room < minWriteFrames) break;
+            int64_t remaining = s.endFrame - s.decodedTo;
+            std::size_t want =
+                std::min({room, decodeChunkFrames,
+                          static_cast<std::size_t>(std::max<int64_t>(remaining, 0))});
+            std::size_t n = want > 0 ? s.decoder->read(scratch.data(), want) : 0;
+            if (n == 0) {
+                s.eof.store(true, std::memory_order_release);
+                break;
+            }
+            s.ring.write(scratch.data(), n * ch);
+            s.decodedTo += static_cast<int64_t>(n);
+        }
+        if (s.cancelled.load()) return false;
+        if (!s.eof.load(std::memory_order_relaxed)) return true;
+        if (s.finishedPosted) return false;
+        if (!s.drained.load(std::memory_order_acquire)) return true;
+        auto output = s.output.lock();
+        if (output && output->playedFrames() < s.endDevice.load(std::memory_order_relaxed))
+            return true;
+        s.finishedPosted = true;
+        s.post(s.onFinished);
+        return false;
+    }
+
+    std::mutex mutex_;
+    std::condition_variable wake_;
+    std::shared_ptr<Segment> next_;
+    bool quit_ = false;
+    std::thread thread_; // last: starts after the members above exist
+};
+
+AudioEngine::AudioEngine(Poster post, OutputFactory outputs)
+    : post_(std::move(post)), outputs_(std::move(outputs)),
+      equalizer_(std::make_unique<Equalizer>()), core_(std::make_unique<RenderCore>(*equalizer_)),
+      worker_(std::make_unique<DecoderWorker>()) {}
+
+AudioEngine::~AudioEngine() {
+    onTrackEnd = nullptr;
+    if (segment_) {
+        core_->detach();
+        segment_->cancelled = true;
+        segment_.reset();
+    }
+    worker_.reset();
+    if (output_) {
+        core_->setLive(false);
+        output_->stop();
+        output_.reset();
+    }
+}
+
+void AudioEngine::bumpGeneration() {
+    if (generation_ == std::numeric_limits<int64_t>::max()) std::terminate();
+    ++generation_;
+}
+
+void AudioEngine::stopStep() {
+    bumpGeneration();
+    if (isPlaying_) stoppedAt_ = currentTime();
+    if (segment_) {
+        core_->detach();
+        segment_->cancelled = true;
+        worker_->assign(nullptr);
+        segment_.reset();
+    }
+    isPlaying_ = false;
+}
+
+AudioFormatInfo AudioEngine::load(const std::string& path) {
+    auto decoder = std::make_shared<AudioDecoder>(path);
+    int64_t frames = decoder->frames();
+    if (frames <= 0) {
+        // The container does not say how long it is: count by decoding once.
+        AudioDecoder counter(path);
+        std::vector<float> scratch(decodeChunkFrames * 2);
+        while (std::size_t n = counter.read(scratch.data(), decodeChunkFrames))
+            frames += static_cast<int64_t>(n);
+        if (frames <= 0) throw AudioDecodeError("no audio frames in " + path);
+    }
+    LoadedFile file;
+    file.path = path;
+    file.frames = frames;
+    file.format = {decoder->sampleRate(), decoder->outputChannels()};
+    file.info = AudioFormatInfo::describe(decoder->description(), path);
+    file.decoder = std::move(decoder);
+
+    stopStep();
+    connect(file.format);
+    file_ = std::move(file);
+    stoppedAt_ = 0;
+    return file_->info;
+}
+
+void AudioEngine::connect(const OutputFormat& format) {
+    if (connectedFormat_ && connectedFormat_->sampleRate == format.sampleRate &&
+        connectedFormat_->channels == format.channels && output_)
+        return;
+    if (output_) {
+        core_->setLive(false);
+        output_->stop();
+        output_.reset();
+    }
+    connectedFormat_.reset();
+    core_->reset(format.channels, format.sampleRate);
+    equalizer_->prepare(format.sampleRate, format.channels);
+    auto out = outputs_ ? outputs_(format, *core_, outputEvents()) : nullptr;
+    if (!out) throw AudioEngineError("no audio output");
+    output_ = std::move(out);
+    core_->setLive(true);
+    connectedFormat_ = format;
+}
+
+OutputEvents AudioEngine::outputEvents() {
+    auto recover = [post = post_, alive = std::weak_ptr<char>(alive_), self = this] {
+        post([alive, self] {
+            if (alive.lock()) self->recoverFromConfigurationChange();
+        });
+    };
+    return OutputEvents{recover, recover};
+}
+
+void AudioEngine::play() {
+    if (!file_ || isPlaying_) return;
+    const double rate = file_->format.sampleRate;
+    const double product = stoppedAt_ * rate;
+    if (!std::isfinite(product) || product < 0 ||
+        product >= static_cast<double>(std::numeric_limits<int64_t>::max()))
+        std::terminate();
+    const auto startFrame = static_cast<int64_t>(product);
+    if (startFrame >= file_->frames) {
+        finishTrack();
+        return;
+    }
+    if (!output_) {
+        stopStep();
+        return;
+    }
+    segmentStart_ = startFrame;
+    const auto ch = static_cast<std::size_t>(file_->format.channels);
+    const auto ringFrames = std::max(static_cast<std::size_t>(ringSeconds * rate), minRingFrames);
+    auto seg = std::make_shared<Segment>(ringFrames * ch);
+    seg->startFrame = startFrame;
+    seg->endFrame = file_->frames;
+    seg->channels = file_->format.channels;
+    seg->decoder = file_->decoder;
+    seg->output = output_;
+    seg->post = post_;
+    seg->onFinished = [alive = std::weak_ptr<char>(alive_), self = this, gen = generation_] {
+        if (alive.lock()) self->completionArrived(gen);
+    };
+    segment_ = seg;
+    core_->attach(seg.get());
+    worker_->assign(seg);
+    if (!output_->isRunning() && !output_->start()) {
+        stopStep();
+        return;
+    }
+    isPlaying_ = true;
+}
+
+void AudioEngine::completionArrived(int64_t generation) {
+    if (generation == generation_ && isPlaying_) finishTrack();
+}
+
+void AudioEngine::finishTrack() {
+    stopStep();
+    stoppedAt_ = file_ ? duration() : 0;
+    // Nothing more to play: let the device rest until the next play.
+    if (output_) output_->stop();
+    if (onTrackEnd) {
+        auto callback = onTrackEnd; // the handler may replace onTrackEnd
+        callback();
+    }
+}
+
+void AudioEngine::pause() {
+    if (!isPlaying_) return;
+    stoppedAt_ = currentTime();
+    stopStep();
+    if (output_) output_->stop();
+}
+
+void AudioEngine::seek(double seconds) {
+    if (!file_) return;
+    const bool wasPlaying = isPlaying_;
+    stopStep();
+    if (std::isnan(seconds)) seconds = 0;
+    stoppedAt_ = std::min(std::max(seconds, 0.0), std::max(duration() - 0.05, 0.0));
+    if (wasPlaying) play();
+}
+
+void AudioEngine::unload() {
+    stopStep();
+    file_.reset();
+    stoppedAt_ = 0;
+}
+
+void AudioEngine::recoverFromConfigurationChange() {
+    bumpGeneration();
+    const bool wasPlaying = isPlaying_;
+    if (isPlaying_) stoppedAt_ = currentTime();
+    if (segment_) {
+        core_->detach();
+        segment_->cancelled = true;
+        worker_->assign(nullptr);
+        segment_.reset();
+    }
+    isPlaying_ = false;
+    if (!file_) return;
+    connectedFormat_.reset();
+    try {
+        connect(file_->format);
+    } catch (const std::exception&) {
+        return;
+    }
+    if (wasPlaying) play();
+}
+
+double AudioEngine::duration() const {
+    if (!file_) return 0;
+    return static_cast<double>(file_->frames) / file_->format.sampleRate;
+}
+
+double AudioEngine::currentTime() const {
+    if (!file_ || !isPlaying_ || !segment_ || !output_) return stoppedAt_;
+    int64_t sampleTime = 0;
+    const int64_t base = segment_->deviceBase.load(std::memory_order_acquire);
+    if (base >= 0) {
+        const int64_t played = output_->playedFrames();
+        const int64_t consumed = segment_->consumed.load(std::memory_order_acquire);
+        sampleTime = std::clamp<int64_t>(played - base, 0, consumed);
+    }
+    const double t = static_cast<double>(segmentStart_ + sampleTime) / file_->format.sampleRate;
+    return std::min(t, duration());
+}
+
+void AudioEngine::setVolume(float volume) {
+    if (std::isnan(volume)) volume = 0;
+    core_->setVolume(std::clamp(volume, 0.0f, 1.0f));
+}
+
+float AudioEngine::volume() const {
+    return core_->volume();
+}
+
+std::string AudioEngine::outputKind() const {
+    return output_ ? output_->kind() : "";
+}
+
+bool AudioEngine::waitUntilBuffered(std::chrono::milliseconds timeout) const {
+    auto deadline = std::chrono::steady_clock::now() + timeout;
+    for (;;) {
+        auto seg = segment_;
+        if (!seg) return true;
+        const auto ch = static_cast<std::size_t>(seg->channels);
+        const std::size_t enough =
+            std::min<std::size_t>(2 * minWriteFrames, seg->ring.capacity() / ch - minWriteFrames);
+        if (seg->eof.load() || seg->ring.readable() / ch >= enough) return true;
+        if (std::chrono::steady_clock::now() > deadline) return false;
+        std::this_thread::sleep_for(std::chrono::microseconds(200));
+    }
+}
+
+} // namespace trovan

@@ -1,0 +1,53 @@
+#pragma once
+
+#include <cstddef>
+#include <cstdint>
+#include <functional>
+#include <memory>
+
+namespace trovan {
+
+struct OutputFormat {
+    int sampleRate = 0;
+    int channels = 0; // 1 or 2, interleaved float
+
+    bool operator==(const OutputFormat&) const = default;
+};
+
+// Fills device buffers. Called on the output's real-time thread: implementations
+// must not lock, allocate, log or do I/O.
+class AudioRenderer {
+public:
+    virtual ~AudioRenderer() = default;
+    virtual void render(float* out, std::size_t frames) noexcept = 0;
+};
+
+// Notifications from the device side. They may arrive on any thread (never the
+// render callback itself) and must only hand work over to the owner's loop.
+struct OutputEvents {
+    std::function<void()> deviceChanged; // the default device or its format changed
+    std::function<void()> failed;        // the stream died (e.g. the sound server went away)
+};
+
+// A stream to a sound device, or to nowhere.
+class AudioOutput {
+public:
+    virtual ~AudioOutput() = default;
+
+    virtual bool start() = 0;
+    // After it returns the renderer is not called again until the next start.
+    virtual void stop() = 0;
+    virtual bool isRunning() const = 0;
+    // Frames that have actually been heard since the stream was created; never
+    // more than the frames rendered. Safe from any thread.
+    virtual int64_t playedFrames() const = 0;
+    virtual const char* kind() const = 0;
+};
+
+using OutputFactory =
+    std::function<std::unique_ptr<AudioOutput>(const OutputFormat&, AudioRenderer&, OutputEvents)>;
+
+// The sound server through cubeb when it can be opened, else a real-time null output.
+OutputFactory systemOutputFactory();
+
+} // namespace trovan

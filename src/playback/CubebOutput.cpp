@@ -1,0 +1,117 @@
+#include "playback/CubebOutput.h"
+
+#include <cubeb/cubeb.h>
+
+#include <algorithm>
+
+namespace trovan {
+
+std::shared_ptr<CubebContext> CubebContext::create(const char* name) {
+    cubeb* ctx = nullptr;
+    if (cubeb_init(&ctx, name, nullptr) != CUBEB_OK || !ctx) return nullptr;
+    return std::shared_ptr<CubebContext>(new CubebContext(ctx));
+}
+
+CubebContext::~CubebContext() {
+    cubeb_destroy(ctx_);
+}
+
+std::string CubebContext::backend() const {
+    const char* id = cubeb_get_backend_id(ctx_);
+    return id ? id : "";
+}
+
+struct CubebCallbacks {
+    static long data(cubeb_stream*, void* user, const void*, void* output, long frames) {
+        auto* self = static_cast<CubebOutput*>(user);
+        if (frames <= 0) return 0;
+        self->renderer_.render(static_cast<float*>(output), static_cast<std::size_t>(frames));
+        self->rendered_.fetch_add(frames, std::memory_order_release);
+        return frames;
+    }
+
+    static void state(cubeb_stream*, void* user, cubeb_state state) {
+        auto* self = static_cast<CubebOutput*>(user);
+        if (state == CUBEB_STATE_ERROR && !self->failed_.exchange(true)) {
+            if (self->events_.failed) self->events_.failed();
+        }
+    }
+
+    static void deviceChanged(void* user) {
+        auto* self = static_cast<CubebOutput*>(user);
+        if (self->events_.deviceChanged) self->events_.deviceChanged();
+    }
+};
+
+void CubebOutput::StreamDestroyer::operator()(cubeb_stream* s) const {
+    cubeb_stream_destroy(s);
+}
+
+CubebOutput::CubebOutput(std::shared_ptr<CubebContext> context, const OutputFormat& format,
+                         AudioRenderer& renderer, OutputEvents events)
+    : context_(std::move(context)), format_(format), renderer_(renderer),
+      events_(std::move(events)) {}
+
+std::unique_ptr<CubebOutput> CubebOutput::open(std::shared_ptr<CubebContext> context,
+                                               const OutputFormat& format, AudioRenderer& renderer,
+                                               OutputEvents events) {
+    if (!context || format.sampleRate <= 0 || format.channels < 1 || format.channels > 2)
+        return nullptr;
+    std::unique_ptr<CubebOutput> out(
+        new CubebOutput(std::move(context), format, renderer, std::move(events)));
+
+    cubeb_stream_params params{};
+    params.format = CUBEB_SAMPLE_FLOAT32NE;
+    params.rate = static_cast<uint32_t>(format.sampleRate);
+    params.channels = static_cast<uint32_t>(format.channels);
+    params.layout = format.channels == 1 ? CUBEB_LAYOUT_MONO : CUBEB_LAYOUT_STEREO;
+    params.prefs = CUBEB_STREAM_PREF_NONE;
+
+    uint32_t minLatency = 0;
+    if (cubeb_get_min_latency(out->context_->get(), &params, &minLatency) != CUBEB_OK)
+        minLatency = 256;
+    // About 40 ms: low enough for seeks to feel immediate, high enough to keep
+    // wake-ups (and the CPU they cost) down.
+    uint32_t latency = std::max(minLatency, static_cast<uint32_t>(format.sampleRate / 25));
+
+    cubeb_stream* raw = nullptr;
+    if (cubeb_stream_init(out->context_->get(), &raw, "Trovan", nullptr, nullptr, nullptr, &params,
+                          latency, &CubebCallbacks::data, &CubebCallbacks::state,
+                          out.get()) != CUBEB_OK ||
+        !raw)
+        return nullptr;
+    out->stream_.reset(raw);
+    cubeb_stream_register_device_changed_callback(raw, &CubebCallbacks::deviceChanged);
+    return out;
+}
+
+CubebOutput::~CubebOutput() {
+    if (stream_) {
+        cubeb_stream_stop(stream_.get());
+        stream_.reset();
+    }
+}
+
+bool CubebOutput::start() {
+    if (running_.load()) return true;
+    if (failed_.load() || cubeb_stream_start(stream_.get()) != CUBEB_OK) return false;
+    running_ = true;
+    return true;
+}
+
+void CubebOutput::stop() {
+    if (!running_.exchange(false)) return;
+    cubeb_stream_stop(stream_.get());
+}
+
+int64_t CubebOutput::playedFrames() const {
+    uint64_t pos = 0;
+    if (failed_.load() || cubeb_stream_get_position(stream_.get(), &pos) != CUBEB_OK)
+        return lastPosition_.load();
+    // The position can run slightly past what we handed over: clamp it.
+    int64_t played = std::min(static_cast<int64_t>(pos), rendered_.load(std::memory_order_acquire));
+    lastPosition_.store(played);
+    return played;
+}
+
+} // namespace trovan

@@ -1,0 +1,66 @@
+#pragma once
+
+#include "library/Track.h"
+#include "playback/AudioEngine.h"
+#include "playback/PlaybackQueue.h"
+#include "playback/PlaybackState.h"
+
+#include <functional>
+#include <memory>
+#include <optional>
+#include <random>
+#include <string>
+#include <vector>
+
+namespace trovan {
+
+// Turns a list of paths into continuous playback: keeps the queue, loads each
+// track into the engine, skips files that will not play, follows the end of each
+// track, and publishes a PlaybackState after every change. Owner's thread only.
+class PlaybackController {
+public:
+    explicit PlaybackController(std::unique_ptr<AudioEngine> engine);
+    ~PlaybackController();
+    PlaybackController(const PlaybackController&) = delete;
+    PlaybackController& operator=(const PlaybackController&) = delete;
+
+    AudioEngine& engine() { return *engine_; }
+    const PlaybackState& state() const { return state_; }
+    const PlaybackQueue& queue() const { return queue_; }
+    std::mt19937_64& rng() { return rng_; }
+
+    // Library look-up of a path; when it has nothing the file's own tags are read.
+    std::function<std::optional<Track>(const std::string&)> lookup;
+    std::function<void()> onChange;
+    std::function<void(const std::string&)> onError;
+
+    // Replaces the queue and starts paths[startAt] (nothing when out of range).
+    void play(std::vector<std::string> paths, int startAt);
+    void resume();
+    void pause();
+    // Pause when playing, resume otherwise.
+    void togglePlay();
+    void seek(double seconds);
+    void next();
+    // Restarts the track after 3 s of play; otherwise goes to the previous one.
+    void previous();
+    void refreshCurrentTrack();
+    void trackEnded();
+
+    void setShuffle(bool on);
+    void setRepeatMode(RepeatMode mode);
+    // Output gain: the stored volume clamped to 0…1, or silence while muted.
+    void setVolume(float volume, bool muted);
+
+private:
+    void start(std::optional<std::string> path, std::size_t attemptsLeft);
+    void changed();
+
+    std::unique_ptr<AudioEngine> engine_;
+    std::mt19937_64 rng_;
+    PlaybackQueue queue_;
+    PlaybackState state_;
+    std::shared_ptr<char> alive_ = std::make_shared<char>(0);
+};
+
+} // namespace trovan

@@ -1,0 +1,37 @@
+#pragma once
+
+#include "library/RepeatMode.h"
+
+#include <optional>
+#include <random>
+#include <string>
+#include <vector>
+
+namespace trovan {
+
+// The play order: the paths as the user chose them, a permutation of their
+// indices that playback follows, and where in it we are.
+struct PlaybackQueue {
+    std::vector<std::string> paths;
+    std::vector<int> order;      // each index of `paths` exactly once
+    std::optional<int> position; // index into `order`; absent when ended or never started
+    bool shuffle = false;
+    RepeatMode repeatMode = RepeatMode::off;
+
+    bool operator==(const PlaybackQueue&) const = default;
+
+    // Replaces the paths; natural order; position = startAt when valid, else absent.
+    // The order is reshuffled at once when shuffle is on.
+    void replace(std::vector<std::string> newPaths, int startAt, std::mt19937_64& rng);
+
+    std::optional<std::string> currentPath() const;
+    // The next path to play, or none. `automatic` is the end of a track (repeat-one
+    // replays it; repeat off ends the queue), otherwise the user's next-track action.
+    std::optional<std::string> advance(bool automatic);
+    std::optional<std::string> retreat();
+    // Keeps the current track current and first; every other one follows at random.
+    void reshuffle(std::mt19937_64& rng);
+    void setShuffle(bool on, std::mt19937_64& rng);
+};
+
+} // namespace trovan
