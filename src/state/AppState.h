@@ -1,0 +1,132 @@
+#pragma once
+// The single value behind every frame: settings in force, focus, the open overlay,
+// the library and its rows, viewports, marks, playback, covers, the prompt's text,
+// the tag form, lyrics, scan progress and the status message. Only the controller
+// writes it; the views read it.
+
+#include "library/LibraryIndex.h"
+#include "library/Settings.h"
+#include "playback/PlaybackState.h"
+#include "state/TagForm.h"
+#include "state/TextInput.h"
+#include "terminal/ScreenBuffer.h"
+
+#include <chrono>
+#include <map>
+#include <optional>
+#include <set>
+#include <string>
+#include <vector>
+
+namespace trovan {
+
+// Pane that receives navigation keys; Tab walks this order.
+enum class Focus { artists, library, player };
+
+enum class PromptKind { command, search, seek };
+
+// The player's transport buttons, left to right.
+enum class PlayerButton { shuffle, previous, playPause, next, repeatMode };
+inline constexpr PlayerButton kPlayerButtons[] = {PlayerButton::shuffle, PlayerButton::previous,
+                                                  PlayerButton::playPause, PlayerButton::next,
+                                                  PlayerButton::repeatMode};
+
+// Modal overlay or prompt that is open.
+struct Overlay {
+    enum class Kind { prompt, none, help, equalizer, tagForm, roots };
+    Kind kind = Kind::none;
+    PromptKind promptKind = PromptKind::command; // meaningful only for prompt
+
+    static Overlay prompt(PromptKind k) { return {Kind::prompt, k}; }
+    static Overlay none() { return {Kind::none}; }
+    static Overlay help() { return {Kind::help}; }
+    static Overlay equalizer() { return {Kind::equalizer}; }
+    static Overlay tagForm() { return {Kind::tagForm}; }
+    static Overlay roots() { return {Kind::roots}; }
+
+    bool isPrompt(PromptKind k) const { return kind == Kind::prompt && promptKind == k; }
+    bool operator==(const Overlay& o) const {
+        return kind == o.kind && (kind != Kind::prompt || promptKind == o.promptKind);
+    }
+};
+
+struct StatusMessage {
+    using Clock = std::chrono::system_clock;
+    std::string text;
+    bool isError = false;
+    Clock::time_point expires;
+
+    bool isShown(Clock::time_point now) const { return now < expires; }
+    bool operator==(const StatusMessage&) const = default;
+};
+
+// A picture rendered to terminal pixels, two pixel rows per text row.
+struct CoverArt {
+    std::string key;                        // what the picture was taken from
+    std::optional<std::vector<RGB>> pixels; // absent: no picture or not decodable
+
+    // Key shared by every loader of an album's cover (artist key + folded album title).
+    static std::string albumKey(const LibraryIndex::Artist& artist,
+                                const LibraryIndex::Album& album);
+
+    bool operator==(const CoverArt&) const = default;
+};
+
+struct Lyrics {
+    std::string path;
+    std::string title;
+    std::vector<std::string> lines;
+
+    bool operator==(const Lyrics&) const = default;
+};
+
+// Cursor and scroll position of one list pane.
+struct ListViewport {
+    int cursor = 0;
+    int offset = 0;
+
+    // Keeps one row of context above the cursor when moving up and puts the cursor on
+    // the last visible line when moving down. Nothing for heights below 1.
+    void scrollToCursor(int height);
+    bool operator==(const ListViewport&) const = default;
+};
+
+struct IndexingProgress {
+    int done = 0;
+    int total = 0;
+    bool operator==(const IndexingProgress&) const = default;
+};
+
+struct AppState {
+    Settings settings;
+    Focus focus = Focus::artists;
+    Overlay overlay;
+    LibraryIndex index;
+    std::vector<ArtistRow> artistRows;
+    ListViewport artists;
+    std::optional<int> shownArtist;
+    std::vector<LibraryRow> libraryRows;
+    ListViewport library;
+    std::set<std::string> marked;
+    PlaybackState playback;
+    bool muted = false;
+    PlayerButton playerButton = PlayerButton::playPause;
+    std::optional<CoverArt> cover;
+    std::map<std::string, CoverArt> albumCovers;
+    TextInput input;
+    std::optional<int> searchOrigin;
+    bool searchMiss = false;
+    std::optional<TagForm> form;
+    int eqBand = 0;
+    int rootsCursor = 0;
+    int helpOffset = 0;
+    std::optional<Lyrics> lyrics;
+    bool lyricsVisible = false;
+    int lyricsOffset = 0;
+    std::optional<IndexingProgress> indexing;
+    std::optional<StatusMessage> status;
+
+    explicit AppState(Settings s) : settings(std::move(s)) {}
+};
+
+} // namespace trovan

@@ -1,0 +1,136 @@
+#include "state/CommandParser.h"
+
+#include <charconv>
+#include <cmath>
+#include <vector>
+
+namespace trovan {
+
+namespace {
+
+bool isWhitespace(char c) {
+    return c == ' ' || c == '\t' || c == '\n' || c == '\r' || c == '\v' || c == '\f';
+}
+
+std::string asciiLower(std::string_view s) {
+    std::string out(s);
+    for (char& c : out)
+        if (c >= 'A' && c <= 'Z') c = static_cast<char>(c - 'A' + 'a');
+    return out;
+}
+
+// Command words are compared in lower case; the only non-ASCII word is "carátula".
+std::string lowerWord(std::string_view s) {
+    std::string out = asciiLower(s);
+    std::string::size_type at;
+    while ((at = out.find("\xC3\x81")) != std::string::npos) out.replace(at, 2, "\xC3\xA1");
+    return out;
+}
+
+} // namespace
+
+std::string_view trimWhitespace(std::string_view s) {
+    while (!s.empty() && isWhitespace(s.front())) s.remove_prefix(1);
+    while (!s.empty() && isWhitespace(s.back())) s.remove_suffix(1);
+    return s;
+}
+
+std::string CommandError::message() const {
+    switch (kind) {
+    case Kind::unknownCommand: return "Comando desconocido: " + what + " (usa :help)";
+    case Kind::missingArgument: return "Falta el argumento: " + what;
+    case Kind::invalidValue: return "Valor inválido para " + what;
+    }
+    return what;
+}
+
+std::optional<double> CommandParser::parseNumber(std::string_view text) {
+    if (!text.empty() && text.front() == '+') text.remove_prefix(1);
+    if (text.empty() || text.front() == '+') return std::nullopt;
+    double value = 0;
+    auto [end, ec] = std::from_chars(text.data(), text.data() + text.size(), value);
+    if (ec != std::errc() || end != text.data() + text.size() || !std::isfinite(value))
+        return std::nullopt;
+    return value;
+}
+
+std::optional<double> CommandParser::parseTime(std::string_view text) {
+    std::vector<std::string_view> pieces;
+    std::size_t start = 0;
+    while (start <= text.size()) {
+        std::size_t colon = text.find(':', start);
+        std::size_t end = colon == std::string_view::npos ? text.size() : colon;
+        if (end > start) pieces.push_back(text.substr(start, end - start));
+        if (colon == std::string_view::npos) break;
+        start = colon + 1;
+    }
+    if (pieces.empty() || pieces.size() > 3) return std::nullopt;
+    double value = 0;
+    for (std::string_view piece : pieces) {
+        auto number = parseNumber(trimWhitespace(piece));
+        if (!number || *number < 0) return std::nullopt;
+        value = value * 60 + *number;
+    }
+    return value;
+}
+
+std::string CommandParser::unquote(std::string_view text) {
+    if (text.size() >= 2 && text.front() == text.back() &&
+        (text.front() == '"' || text.front() == '\''))
+        return std::string(text.substr(1, text.size() - 2));
+    return std::string(text);
+}
+
+CommandResult CommandParser::parseEqualizer(std::string_view argument) {
+    std::string lower = asciiLower(argument);
+    if (argument.empty()) return Action(Action::Kind::openEqualizer);
+    if (lower == "on") return Action::eqEnabled(true);
+    if (lower == "off") return Action::eqEnabled(false);
+    if (lower.starts_with("save ")) {
+        std::string_view name = trimWhitespace(argument.substr(5));
+        if (name.empty()) return CommandError::missingArgument("nombre");
+        return Action::eqSave(std::string(name));
+    }
+    return Action::eqPreset(std::string(argument));
+}
+
+CommandResult CommandParser::parse(std::string_view text) {
+    text = trimWhitespace(text);
+    std::size_t space = text.find(' ');
+    std::string word = lowerWord(text.substr(0, space));
+    std::string argument =
+        space == std::string_view::npos ? std::string() : unquote(trimWhitespace(text.substr(space + 1)));
+
+    if (word == "add" || word == "agregar") {
+        if (argument.empty()) return CommandError::missingArgument("ruta");
+        return Action::addRoot(argument);
+    }
+    if (word == "rm" || word == "remove" || word == "quitar") {
+        if (argument.empty()) return Action(Action::Kind::listRoots);
+        return Action::removeRoot(argument);
+    }
+    if (word == "paths" || word == "rutas") return Action(Action::Kind::listRoots);
+    if (word == "reindex" || word == "reindexar") return Action::reindex(false);
+    if (word == "reindex!" || word == "reindexar!") return Action::reindex(true);
+    if (word == "eq") return parseEqualizer(argument);
+    if (word == "seek" || word == "ir") {
+        if (auto seconds = parseTime(argument)) return Action::seekTo(*seconds);
+        return CommandError::invalidValue("tiempo: usa 1:42");
+    }
+    if (word == "vol" || word == "volumen") {
+        auto v = parseNumber(argument);
+        if (v && *v >= 0 && *v <= 100) return Action::setVolume(static_cast<float>(*v / 100.0));
+        return CommandError::invalidValue("volumen: 0–100");
+    }
+    if (word == "cover" || word == "caratula" || word == "carátula") {
+        if (argument.empty()) return CommandError::missingArgument("imagen o remove");
+        std::string lower = asciiLower(argument);
+        if (lower == "remove" || lower == "quitar") return Action(Action::Kind::removeCover);
+        return Action::setCover(argument);
+    }
+    if (word == "q" || word == "quit" || word == "salir") return Action(Action::Kind::quit);
+    if (word == "help" || word == "ayuda" || word == "h") return Action(Action::Kind::openHelp);
+    return CommandError::unknownCommand(word);
+}
+
+} // namespace trovan

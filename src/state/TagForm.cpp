@@ -1,0 +1,74 @@
+#include "state/TagForm.h"
+
+namespace trovan {
+
+namespace {
+std::string joinedValues(const PropertyMap& map, const std::string& key) {
+    auto it = map.find(key);
+    if (it == map.end()) return {};
+    std::string out;
+    for (std::size_t i = 0; i < it->second.size(); ++i) {
+        if (i > 0) out += "; ";
+        out += it->second[i];
+    }
+    return out;
+}
+
+std::string trimBlanks(const std::string& s) {
+    std::size_t a = s.find_first_not_of(" \t");
+    if (a == std::string::npos) return {};
+    std::size_t b = s.find_last_not_of(" \t");
+    return s.substr(a, b - a + 1);
+}
+} // namespace
+
+const std::vector<std::pair<std::string, std::string>>& TagForm::layout() {
+    static const std::vector<std::pair<std::string, std::string>> fields = {
+        {"TITLE", "Título"},        {"ARTIST", "Artista"},  {"ALBUMARTIST", "Artista del álbum"},
+        {"ALBUM", "Álbum"},         {"DATE", "Año"},        {"TRACKNUMBER", "Pista"},
+        {"DISCNUMBER", "Disco"},    {"GENRE", "Género"},    {"COMPOSER", "Compositor"},
+        {"COMMENT", "Comentario"},
+    };
+    return fields;
+}
+
+TagForm::TagForm(std::vector<std::string> paths_, const std::vector<PropertyMap>& properties)
+    : paths(std::move(paths_)) {
+    for (const auto& [key, label] : layout()) {
+        Field field;
+        field.key = key;
+        field.label = label;
+        std::string common;
+        bool mixed = false;
+        for (std::size_t i = 0; i < paths.size(); ++i) {
+            static const PropertyMap none;
+            std::string joined = joinedValues(i < properties.size() ? properties[i] : none, key);
+            if (i == 0)
+                common = std::move(joined);
+            else if (joined != common)
+                mixed = true;
+        }
+        if (mixed) {
+            field.mixed = true;
+        } else {
+            field.input = TextInput(common);
+            field.original = common;
+        }
+        fields.push_back(std::move(field));
+    }
+}
+
+TagPatch TagForm::patch() const {
+    TagPatch p;
+    for (const Field& field : fields) {
+        if (field.input.text == field.original) continue;
+        std::string value = trimBlanks(field.input.text);
+        if (value.empty())
+            p.remove.insert(field.key);
+        else
+            p.changes[field.key] = {value};
+    }
+    return p;
+}
+
+} // namespace trovan

@@ -1,0 +1,151 @@
+#include "ui/CoverArtRenderer.h"
+
+#include <gtest/gtest.h>
+
+#include <cstdlib>
+#include <filesystem>
+#include <fstream>
+#include <iterator>
+#include <string>
+#include <vector>
+
+#include <unistd.h>
+
+using namespace trovan;
+namespace fs = std::filesystem;
+
+namespace {
+
+class CoverArtRendererTest : public ::testing::Test {
+protected:
+    void SetUp() override {
+        if (std::system("command -v ffmpeg >/dev/null 2>&1") != 0) GTEST_SKIP() << "ffmpeg missing";
+        dir_ = fs::temp_directory_path() /
+               ("trovan-cover-" + std::to_string(::getpid()) + "-" +
+                ::testing::UnitTest::GetInstance()->current_test_info()->name());
+        fs::create_directories(dir_);
+    }
+    void TearDown() override {
+        std::error_code ec;
+        fs::remove_all(dir_, ec);
+    }
+    std::vector<std::uint8_t> generate(const std::string& name, const std::string& args) {
+        fs::path out = dir_ / name;
+        std::string cmd = "ffmpeg -nostdin -v error -y " + args + " '" + out.string() + "'";
+        EXPECT_EQ(std::system(cmd.c_str()), 0) << cmd;
+        std::ifstream in(out, std::ios::binary);
+        return {std::istreambuf_iterator<char>(in), std::istreambuf_iterator<char>()};
+    }
+    fs::path dir_;
+};
+
+bool near(RGB p, int r, int g, int b, int tol) {
+    return std::abs(p.r - r) <= tol && std::abs(p.g - g) <= tol && std::abs(p.b - b) <= tol;
+}
+
+// Red, green and blue stripes (thirds) across the long side of a w × h picture.
+std::string thirds(int w, int h) {
+    const bool wide = w >= h;
+    const int t = (wide ? w : h) / 3;
+    auto box = [&](int from, const char* colour) {
+        return wide ? "drawbox=x=" + std::to_string(from) + ":y=0:w=" + std::to_string(t) +
+                          ":h=ih:color=" + colour + ":t=fill"
+                    : "drawbox=x=0:y=" + std::to_string(from) + ":w=iw:h=" + std::to_string(t) +
+                          ":color=" + colour + ":t=fill";
+    };
+    return "-f lavfi -i color=c=0x00FF00:s=" + std::to_string(w) + "x" + std::to_string(h) +
+           " -frames:v 1 -vf " + box(0, "0xFF0000") + "," + box(2 * t, "0x0000FF");
+}
+
+enum class Hue { red, green, blue };
+Hue hue(RGB p) {
+    if (p.r > p.g && p.r > p.b) return Hue::red;
+    if (p.b > p.g && p.b > p.r) return Hue::blue;
+    return Hue::green;
+}
+
+} // namespace
+
+TEST_F(CoverArtRendererTest, SolidCoversFillTheWholeGridAtAnyShape) {
+    for (const char* shape : {"64x64", "160x48", "48x160"}) {
+        const auto jpeg = generate(std::string("c-") + shape + ".jpg",
+                                   std::string("-f lavfi -i color=c=0xC86432:s=") + shape +
+                                       " -frames:v 1 -q:v 2");
+        const auto png = generate(std::string("c-") + shape + ".png",
+                                  std::string("-f lavfi -i color=c=0x3264C8:s=") + shape + " -frames:v 1");
+        for (auto [cols, rows] : {std::pair{10, 5}, std::pair{12, 5}, std::pair{3, 7}, std::pair{1, 1}}) {
+            const auto a = CoverArtRenderer::pixels(jpeg, cols, rows);
+            const auto b = CoverArtRenderer::pixels(png, cols, rows);
+            ASSERT_TRUE(a && b) << shape;
+            ASSERT_EQ(a->size(), static_cast<std::size_t>(cols * 2 * rows));
+            ASSERT_EQ(b->size(), static_cast<std::size_t>(cols * 2 * rows));
+            for (std::size_t i = 0; i < a->size(); ++i) {
+                // The JPEG is full-range YUV; treating it as limited range shifts these
+                // by about twenty levels.
+                EXPECT_TRUE(near((*a)[i], 0xC8, 0x64, 0x32, 6)) << shape << " jpeg pixel " << i;
+                EXPECT_TRUE(near((*b)[i], 0x32, 0x64, 0xC8, 3)) << shape << " png pixel " << i;
+            }
+        }
+    }
+}
+
+TEST_F(CoverArtRendererTest, WideAndTallCoversAreCroppedEquallyOnBothSides) {
+    // 90 × 30 into 10 × 6 pixels: a 50-pixel window in the middle survives, which
+    // holds 10 pixels of each outer stripe, so 2 columns of red and 2 of blue.
+    for (const char* ext : {"png", "jpg"}) {
+        const auto wide = CoverArtRenderer::pixels(generate(std::string("w.") + ext, thirds(90, 30)), 10, 3);
+        ASSERT_TRUE(wide) << ext;
+        for (int y = 0; y < 6; ++y) {
+            int counts[3] = {};
+            for (int x = 0; x < 10; ++x) ++counts[static_cast<int>(hue((*wide)[static_cast<std::size_t>(y * 10 + x)]))];
+            EXPECT_EQ(counts[0], 2) << ext << " row " << y;
+            EXPECT_EQ(counts[2], 2) << ext << " row " << y;
+            EXPECT_EQ(counts[1], 6) << ext << " row " << y;
+        }
+        EXPECT_EQ(hue((*wide)[0]), Hue::red);
+        EXPECT_EQ(hue((*wide)[9]), Hue::blue);
+
+        // 30 × 90 into 6 × 10 pixels: the same along the height.
+        const auto tall = CoverArtRenderer::pixels(generate(std::string("t.") + ext, thirds(30, 90)), 6, 5);
+        ASSERT_TRUE(tall) << ext;
+        for (int x = 0; x < 6; ++x) {
+            int counts[3] = {};
+            for (int y = 0; y < 10; ++y) ++counts[static_cast<int>(hue((*tall)[static_cast<std::size_t>(y * 6 + x)]))];
+            EXPECT_EQ(counts[0], 2) << ext << " column " << x;
+            EXPECT_EQ(counts[2], 2) << ext << " column " << x;
+        }
+    }
+    // A square cover into a square grid keeps all three stripes whole.
+    const auto square = CoverArtRenderer::pixels(generate("s.png", thirds(60, 60)), 6, 3);
+    ASSERT_TRUE(square);
+    EXPECT_EQ(hue((*square)[0]), Hue::red);
+    EXPECT_EQ(hue((*square)[2]), Hue::green);
+    EXPECT_EQ(hue((*square)[3]), Hue::green);
+    EXPECT_EQ(hue((*square)[5]), Hue::blue);
+}
+
+TEST_F(CoverArtRendererTest, BytesThatAreNotAPictureGiveNothing) {
+    const std::string text = "esto no es una imagen";
+    EXPECT_FALSE(CoverArtRenderer::pixels({reinterpret_cast<const std::uint8_t*>(text.data()), text.size()}, 10, 5));
+    EXPECT_FALSE(CoverArtRenderer::pixels({}, 10, 5));
+    const auto png = generate("ok.png", "-f lavfi -i color=c=red:s=8x8 -frames:v 1");
+    EXPECT_FALSE(CoverArtRenderer::pixels(png, 0, 5));
+    EXPECT_FALSE(CoverArtRenderer::pixels(png, 10, 0));
+    EXPECT_TRUE(CoverArtRenderer::pixels(png, 10, 5));
+}
+
+TEST_F(CoverArtRendererTest, ImageDataPrefersTheEmbeddedPictureThenAFolderCover) {
+    fs::create_directories(dir_ / "a");
+    fs::create_directories(dir_ / "b");
+    const auto embedded = generate("a/emb.png", "-f lavfi -i color=c=0x00FF00:s=16x16 -frames:v 1");
+    generate("a/song.flac", "-f lavfi -i sine=d=0.2 -i '" + (dir_ / "a/emb.png").string() +
+                                "' -map 0 -map 1 -c:a flac -c:v copy -disposition:v attached_pic");
+    const auto folder = generate("a/Cover.JPG", "-f lavfi -i color=c=0xFF0000:s=16x16 -frames:v 1");
+    EXPECT_EQ(CoverArtRenderer::imageData((dir_ / "a/song.flac").string()), embedded);
+
+    generate("b/song.flac", "-f lavfi -i sine=d=0.2 -c:a flac");
+    EXPECT_FALSE(CoverArtRenderer::imageData((dir_ / "b/song.flac").string()));
+    fs::copy_file(dir_ / "a/Cover.JPG", dir_ / "b/folder.jpg");
+    EXPECT_EQ(CoverArtRenderer::imageData((dir_ / "b/song.flac").string()), folder);
+    EXPECT_FALSE(CoverArtRenderer::imageData((dir_ / "nowhere/x.flac").string()));
+}

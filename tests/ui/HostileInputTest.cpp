@@ -1,0 +1,165 @@
+// Random states, sizes and hostile text must draw without crashing and without
+// touching anything outside the frame (run under the sanitizers).
+
+#include "Fixtures.h"
+
+#include "ui/Screen.h"
+
+#include <gtest/gtest.h>
+
+#include <random>
+
+using namespace trovan;
+using namespace trovan::testing;
+
+namespace {
+
+class Chaos {
+public:
+    explicit Chaos(unsigned seed) : rng_(seed) {}
+
+    int between(int lo, int hi) { return std::uniform_int_distribution<int>(lo, hi)(rng_); }
+    bool chance(int percent) { return between(1, 100) <= percent; }
+
+    std::string text() {
+        static const char* const pieces[] = {
+            "a", "Z", " ", "\t", "\n", "\r", "\x1b[31m", "\x07", "\x7f", "\xC2\x85", // C1 NEL
+            "e\xCC\x81", "\xCC\x81", "漢", "字", "\xF0\x9F\x8E\xB5", "\xF0\x9F\x91\xA8\xE2\x80\x8D\xF0\x9F\x91\xA9",
+            "\xD7\xA9\xD7\x9C\xD7\x95\xD7\x9D", "\xD8\xB3\xD9\x84\xD8\xA7\xD9\x85", "\xE2\x80\xAE", // RTL override
+            "\xFF", "\xC3", "\xE2\x82", "…", "│", "\xEF\xBC\xA1", "ñ", "\xE2\x80\x8B", "",
+        };
+        std::string out;
+        const int n = chance(1) ? 10000 : between(0, 40);
+        for (int i = 0; i < n; ++i) out += pieces[between(0, std::size(pieces) - 1)];
+        return out;
+    }
+
+    Track track(int i) {
+        Track t = makeTrack("/r/" + std::to_string(i) + text(), text(), chance(20) ? "" : text(),
+                            text(), between(-5, 3000), between(-3, 120), between(-2, 4),
+                            between(-10, 100000), text(), chance(30) ? text() : "");
+        if (chance(5)) t.durationMs = chance(50) ? INT64_MAX / 2 : INT64_MIN / 2;
+        if (chance(5)) t.trackNumber = INT64_MAX;
+        if (chance(5)) t.year = INT64_MIN;
+        return t;
+    }
+
+    AppState state() {
+        AppState s{Settings{}};
+        std::vector<Track> tracks;
+        const int n = between(0, 60);
+        for (int i = 0; i < n; ++i) tracks.push_back(track(i));
+        s.index = LibraryIndex(tracks);
+        s.artistRows = s.index.artistRows();
+        const int rows = static_cast<int>(s.artistRows.size());
+        s.artists = {between(-3, rows + 3), between(-3, rows + 3)};
+        if (chance(80) && rows > 0) s.shownArtist = between(-2, rows + 2);
+        if (chance(70) && !s.index.artists.empty()) {
+            const int artist = between(0, static_cast<int>(s.index.artists.size()) - 1);
+            s.libraryRows = s.index.libraryRows(artist, between(-1, 8));
+        }
+        const int lrows = static_cast<int>(s.libraryRows.size());
+        s.library = {between(-3, lrows + 3), between(-3, lrows + 3)};
+        for (const auto& t : tracks)
+            if (chance(30)) s.marked.insert(t.path);
+        if (chance(60) && !tracks.empty()) s.playback.track = tracks[static_cast<std::size_t>(between(0, n - 1))];
+        if (chance(20)) s.playback.track = track(999);
+        s.playback.isPlaying = chance(50);
+        s.playback.duration = chance(10) ? -5 : chance(10) ? 1e300 : between(0, 4000) / 3.0;
+        if (chance(50)) s.playback.format = AudioFormatInfo{text(), between(-1, 200000) * 1.0,
+                                                            chance(50) ? std::optional<int>(between(-8, 64)) : std::nullopt,
+                                                            between(0, 8)};
+        s.settings.volume = chance(10) ? -3.0f : chance(10) ? 1e30f : between(0, 100) / 100.0f;
+        s.settings.eqPreset = text();
+        s.settings.eqEnabled = chance(50);
+        s.settings.eqGains.clear();
+        for (int i = between(0, 14); i > 0; --i) s.settings.eqGains.push_back(between(-400, 400) / 10.0f);
+        if (chance(5)) s.settings.eqGains = {std::numeric_limits<float>::infinity(), std::nanf(""), 1e30f};
+        for (int i = between(0, 30); i > 0; --i) s.settings.roots.push_back(text());
+        s.settings.shuffle = chance(50);
+        s.settings.repeatMode = static_cast<RepeatMode>(between(0, 2));
+        s.focus = static_cast<Focus>(between(0, 2));
+        s.muted = chance(30);
+        s.playerButton = static_cast<PlayerButton>(between(0, 4));
+        if (chance(50)) {
+            std::vector<RGB> px(static_cast<std::size_t>(chance(50) ? 100 : between(0, 300)));
+            s.cover = CoverArt{text(), chance(80) ? std::optional(px) : std::nullopt};
+        }
+        for (const auto& artist : s.index.artists)
+            for (const auto& album : artist.albums)
+                if (chance(50))
+                    s.albumCovers[CoverArt::albumKey(artist, album)] =
+                        CoverArt{"k", std::vector<RGB>(static_cast<std::size_t>(chance(70) ? 100 : between(0, 120)))};
+        s.input = TextInput(text());
+        s.input.cursor = between(-5, 60);
+        s.searchMiss = chance(50);
+        if (chance(40)) {
+            std::vector<std::string> paths;
+            std::vector<PropertyMap> props;
+            for (int i = between(0, 4); i > 0; --i) {
+                paths.push_back(text());
+                props.push_back({{"TITLE", {text()}}, {"GENRE", {text(), text()}}});
+            }
+            s.form = TagForm(paths, props);
+            s.form->focused = between(-3, 14);
+            for (auto& f : s.form->fields) f.input.cursor = between(-3, 50);
+        }
+        s.eqBand = between(-3, 12);
+        s.rootsCursor = between(-3, 40);
+        s.helpOffset = between(-10, 100);
+        if (chance(50)) {
+            Lyrics l{text(), text(), {}};
+            for (int i = between(0, 50); i > 0; --i) l.lines.push_back(text());
+            s.lyrics = l;
+        }
+        s.lyricsVisible = chance(30);
+        s.lyricsOffset = between(-5, 60);
+        if (chance(20)) s.indexing = IndexingProgress{between(-5, 100), between(-5, 100)};
+        if (chance(50)) s.status = StatusMessage{text(), chance(50), kNow + std::chrono::seconds(between(-5, 5))};
+        switch (between(0, 5)) {
+        case 0: s.overlay = Overlay::none(); break;
+        case 1: s.overlay = Overlay::help(); break;
+        case 2: s.overlay = Overlay::equalizer(); break;
+        case 3: s.overlay = Overlay::tagForm(); break;
+        case 4: s.overlay = Overlay::roots(); break;
+        default: s.overlay = Overlay::prompt(static_cast<PromptKind>(between(0, 2))); break;
+        }
+        return s;
+    }
+
+private:
+    std::mt19937 rng_;
+};
+
+} // namespace
+
+TEST(HostileInput, RandomStatesAndSizesDrawInsideTheFrame) {
+    Chaos chaos(20261122);
+    for (int round = 0; round < 120; ++round) {
+        const AppState state = chaos.state();
+        const Size size{round < 40 ? round % 8 : chaos.between(0, 240), round < 40 ? round / 8 : chaos.between(0, 80)};
+        const Layout layout(size);
+        const Frame frame = Screen::compose(state, layout, chaos.between(-100, 5000) / 7.0, kNow);
+        ASSERT_EQ(frame.buffer.width(), std::max(size.width, 0));
+        ASSERT_EQ(frame.buffer.height(), std::max(size.height, 0));
+        ASSERT_EQ(frame.buffer.cells().size(), static_cast<std::size_t>(size.width * size.height));
+        if (frame.cursor) {
+            EXPECT_GE(frame.cursor->x, 0) << "round " << round;
+            EXPECT_LT(frame.cursor->x, size.width) << "round " << round;
+            EXPECT_GE(frame.cursor->y, 0) << "round " << round;
+            EXPECT_LT(frame.cursor->y, size.height) << "round " << round;
+        }
+        // Every wide character keeps its continuation cell, and no continuation cell
+        // is left without its wide character.
+        for (int y = 0; y < frame.buffer.height(); ++y)
+            for (int x = 0; x < frame.buffer.width(); ++x) {
+                const Cell& c = frame.buffer.at(x, y);
+                if (c.ch.empty()) {
+                    ASSERT_GT(x, 0) << "round " << round;
+                    ASSERT_EQ(frame.buffer.at(x - 1, y).ch.width(), 2) << "round " << round << " at " << x << "," << y;
+                } else if (c.ch.width() == 2 && x + 1 < frame.buffer.width()) {
+                    ASSERT_TRUE(frame.buffer.at(x + 1, y).ch.empty()) << "round " << round << " at " << x << "," << y;
+                }
+            }
+    }
+}
