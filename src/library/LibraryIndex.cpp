@@ -47,8 +47,7 @@ template <class Key> struct Group {
 };
 
 // Groups indices by key, groups in order of first appearance.
-template <class KeyOf>
-auto groupBy(const std::vector<std::size_t>& indices, KeyOf keyOf) {
+template <class KeyOf> auto groupBy(const std::vector<std::size_t>& indices, KeyOf keyOf) {
     using Key = std::decay_t<decltype(keyOf(std::size_t{}))>;
     std::vector<Group<Key>> groups;
     std::unordered_map<Key, std::size_t> where;
@@ -64,12 +63,12 @@ auto groupBy(const std::vector<std::size_t>& indices, KeyOf keyOf) {
 // Orders a disc's tracks by number, then by folded display title. Titles are folded
 // only for tracks that share a number with another.
 void sortDisc(std::vector<Track>& tracks) {
-    std::stable_sort(tracks.begin(), tracks.end(), [](const Track& a, const Track& b) {
-        return a.trackNumber < b.trackNumber;
-    });
+    std::stable_sort(tracks.begin(), tracks.end(),
+                     [](const Track& a, const Track& b) { return a.trackNumber < b.trackNumber; });
     for (std::size_t start = 0; start < tracks.size();) {
         std::size_t end = start + 1;
-        while (end < tracks.size() && tracks[end].trackNumber == tracks[start].trackNumber) ++end;
+        while (end < tracks.size() && tracks[end].trackNumber == tracks[start].trackNumber)
+            ++end;
         if (end - start > 1) {
             std::vector<std::pair<std::string, Track>> run;
             run.reserve(end - start);
@@ -78,7 +77,8 @@ void sortDisc(std::vector<Track>& tracks) {
             std::stable_sort(run.begin(), run.end(), [](const auto& a, const auto& b) {
                 return text::compareNumeric(a.first, b.first) < 0;
             });
-            for (auto i = start; i < end; ++i) tracks[i] = std::move(run[i - start].second);
+            for (auto i = start; i < end; ++i)
+                tracks[i] = std::move(run[i - start].second);
         }
         start = end;
     }
@@ -126,7 +126,8 @@ std::optional<int> LibraryRow::albumIndex() const {
 
 std::vector<Track> LibraryIndex::Album::tracks() const {
     std::vector<Track> out;
-    for (const auto& disc : discs) out.insert(out.end(), disc.tracks.begin(), disc.tracks.end());
+    for (const auto& disc : discs)
+        out.insert(out.end(), disc.tracks.begin(), disc.tracks.end());
     return out;
 }
 
@@ -138,11 +139,13 @@ const LibraryIndex& LibraryIndex::empty() {
 LibraryIndex::LibraryIndex(std::vector<Track> tracks) {
     trackCount = static_cast<int>(tracks.size());
     tracksByPath.reserve(tracks.size());
-    for (const auto& t : tracks) tracksByPath.emplace(t.path, t);
+    for (const auto& t : tracks)
+        tracksByPath.emplace(t.path, t);
 
     FoldCache fold;
     std::vector<std::size_t> all(tracks.size());
-    for (std::size_t i = 0; i < all.size(); ++i) all[i] = i;
+    for (std::size_t i = 0; i < all.size(); ++i)
+        all[i] = i;
 
     auto artistGroups =
         groupBy(all, [&](std::size_t i) -> std::string { return fold(groupArtistOf(tracks[i])); });
@@ -169,7 +172,8 @@ LibraryIndex::LibraryIndex(std::vector<Track> tracks) {
             return text::compareNumeric(a.first, b.first) < 0;
         });
         artist.albums.reserve(albums.size());
-        for (auto& a : albums) artist.albums.push_back(std::move(a.second));
+        for (auto& a : albums)
+            artist.albums.push_back(std::move(a.second));
         artists.push_back(std::move(artist));
     }
 
@@ -218,10 +222,12 @@ std::vector<LibraryRow> LibraryIndex::libraryRows(int artist, int minimumAlbumHe
         const auto& album = albums[a];
         for (const auto& disc : album.discs) {
             if (album.discs.size() > 1) rows.push_back(LibraryRow::disc(i, disc.number));
-            for (const auto& t : disc.tracks) rows.push_back(LibraryRow::track(t, i));
+            for (const auto& t : disc.tracks)
+                rows.push_back(LibraryRow::track(t, i));
         }
         auto n = static_cast<int64_t>(rows.size() - blockStart);
-        for (int64_t k = n; k < minimumAlbumHeight; ++k) rows.push_back(LibraryRow::filler(i));
+        for (int64_t k = n; k < minimumAlbumHeight; ++k)
+            rows.push_back(LibraryRow::filler(i));
     }
     return rows;
 }

@@ -10,9 +10,12 @@ enum class RepeatMode { off, all, one };
 // Stored form: "off", "all", "one".
 constexpr std::string_view toString(RepeatMode m) {
     switch (m) {
-    case RepeatMode::all: return "all";
-    case RepeatMode::one: return "one";
-    case RepeatMode::off: break;
+    case RepeatMode::all:
+        return "all";
+    case RepeatMode::one:
+        return "one";
+    case RepeatMode::off:
+        break;
     }
     return "off";
 }
@@ -27,9 +30,12 @@ constexpr std::optional<RepeatMode> repeatModeFromString(std::string_view s) {
 // off -> all -> one -> off
 constexpr RepeatMode nextRepeatMode(RepeatMode m) {
     switch (m) {
-    case RepeatMode::off: return RepeatMode::all;
-    case RepeatMode::all: return RepeatMode::one;
-    case RepeatMode::one: break;
+    case RepeatMode::off:
+        return RepeatMode::all;
+    case RepeatMode::all:
+        return RepeatMode::one;
+    case RepeatMode::one:
+        break;
     }
     return RepeatMode::off;
 }

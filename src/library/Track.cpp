@@ -71,7 +71,7 @@ std::string Track::groupArtist() const {
 }
 
 std::optional<Track> Track::read(const std::string& path) {
-    struct stat st{};
+    struct stat st {};
     if (::stat(path.c_str(), &st) != 0) return std::nullopt;
 
     Track t;
@@ -131,13 +131,16 @@ std::optional<Track> Track::read(const std::string& path) {
 int64_t Track::leadingInt(const std::optional<std::string>& value) {
     if (!value) return 0;
     std::string_view s = *value;
-    while (!s.empty() && (s.front() == ' ' || s.front() == '\t')) s.remove_prefix(1);
-    while (!s.empty() && (s.back() == ' ' || s.back() == '\t')) s.remove_suffix(1);
+    while (!s.empty() && (s.front() == ' ' || s.front() == '\t'))
+        s.remove_prefix(1);
+    while (!s.empty() && (s.back() == ' ' || s.back() == '\t'))
+        s.remove_suffix(1);
 
     std::size_t prefix = 0;
     text::Graphemes clusters(s);
     std::string_view cluster;
-    while (clusters.next(cluster) && text::isNumeric(cluster)) prefix += cluster.size();
+    while (clusters.next(cluster) && text::isNumeric(cluster))
+        prefix += cluster.size();
     if (prefix == 0) return 0;
 
     // Numeric characters other than ASCII digits (fractions, other scripts) do not parse.
@@ -155,9 +158,9 @@ std::string Track::codecLabel(std::string_view ext, int64_t bitrate) {
 }
 
 const std::unordered_set<std::string_view>& Track::audioExtensions() {
-    static const std::unordered_set<std::string_view> set = {
-        "flac", "mp3",  "m4a",  "m4b", "mp4", "aac", "wav", "aif",
-        "aiff", "aifc", "caf",  "ogg", "oga", "opus"};
+    static const std::unordered_set<std::string_view> set = {"flac", "mp3", "m4a", "m4b",  "mp4",
+                                                             "aac",  "wav", "aif", "aiff", "aifc",
+                                                             "caf",  "ogg", "oga", "opus"};
     return set;
 }
 
@@ -175,10 +178,13 @@ std::size_t TrackHash::operator()(const Track& t) const noexcept {
     mix(hs(t.path));
     mix(std::hash<double>{}(t.mtime + 0.0)); // folds -0.0 into 0.0
     mix(hi(t.size));
-    for (const auto* s : {&t.title, &t.artist, &t.albumArtist, &t.album, &t.genre}) mix(hs(*s));
-    for (auto v : {t.year, t.trackNumber, t.discNumber, t.durationMs}) mix(hi(v));
+    for (const auto* s : {&t.title, &t.artist, &t.albumArtist, &t.album, &t.genre})
+        mix(hs(*s));
+    for (auto v : {t.year, t.trackNumber, t.discNumber, t.durationMs})
+        mix(hi(v));
     mix(hs(t.codec));
-    for (auto v : {t.sampleRate, t.bitrate, t.channels}) mix(hi(v));
+    for (auto v : {t.sampleRate, t.bitrate, t.channels})
+        mix(hi(v));
     return h;
 }
 

@@ -12,21 +12,21 @@
 namespace trovan {
 
 struct Track {
-    std::string path;       // absolute path; the record's identity
-    double mtime = 0;       // modification time, seconds since 1970 (fractional)
-    int64_t size = 0;       // bytes
+    std::string path; // absolute path; the record's identity
+    double mtime = 0; // modification time, seconds since 1970 (fractional)
+    int64_t size = 0; // bytes
     std::string title;
     std::string artist;
     std::string albumArtist;
     std::string album;
     std::string genre;
-    int64_t year = 0;           // leading number of DATE
-    int64_t trackNumber = 0;    // leading number of TRACKNUMBER
-    int64_t discNumber = 0;     // leading number of DISCNUMBER
+    int64_t year = 0;        // leading number of DATE
+    int64_t trackNumber = 0; // leading number of TRACKNUMBER
+    int64_t discNumber = 0;  // leading number of DISCNUMBER
     int64_t durationMs = 0;
     std::string codec;      // short label shown to the user: FLAC, MP3, AAC, ALAC, AIFF...
-    int64_t sampleRate = 0;     // Hz
-    int64_t bitrate = 0;        // kb/s
+    int64_t sampleRate = 0; // Hz
+    int64_t bitrate = 0;    // kb/s
     int64_t channels = 0;
 
     bool operator==(const Track&) const = default;

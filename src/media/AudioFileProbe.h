@@ -9,8 +9,8 @@
 namespace trovan {
 
 struct AudioFileProbe {
-    int64_t frames = 0;     // length in sample frames; 0 when unknown
-    double sampleRate = 0;  // Hz
+    int64_t frames = 0;    // length in sample frames; 0 when unknown
+    double sampleRate = 0; // Hz
     int channels = 0;
 
     bool operator==(const AudioFileProbe&) const = default;

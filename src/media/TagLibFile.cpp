@@ -45,8 +45,12 @@ void configure() {
     });
 }
 
-std::string utf8(const TagLib::String& s) { return s.to8Bit(true); }
-TagLib::String fromUtf8(const std::string& s) { return TagLib::String(s, TagLib::String::UTF8); }
+std::string utf8(const TagLib::String& s) {
+    return s.to8Bit(true);
+}
+TagLib::String fromUtf8(const std::string& s) {
+    return TagLib::String(s, TagLib::String::UTF8);
+}
 
 constexpr const char* kDefaultMime = "image/jpeg";
 
@@ -113,10 +117,17 @@ std::optional<Picture> mp4Picture(const TagLib::MP4::Tag* tag) {
     for (const auto& art : tag->item("covr").toCoverArtList()) {
         const char* mime = kDefaultMime;
         switch (art.format()) {
-        case TagLib::MP4::CoverArt::PNG: mime = "image/png"; break;
-        case TagLib::MP4::CoverArt::BMP: mime = "image/bmp"; break;
-        case TagLib::MP4::CoverArt::GIF: mime = "image/gif"; break;
-        default: break;
+        case TagLib::MP4::CoverArt::PNG:
+            mime = "image/png";
+            break;
+        case TagLib::MP4::CoverArt::BMP:
+            mime = "image/bmp";
+            break;
+        case TagLib::MP4::CoverArt::GIF:
+            mime = "image/gif";
+            break;
+        default:
+            break;
         }
         if (auto p = makePicture(art.data(), mime)) return p;
     }
@@ -185,7 +196,8 @@ std::map<std::string, std::vector<std::string>> TagLibFile::properties() const {
     std::map<std::string, std::vector<std::string>> out;
     for (const auto& [key, values] : impl_->props()) {
         auto& list = out[utf8(key)];
-        for (const auto& v : values) list.push_back(utf8(v));
+        for (const auto& v : values)
+            list.push_back(utf8(v));
     }
     return out;
 }
@@ -201,7 +213,8 @@ void TagLibFile::append(const std::string& key, const std::vector<std::string>& 
     auto map = impl_->props();
     auto k = fromUtf8(key);
     TagLib::StringList list = map.contains(k) ? map[k] : TagLib::StringList();
-    for (const auto& v : values) list.append(fromUtf8(v));
+    for (const auto& v : values)
+        list.append(fromUtf8(v));
     map.replace(k, list);
     impl_->write(map);
 }
@@ -212,7 +225,8 @@ void TagLibFile::set(const std::string& key, const std::vector<std::string>& val
     map.erase(k);
     if (!values.empty()) {
         TagLib::StringList list;
-        for (const auto& v : values) list.append(fromUtf8(v));
+        for (const auto& v : values)
+            list.append(fromUtf8(v));
         map.insert(k, list);
     }
     impl_->write(map);

@@ -25,8 +25,8 @@ public:
     struct AudioProperties {
         int lengthSeconds = 0;
         int lengthMs = 0;
-        int bitrate = 0;       // kb/s
-        int sampleRate = 0;    // Hz
+        int bitrate = 0;    // kb/s
+        int sampleRate = 0; // Hz
         int channels = 0;
         int bitsPerSample = 0; // 0 when the format has none (lossy) or TagLib does not know
         std::string codec;     // MPEG-4 files only: "AAC" or "ALAC"; empty otherwise

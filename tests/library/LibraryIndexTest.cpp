@@ -21,7 +21,8 @@ Track track(std::string path, std::string artist, std::string album, int64_t num
 
 std::vector<std::string> artistNames(const LibraryIndex& index) {
     std::vector<std::string> names;
-    for (const auto& a : index.artists) names.push_back(a.name);
+    for (const auto& a : index.artists)
+        names.push_back(a.name);
     return names;
 }
 
@@ -39,9 +40,9 @@ TEST(LibraryIndex, EmptyLibraryHasNoRows) {
 
 TEST(LibraryIndex, SpellingsOfOneArtistGroupTogether) {
     // Accent, case and full-width variants of one name are one artist, named as first seen.
-    auto index = LibraryIndex({track("/m/1.flac", "Björk", "Post"), track("/m/2.flac", "bjork", "Post"),
-                               track("/m/3.flac", "ＢＪＯＲＫ", "Post"),
-                               track("/m/4.flac", "Other", "X")});
+    auto index =
+        LibraryIndex({track("/m/1.flac", "Björk", "Post"), track("/m/2.flac", "bjork", "Post"),
+                      track("/m/3.flac", "ＢＪＯＲＫ", "Post"), track("/m/4.flac", "Other", "X")});
     ASSERT_EQ(index.artists.size(), 2u);
     EXPECT_EQ(index.artists[0].name, "Björk");
     EXPECT_EQ(index.artists[0].key, "bjork");
@@ -52,16 +53,16 @@ TEST(LibraryIndex, SpellingsOfOneArtistGroupTogether) {
 }
 
 TEST(LibraryIndex, ArtistOrderAndLetters) {
-    auto index = LibraryIndex({track("/1", "10cc", "a"), track("/2", "2pac", "a"),
-                               track("/3", "Zappa", "a"), track("/4", "Émilie", "a"),
-                               track("/5", "Кино", "a"), track("/6", "abba", "a"),
-                               track("/7", "", "a")});
+    auto index =
+        LibraryIndex({track("/1", "10cc", "a"), track("/2", "2pac", "a"), track("/3", "Zappa", "a"),
+                      track("/4", "Émilie", "a"), track("/5", "Кино", "a"),
+                      track("/6", "abba", "a"), track("/7", "", "a")});
     EXPECT_EQ(artistNames(index), (std::vector<std::string>{"abba", "Artista desconocido", "Émilie",
                                                             "Zappa", "2pac", "10cc", "Кино"}));
     auto rows = index.artistRows();
     std::vector<ArtistRow> expected = {
-        ArtistRow::letter("A"), ArtistRow::artist(0), ArtistRow::artist(1),
-        ArtistRow::letter("E"), ArtistRow::artist(2), ArtistRow::letter("Z"),
+        ArtistRow::letter("A"), ArtistRow::artist(0),   ArtistRow::artist(1),
+        ArtistRow::letter("E"), ArtistRow::artist(2),   ArtistRow::letter("Z"),
         ArtistRow::artist(3),   ArtistRow::letter("#"), ArtistRow::artist(4),
         ArtistRow::artist(5),   ArtistRow::artist(6)};
     EXPECT_EQ(rows, expected);
@@ -78,8 +79,8 @@ TEST(LibraryIndex, GroupsByAlbumArtistBeforeArtist) {
 
 TEST(LibraryIndex, AlbumsDiscsAndTracks) {
     auto index = LibraryIndex({
-        track("/u1", "A", "", 1),                         // undated, unknown album
-        track("/b1", "A", "Beta", 2, 0, 2001, "MP3"),     // years 2001, 0, 1999 -> 1999
+        track("/u1", "A", "", 1),                     // undated, unknown album
+        track("/b1", "A", "Beta", 2, 0, 2001, "MP3"), // years 2001, 0, 1999 -> 1999
         track("/b2", "A", "beta", 1, 1, 0, "FLAC"),
         track("/b3", "A", "Beta", 0, 0, 1999, "FLAC"),
         track("/c1", "A", "Gamma", 1, 2, 2010),
@@ -94,7 +95,8 @@ TEST(LibraryIndex, AlbumsDiscsAndTracks) {
     ASSERT_EQ(albums[0].discs.size(), 1u); // discs 0 and 1 are both disc 1
     EXPECT_EQ(albums[0].discs[0].number, 1);
     std::vector<std::string> order;
-    for (const auto& t : albums[0].tracks()) order.push_back(t.path);
+    for (const auto& t : albums[0].tracks())
+        order.push_back(t.path);
     EXPECT_EQ(order, (std::vector<std::string>{"/b3", "/b2", "/b1"}));
 
     EXPECT_EQ(albums[1].title, "Gamma");

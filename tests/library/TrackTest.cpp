@@ -12,18 +12,29 @@ namespace {
 
 std::string expectedCodec(fx::Format f) {
     switch (f) {
-    case fx::Format::flac: return "FLAC";
-    case fx::Format::mp3: return "MP3";
-    case fx::Format::aac: return "AAC";
-    case fx::Format::alac: return "ALAC";
-    case fx::Format::adts: return "AAC";
-    case fx::Format::wav: return "WAV";
+    case fx::Format::flac:
+        return "FLAC";
+    case fx::Format::mp3:
+        return "MP3";
+    case fx::Format::aac:
+        return "AAC";
+    case fx::Format::alac:
+        return "ALAC";
+    case fx::Format::adts:
+        return "AAC";
+    case fx::Format::wav:
+        return "WAV";
     case fx::Format::aiff:
-    case fx::Format::aifc: return "AIFF";
-    case fx::Format::caf: return "CAF";
-    case fx::Format::vorbis: return "OGG";
-    case fx::Format::opus: return "OPUS";
-    case fx::Format::oggFlac: return "OGA";
+    case fx::Format::aifc:
+        return "AIFF";
+    case fx::Format::caf:
+        return "CAF";
+    case fx::Format::vorbis:
+        return "OGG";
+    case fx::Format::opus:
+        return "OPUS";
+    case fx::Format::oggFlac:
+        return "OGA";
     }
     return "";
 }
@@ -129,7 +140,8 @@ TEST(TrackRead, MissingAndBrokenFilesGiveNothingAndNeverCrash) {
 
     for (const auto* ext : {"flac", "mp3", "m4a", "wav", "aiff", "ogg", "opus", "caf", "aac"}) {
         SCOPED_TRACE(ext);
-        auto empty = fx::writeBroken(dir.path(), std::string("empty.") + ext, fx::Broken::zeroBytes);
+        auto empty =
+            fx::writeBroken(dir.path(), std::string("empty.") + ext, fx::Broken::zeroBytes);
         EXPECT_FALSE(Track::read(empty.string()));
         auto junk = fx::writeBroken(dir.path(), std::string("junk.") + ext, fx::Broken::garbage);
         auto read = Track::read(junk.string()); // fixed bytes, so the outcome is stable
@@ -150,13 +162,24 @@ TEST(Track, LeadingInt) {
         int64_t out;
     };
     const Case cases[] = {
-        {"3/12", 3},          {"2024-05-01", 2024},   {" 07 ", 7},       {"\t9\t", 9},
-        {"12abc", 12},        {"-1", 0},              {"abc", 0},        {"", 0},
-        {std::nullopt, 0},    {"\n5", 0},             {"9223372036854775807", INT64_MAX},
-        {"9223372036854775808", 0},                   {"½", 0},          {"٣", 0},
+        {"3/12", 3},
+        {"2024-05-01", 2024},
+        {" 07 ", 7},
+        {"\t9\t", 9},
+        {"12abc", 12},
+        {"-1", 0},
+        {"abc", 0},
+        {"", 0},
+        {std::nullopt, 0},
+        {"\n5", 0},
+        {"9223372036854775807", INT64_MAX},
+        {"9223372036854775808", 0},
+        {"½", 0},
+        {"٣", 0},
         {"1½", 0}, // numeric prefix that does not parse as a whole
     };
-    for (const auto& c : cases) EXPECT_EQ(Track::leadingInt(c.in), c.out) << c.in.value_or("(none)");
+    for (const auto& c : cases)
+        EXPECT_EQ(Track::leadingInt(c.in), c.out) << c.in.value_or("(none)");
 }
 
 TEST(Track, CodecLabels) {

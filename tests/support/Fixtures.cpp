@@ -36,12 +36,15 @@ namespace {
 void check(const ProcessResult& r, const std::vector<std::string>& argv) {
     if (r.status == 0) return;
     std::string cmd;
-    for (const auto& a : argv) cmd += a + " ";
+    for (const auto& a : argv)
+        cmd += a + " ";
     throw std::runtime_error("fixture command failed (" + std::to_string(r.status) + "): " + cmd +
                              "\n" + r.errors);
 }
 
-void runChecked(const std::vector<std::string>& argv) { check(runProcess(argv), argv); }
+void runChecked(const std::vector<std::string>& argv) {
+    check(runProcess(argv), argv);
+}
 
 std::string number(double v) {
     std::ostringstream s;
@@ -58,26 +61,43 @@ std::vector<uint8_t> readAll(const fs::path& p) {
 // Encoder options for a format: codec, sample format and muxer.
 std::vector<std::string> encoderArgs(const Tone& t) {
     bool deep = t.bitDepth > 16;
-    auto kbps = [&](int def) { return std::to_string(t.bitrateKbps > 0 ? t.bitrateKbps : def) + "k"; };
+    auto kbps = [&](int def) {
+        return std::to_string(t.bitrateKbps > 0 ? t.bitrateKbps : def) + "k";
+    };
     switch (t.format) {
     case Format::flac:
-        return deep ? std::vector<std::string>{"-c:a", "flac", "-sample_fmt", "s32",
-                                               "-bits_per_raw_sample", "24", "-f", "flac"}
+        return deep ? std::vector<std::string>{"-c:a",
+                                               "flac",
+                                               "-sample_fmt",
+                                               "s32",
+                                               "-bits_per_raw_sample",
+                                               "24",
+                                               "-f",
+                                               "flac"}
                     : std::vector<std::string>{"-c:a", "flac", "-sample_fmt", "s16", "-f", "flac"};
     case Format::mp3:
-        return {"-c:a", "libmp3lame", "-b:a", kbps(128), "-id3v2_version", "0", "-write_id3v1",
-                "0", "-f", "mp3"};
-    case Format::aac: return {"-c:a", "aac", "-b:a", kbps(128), "-f", "ipod"};
+        return {"-c:a", "libmp3lame",   "-b:a", kbps(128), "-id3v2_version",
+                "0",    "-write_id3v1", "0",    "-f",      "mp3"};
+    case Format::aac:
+        return {"-c:a", "aac", "-b:a", kbps(128), "-f", "ipod"};
     case Format::alac:
         return {"-c:a", "alac", "-sample_fmt", deep ? "s32p" : "s16p", "-f", "ipod"};
-    case Format::adts: return {"-c:a", "aac", "-b:a", kbps(128), "-f", "adts"};
-    case Format::wav: return {"-c:a", deep ? "pcm_s24le" : "pcm_s16le", "-f", "wav"};
-    case Format::aiff: return {"-c:a", deep ? "pcm_s24be" : "pcm_s16be", "-f", "aiff"};
-    case Format::aifc: return {"-c:a", "pcm_s16le", "-f", "aiff"};
-    case Format::caf: return {"-c:a", deep ? "pcm_s24le" : "pcm_s16le", "-f", "caf"};
-    case Format::vorbis: return {"-c:a", "libvorbis", "-b:a", kbps(96), "-f", "ogg"};
-    case Format::opus: return {"-c:a", "libopus", "-b:a", kbps(64), "-f", "opus"};
-    case Format::oggFlac: return {"-c:a", "flac", "-sample_fmt", "s16", "-f", "ogg"};
+    case Format::adts:
+        return {"-c:a", "aac", "-b:a", kbps(128), "-f", "adts"};
+    case Format::wav:
+        return {"-c:a", deep ? "pcm_s24le" : "pcm_s16le", "-f", "wav"};
+    case Format::aiff:
+        return {"-c:a", deep ? "pcm_s24be" : "pcm_s16be", "-f", "aiff"};
+    case Format::aifc:
+        return {"-c:a", "pcm_s16le", "-f", "aiff"};
+    case Format::caf:
+        return {"-c:a", deep ? "pcm_s24le" : "pcm_s16le", "-f", "caf"};
+    case Format::vorbis:
+        return {"-c:a", "libvorbis", "-b:a", kbps(96), "-f", "ogg"};
+    case Format::opus:
+        return {"-c:a", "libopus", "-b:a", kbps(64), "-f", "opus"};
+    case Format::oggFlac:
+        return {"-c:a", "flac", "-sample_fmt", "s16", "-f", "ogg"};
     }
     return {};
 }
@@ -86,7 +106,8 @@ TagLib::PropertyMap propertyMap(const Tone& t) {
     TagLib::PropertyMap map;
     for (const auto& [key, values] : t.tags) {
         TagLib::StringList list;
-        for (const auto& v : values) list.append(TagLib::String(v, TagLib::String::UTF8));
+        for (const auto& v : values)
+            list.append(TagLib::String(v, TagLib::String::UTF8));
         map.insert(TagLib::String(key, TagLib::String::UTF8), list);
     }
     return map;
@@ -128,7 +149,8 @@ TagLib::FLAC::Picture* flacPicture(const Cover& c) {
 }
 
 void addXiphPictures(TagLib::Ogg::XiphComment* tag, const Tone& t) {
-    for (const auto& c : t.covers) tag->addPicture(flacPicture(c));
+    for (const auto& c : t.covers)
+        tag->addPicture(flacPicture(c));
 }
 
 template <class File> void requireValid(const File& f, const fs::path& p) {
@@ -151,7 +173,8 @@ void writeTags(const fs::path& p, const Tone& t) {
         TagLib::FLAC::File f(p.c_str());
         requireValid(f, p);
         f.xiphComment(true)->setProperties(propertyMap(t));
-        for (const auto& c : t.covers) f.addPicture(flacPicture(c));
+        for (const auto& c : t.covers)
+            f.addPicture(flacPicture(c));
         if (!f.save()) fail();
         break;
     }
@@ -203,9 +226,15 @@ void writeTags(const fs::path& p, const Tone& t) {
         if (!f.save()) fail();
         break;
     }
-    case Format::vorbis: saveXiph<TagLib::Ogg::Vorbis::File>(p, t); break;
-    case Format::opus: saveXiph<TagLib::Ogg::Opus::File>(p, t); break;
-    case Format::oggFlac: saveXiph<TagLib::Ogg::FLAC::File>(p, t); break;
+    case Format::vorbis:
+        saveXiph<TagLib::Ogg::Vorbis::File>(p, t);
+        break;
+    case Format::opus:
+        saveXiph<TagLib::Ogg::Opus::File>(p, t);
+        break;
+    case Format::oggFlac:
+        saveXiph<TagLib::Ogg::FLAC::File>(p, t);
+        break;
     case Format::adts:
     case Format::caf:
         throw std::runtime_error("fixture format " + name(t.format) + " cannot carry tags");
@@ -217,10 +246,9 @@ std::mutex sharedMutex;
 } // namespace
 
 const std::vector<Format>& allFormats() {
-    static const std::vector<Format> all = {Format::flac, Format::mp3,    Format::aac,
-                                            Format::alac, Format::adts,   Format::wav,
-                                            Format::aiff, Format::aifc,   Format::caf,
-                                            Format::vorbis, Format::opus, Format::oggFlac};
+    static const std::vector<Format> all = {
+        Format::flac, Format::mp3,  Format::aac, Format::alac,   Format::adts, Format::wav,
+        Format::aiff, Format::aifc, Format::caf, Format::vorbis, Format::opus, Format::oggFlac};
     return all;
 }
 
@@ -236,30 +264,47 @@ const std::vector<Format>& taggableFormats() {
 
 std::string extension(Format f) {
     switch (f) {
-    case Format::flac: return "flac";
-    case Format::mp3: return "mp3";
+    case Format::flac:
+        return "flac";
+    case Format::mp3:
+        return "mp3";
     case Format::aac:
-    case Format::alac: return "m4a";
-    case Format::adts: return "aac";
-    case Format::wav: return "wav";
-    case Format::aiff: return "aiff";
-    case Format::aifc: return "aifc";
-    case Format::caf: return "caf";
-    case Format::vorbis: return "ogg";
-    case Format::opus: return "opus";
-    case Format::oggFlac: return "oga";
+    case Format::alac:
+        return "m4a";
+    case Format::adts:
+        return "aac";
+    case Format::wav:
+        return "wav";
+    case Format::aiff:
+        return "aiff";
+    case Format::aifc:
+        return "aifc";
+    case Format::caf:
+        return "caf";
+    case Format::vorbis:
+        return "ogg";
+    case Format::opus:
+        return "opus";
+    case Format::oggFlac:
+        return "oga";
     }
     return "bin";
 }
 
 std::string name(Format f) {
     switch (f) {
-    case Format::aac: return "aac";
-    case Format::alac: return "alac";
-    case Format::adts: return "adts";
-    case Format::vorbis: return "vorbis";
-    case Format::oggFlac: return "oggflac";
-    default: return extension(f);
+    case Format::aac:
+        return "aac";
+    case Format::alac:
+        return "alac";
+    case Format::adts:
+        return "adts";
+    case Format::vorbis:
+        return "vorbis";
+    case Format::oggFlac:
+        return "oggflac";
+    default:
+        return extension(f);
     }
 }
 
@@ -278,11 +323,23 @@ std::vector<uint8_t> image(const Cover& c) {
     if (auto it = cache.find(key); it != cache.end()) return it->second;
     TempDir tmp("trovan-img");
     auto out = tmp / (c.kind == ImageKind::png ? "cover.png" : "cover.jpg");
-    std::vector<std::string> argv = {
-        "ffmpeg", "-nostdin", "-v", "error", "-y", "-f", "lavfi", "-i",
-        "color=c=" + c.color + ":s=" + std::to_string(c.width) + "x" + std::to_string(c.height),
-        "-frames:v", "1", "-c:v", c.kind == ImageKind::png ? "png" : "mjpeg", "-f", "image2",
-        out.string()};
+    std::vector<std::string> argv = {"ffmpeg",
+                                     "-nostdin",
+                                     "-v",
+                                     "error",
+                                     "-y",
+                                     "-f",
+                                     "lavfi",
+                                     "-i",
+                                     "color=c=" + c.color + ":s=" + std::to_string(c.width) + "x" +
+                                         std::to_string(c.height),
+                                     "-frames:v",
+                                     "1",
+                                     "-c:v",
+                                     c.kind == ImageKind::png ? "png" : "mjpeg",
+                                     "-f",
+                                     "image2",
+                                     out.string()};
     runChecked(argv);
     return cache[key] = readAll(out);
 }
@@ -296,11 +353,23 @@ fs::path write(const fs::path& dir, const std::string& fileName, const Tone& t) 
     else
         source = "sine=frequency=" + number(t.frequency) +
                  ":sample_rate=" + std::to_string(t.sampleRate) + ":duration=" + number(t.seconds);
-    std::vector<std::string> argv = {"ffmpeg", "-nostdin", "-v",   "error", "-y",
-                                     "-f",     "lavfi",    "-i",   source,  "-ac",
-                                     std::to_string(t.channels), "-map_metadata", "-1",
-                                     "-fflags", "+bitexact"};
-    for (auto& a : encoderArgs(t)) argv.push_back(a);
+    std::vector<std::string> argv = {"ffmpeg",
+                                     "-nostdin",
+                                     "-v",
+                                     "error",
+                                     "-y",
+                                     "-f",
+                                     "lavfi",
+                                     "-i",
+                                     source,
+                                     "-ac",
+                                     std::to_string(t.channels),
+                                     "-map_metadata",
+                                     "-1",
+                                     "-fflags",
+                                     "+bitexact"};
+    for (auto& a : encoderArgs(t))
+        argv.push_back(a);
     argv.push_back(out.string());
     runChecked(argv);
     writeTags(out, t);
@@ -311,7 +380,8 @@ fs::path writeBroken(const fs::path& dir, const std::string& fileName, Broken ki
     auto out = dir / fileName;
     std::vector<uint8_t> bytes;
     switch (kind) {
-    case Broken::zeroBytes: break;
+    case Broken::zeroBytes:
+        break;
     case Broken::truncated: {
         TempDir tmp("trovan-broken");
         Tone t;
@@ -335,7 +405,8 @@ fs::path writeBroken(const fs::path& dir, const std::string& fileName, Broken ki
     }
     }
     std::ofstream f(out, std::ios::binary | std::ios::trunc);
-    f.write(reinterpret_cast<const char*>(bytes.data()), static_cast<std::streamsize>(bytes.size()));
+    f.write(reinterpret_cast<const char*>(bytes.data()),
+            static_cast<std::streamsize>(bytes.size()));
     if (!f) throw std::runtime_error("cannot write " + out.string());
     return out;
 }
@@ -358,12 +429,13 @@ std::string describe(const std::string& fileName, const Tone& t) {
       << '|' << t.channels << '|' << t.bitDepth << '|' << t.bitrateKbps;
     for (const auto& [k, vs] : t.tags) {
         s << "|T" << k.size() << ':' << k;
-        for (const auto& v : vs) s << ',' << v.size() << ':' << v;
+        for (const auto& v : vs)
+            s << ',' << v.size() << ':' << v;
     }
     for (const auto& c : t.covers)
-        s << "|C" << static_cast<int>(c.kind) << ',' << c.width << 'x' << c.height << ','
-          << c.color << ',' << (c.mimeType ? "m" + *c.mimeType : "-") << ',' << c.pictureType
-          << ',' << c.description;
+        s << "|C" << static_cast<int>(c.kind) << ',' << c.width << 'x' << c.height << ',' << c.color
+          << ',' << (c.mimeType ? "m" + *c.mimeType : "-") << ',' << c.pictureType << ','
+          << c.description;
     return s.str();
 }
 
@@ -398,7 +470,9 @@ fs::path copyTo(const fs::path& file, const fs::path& dir, const std::string& ne
 
 namespace {
 
-std::vector<uint8_t> toBytes(const TagLib::ByteVector& v) { return {v.begin(), v.end()}; }
+std::vector<uint8_t> toBytes(const TagLib::ByteVector& v) {
+    return {v.begin(), v.end()};
+}
 
 void collectId3(const TagLib::ID3v2::Tag* tag, std::vector<StoredPicture>& out) {
     if (!tag) return;
@@ -408,7 +482,8 @@ void collectId3(const TagLib::ID3v2::Tag* tag, std::vector<StoredPicture>& out) 
                            apic->description().to8Bit(true), toBytes(apic->picture())});
 }
 
-void collectFlac(const TagLib::List<TagLib::FLAC::Picture*>& list, std::vector<StoredPicture>& out) {
+void collectFlac(const TagLib::List<TagLib::FLAC::Picture*>& list,
+                 std::vector<StoredPicture>& out) {
     for (auto* p : list)
         out.push_back({p->mimeType().to8Bit(true), static_cast<int>(p->type()),
                        p->description().to8Bit(true), toBytes(p->data())});
@@ -419,7 +494,8 @@ void collectFlac(const TagLib::List<TagLib::FLAC::Picture*>& list, std::vector<S
 std::vector<StoredPicture> storedPictures(const fs::path& p) {
     std::vector<StoredPicture> out;
     auto ext = p.extension().string();
-    for (auto& c : ext) c = static_cast<char>(std::tolower(static_cast<unsigned char>(c)));
+    for (auto& c : ext)
+        c = static_cast<char>(std::tolower(static_cast<unsigned char>(c)));
     auto open = [&](auto& f) {
         if (!f.isValid()) throw std::runtime_error("TagLib cannot open " + p.string());
     };

@@ -60,9 +60,9 @@ struct Cover {
     ImageKind kind = ImageKind::jpeg;
     int width = 16;
     int height = 16;
-    std::string color = "red";         // any ffmpeg colour name or 0xRRGGBB
+    std::string color = "red";           // any ffmpeg colour name or 0xRRGGBB
     std::optional<std::string> mimeType; // default: from kind; "" stores no MIME type
-    int pictureType = 3;               // ID3v2/FLAC picture type; 3 = front cover
+    int pictureType = 3;                 // ID3v2/FLAC picture type; 3 = front cover
     std::string description;
 };
 
@@ -70,13 +70,13 @@ enum class Wave { sine, noise };
 
 struct Tone {
     Format format = Format::flac;
-    Wave wave = Wave::sine;  // noise defeats lossless compression (high ALAC bitrates)
-    double frequency = 440;  // Hz, for sine
+    Wave wave = Wave::sine; // noise defeats lossless compression (high ALAC bitrates)
+    double frequency = 440; // Hz, for sine
     double seconds = 1.0;
     int sampleRate = 44100;
     int channels = 2;
-    int bitDepth = 16;       // flac, alac, wav, aiff, caf: 16 or 24
-    int bitrateKbps = 0;     // lossy formats; 0 = default
+    int bitDepth = 16;   // flac, alac, wav, aiff, caf: 16 or 24
+    int bitrateKbps = 0; // lossy formats; 0 = default
     // Property keys as TagLib names them ("TITLE", "ARTIST", "ALBUMARTIST", "DATE",
     // "TRACKNUMBER", ...); several values make a multi-valued tag.
     std::map<std::string, std::vector<std::string>> tags;

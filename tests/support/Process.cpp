@@ -29,7 +29,8 @@ ProcessResult runProcess(const std::vector<std::string>& argv) {
     posix_spawn_file_actions_adddup2(&actions, err[1], 2);
 
     std::vector<char*> args;
-    for (const auto& a : argv) args.push_back(const_cast<char*>(a.c_str()));
+    for (const auto& a : argv)
+        args.push_back(const_cast<char*>(a.c_str()));
     args.push_back(nullptr);
     pid_t pid = -1;
     int rc = posix_spawnp(&pid, args[0], &actions, nullptr, args.data(), environ);

@@ -14,7 +14,9 @@ public:
     TempDir& operator=(const TempDir&) = delete;
 
     const std::filesystem::path& path() const { return path_; }
-    std::filesystem::path operator/(const std::filesystem::path& name) const { return path_ / name; }
+    std::filesystem::path operator/(const std::filesystem::path& name) const {
+        return path_ / name;
+    }
     // Creates (with parents) and returns a sub-folder.
     std::filesystem::path subdir(const std::filesystem::path& name) const;
 

@@ -1,0 +1,71 @@
+#include "library/AppPaths.h"
+
+#include <cerrno>
+#include <cstdlib>
+#include <fcntl.h>
+#include <pwd.h>
+#include <sys/stat.h>
+#include <unistd.h>
+#include <vector>
+
+namespace trovan {
+
+namespace {
+
+std::filesystem::path home() {
+    if (const char* h = std::getenv("HOME"); h && *h) return h;
+    if (const passwd* pw = getpwuid(getuid()); pw && pw->pw_dir) return pw->pw_dir;
+    return "/tmp";
+}
+
+bool writeAll(int fd, std::string_view bytes) {
+    while (!bytes.empty()) {
+        auto n = ::write(fd, bytes.data(), bytes.size());
+        if (n < 0) {
+            if (errno == EINTR) continue;
+            return false;
+        }
+        bytes.remove_prefix(static_cast<std::size_t>(n));
+    }
+    return true;
+}
+
+} // namespace
+
+std::filesystem::path AppPaths::support() {
+    if (const char* t = std::getenv("TROVAN_HOME"); t && *t) return t;
+    if (const char* x = std::getenv("XDG_DATA_HOME"); x && *x)
+        return std::filesystem::path(x) / "Trovan";
+    return home() / ".local" / "share" / "Trovan";
+}
+
+bool AppPaths::writeAtomically(const std::filesystem::path& target, std::string_view bytes) {
+    std::error_code ec;
+    auto folder = target.has_parent_path() ? target.parent_path() : std::filesystem::path(".");
+    std::filesystem::create_directories(folder, ec);
+    if (ec) return false;
+
+    std::string pattern = (folder / ("." + target.filename().string() + ".XXXXXX")).string();
+    std::vector<char> name(pattern.begin(), pattern.end());
+    name.push_back('\0');
+    int fd = mkstemp(name.data());
+    if (fd < 0) return false;
+    // mkstemp makes the file private; keep the mode the target had, or the usual one.
+    mode_t mode = 0644;
+    if (struct stat st{}; ::stat(target.c_str(), &st) == 0) mode = st.st_mode & 07777;
+    bool ok = writeAll(fd, bytes) && fchmod(fd, mode) == 0 && fsync(fd) == 0;
+    ok = (::close(fd) == 0) && ok;
+    if (ok && ::rename(name.data(), target.c_str()) == 0) {
+        // Make the rename itself durable.
+        int dirFd = ::open(folder.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC);
+        if (dirFd >= 0) {
+            fsync(dirFd);
+            ::close(dirFd);
+        }
+        return true;
+    }
+    ::unlink(name.data());
+    return false;
+}
+
+} // namespace trovan

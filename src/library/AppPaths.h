@@ -1,0 +1,24 @@
+#pragma once
+// Where the program keeps its data, and the one way it writes files that must never be
+// left half-written.
+
+#include <filesystem>
+#include <string_view>
+
+namespace trovan {
+
+class AppPaths {
+public:
+    // TROVAN_HOME when set (non-empty), else $XDG_DATA_HOME/Trovan, else
+    // ~/.local/share/Trovan. Not created here.
+    static std::filesystem::path support();
+    static std::filesystem::path libraryFile() { return support() / "library.sqlite"; }
+    static std::filesystem::path configFile() { return support() / "config.json"; }
+
+    // Writes `bytes` to a temporary file next to `target`, flushes it to disk and renames
+    // it over the target, creating missing parent folders first. On failure the target
+    // is untouched, the temporary file is removed and false is returned.
+    static bool writeAtomically(const std::filesystem::path& target, std::string_view bytes);
+};
+
+} // namespace trovan

@@ -1,0 +1,59 @@
+#pragma once
+// Brings the store in line with the music folders: walks the roots, rereads only the
+// audio files whose stamp changed (on one worker per available core) and writes the
+// new records and the removals in one batch. Stateless; run it off the main thread.
+
+#include "library/FileStamp.h"
+#include "library/Track.h"
+
+#include <cstdint>
+#include <functional>
+#include <string>
+#include <unordered_map>
+#include <vector>
+
+namespace trovan {
+
+class LibraryStore;
+
+struct IndexSummary {
+    int64_t fileCount = 0;    // audio files found under the roots that exist
+    int64_t readCount = 0;    // files reread and stored
+    int64_t removedCount = 0; // cached paths removed
+
+    bool operator==(const IndexSummary&) const = default;
+};
+
+class Indexer {
+public:
+    // (done, total); called from worker threads, possibly concurrently, every 64 files
+    // and once more at the end.
+    using Progress = std::function<void(int64_t done, int64_t total)>;
+
+    struct ScanResult {
+        std::unordered_map<std::string, FileStamp> found; // absolute path to stamp
+        std::vector<std::string> missingRoots;            // roots that are not usable folders
+    };
+
+    // Scans, reads what changed (everything with `force`) and applies it to the store.
+    // Tracks under a root that is currently missing stay in the store. Never throws
+    // for file-system trouble.
+    static IndexSummary run(const std::vector<std::string>& roots, LibraryStore& store, bool force,
+                            const Progress& progress = {});
+
+    // Walks every root: hidden entries (names starting with ".") are skipped and not
+    // descended into, symbolic links are not followed (except a root that is one), and
+    // only regular files with an audio extension are kept. Each kept file is stat'ed once.
+    static ScanResult scan(const std::vector<std::string>& roots);
+
+    // Reads the files on `workers` threads (0: one per available core), interleaving
+    // the paths among them. Failed reads are dropped. The order of the result carries
+    // no meaning.
+    static std::vector<Track> read(const std::vector<std::string>& paths,
+                                   const Progress& progress = {}, int workers = 0);
+
+    // Number of processors this process may run on (at least 1).
+    static int activeCores();
+};
+
+} // namespace trovan

@@ -1,0 +1,190 @@
+#include "library/LibraryStore.h"
+
+#include <sqlite3.h>
+
+#include <variant>
+
+namespace trovan {
+
+namespace {
+
+constexpr const char* kSetup = "PRAGMA journal_mode=WAL; PRAGMA synchronous=NORMAL;";
+constexpr const char* kVersion = "PRAGMA user_version";
+constexpr const char* kLoadAll =
+    "SELECT path, mtime, size, title, artist, album_artist, album, genre, year, track, disc, "
+    "duration_ms, codec, sample_rate, bitrate, channels FROM tracks";
+constexpr const char* kStamps = "SELECT path, mtime, size FROM tracks";
+constexpr const char* kUpsertPrefix =
+    "INSERT OR REPLACE INTO tracks(path, mtime, size, title, artist, album_artist, album, genre, "
+    "year, track, disc, duration_ms, codec, sample_rate, bitrate, channels) VALUES(";
+constexpr const char* kDelete = "DELETE FROM tracks WHERE path = ?";
+
+struct Finalizer {
+    void operator()(sqlite3_stmt* s) const { sqlite3_finalize(s); }
+};
+using Statement = std::unique_ptr<sqlite3_stmt, Finalizer>;
+
+// The statements are fixed text; failing to prepare one means the database is damaged.
+Statement prepare(sqlite3* db, const std::string& sql) {
+    sqlite3_stmt* raw = nullptr;
+    if (sqlite3_prepare_v2(db, sql.c_str(), -1, &raw, nullptr) != SQLITE_OK) {
+        sqlite3_finalize(raw);
+        throw std::runtime_error("SQLite cannot prepare \"" + sql + "\": " + sqlite3_errmsg(db));
+    }
+    return Statement(raw);
+}
+
+std::string text(sqlite3_stmt* s, int column) {
+    auto* p = reinterpret_cast<const char*>(sqlite3_column_text(s, column));
+    if (!p) return {};
+    return std::string(p, static_cast<std::size_t>(sqlite3_column_bytes(s, column)));
+}
+
+using Value = std::variant<const std::string*, int64_t, double>;
+
+void bind(sqlite3_stmt* s, std::initializer_list<Value> values) {
+    int index = 1;
+    for (const auto& v : values) {
+        if (auto* str = std::get_if<const std::string*>(&v))
+            sqlite3_bind_text(s, index, (*str)->c_str(), -1, SQLITE_TRANSIENT);
+        else if (auto* i = std::get_if<int64_t>(&v))
+            sqlite3_bind_int64(s, index, *i);
+        else
+            sqlite3_bind_double(s, index, std::get<double>(v));
+        ++index;
+    }
+}
+
+} // namespace
+
+LibraryStoreError::LibraryStoreError(Kind kind, std::string message)
+    : std::runtime_error("open(\"" + message + "\")"), kind_(kind), message_(std::move(message)) {}
+
+void LibraryStore::Closer::operator()(sqlite3* db) const {
+    sqlite3_close_v2(db);
+}
+
+std::string LibraryStore::schemaScript(int version) {
+    return "DROP TABLE IF EXISTS tracks;\n"
+           "CREATE TABLE tracks(\n"
+           "    path TEXT PRIMARY KEY, mtime REAL NOT NULL, size INTEGER NOT NULL,\n"
+           "    title TEXT, artist TEXT, album_artist TEXT, album TEXT, genre TEXT,\n"
+           "    year INTEGER, track INTEGER, disc INTEGER, duration_ms INTEGER,\n"
+           "    codec TEXT, sample_rate INTEGER, bitrate INTEGER, channels INTEGER\n"
+           ") WITHOUT ROWID;\n"
+           "PRAGMA user_version = " +
+           std::to_string(version) + ";";
+}
+
+LibraryStore::LibraryStore(const std::filesystem::path& url) {
+    if (url.has_parent_path()) std::filesystem::create_directories(url.parent_path());
+
+    sqlite3* raw = nullptr;
+    int rc =
+        sqlite3_open_v2(url.c_str(), &raw,
+                        SQLITE_OPEN_READWRITE | SQLITE_OPEN_CREATE | SQLITE_OPEN_NOMUTEX, nullptr);
+    db_.reset(raw);
+    if (rc != SQLITE_OK)
+        throw LibraryStoreError(LibraryStoreError::Kind::open,
+                                raw ? sqlite3_errmsg(raw) : url.string());
+
+    sqlite3_exec(db_.get(), kSetup, nullptr, nullptr, nullptr);
+
+    // SQLite opens any file lazily; the version read is the first real look at it, so a
+    // file that is not a database (or is damaged) fails here, as an open failure.
+    sqlite3_stmt* rawVersion = nullptr;
+    rc = sqlite3_prepare_v2(db_.get(), kVersion, -1, &rawVersion, nullptr);
+    Statement version(rawVersion);
+    int stepped = rc == SQLITE_OK ? sqlite3_step(version.get()) : rc;
+    if (stepped != SQLITE_ROW && stepped != SQLITE_DONE)
+        throw LibraryStoreError(LibraryStoreError::Kind::open, sqlite3_errmsg(db_.get()));
+    int64_t current = stepped == SQLITE_ROW ? sqlite3_column_int64(version.get(), 0) : 0;
+    version.reset();
+    if (stepped == SQLITE_ROW && current == kSchemaVersion) return;
+    // Any other version: the cache is thrown away whole and rebuilt by the next scan.
+    sqlite3_exec(db_.get(), schemaScript(kSchemaVersion).c_str(), nullptr, nullptr, nullptr);
+}
+
+LibraryStore::~LibraryStore() = default;
+
+std::vector<Track> LibraryStore::loadAll() {
+    std::lock_guard lock(mutex_);
+    auto s = prepare(db_.get(), kLoadAll);
+    std::vector<Track> tracks;
+    while (sqlite3_step(s.get()) == SQLITE_ROW) {
+        auto* st = s.get();
+        Track t;
+        t.path = text(st, 0);
+        t.mtime = sqlite3_column_double(st, 1);
+        t.size = sqlite3_column_int64(st, 2);
+        t.title = text(st, 3);
+        t.artist = text(st, 4);
+        t.albumArtist = text(st, 5);
+        t.album = text(st, 6);
+        t.genre = text(st, 7);
+        t.year = sqlite3_column_int64(st, 8);
+        t.trackNumber = sqlite3_column_int64(st, 9);
+        t.discNumber = sqlite3_column_int64(st, 10);
+        t.durationMs = sqlite3_column_int64(st, 11);
+        t.codec = text(st, 12);
+        t.sampleRate = sqlite3_column_int64(st, 13);
+        t.bitrate = sqlite3_column_int64(st, 14);
+        t.channels = sqlite3_column_int64(st, 15);
+        tracks.push_back(std::move(t));
+    }
+    return tracks;
+}
+
+std::unordered_map<std::string, FileStamp> LibraryStore::stamps() {
+    std::lock_guard lock(mutex_);
+    auto s = prepare(db_.get(), kStamps);
+    std::unordered_map<std::string, FileStamp> out;
+    while (sqlite3_step(s.get()) == SQLITE_ROW)
+        out[text(s.get(), 0)] =
+            FileStamp{sqlite3_column_double(s.get(), 1), sqlite3_column_int64(s.get(), 2)};
+    return out;
+}
+
+void LibraryStore::apply(const std::vector<Track>& upserts,
+                         const std::vector<std::string>& deletions) {
+    std::lock_guard lock(mutex_);
+    sqlite3* db = db_.get();
+    sqlite3_exec(db, "BEGIN", nullptr, nullptr, nullptr);
+    try {
+        write(upserts, deletions);
+    } catch (...) {
+        sqlite3_exec(db, "ROLLBACK", nullptr, nullptr, nullptr);
+        throw;
+    }
+    sqlite3_exec(db, "COMMIT", nullptr, nullptr, nullptr);
+}
+
+void LibraryStore::write(const std::vector<Track>& upserts,
+                         const std::vector<std::string>& deletions) {
+    sqlite3* db = db_.get();
+    if (!upserts.empty()) {
+        std::string sql = kUpsertPrefix;
+        for (int i = 0; i < 16; ++i)
+            sql += i ? ",?" : "?";
+        sql += ")";
+        auto s = prepare(db, sql);
+        for (const auto& t : upserts) {
+            bind(s.get(), {&t.path, t.mtime, int64_t{t.size}, &t.title, &t.artist, &t.albumArtist,
+                           &t.album, &t.genre, int64_t{t.year}, int64_t{t.trackNumber},
+                           int64_t{t.discNumber}, int64_t{t.durationMs}, &t.codec,
+                           int64_t{t.sampleRate}, int64_t{t.bitrate}, int64_t{t.channels}});
+            sqlite3_step(s.get());
+            sqlite3_reset(s.get());
+        }
+    }
+    if (!deletions.empty()) {
+        auto s = prepare(db, kDelete);
+        for (const auto& path : deletions) {
+            bind(s.get(), {&path});
+            sqlite3_step(s.get());
+            sqlite3_reset(s.get());
+        }
+    }
+}
+
+} // namespace trovan

@@ -1,0 +1,69 @@
+#pragma once
+// The persistent cache of Track records: one SQLite database (library.sqlite) with one
+// table keyed by path. Every operation is serialised on the store's one connection, so
+// the controller and a background scan may call it from different threads.
+
+#include "library/FileStamp.h"
+#include "library/Track.h"
+
+#include <filesystem>
+#include <memory>
+#include <mutex>
+#include <stdexcept>
+#include <string>
+#include <unordered_map>
+#include <vector>
+
+struct sqlite3;
+
+namespace trovan {
+
+// The database could not be opened. what() is the error's textual form,
+// `open("<SQLite's message>")`; message() is SQLite's message alone.
+class LibraryStoreError : public std::runtime_error {
+public:
+    enum class Kind { open };
+    LibraryStoreError(Kind kind, std::string message);
+    Kind kind() const { return kind_; }
+    const std::string& message() const { return message_; }
+
+private:
+    Kind kind_;
+    std::string message_;
+};
+
+class LibraryStore {
+public:
+    static constexpr int kSchemaVersion = 1;
+
+    // Opens or creates the database at `url`, creating its folder. Throws
+    // std::filesystem::filesystem_error when the folder cannot be created and
+    // LibraryStoreError when SQLite cannot open the file or it is not a database.
+    // A cache of another schema version is dropped and recreated empty.
+    explicit LibraryStore(const std::filesystem::path& url);
+    ~LibraryStore();
+    LibraryStore(const LibraryStore&) = delete;
+    LibraryStore& operator=(const LibraryStore&) = delete;
+
+    // Every cached track, in no particular order.
+    std::vector<Track> loadAll();
+    // Path to stamp of every cached track.
+    std::unordered_map<std::string, FileStamp> stamps();
+    // One transaction: insert or replace every upsert (in order), then delete every
+    // path in deletions. A row that fails to write is skipped; the rest commits.
+    void apply(const std::vector<Track>& upserts, const std::vector<std::string>& deletions);
+
+    // The schema script for a version: drops and recreates the table.
+    static std::string schemaScript(int version);
+
+private:
+    void write(const std::vector<Track>& upserts, const std::vector<std::string>& deletions);
+
+    struct Closer {
+        void operator()(sqlite3* db) const;
+    };
+    std::mutex mutex_;
+    std::unique_ptr<sqlite3, Closer> db_;
+};
+
+} // namespace trovan

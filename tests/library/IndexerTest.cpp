@@ -1,0 +1,206 @@
+#include "library/Indexer.h"
+#include "library/LibraryStore.h"
+#include "support/Fixtures.h"
+
+#include <gtest/gtest.h>
+
+#include <algorithm>
+#include <fcntl.h>
+#include <fstream>
+#include <mutex>
+#include <set>
+#include <sys/stat.h>
+#include <unistd.h>
+
+using namespace trovan;
+namespace fx = trovan::fixtures;
+namespace fs = std::filesystem;
+
+namespace {
+
+// A short real file, generated once and copied wherever a test needs audio.
+fs::path smallMp3() {
+    fx::Tone tone;
+    tone.format = fx::Format::mp3;
+    tone.seconds = 0.2;
+    tone.channels = 1;
+    tone.tags = {{"TITLE", {"Pequeña"}}};
+    return fx::cached("small.mp3", tone);
+}
+
+fs::path put(const fs::path& dir, const std::string& rel) {
+    fs::create_directories((dir / rel).parent_path());
+    return fx::copyTo(smallMp3(), (dir / rel).parent_path(), (dir / rel).filename().string());
+}
+
+std::set<std::string> keys(const std::unordered_map<std::string, FileStamp>& m) {
+    std::set<std::string> out;
+    for (const auto& [k, v] : m)
+        out.insert(k);
+    return out;
+}
+
+std::set<std::string> paths(LibraryStore& store) {
+    std::set<std::string> out;
+    for (const auto& t : store.loadAll())
+        out.insert(t.path);
+    return out;
+}
+
+void setMtime(const fs::path& p, time_t seconds, long nanos) {
+    timespec times[2] = {{seconds, nanos}, {seconds, nanos}};
+    ASSERT_EQ(utimensat(AT_FDCWD, p.c_str(), times, 0), 0);
+}
+
+} // namespace
+
+TEST(Indexer, ScanFindsOnlyVisibleRegularAudioFiles) {
+    if (!fx::available()) GTEST_SKIP() << "ffmpeg missing";
+    fx::TempDir dir;
+    auto music = dir.subdir("music");
+    auto root = music.string();
+    put(music, "a/1.flac");
+    put(music, "a/B.FLAC");
+    put(music, "a/sub/deep/2.mp3");
+    put(music, "a/.x.mp3");           // hidden file
+    put(music, ".git/3.mp3");         // hidden folder
+    put(music, "Álbum/\xff\xfe.mp3"); // not UTF-8
+    { std::ofstream(music / "notes.txt") << "x"; }
+    { std::ofstream(music / "mp3") << "x"; }
+    fs::create_symlink(music / "a" / "1.flac", music / "link.flac");
+    fs::create_directory_symlink(music / "a", music / "linkdir");
+    ASSERT_EQ(mkfifo((music / "pipe.mp3").c_str(), 0644), 0);
+    fs::create_directories(music / "empty");
+
+    auto result = Indexer::scan({root});
+    EXPECT_TRUE(result.missingRoots.empty());
+    EXPECT_EQ(keys(result.found),
+              (std::set<std::string>{root + "/a/1.flac", root + "/a/B.FLAC",
+                                     root + "/a/sub/deep/2.mp3", root + "/Álbum/\xff\xfe.mp3"}));
+    struct stat st {};
+    ASSERT_EQ(stat((music / "a/1.flac").c_str(), &st), 0);
+    EXPECT_EQ(result.found.at(root + "/a/1.flac"),
+              (FileStamp{FileStamp::seconds(st.st_mtim), static_cast<int64_t>(st.st_size)}));
+
+    // A root that is a link to a folder is walked; a file, a missing path are missing.
+    fs::create_directory_symlink(music, dir / "rootlink");
+    { std::ofstream(dir / "file") << "x"; }
+    auto more = Indexer::scan(
+        {(dir / "rootlink").string(), (dir / "file").string(), (dir / "nowhere").string()});
+    EXPECT_EQ(more.found.size(), 4u);
+    EXPECT_TRUE(more.found.contains((dir / "rootlink").string() + "/a/1.flac"));
+    EXPECT_EQ(more.missingRoots,
+              (std::vector<std::string>{(dir / "file").string(), (dir / "nowhere").string()}));
+
+    EXPECT_TRUE(Indexer::scan({}).found.empty());
+}
+
+TEST(Indexer, RunKeepsTheStoreInStepWithTheDisk) {
+    if (!fx::available()) GTEST_SKIP() << "ffmpeg missing";
+    fx::TempDir dir;
+    auto music = dir.subdir("music");
+    auto other = dir.subdir("other");
+    const std::vector<std::string> roots = {music.string(), other.string()};
+    for (auto rel : {"a/1.mp3", "a/2.mp3", "b/3.mp3"})
+        put(music, rel);
+    put(other, "x.mp3");
+    LibraryStore store(dir / "data" / "library.sqlite");
+
+    EXPECT_EQ(Indexer::run(roots, store, false), (IndexSummary{4, 4, 0}));
+    auto tracks = store.loadAll();
+    ASSERT_EQ(tracks.size(), 4u);
+    EXPECT_EQ(tracks[0].title, "Pequeña");
+    EXPECT_EQ(tracks[0].codec, "MP3");
+
+    // Unchanged: nothing is reread.
+    EXPECT_EQ(Indexer::run(roots, store, false), (IndexSummary{4, 0, 0}));
+
+    // A touched file, and a file whose size changes under the same time, are reread.
+    auto touched = music / "a/1.mp3";
+    setMtime(touched, 1600000000, 123456789);
+    auto grown = music / "a/2.mp3";
+    struct stat st {};
+    ASSERT_EQ(stat(grown.c_str(), &st), 0);
+    { std::ofstream(grown, std::ios::app) << "tail"; }
+    setMtime(grown, st.st_mtim.tv_sec, st.st_mtim.tv_nsec);
+    EXPECT_EQ(Indexer::run(roots, store, false), (IndexSummary{4, 2, 0}));
+    EXPECT_EQ(store.stamps().at(touched.string()).mtime, 1600000000.123456789);
+
+    // Force rereads all and still removes what is gone.
+    fs::remove(music / "b/3.mp3");
+    EXPECT_EQ(Indexer::run(roots, store, true), (IndexSummary{3, 3, 1}));
+
+    // A missing root keeps its tracks; they count neither as found nor removed.
+    fs::rename(music, dir / "moved");
+    EXPECT_EQ(Indexer::run(roots, store, false), (IndexSummary{1, 0, 0}));
+    EXPECT_EQ(paths(store).size(), 3u);
+    fs::rename(dir / "moved", music);
+    EXPECT_EQ(Indexer::run(roots, store, false), (IndexSummary{3, 0, 0}));
+
+    // No roots at all: the library empties.
+    EXPECT_EQ(Indexer::run({}, store, false), (IndexSummary{0, 0, 3}));
+    EXPECT_TRUE(store.loadAll().empty());
+}
+
+TEST(Indexer, BrokenFilesAreCountedButNotStored) {
+    if (!fx::available()) GTEST_SKIP() << "ffmpeg missing";
+    fx::TempDir dir;
+    auto music = dir.subdir("music");
+    put(music, "good.mp3");
+    int broken = 0;
+    for (auto ext : {"flac", "mp3", "m4a", "wav", "aiff", "ogg", "opus", "caf", "aac"}) {
+        fx::writeBroken(music, std::string("zero.") + ext, fx::Broken::zeroBytes);
+        fx::writeBroken(music, std::string("junk.") + ext, fx::Broken::garbage);
+        broken += 2;
+    }
+    LibraryStore store(dir / "library.sqlite");
+    // A cached record of a file that now fails to read stays as it was.
+    Track old;
+    old.path = (music / "zero.flac").string();
+    old.title = "antes";
+    store.apply({old}, {});
+
+    EXPECT_EQ(Indexer::run({music.string()}, store, false), (IndexSummary{broken + 1, 1, 0}));
+    auto stored = paths(store);
+    EXPECT_EQ(stored, (std::set<std::string>{(music / "good.mp3").string(), old.path}));
+}
+
+TEST(Indexer, ProgressEvery64FilesAndAtTheEnd) {
+    std::vector<std::string> missing;
+    for (int i = 0; i < 1000; ++i)
+        missing.push_back("/nonexistent/trovan/" + std::to_string(i) + ".mp3");
+    std::mutex m;
+    std::vector<int64_t> seen;
+    auto tracks = Indexer::read(missing, [&](int64_t done, int64_t total) {
+        EXPECT_EQ(total, 1000);
+        std::lock_guard lock(m);
+        seen.push_back(done);
+    });
+    EXPECT_TRUE(tracks.empty());
+    std::sort(seen.begin(), seen.end());
+    std::vector<int64_t> expected;
+    for (int64_t n = 64; n < 1000; n += 64)
+        expected.push_back(n);
+    expected.push_back(1000);
+    EXPECT_EQ(seen, expected);
+
+    bool called = false;
+    EXPECT_TRUE(Indexer::read({}, [&](int64_t, int64_t) { called = true; }).empty());
+    EXPECT_FALSE(called);
+    EXPECT_GE(Indexer::activeCores(), 1);
+}
+
+TEST(Indexer, WorkersShareTheFilesWithoutLosingAny) {
+    if (!fx::available()) GTEST_SKIP() << "ffmpeg missing";
+    fx::TempDir dir;
+    std::vector<std::string> files;
+    for (int i = 0; i < 10; ++i)
+        files.push_back(put(dir.path(), std::to_string(i) + ".mp3").string());
+    for (int workers : {1, 3, 16}) {
+        auto tracks = Indexer::read(files, {}, workers);
+        std::set<std::string> got;
+        for (const auto& t : tracks)
+            got.insert(t.path);
+        EXPECT_EQ(got, std::set<std::string>(files.begin(), files.end())) << workers;
+    }
+}

@@ -1,0 +1,181 @@
+#include "library/LibraryStore.h"
+#include "support/TempDir.h"
+
+#include <gtest/gtest.h>
+#include <sqlite3.h>
+
+#include <algorithm>
+#include <fstream>
+#include <thread>
+
+using namespace trovan;
+namespace fx = trovan::fixtures;
+
+namespace {
+
+Track sample(std::string path, std::string title = "T") {
+    Track t;
+    t.path = std::move(path);
+    t.mtime = 1700000000.123456789;
+    t.size = 5'000'000'000LL;
+    t.title = std::move(title);
+    t.artist = "Ñandú";
+    t.albumArtist = "ＡＢＣ";
+    t.album = "Álbum";
+    t.genre = "Jazz";
+    t.year = 1999;
+    t.trackNumber = 3;
+    t.discNumber = 2;
+    t.durationMs = 215000;
+    t.codec = "FLAC";
+    t.sampleRate = 96000;
+    t.bitrate = 2400;
+    t.channels = 6;
+    return t;
+}
+
+std::vector<Track> sorted(std::vector<Track> v) {
+    std::sort(v.begin(), v.end(), [](const Track& a, const Track& b) { return a.path < b.path; });
+    return v;
+}
+
+// Runs SQL on a database file behind the store's back.
+int64_t execRaw(const std::filesystem::path& file, const std::string& sql) {
+    sqlite3* db = nullptr;
+    EXPECT_EQ(sqlite3_open(file.c_str(), &db), SQLITE_OK);
+    EXPECT_EQ(sqlite3_exec(db, sql.c_str(), nullptr, nullptr, nullptr), SQLITE_OK)
+        << sqlite3_errmsg(db);
+    sqlite3_stmt* s = nullptr;
+    sqlite3_prepare_v2(db, "PRAGMA user_version", -1, &s, nullptr);
+    sqlite3_step(s);
+    int64_t version = sqlite3_column_int64(s, 0);
+    sqlite3_finalize(s);
+    sqlite3_close(db);
+    return version;
+}
+
+} // namespace
+
+TEST(LibraryStore, CreatesFolderAndEmptyDatabase) {
+    fx::TempDir dir;
+    auto file = dir / "a" / "b" / "library.sqlite";
+    LibraryStore store(file);
+    EXPECT_TRUE(std::filesystem::exists(file));
+    EXPECT_TRUE(store.loadAll().empty());
+    EXPECT_TRUE(store.stamps().empty());
+    EXPECT_EQ(execRaw(file, "SELECT 1"), 1);
+}
+
+TEST(LibraryStore, KeepsEveryFieldAcrossReopening) {
+    fx::TempDir dir;
+    auto file = dir / "library.sqlite";
+    std::vector<Track> tracks = {sample("/m/a.flac"), sample("/m/b.flac", "日本語"), Track{}};
+    tracks[2].path = "/m/empty.mp3";
+    tracks[2].mtime = -0.0;
+    {
+        LibraryStore store(file);
+        store.apply(tracks, {});
+        EXPECT_EQ(sorted(store.loadAll()), sorted(tracks));
+    }
+    LibraryStore store(file);
+    EXPECT_EQ(sorted(store.loadAll()), sorted(tracks));
+    auto stamps = store.stamps();
+    ASSERT_EQ(stamps.size(), 3u);
+    EXPECT_EQ(stamps.at("/m/a.flac"), (FileStamp{1700000000.123456789, 5'000'000'000LL}));
+}
+
+TEST(LibraryStore, ApplyOrderAndEdgeCases) {
+    fx::TempDir dir;
+    LibraryStore store(dir / "library.sqlite");
+    store.apply({sample("/a"), sample("/b"), sample("/c")}, {});
+
+    // The later of two records for one path wins; upserts come before deletions.
+    store.apply({sample("/a", "first"), sample("/a", "second"), sample("/d")}, {"/d", "/b", "/zz"});
+    auto all = sorted(store.loadAll());
+    ASSERT_EQ(all.size(), 2u);
+    EXPECT_EQ(all[0].path, "/a");
+    EXPECT_EQ(all[0].title, "second");
+    EXPECT_EQ(all[1].path, "/c");
+
+    store.apply({}, {});
+    EXPECT_EQ(sorted(store.loadAll()), all);
+}
+
+TEST(LibraryStore, OtherSchemaVersionsAreRebuiltEmpty) {
+    fx::TempDir dir;
+    auto v2 = dir / "v2.sqlite";
+    {
+        LibraryStore store(v2);
+        store.apply({sample("/a")}, {});
+    }
+    execRaw(v2, "PRAGMA user_version = 2");
+    {
+        LibraryStore store(v2);
+        EXPECT_TRUE(store.loadAll().empty());
+    }
+    EXPECT_EQ(execRaw(v2, "SELECT 1"), 1);
+
+    // Version 0 with an old, differently shaped table.
+    auto old = dir / "old.sqlite";
+    execRaw(old,
+            "CREATE TABLE tracks(path TEXT, whatever INTEGER); INSERT INTO tracks VALUES('/x', 1)");
+    LibraryStore store(old);
+    EXPECT_TRUE(store.loadAll().empty());
+    store.apply({sample("/y")}, {});
+    EXPECT_EQ(store.loadAll().size(), 1u);
+}
+
+TEST(LibraryStore, NullColumnsReadAsEmpty) {
+    fx::TempDir dir;
+    auto file = dir / "library.sqlite";
+    { LibraryStore store(file); }
+    execRaw(file, "INSERT INTO tracks(path, mtime, size) VALUES('/n', 1.5, 7)");
+    LibraryStore store(file);
+    auto all = store.loadAll();
+    ASSERT_EQ(all.size(), 1u);
+    Track expected;
+    expected.path = "/n";
+    expected.mtime = 1.5;
+    expected.size = 7;
+    EXPECT_EQ(all[0], expected);
+}
+
+TEST(LibraryStore, OpenFailures) {
+    fx::TempDir dir;
+    auto junk = dir / "library.sqlite";
+    {
+        std::ofstream out(junk, std::ios::binary);
+        out << std::string(4096, 'x');
+    }
+    try {
+        LibraryStore store(junk);
+        FAIL() << "a file that is not a database opened";
+    } catch (const LibraryStoreError& e) {
+        EXPECT_EQ(e.kind(), LibraryStoreError::Kind::open);
+        EXPECT_EQ(e.message(), "file is not a database");
+        EXPECT_EQ(std::string(e.what()), "open(\"file is not a database\")");
+    }
+    // The user's file is left as it was.
+    EXPECT_EQ(std::filesystem::file_size(junk), 4096u);
+
+    { std::ofstream(dir / "plain") << "x"; }
+    EXPECT_THROW(LibraryStore(dir / "plain" / "sub" / "library.sqlite"),
+                 std::filesystem::filesystem_error);
+    EXPECT_THROW(LibraryStore(dir.path()), LibraryStoreError); // a folder is not a file
+}
+
+TEST(LibraryStore, SerialisesCallsFromSeveralThreads) {
+    fx::TempDir dir;
+    LibraryStore store(dir / "library.sqlite");
+    std::vector<std::thread> threads;
+    for (int t = 0; t < 4; ++t)
+        threads.emplace_back([&, t] {
+            for (int i = 0; i < 25; ++i) {
+                store.apply({sample("/t" + std::to_string(t) + "/" + std::to_string(i))}, {});
+                (void)store.loadAll();
+            }
+        });
+    for (auto& t : threads)
+        t.join();
+    EXPECT_EQ(store.stamps().size(), 100u);
+}

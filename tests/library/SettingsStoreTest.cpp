@@ -1,0 +1,174 @@
+#include "library/SettingsStore.h"
+#include "library/AppPaths.h"
+#include "support/TempDir.h"
+
+#include <gtest/gtest.h>
+
+#include <cstdlib>
+#include <fstream>
+#include <sstream>
+
+using namespace trovan;
+namespace fx = trovan::fixtures;
+namespace fs = std::filesystem;
+
+namespace {
+
+std::string slurp(const fs::path& p) {
+    std::ifstream in(p);
+    std::ostringstream s;
+    s << in.rdbuf();
+    return s.str();
+}
+
+void spit(const fs::path& p, const std::string& text) {
+    std::ofstream(p) << text;
+}
+
+// Sets or clears an environment variable for one scope.
+class EnvVar {
+public:
+    EnvVar(const char* name, const char* value) : name_(name) {
+        if (const char* old = std::getenv(name)) old_ = old;
+        if (value)
+            setenv(name, value, 1);
+        else
+            unsetenv(name);
+    }
+    ~EnvVar() {
+        if (old_)
+            setenv(name_, old_->c_str(), 1);
+        else
+            unsetenv(name_);
+    }
+
+private:
+    const char* name_;
+    std::optional<std::string> old_;
+};
+
+} // namespace
+
+TEST(Settings, DefaultsAndPresets) {
+    Settings s;
+    EXPECT_TRUE(s.roots.empty());
+    EXPECT_FLOAT_EQ(s.volume, 0.8f);
+    EXPECT_FALSE(s.shuffle);
+    EXPECT_EQ(s.repeatMode, RepeatMode::off);
+    EXPECT_TRUE(s.eqEnabled);
+    EXPECT_EQ(s.eqPreset, "Plano");
+    EXPECT_EQ(s.eqGains, std::vector<float>(10, 0.0f));
+
+    const auto& presets = EQPreset::builtIn();
+    std::vector<std::string> names;
+    for (const auto& p : presets) {
+        names.push_back(p.name);
+        EXPECT_EQ(p.gains.size(), 10u) << p.name;
+    }
+    EXPECT_EQ(names, (std::vector<std::string>{"Plano", "Rock", "Pop", "Jazz", "Clásica",
+                                               "Electrónica", "Más graves", "Voces", "Acústica"}));
+    EXPECT_EQ(EQPreset::flat(), presets[0]);
+    EXPECT_EQ(presets[6].gains, (std::vector<float>{6, 5, 4, 2, 1, 0, 0, 0, 0, 0}));
+
+    EXPECT_EQ(nextRepeatMode(RepeatMode::off), RepeatMode::all);
+    EXPECT_EQ(nextRepeatMode(RepeatMode::all), RepeatMode::one);
+    EXPECT_EQ(nextRepeatMode(RepeatMode::one), RepeatMode::off);
+    for (auto m : {RepeatMode::off, RepeatMode::all, RepeatMode::one})
+        EXPECT_EQ(repeatModeFromString(toString(m)), m);
+    EXPECT_EQ(repeatModeFromString("ALL"), std::nullopt);
+}
+
+TEST(SettingsStore, MissingPartialAndBrokenFiles) {
+    fx::TempDir dir;
+    SettingsStore store(dir / "config.json");
+    EXPECT_EQ(store.load(), Settings{});
+
+    spit(store.url(), R"({"volume": 0.5})");
+    Settings half;
+    half.volume = 0.5f;
+    EXPECT_EQ(store.load(), half);
+
+    spit(store.url(), R"({"volume": 3.0, "unknown": [1, 2], "shuffle": null})");
+    EXPECT_FLOAT_EQ(store.load().volume, 3.0f); // taken as it is; clamped when changed
+
+    for (const char* bad :
+         {"", "not json", "[]", "{\"volume\": \"loud\"}", "{\"shuffle\": 1}",
+          "{\"repeatMode\": \"sometimes\"}", "{\"roots\": \"/music\"}", "{\"roots\": [1]}",
+          "{\"eqGains\": [1, \"a\"]}", "{\"customPresets\": [{\"name\": \"x\"}]}",
+          "{\"customPresets\": [{\"gains\": []}]}", "{\"volume\": 0.5"}) {
+        spit(store.url(), bad);
+        EXPECT_EQ(store.load(), Settings{}) << bad;
+    }
+}
+
+TEST(SettingsStore, SavesSortedIndentedJsonThatReadsBack) {
+    fx::TempDir dir;
+    SettingsStore store(dir / "nested" / "deeper" / "config.json");
+    Settings s;
+    s.roots = {"/música/uno", "/b"};
+    s.volume = 0.8f;
+    s.shuffle = true;
+    s.repeatMode = RepeatMode::one;
+    s.eqEnabled = false;
+    s.eqPreset = "Mío";
+    s.eqGains = {1.5f, -2, 0, 0, 0, 0, 0, 0, 0, 12};
+    s.customPresets = {{"Mío", {1.5f, -2, 0, 0, 0, 0, 0, 0, 0, 12}}, {"Otro", {}}};
+    ASSERT_TRUE(store.save(s));
+    EXPECT_EQ(store.load(), s);
+
+    auto text = slurp(store.url());
+    std::vector<std::size_t> at;
+    for (const char* key : {"customPresets", "eqEnabled", "eqGains", "eqPreset", "repeatMode",
+                            "roots", "shuffle", "volume"}) {
+        auto pos = text.find(std::string("\n  \"") + key + "\": ");
+        ASSERT_NE(pos, std::string::npos) << key;
+        at.push_back(pos);
+    }
+    EXPECT_TRUE(std::is_sorted(at.begin(), at.end()));
+    EXPECT_NE(text.find("\"volume\": 0.8\n"), std::string::npos) << text;
+    EXPECT_NE(text.find("\"repeatMode\": \"one\""), std::string::npos);
+
+    // Saving again replaces the file and leaves no temporary files behind.
+    s.volume = 0.25f;
+    ASSERT_TRUE(store.save(s));
+    EXPECT_FLOAT_EQ(store.load().volume, 0.25f);
+    int entries = 0;
+    for (const auto& e : fs::directory_iterator(store.url().parent_path())) {
+        (void)e;
+        ++entries;
+    }
+    EXPECT_EQ(entries, 1);
+
+    // A folder that cannot exist: the save fails quietly.
+    spit(dir / "plain", "x");
+    EXPECT_FALSE(SettingsStore(dir / "plain" / "config.json").save(s));
+}
+
+TEST(AppPaths, DataFolder) {
+    {
+        EnvVar home("TROVAN_HOME", "/tmp/x-trovan");
+        EXPECT_EQ(AppPaths::support(), fs::path("/tmp/x-trovan"));
+        EXPECT_EQ(AppPaths::configFile(), fs::path("/tmp/x-trovan/config.json"));
+        EXPECT_EQ(AppPaths::libraryFile(), fs::path("/tmp/x-trovan/library.sqlite"));
+    }
+    EnvVar noHome("TROVAN_HOME", nullptr);
+    {
+        EnvVar xdg("XDG_DATA_HOME", "/data");
+        EXPECT_EQ(AppPaths::support(), fs::path("/data/Trovan"));
+    }
+    EnvVar xdg("XDG_DATA_HOME", "");
+    EnvVar home("HOME", "/home/ana");
+    EXPECT_EQ(AppPaths::support(), fs::path("/home/ana/.local/share/Trovan"));
+}
+
+TEST(AppPaths, TrovanHomeIsCreatedByTheFirstSave) {
+    fx::TempDir dir;
+    auto folder = dir / "x";
+    EnvVar home("TROVAN_HOME", folder.c_str());
+    EXPECT_FALSE(fs::exists(folder));
+    SettingsStore store(AppPaths::configFile());
+    EXPECT_FALSE(fs::exists(folder)); // nothing is created by reading
+    EXPECT_EQ(store.load(), Settings{});
+    ASSERT_TRUE(store.save(Settings{}));
+    EXPECT_TRUE(fs::exists(folder / "config.json"));
+}
