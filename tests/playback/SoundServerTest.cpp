@@ -78,13 +78,16 @@ public:
         pidFile >> pid_;
     }
 
-    ~PulseServer() {
+    ~PulseServer() { stop(); }
+
+    void stop() {
         if (pid_ <= 0) return;
         fixtures::runProcess({"pulseaudio", "--kill"});
         if (!waitForExit(pid_, 5s)) {
             kill(pid_, SIGKILL);
             waitForExit(pid_, 2s);
         }
+        pid_ = -1;
     }
 
     bool running() const { return started_ && pid_ > 0 && kill(pid_, 0) == 0; }
@@ -336,6 +339,18 @@ TEST_F(SoundServerTest, TonesEqualizerPauseAndEndThroughPulseAudio) {
     EXPECT_NEAR(late, 0.0, 0.1);
     EXPECT_FALSE(engine.isPlaying());
     EXPECT_DOUBLE_EQ(engine.currentTime(), 2.0);
+
+    // The server goes away mid-track: playback carries on without a device.
+    engine.seek(0);
+    engine.play();
+    pump(tasks, 500ms);
+    server.stop();
+    pump(tasks, 500ms);
+    EXPECT_EQ(engine.outputKind(), "null");
+    EXPECT_TRUE(engine.isPlaying());
+    double at = engine.currentTime();
+    pump(tasks, 300ms);
+    EXPECT_GT(engine.currentTime(), at);
 }
 
 } // namespace
