@@ -155,13 +155,6 @@ bool ImageDecoder::isImage(std::span<const std::uint8_t> bytes) {
     return decode(bytes).has_value();
 }
 
-std::optional<std::pair<int, int>> ImageDecoder::size(std::span<const std::uint8_t> bytes) {
-    auto d = decode(bytes);
-    if (!d) return std::nullopt;
-    if (transposes(d->orientation)) return std::pair{d->frame->height, d->frame->width};
-    return std::pair{d->frame->width, d->frame->height};
-}
-
 std::optional<RgbImage> ImageDecoder::decodeToFill(std::span<const std::uint8_t> bytes, int width,
                                                    int height) {
     if (width < 1 || height < 1 || static_cast<std::int64_t>(width) * height > maxPixels)

@@ -22,9 +22,6 @@ public:
     // True when the bytes decode as a picture of one of the supported formats.
     static bool isImage(std::span<const std::uint8_t> bytes);
 
-    // Width and height of the picture as it is meant to be seen (orientation applied).
-    static std::optional<std::pair<int, int>> size(std::span<const std::uint8_t> bytes);
-
     // Decodes the picture, turns it upright, scales it so that it covers the whole
     // width × height target and crops the excess equally on both sides of the longer
     // axis. Absent when the bytes are not a decodable picture or the target is empty.

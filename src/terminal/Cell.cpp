@@ -25,6 +25,9 @@ Glyph::Glyph(std::string_view cluster) { assign(cluster, text::charWidth(cluster
 Glyph::Glyph(std::string_view cluster, int width) { assign(cluster, width); }
 
 void Glyph::assign(std::string_view cluster, int width) {
+    // Never send ill-formed UTF-8 to the terminal: the whole cluster becomes U+FFFD.
+    const bool ascii = cluster.size() == 1 && static_cast<unsigned char>(cluster[0]) < 0x80;
+    if (!ascii && !cluster.empty() && !text::isValidUtf8(cluster)) cluster = "\xEF\xBF\xBD";
     width_ = static_cast<std::uint8_t>(width < 0 ? 0 : (width > 2 ? 2 : width));
     if (cluster.size() <= kInline) {
         std::memcpy(bytes_, cluster.data(), cluster.size());

@@ -14,7 +14,8 @@ namespace trovan {
 // One user-perceived character held by value in 16 bytes, with its column width.
 // Clusters longer than the inline room (long emoji sequences) are interned once per
 // process, so equal glyphs always have equal bytes: comparing cells is comparing memory.
-// The empty glyph marks the right half of a double-width character.
+// The empty glyph marks the right half of a double-width character. Ill-formed UTF-8
+// is stored as U+FFFD.
 class Glyph {
 public:
     Glyph() = default;

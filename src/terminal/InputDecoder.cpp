@@ -163,6 +163,7 @@ InputDecoder::Step InputDecoder::decodeOne(std::size_t p) {
     if (b >= 1 && b <= 26) return key(Key::ctrl(static_cast<char>(b | 96)), 1);
     if (b < 32) return Step{Outcome::none, 1};
 
+    if (b < 128) return key(Key::character(std::string(1, static_cast<char>(b))), 1);
     const std::size_t n = utf8Length(b);
     if (available < n) return Step{Outcome::incomplete};
     std::string decoded = text::repairUtf8(std::string_view(pending).substr(p, n));

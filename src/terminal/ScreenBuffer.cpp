@@ -41,8 +41,9 @@ int ScreenBuffer::text(std::string_view s, int x, int y, int maxWidth, Style sty
         const int w = text::charWidth(c);
         if (w == 0) continue;
         if (used + w > limit) break;
-        const int col = x + used;
-        if (col >= 0 && col < width_) {
+        const long long at = 0LL + x + used; // x may be anywhere: no int overflow
+        if (at >= 0 && at < width_) {
+            const int col = static_cast<int>(at);
             write(Glyph(c, w), col, y, style);
             if (w == 2 && col + 1 < width_) {
                 Cell& right = cells_[index(col + 1, y)];
@@ -56,16 +57,17 @@ int ScreenBuffer::text(std::string_view s, int x, int y, int maxWidth, Style sty
         used += w;
     }
     if (total <= maxWidth) return used;
-    put(Glyph("\xE2\x80\xA6", 1), x + used, y, style);
+    const long long at = 0LL + x + used;
+    if (at >= 0 && at < width_) put(Glyph("\xE2\x80\xA6", 1), static_cast<int>(at), y, style);
     return used + 1;
 }
 
 void ScreenBuffer::fill(Rect rect, Style style, const Glyph& ch) {
     // 64-bit sums: rectangles far outside the screen must not overflow.
     const int y0 = std::max(rect.y, 0);
-    const int y1 = static_cast<int>(std::min<long long>(0LL + rect.y + rect.height, height_));
+    const int y1 = static_cast<int>(std::clamp<long long>(0LL + rect.y + rect.height, 0, height_));
     const int x0 = std::max(rect.x, 0);
-    const int x1 = static_cast<int>(std::min<long long>(0LL + rect.x + rect.width, width_));
+    const int x1 = static_cast<int>(std::clamp<long long>(0LL + rect.x + rect.width, 0, width_));
     if (x0 >= x1) return;
     for (int y = y0; y < y1; ++y) {
         std::fill(cells_.begin() + static_cast<std::ptrdiff_t>(index(x0, y)),

@@ -132,7 +132,12 @@ void LibraryView::draw(const AppState& state, const Layout& layout, ScreenBuffer
     // Where each album's block starts, so a cover can be drawn from its top even when
     // the block is scrolled partly out of view.
     std::vector<int> blockStart;
+    // Looked up once per album: building the key folds the title, which is not cheap.
+    std::vector<const CoverArt*> coverOf;
+    std::vector<bool> coverLooked;
     if (covers) {
+        coverOf.assign(artist->albums.size(), nullptr);
+        coverLooked.assign(artist->albums.size(), false);
         blockStart.assign(artist->albums.size(), -1);
         for (int i = 0; i < last; ++i)
             if (const auto* a = rows[static_cast<std::size_t>(i)].get<LibraryRow::Album>())
@@ -162,10 +167,13 @@ void LibraryView::draw(const AppState& state, const Layout& layout, ScreenBuffer
             continue;
         const int start = blockStart[static_cast<std::size_t>(*albumIndex)];
         if (start < 0 || i - start >= Layout::albumCoverRows) continue;
-        const auto& album = artist->albums[static_cast<std::size_t>(*albumIndex)];
-        auto it = state.albumCovers.find(CoverArt::albumKey(*artist, album));
-        coverRow(buffer, it == state.albumCovers.end() ? nullptr : &it->second, list.x + 1, y,
-                 i - start);
+        const auto a = static_cast<std::size_t>(*albumIndex);
+        if (!coverLooked[a]) {
+            coverLooked[a] = true;
+            auto it = state.albumCovers.find(CoverArt::albumKey(*artist, artist->albums[a]));
+            if (it != state.albumCovers.end()) coverOf[a] = &it->second;
+        }
+        coverRow(buffer, coverOf[a], list.x + 1, y, i - start);
     }
 }
 

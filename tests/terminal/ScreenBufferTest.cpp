@@ -3,6 +3,7 @@
 
 #include <gtest/gtest.h>
 
+#include <climits>
 #include <string>
 
 using namespace trovan;
@@ -101,6 +102,7 @@ TEST(ScreenBuffer, DrawingClipsToTheGrid) {
     EXPECT_EQ(b.at(1, 1).style, accent);
     b.fill(Rect{0, 0, -3, 2}, accent, "!");
     b.fill(Rect{2147483000, 2147483000, 2147483000, 2147483000}, accent, "!");
+    b.fill(Rect{-19, -2, INT_MIN, INT_MIN}, accent, "!");
     EXPECT_EQ(row(b, 0), "cdef");
 }
 
@@ -119,4 +121,9 @@ TEST(ScreenBuffer, LongClustersKeepTheirBytesAndCompareByContent) {
     y.text(std::string(family), 0, 0, 4, plain);
     EXPECT_EQ(x, y);
     EXPECT_EQ(row(x, 0), family + "_  ");
+
+    // Ill-formed bytes never reach the terminal: they are drawn as U+FFFD.
+    ScreenBuffer bad(4, 1, plain);
+    EXPECT_EQ(bad.text("a\xFF" "b", 0, 0, 4, plain), 3);
+    EXPECT_EQ(row(bad, 0), "a\xEF\xBF\xBD" "b ");
 }

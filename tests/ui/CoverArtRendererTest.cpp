@@ -124,6 +124,40 @@ TEST_F(CoverArtRendererTest, WideAndTallCoversAreCroppedEquallyOnBothSides) {
     EXPECT_EQ(hue((*square)[5]), Hue::blue);
 }
 
+TEST_F(CoverArtRendererTest, OtherFormatsAndExifOrientation) {
+    for (const char* ext : {"gif", "bmp", "webp", "tiff"}) {
+        const auto bytes = generate(std::string("red.") + ext, "-f lavfi -i color=c=0xFF0000:s=32x32 -frames:v 1");
+        if (bytes.empty()) continue; // this ffmpeg build lacks the encoder
+        const auto px = CoverArtRenderer::pixels(bytes, 4, 2);
+        ASSERT_TRUE(px) << ext;
+        EXPECT_TRUE(near((*px)[10], 255, 0, 0, 40)) << ext;
+    }
+
+    // 40 × 20, left half red, right half blue, stored "rotate 90° clockwise to view":
+    // upright it is 20 × 40 with red on top.
+    const auto jpeg = generate("sideways.jpg", "-f lavfi -i color=c=0x0000FF:s=40x20 -frames:v 1 -q:v 2 "
+                                               "-vf drawbox=x=0:y=0:w=20:h=ih:color=0xFF0000:t=fill");
+    ASSERT_GT(jpeg.size(), 4u);
+    // APP1 "Exif" segment with one IFD entry: Orientation (0x0112), SHORT, count 1, value 6.
+    std::vector<std::uint8_t> app1 = {0xFF, 0xE1, 0, 0, 'E', 'x', 'i', 'f', 0, 0,   'I', 'I', 42, 0, 8, 0, 0, 0,
+                                      1,    0,    0x12, 0x01, 3, 0, 1, 0, 0, 0, 6, 0, 0, 0, 0, 0, 0, 0};
+    app1[3] = static_cast<std::uint8_t>(app1.size() - 2);
+    std::vector<std::uint8_t> rotated(jpeg.begin(), jpeg.begin() + 2);
+    rotated.insert(rotated.end(), app1.begin(), app1.end());
+    rotated.insert(rotated.end(), jpeg.begin() + 2, jpeg.end());
+
+    const auto plain = CoverArtRenderer::pixels(jpeg, 4, 1); // 4 × 2 pixels
+    ASSERT_TRUE(plain);
+    EXPECT_EQ(hue((*plain)[0]), Hue::red);
+    EXPECT_EQ(hue((*plain)[3]), Hue::blue);
+    const auto upright = CoverArtRenderer::pixels(rotated, 2, 2); // 2 × 4 pixels
+    ASSERT_TRUE(upright);
+    EXPECT_EQ(hue((*upright)[0]), Hue::red);
+    EXPECT_EQ(hue((*upright)[1]), Hue::red);
+    EXPECT_EQ(hue((*upright)[6]), Hue::blue);
+    EXPECT_EQ(hue((*upright)[7]), Hue::blue);
+}
+
 TEST_F(CoverArtRendererTest, BytesThatAreNotAPictureGiveNothing) {
     const std::string text = "esto no es una imagen";
     EXPECT_FALSE(CoverArtRenderer::pixels({reinterpret_cast<const std::uint8_t*>(text.data()), text.size()}, 10, 5));
@@ -132,6 +166,11 @@ TEST_F(CoverArtRendererTest, BytesThatAreNotAPictureGiveNothing) {
     EXPECT_FALSE(CoverArtRenderer::pixels(png, 0, 5));
     EXPECT_FALSE(CoverArtRenderer::pixels(png, 10, 0));
     EXPECT_TRUE(CoverArtRenderer::pixels(png, 10, 5));
+    const std::vector<std::uint8_t> fakeJpeg = {0xFF, 0xD8, 0xFF, 0xE0, 0, 0, 1, 2, 3};
+    EXPECT_FALSE(CoverArtRenderer::pixels(fakeJpeg, 10, 5));
+    // Cut-off pictures must not crash; whether anything decodes is up to the codec.
+    for (std::size_t n : {png.size() / 2, std::size_t{20}, std::size_t{9}})
+        (void)CoverArtRenderer::pixels({png.data(), n}, 5, 5);
 }
 
 TEST_F(CoverArtRendererTest, ImageDataPrefersTheEmbeddedPictureThenAFolderCover) {
