@@ -6,6 +6,7 @@
 #include <filesystem>
 #include <fstream>
 #include <iterator>
+#include <random>
 #include <string>
 #include <vector>
 
@@ -197,4 +198,32 @@ TEST_F(CoverArtRendererTest, ImageDataPrefersTheEmbeddedPictureThenAFolderCover)
     fs::copy_file(dir_ / "a/Cover.JPG", dir_ / "b/folder.jpg");
     EXPECT_EQ(CoverArtRenderer::imageData((dir_ / "b/song.flac").string()), folder);
     EXPECT_FALSE(CoverArtRenderer::imageData((dir_ / "nowhere/x.flac").string()));
+}
+
+TEST_F(CoverArtRendererTest, CorruptPicturesNeverCrash) {
+    std::vector<std::vector<std::uint8_t>> seeds = {
+        generate("m.jpg", "-f lavfi -i testsrc2=s=48x32 -frames:v 1"),
+        generate("m.png", "-f lavfi -i testsrc2=s=48x32 -frames:v 1"),
+        generate("m.gif", "-f lavfi -i testsrc2=s=48x32 -frames:v 1"),
+        generate("m.bmp", "-f lavfi -i color=c=white:s=48x32 -frames:v 1 -pix_fmt monob"),
+        generate("m.tiff", "-f lavfi -i testsrc2=s=48x32 -frames:v 1 -pix_fmt gray16le"),
+        generate("m.webp", "-f lavfi -i testsrc2=s=48x32 -frames:v 1"),
+    };
+    std::mt19937 rng(7);
+    int decoded = 0;
+    for (const auto& seed : seeds) {
+        if (seed.empty()) continue;
+        decoded += CoverArtRenderer::pixels(seed, 7, 3).has_value();
+        for (int round = 0; round < 60; ++round) {
+            auto bytes = seed;
+            const int flips = 1 + static_cast<int>(rng() % 8);
+            for (int i = 0; i < flips; ++i) bytes[rng() % bytes.size()] = static_cast<std::uint8_t>(rng());
+            if (round % 5 == 0) bytes.resize(rng() % bytes.size());
+            auto px = CoverArtRenderer::pixels(bytes, 7, 3);
+            if (px) {
+                EXPECT_EQ(px->size(), 42u);
+            }
+        }
+    }
+    EXPECT_GE(decoded, 5); // the untouched pictures themselves decode
 }
