@@ -246,10 +246,10 @@ std::optional<CursorPos> Overlays::drawPrompt(const AppState& state, PromptKind 
                              palette::on(state.searchMiss ? palette::error : palette::text));
         if (right - (x + used) < 1) cursor.reset();
     } else {
-        // The bottom line of the screen, over the progress bar.
-        const int y = layout.size.height - 1;
-        const int x = layout.header.x, right = layout.header.x + layout.header.width;
-        draw::fillOver(buffer, {0, y, layout.size.width, 1}, palette::defaultStyle);
+        // The bottom line, in place of the progress bar; the cover beside it stays.
+        const Rect& line = layout.progress;
+        const int y = line.y, x = line.x, right = line.x + line.width;
+        draw::fillOver(buffer, line, palette::defaultStyle);
         const char* lead = kind == PromptKind::command ? ":" : "Ir a minuto: ";
         const int used = buffer.text(lead, x, y, right - x, palette::on(palette::accent, true));
         cursor = draw::input(buffer, state.input, x + used, y, right - (x + used),
