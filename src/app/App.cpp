@@ -4,8 +4,8 @@
 #include "text/Text.h"
 
 #include <asio/io_context.hpp>
-#include <asio/post.hpp>
 #include <asio/posix/stream_descriptor.hpp>
+#include <asio/post.hpp>
 #include <asio/signal_set.hpp>
 #include <asio/steady_timer.hpp>
 
@@ -40,8 +40,7 @@ constexpr auto kTickInterval = std::chrono::milliseconds(250);
 } // namespace
 
 struct App::Sources {
-    explicit Sources(asio::io_context& io)
-        : input(io), signals(io) {}
+    explicit Sources(asio::io_context& io) : input(io), signals(io) {}
     ~Sources() {
         // Standard input stays open for whoever runs after us.
         asio::error_code ignored;
@@ -54,7 +53,9 @@ struct App::Sources {
     std::unique_ptr<asio::steady_timer> ticker;
 };
 
-std::string_view App::usage() { return kUsage; }
+std::string_view App::usage() {
+    return kUsage;
+}
 
 bool App::wantsTruecolor(const char* colorterm) {
     std::string_view v = colorterm ? colorterm : "";
@@ -128,7 +129,8 @@ void App::readInput() {
     // End of input or any failure (the terminal went away): there is no retry.
     if (n <= 0) controller_->quit();
 
-    for (const InputEvent& event : decoder_.decode(std::string_view(buf, static_cast<std::size_t>(n)))) {
+    for (const InputEvent& event :
+         decoder_.decode(std::string_view(buf, static_cast<std::size_t>(n)))) {
         if (const auto* key = std::get_if<Key>(&event)) {
             controller_->handleKey(*key);
         } else if (const auto* mouse = std::get_if<MouseEvent>(&event)) {
@@ -140,7 +142,9 @@ void App::readInput() {
 
     // The reactor reports readiness on edges: when a read left bytes behind (a large
     // paste), read again from the queue instead of waiting for an edge that never comes.
-    struct pollfd pfd {0, POLLIN, 0};
+    struct pollfd pfd {
+        0, POLLIN, 0
+    };
     if (poll(&pfd, 1, 0) > 0) {
         asio::post(io_, [this] { readInput(); });
     } else {
@@ -210,8 +214,9 @@ App::Frame App::composeFrame(const AppController& controller) {
     const Size size = controller.size();
     Frame frame{ScreenBuffer(size.width, size.height, palette::defaultStyle), std::nullopt};
     if (size.width < kMinWidth || size.height < kMinHeight) {
-        const std::string message = "Agranda la terminal (m\xC3\xADnimo " + std::to_string(kMinWidth) +
-                                    "\xC3\x97" + std::to_string(kMinHeight) + ")";
+        const std::string message = "Agranda la terminal (m\xC3\xADnimo " +
+                                    std::to_string(kMinWidth) + "\xC3\x97" +
+                                    std::to_string(kMinHeight) + ")";
         const int x = std::max(0, (size.width - text::displayWidth(message)) / 2);
         frame.buffer.text(message, x, size.height / 2, size.width, palette::on(palette::dim));
         return frame;
