@@ -1,11 +1,13 @@
 #include "app/App.h"
 
-#include "terminal/Palette.h"
-#include "text/Text.h"
+#include "library/AppPaths.h"
+#include "library/LibraryStore.h"
+#include "library/SettingsStore.h"
+#include "ui/Screen.h"
 
 #include <asio/io_context.hpp>
-#include <asio/posix/stream_descriptor.hpp>
 #include <asio/post.hpp>
+#include <asio/posix/stream_descriptor.hpp>
 #include <asio/signal_set.hpp>
 #include <asio/steady_timer.hpp>
 
@@ -33,14 +35,13 @@ constexpr std::string_view kUsage =
     "\n"
     "Datos: ~/.local/share/Trovan (c\xC3\xA1mbialo con TROVAN_HOME)";
 
-constexpr int kMinWidth = 60;
-constexpr int kMinHeight = 16;
 constexpr auto kTickInterval = std::chrono::milliseconds(250);
 
 } // namespace
 
 struct App::Sources {
-    explicit Sources(asio::io_context& io) : input(io), signals(io) {}
+    explicit Sources(asio::io_context& io)
+        : input(io), signals(io) {}
     ~Sources() {
         // Standard input stays open for whoever runs after us.
         asio::error_code ignored;
@@ -53,9 +54,7 @@ struct App::Sources {
     std::unique_ptr<asio::steady_timer> ticker;
 };
 
-std::string_view App::usage() {
-    return kUsage;
-}
+std::string_view App::usage() { return kUsage; }
 
 bool App::wantsTruecolor(const char* colorterm) {
     std::string_view v = colorterm ? colorterm : "";
@@ -76,23 +75,43 @@ int App::main(const std::vector<std::string>& arguments) {
         return 1;
     }
 
+    std::shared_ptr<LibraryStore> store;
+    try {
+        store = std::make_shared<LibraryStore>(AppPaths::libraryFile());
+    } catch (const std::exception& e) {
+        std::fprintf(stderr, "No se pudo abrir la biblioteca: %s\n", e.what());
+        return 1;
+    }
+
     asio::io_context io;
-    App app(io);
+    App app(io, store);
     app.terminal().enter();
     app.listenToInput();
     app.listenToSignals();
+    app.controller().start(arguments);
     app.render();
     io.run();
     // The loop only runs dry if every source failed: leave as on end of input.
     app.controller().quit();
 }
 
-App::App(asio::io_context& io)
+App::App(asio::io_context& io, std::shared_ptr<LibraryStore> store)
     : io_(io), sources_(std::make_unique<Sources>(io)), mainThread_(std::this_thread::get_id()) {
     decoder_.pasteStart = "\x1b[200~";
     decoder_.pasteEnd = "\x1b[201~";
     renderer_.truecolor = wantsTruecolor(std::getenv("COLORTERM"));
-    controller_ = std::make_unique<AppController>(terminal_, Terminal::querySize());
+
+    AppController::Host host;
+    host.post = [&io](AppController::Task task) { asio::post(io, std::move(task)); };
+    host.postDelayed = [&io](std::chrono::milliseconds delay, AppController::Task task) {
+        auto timer = std::make_shared<asio::steady_timer>(io, delay);
+        timer->async_wait([timer, task = std::move(task)](const asio::error_code& ec) {
+            if (!ec) task();
+        });
+    };
+    controller_ = std::make_unique<AppController>(terminal_, Terminal::querySize(),
+                                                  SettingsStore(AppPaths::configFile()),
+                                                  std::move(store), pool_, std::move(host));
     controller_->needsRender = [this] { scheduleRender(); };
     controller_->screenInvalidated = [this] {
         renderer_.front.reset();
@@ -129,22 +148,20 @@ void App::readInput() {
     // End of input or any failure (the terminal went away): there is no retry.
     if (n <= 0) controller_->quit();
 
-    for (const InputEvent& event :
-         decoder_.decode(std::string_view(buf, static_cast<std::size_t>(n)))) {
+    for (const InputEvent& event : decoder_.decode(std::string_view(buf, static_cast<std::size_t>(n)))) {
         if (const auto* key = std::get_if<Key>(&event)) {
             controller_->handleKey(*key);
         } else if (const auto* mouse = std::get_if<MouseEvent>(&event)) {
             controller_->handleMouse(*mouse);
+        } else if (const auto* paste = std::get_if<Paste>(&event)) {
+            controller_->handlePaste(paste->text);
         }
-        // Pasted text only goes to an open prompt or form; there is none yet.
         controller_->needsRender();
     }
 
     // The reactor reports readiness on edges: when a read left bytes behind (a large
     // paste), read again from the queue instead of waiting for an edge that never comes.
-    struct pollfd pfd {
-        0, POLLIN, 0
-    };
+    struct pollfd pfd {0, POLLIN, 0};
     if (poll(&pfd, 1, 0) > 0) {
         asio::post(io_, [this] { readInput(); });
     } else {
@@ -211,19 +228,8 @@ void App::render() {
 }
 
 App::Frame App::composeFrame(const AppController& controller) {
-    const Size size = controller.size();
-    Frame frame{ScreenBuffer(size.width, size.height, palette::defaultStyle), std::nullopt};
-    if (size.width < kMinWidth || size.height < kMinHeight) {
-        const std::string message = "Agranda la terminal (m\xC3\xADnimo " +
-                                    std::to_string(kMinWidth) + "\xC3\x97" +
-                                    std::to_string(kMinHeight) + ")";
-        const int x = std::max(0, (size.width - text::displayWidth(message)) / 2);
-        frame.buffer.text(message, x, size.height / 2, size.width, palette::on(palette::dim));
-        return frame;
-    }
-    // The views draw here, in order: header, artist pane, library, player, overlays
-    // (the overlays also place the text cursor).
-    return frame;
+    return Screen::compose(controller.state(), controller.layout(), controller.elapsed(),
+                           controller.now());
 }
 
 } // namespace trovan

@@ -1,10 +1,12 @@
 #pragma once
 
 #include "app/AppController.h"
+#include "app/WorkerPool.h"
 #include "terminal/InputDecoder.h"
 #include "terminal/Renderer.h"
 #include "terminal/ScreenBuffer.h"
 #include "terminal/Terminal.h"
+#include "ui/Screen.h"
 
 #include <memory>
 #include <optional>
@@ -19,6 +21,8 @@ class io_context;
 
 namespace trovan {
 
+class LibraryStore;
+
 // The program's spine: command line, terminal check, and the single-threaded main loop
 // (terminal input, signals, the playback ticker and coalesced frames).
 class App {
@@ -26,7 +30,7 @@ public:
     // The whole program; returns the exit status (quitting exits the process directly).
     static int main(const std::vector<std::string>& arguments);
 
-    explicit App(asio::io_context& io);
+    App(asio::io_context& io, std::shared_ptr<LibraryStore> store);
     ~App();
     App(const App&) = delete;
     App& operator=(const App&) = delete;
@@ -43,10 +47,7 @@ public:
     Renderer& renderer() { return renderer_; }
     AppController& controller() { return *controller_; }
 
-    struct Frame {
-        ScreenBuffer buffer;
-        std::optional<CursorPos> cursor;
-    };
+    using Frame = trovan::Frame;
     // Draws a whole frame from the controller's state.
     static Frame composeFrame(const AppController& controller);
 
@@ -69,6 +70,7 @@ private:
     InputDecoder decoder_;
     Renderer renderer_;
     std::unique_ptr<Sources> sources_;
+    WorkerPool pool_;
     bool renderScheduled_ = false;
     std::thread::id mainThread_;
     std::unique_ptr<AppController> controller_;

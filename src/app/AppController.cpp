@@ -1,32 +1,113 @@
 #include "app/AppController.h"
 
-#include <cstdlib>
+#include "app/WorkerPool.h"
+#include "library/LibraryStore.h"
+#include "playback/AudioEngine.h"
+#include "playback/PlaybackController.h"
+
+#include <cstdio>
 
 namespace trovan {
 
-AppController::AppController(Terminal& terminal, Size size) : terminal_(terminal), size_(size) {}
+namespace {
+constexpr auto kStatusLifetime = std::chrono::milliseconds(4000);
+// Slightly after the message expires, so the frame drawn then no longer shows it.
+constexpr auto kStatusRedraw = std::chrono::milliseconds(4100);
+} // namespace
 
-void AppController::handleKey(const Key& key) {
-    const bool quitKey = (key.kind == Key::Kind::char_ && key.text == "q") ||
-                         (key.kind == Key::Kind::ctrl && key.text == "c");
-    if (quitKey) quit();
+AppController::AppController(Terminal& terminal, Size size, SettingsStore settingsStore,
+                             std::shared_ptr<LibraryStore> store, WorkerPool& pool, Host host)
+    : terminal_(terminal), settingsStore_(std::move(settingsStore)), store_(std::move(store)),
+      pool_(pool), host_(std::move(host)), state_(settingsStore_.load()), layout_(size) {
+    auto engine = std::make_unique<AudioEngine>(
+        [post = host_.post](AudioEngine::Task task) { post(std::move(task)); }, host_.outputs);
+    playback_ = std::make_unique<PlaybackController>(std::move(engine));
+    playback_->lookup = [this](const std::string& path) -> std::optional<Track> {
+        auto it = state_.index.tracksByPath.find(path);
+        if (it == state_.index.tracksByPath.end()) return std::nullopt;
+        return it->second;
+    };
+    playback_->onChange = [this] { playbackChanged(); };
+    playback_->onError = [this](const std::string& message) { report(message, true); };
+
+    const Settings& s = state_.settings;
+    playback_->setVolume(s.volume, false);
+    playback_->setShuffle(s.shuffle);
+    playback_->setRepeatMode(s.repeatMode);
+    applyEqualizer();
 }
 
-void AppController::handleMouse(const MouseEvent&) {
-    // Nothing on screen reacts to the mouse yet.
+AppController::~AppController() {
+    // Stop the engine's callbacks before the state they touch goes away.
+    playback_.reset();
 }
+
+AppController::Task AppController::guarded(Task task) {
+    return [alive = std::weak_ptr<char>(alive_), task = std::move(task)] {
+        if (alive.lock()) task();
+    };
+}
+
+void AppController::postBack(Task task) { host_.post(guarded(std::move(task))); }
+
+double AppController::elapsed() const {
+    return playback_->state().track ? playback_->engine().currentTime() : 0.0;
+}
+
+void AppController::report(const std::string& text, bool error) {
+    state_.status = StatusMessage{text, error, host_.now() + kStatusLifetime};
+    requestRender();
+    if (host_.postDelayed) host_.postDelayed(kStatusRedraw, guarded([this] { requestRender(); }));
+}
+
+void AppController::saveSettings() { settingsStore_.save(state_.settings); }
 
 void AppController::resize(Size size) {
-    size_ = size;
+    const bool hadCovers = layout_.hasCoverColumn();
+    layout_ = Layout(size);
+    if (layout_.hasCoverColumn() != hadCovers) {
+        rebuildLibraryRows();
+        if (layout_.hasCoverColumn()) loadAlbumCovers();
+    }
+    state_.artists.scrollToCursor(listHeight(Focus::artists));
+    state_.library.scrollToCursor(listHeight(Focus::library));
+    requestRender();
+}
+
+void AppController::playbackChanged() {
+    const PlaybackState& fresh = playback_->state();
+    const bool trackChanged =
+        (fresh.track ? fresh.track->path : std::string()) !=
+        (state_.playback.track ? state_.playback.track->path : std::string());
+    state_.playback = fresh;
+    if (trackChanged) {
+        if (fresh.track) {
+            loadCover(*fresh.track, false);
+        } else {
+            state_.cover.reset();
+            coverPath_.clear();
+        }
+        if (state_.lyricsVisible && lyricsFollowPlayback_) loadLyrics();
+    }
+    if (fresh.isPlaying != lastReportedPlaying_) {
+        lastReportedPlaying_ = fresh.isPlaying;
+        if (playingChanged) playingChanged(fresh.isPlaying);
+    }
     requestRender();
 }
 
 void AppController::quit() {
+    saveSettings();
+    if (playback_->engine().isPlaying()) playback_->engine().pause();
     if (terminal_.isActive) {
         restoreTerminal();
         terminal_.isActive = false;
     }
-    std::exit(0);
+    std::fflush(stdout);
+    if (host_.exit) host_.exit(0);
+    // The host's exit must not come back; background threads may still be busy, so
+    // leave without running destructors under them.
+    std::_Exit(0);
 }
 
 } // namespace trovan

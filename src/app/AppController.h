@@ -1,42 +1,189 @@
 #pragma once
+// Turns input into changes of the application state and into calls on the library,
+// playback and equalizer, and asks the main loop for frames. Everything here runs on
+// the main thread; slow work goes to the worker pool and its results come back through
+// the loop's post. The implementation is split by concern: input routing
+// (ControllerInput.cpp), navigation and selection (ControllerNavigation.cpp), library
+// flows (ControllerLibrary.cpp), playback and settings (ControllerPlayback.cpp), the
+// equalizer (ControllerEqualizer.cpp) and covers and lyrics (ControllerCovers.cpp).
 
+#include "library/LibraryIndex.h"
+#include "library/SettingsStore.h"
+#include "playback/AudioOutput.h"
+#include "state/Action.h"
+#include "state/AppState.h"
 #include "terminal/Key.h"
 #include "terminal/MouseEvent.h"
 #include "terminal/Size.h"
 #include "terminal/Terminal.h"
+#include "ui/Layout.h"
 
+#include <atomic>
+#include <chrono>
 #include <functional>
+#include <memory>
+#include <optional>
+#include <set>
+#include <string>
+#include <vector>
 
 namespace trovan {
 
-// Turns input into changes of what the screen shows and asks the main loop for frames.
-// For now it knows the terminal size and how to quit; the state, the layout and the
-// library, playback and tag flows grow here.
+class LibraryStore;
+class PlaybackController;
+class WorkerPool;
+
 class AppController {
 public:
-    AppController(Terminal& terminal, Size size);
+    using Task = std::function<void()>;
+    using Clock = StatusMessage::Clock;
+
+    // What the controller needs from the main loop; tests supply their own.
+    struct Host {
+        // Runs a task on the main thread later; callable from any thread.
+        std::function<void(Task)> post;
+        // Runs a task on the main thread after a delay (called on the main thread).
+        std::function<void(std::chrono::milliseconds, Task)> postDelayed;
+        // Wall-clock time, for status expiry and double clicks.
+        std::function<Clock::time_point()> now = [] { return Clock::now(); };
+        // Ends the process; must not return.
+        std::function<void(int)> exit;
+        // Where the audio goes (the sound server, or a silent real-time output).
+        OutputFactory outputs = systemOutputFactory();
+    };
+
+    AppController(Terminal& terminal, Size size, SettingsStore settingsStore,
+                  std::shared_ptr<LibraryStore> store, WorkerPool& pool, Host host);
+    ~AppController();
+    AppController(const AppController&) = delete;
+    AppController& operator=(const AppController&) = delete;
 
     // Installed by the main loop.
     std::function<void()> needsRender;        // schedule a frame (coalesced)
     std::function<void()> screenInvalidated;  // the next frame must be drawn in full
     std::function<void(bool)> playingChanged; // playback started or stopped
 
+    const AppState& state() const { return state_; }
+    const Layout& layout() const { return layout_; }
+    Size size() const { return layout_.size; }
+    // Playback position in seconds, for the progress bar.
+    double elapsed() const;
+    PlaybackController& playback() { return *playback_; }
+    Clock::time_point now() const { return host_.now(); }
+
+    // --- Input (ControllerInput.cpp)
     void handleKey(const Key& key);
     void handleMouse(const MouseEvent& event);
-    // A new terminal size: everything is laid out again and redrawn.
+    // Pasted text goes to the open prompt or form field; elsewhere it is dropped.
+    void handlePaste(const std::string& text);
+    void dispatch(const Action& action);
+    // A new terminal size: the layout is rebuilt and the viewports kept valid.
     void resize(Size size);
-    // Restores the terminal and ends the process with status 0.
+    // Saves the settings, pauses, restores the terminal and ends the process (status 0).
     [[noreturn]] void quit();
+    // Shows a transient message in the header for four seconds.
+    void report(const std::string& text, bool error = false);
 
-    Size size() const { return size_; }
+    // --- Navigation and selection (ControllerNavigation.cpp)
+    void moveCursor(int n);
+    void cycleFocus(int d);
+    void selectArtistRow(int row);
+    void selectLibraryRow(int row);
+    void showCursorArtist();
+    void jumpToArtist(const std::string& prefix);
+    void toggleMark();
+    void clearSelection();
+    void extendSelection(int n);
+    // Paths of the track rows among `rows`, in order.
+    static std::vector<std::string> trackPaths(const std::vector<LibraryRow>& rows);
+    std::vector<std::string> targetPathsUnderCursor() const;
+    // Marked tracks in list order, else the tracks under the cursor, else the playing one.
+    std::vector<std::string> targetPaths() const;
+
+    // --- Library flows (ControllerLibrary.cpp)
+    void start(const std::vector<std::string>& addingRoots);
+    void addRoot(const std::string& path, bool reindexing);
+    void removeRoot(const std::string& path);
+    void reindex(bool force);
+    // Loads the store into a new index off the main thread, installs it, then runs `then`.
+    void reloadLibrary(Task then = {});
+    void setLibrary(LibraryIndex index);
+    void rebuildArtistRows(const std::optional<std::string>& keepingKey);
+    void rebuildLibraryRows();
+    bool isScanning() const { return scanning_; }
+    // "~/x/../y/" becomes "/home/me/y".
+    static std::string normalizeRoot(const std::string& path);
+
+    // --- Playback and settings (ControllerPlayback.cpp)
+    void setVolume(float volume);
+    void toggleMute();
+    void toggleShuffle();
+    void cycleRepeat();
+    void seekTo(double seconds);
+    void press(PlayerButton button);
+    void movePlayerButton(int d);
+    void activate();
+    void seekFromMouse(int x, int y);
+    void saveSettings();
+
+    // --- Equalizer (ControllerEqualizer.cpp)
+    void handleEqualizerKey(const Key& key);
+    void applyPreset(const EQPreset& preset);
+    void adjustBand(float delta);
+    void savePreset(const std::string& name);
+    void choosePreset(const std::string& name);
+    void setEqualizerEnabled(bool on);
+
+    // --- Covers and lyrics (ControllerCovers.cpp)
+    void loadCover(const Track& track, bool force);
+    void loadAlbumCovers();
+    void toggleLyrics();
+    void loadLyrics();
 
 private:
     void requestRender() {
         if (needsRender) needsRender();
     }
+    // Runs `task` on the main thread unless the controller is gone by then.
+    void postBack(Task task);
+    Task guarded(Task task);
+
+    void handlePromptKey(const Key& key, PromptKind kind);
+    void handleHelpKey(const Key& key);
+    void handleRootsKey(const Key& key);
+    void openPrompt(PromptKind kind, std::string text = {});
+    void scrollLyrics(int n);
+
+    int listHeight(Focus pane) const;
+    void snapLibraryCursor();
+    void playbackChanged();
+    void applyEqualizer();
+    void runScan(bool force);
 
     Terminal& terminal_;
-    Size size_;
+    SettingsStore settingsStore_;
+    std::shared_ptr<LibraryStore> store_;
+    WorkerPool& pool_;
+    Host host_;
+    AppState state_;
+    Layout layout_;
+    std::unique_ptr<PlaybackController> playback_;
+
+    bool scanning_ = false;
+    std::optional<bool> pendingReindex_;
+    bool lastReportedPlaying_ = false;
+    std::string coverPath_;                // track whose picture is (being) loaded
+    std::shared_ptr<std::atomic<int>> albumCoverGeneration_ = std::make_shared<std::atomic<int>>(0);
+    std::set<std::string> albumCoversLoading_;
+    int lyricsGeneration_ = 0;
+    bool lyricsFollowPlayback_ = false;    // the lyrics shown are the playing track's
+    struct Click {
+        int x = 0;
+        int y = 0;
+        Clock::time_point time;
+    };
+    std::optional<Click> lastClick_;
+    std::shared_ptr<char> alive_ = std::make_shared<char>(0);
 };
 
 } // namespace trovan

@@ -45,7 +45,10 @@ bool AppPaths::writeAtomically(const std::filesystem::path& target, std::string_
     std::filesystem::create_directories(folder, ec);
     if (ec) return false;
 
-    std::string pattern = (folder / ("." + target.filename().string() + ".XXXXXX")).string();
+    std::string hidden = ".";
+    hidden += target.filename().string();
+    hidden += ".XXXXXX";
+    std::string pattern = (folder / hidden).string();
     std::vector<char> name(pattern.begin(), pattern.end());
     name.push_back('\0');
     int fd = mkstemp(name.data());

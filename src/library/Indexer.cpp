@@ -2,11 +2,14 @@
 
 #include "library/LibraryStore.h"
 
+#include <algorithm>
 #include <atomic>
 #include <cerrno>
+#include <condition_variable>
 #include <cstring>
 #include <dirent.h>
 #include <fcntl.h>
+#include <iterator>
 #include <mutex>
 #include <sched.h>
 #include <sys/stat.h>
@@ -31,50 +34,118 @@ Dir openFolder(const std::string& path, bool followLink) {
     return Dir(d);
 }
 
-// Walks one root without recursion (deep trees cannot exhaust the stack). Folders
-// come from d_type; only audio files are stat'ed, once each, relative to their folder.
-// Pending folders are kept as paths, not open handles, so wide trees cannot run out of
-// descriptors.
-void walk(const std::string& root, Dir top, std::unordered_map<std::string, FileStamp>& found) {
-    std::vector<std::string> pending; // full paths, "root/rel"
-    Dir dir = std::move(top);
-    std::string prefix = root;
-    for (;;) {
-        if (dir) {
-            int fd = dirfd(dir.get());
-            while (dirent* e = readdir(dir.get())) {
-                const char* name = e->d_name;
-                if (name[0] == '.') continue; // hidden, and "." / ".."
-                unsigned char type = e->d_type;
-                struct stat st {};
-                bool statted = false;
-                if (type == DT_UNKNOWN) {
-                    if (fstatat(fd, name, &st, AT_SYMLINK_NOFOLLOW) != 0) continue;
-                    statted = true;
-                    type = S_ISDIR(st.st_mode) ? DT_DIR : S_ISREG(st.st_mode) ? DT_REG : DT_UNKNOWN;
-                }
-                if (type == DT_DIR) {
-                    pending.push_back(prefix + "/" + name);
-                    continue;
-                }
-                if (type != DT_REG || !Track::isAudioPath(name)) continue; // links, devices...
-                if (!statted && fstatat(fd, name, &st, AT_SYMLINK_NOFOLLOW) != 0) continue;
-                if (!S_ISREG(st.st_mode)) continue; // replaced since readdir
-                std::string path;
-                path.reserve(prefix.size() + 1 + std::strlen(name));
-                path += prefix;
-                path += '/';
-                path += name;
-                found.insert_or_assign(
-                    std::move(path),
-                    FileStamp{FileStamp::seconds(st.st_mtim), static_cast<int64_t>(st.st_size)});
-            }
+using FoundList = std::vector<std::pair<std::string, FileStamp>>;
+
+// Lists one folder: audio files go to `found` (stat'ed once each, relative to the
+// folder), sub-folders to `subfolders`. Hidden entries are skipped; links are not
+// followed. Folders come from d_type, so only audio files cost a stat.
+void listFolder(DIR* dir, const std::string& prefix, FoundList& found,
+                std::vector<std::string>& subfolders) {
+    int fd = dirfd(dir);
+    while (dirent* e = readdir(dir)) {
+        const char* name = e->d_name;
+        if (name[0] == '.') continue; // hidden, and "." / ".."
+        unsigned char type = e->d_type;
+        struct stat st {};
+        bool statted = false;
+        if (type == DT_UNKNOWN) {
+            if (fstatat(fd, name, &st, AT_SYMLINK_NOFOLLOW) != 0) continue;
+            statted = true;
+            type = S_ISDIR(st.st_mode) ? DT_DIR : S_ISREG(st.st_mode) ? DT_REG : DT_UNKNOWN;
         }
-        if (pending.empty()) break;
-        prefix = std::move(pending.back());
-        pending.pop_back();
-        dir = openFolder(prefix, false); // unreadable or vanished folders are skipped
+        if (type == DT_DIR) {
+            std::string sub;
+            sub.reserve(prefix.size() + 1 + std::strlen(name));
+            sub += prefix;
+            sub += '/';
+            sub += name;
+            subfolders.push_back(std::move(sub));
+            continue;
+        }
+        if (type != DT_REG || !Track::isAudioPath(name)) continue; // links, devices...
+        if (!statted && fstatat(fd, name, &st, AT_SYMLINK_NOFOLLOW) != 0) continue;
+        if (!S_ISREG(st.st_mode)) continue; // replaced since readdir
+        std::string path;
+        path.reserve(prefix.size() + 1 + std::strlen(name));
+        path += prefix;
+        path += '/';
+        path += name;
+        found.emplace_back(std::move(path), FileStamp{FileStamp::seconds(st.st_mtim),
+                                                      static_cast<int64_t>(st.st_size)});
     }
+}
+
+// Walks the usable roots on several threads sharing one list of pending folders. Pending
+// folders are paths, not open handles, so wide trees cannot run out of descriptors, and
+// there is no recursion for deep trees to exhaust.
+struct Walk {
+    std::mutex mutex;
+    std::condition_variable wake;
+    std::vector<std::string> pending;
+    int busy = 0;
+
+    void worker(FoundList& found) {
+        std::vector<std::string> subfolders;
+        std::unique_lock lock(mutex);
+        for (;;) {
+            wake.wait(lock, [&] { return !pending.empty() || busy == 0; });
+            if (pending.empty()) return; // nothing queued and nobody can queue more
+            auto path = std::move(pending.back());
+            pending.pop_back();
+            ++busy;
+            lock.unlock();
+            subfolders.clear();
+            // Folders that cannot be read (or vanished) are skipped.
+            if (auto dir = openFolder(path, false)) listFolder(dir.get(), path, found, subfolders);
+            lock.lock();
+            for (auto& sub : subfolders)
+                pending.push_back(std::move(sub));
+            --busy;
+            if (!subfolders.empty() || busy == 0) wake.notify_all();
+        }
+    }
+};
+
+// The roots' own entries are listed here (a root may be a link to a folder); their
+// sub-folders are then walked in parallel.
+FoundList walkRoots(const std::vector<std::string>& roots, std::vector<std::string>& missingRoots) {
+    FoundList found;
+    Walk walk;
+    for (const auto& root : roots) {
+        struct stat st {};
+        Dir dir;
+        if (::stat(root.c_str(), &st) == 0 && S_ISDIR(st.st_mode)) dir = openFolder(root, true);
+        if (!dir) {
+            missingRoots.push_back(root);
+            continue;
+        }
+        listFolder(dir.get(), root, found, walk.pending);
+    }
+    int workers = std::max(1, Indexer::activeCores());
+    std::vector<FoundList> lists(static_cast<std::size_t>(workers));
+    std::vector<std::thread> threads;
+    for (int w = 1; w < workers; ++w)
+        threads.emplace_back([&, w] { walk.worker(lists[w]); });
+    walk.worker(lists[0]);
+    for (auto& t : threads)
+        t.join();
+    for (auto& list : lists) {
+        if (found.empty()) {
+            found = std::move(list);
+        } else {
+            found.reserve(found.size() + list.size());
+            std::move(list.begin(), list.end(), std::back_inserter(found));
+        }
+    }
+    return found;
+}
+
+bool underAny(std::string_view path, const std::vector<std::string>& roots) {
+    for (const auto& root : roots)
+        if (path.size() > root.size() && path.substr(0, root.size()) == root &&
+            path[root.size()] == '/')
+            return true;
+    return false;
 }
 
 } // namespace
@@ -89,20 +160,10 @@ int Indexer::activeCores() {
 
 Indexer::ScanResult Indexer::scan(const std::vector<std::string>& roots) {
     ScanResult result;
-    for (const auto& root : roots) {
-        struct stat st {};
-        // A link to a folder counts as a folder for the root itself.
-        if (::stat(root.c_str(), &st) != 0 || !S_ISDIR(st.st_mode)) {
-            result.missingRoots.push_back(root);
-            continue;
-        }
-        auto dir = openFolder(root, true);
-        if (!dir) {
-            result.missingRoots.push_back(root);
-            continue;
-        }
-        walk(root, std::move(dir), result.found);
-    }
+    auto list = walkRoots(roots, result.missingRoots);
+    result.found.reserve(list.size());
+    for (auto& [path, stamp] : list)
+        result.found.insert_or_assign(std::move(path), stamp);
     return result;
 }
 
@@ -142,32 +203,36 @@ std::vector<Track> Indexer::read(const std::vector<std::string>& paths, const Pr
 
 IndexSummary Indexer::run(const std::vector<std::string>& roots, LibraryStore& store, bool force,
                           const Progress& progress) {
-    auto [found, missingRoots] = scan(roots);
-    auto cached = store.stamps();
+    std::vector<std::string> missingRoots;
+    FoundList found = walkRoots(roots, missingRoots);
+
+    // Sorted, the found files can be matched against the cached stamps by binary search
+    // while SQLite streams them: no table of a hundred thousand cached paths is built.
+    std::sort(found.begin(), found.end(),
+              [](const auto& a, const auto& b) { return a.first < b.first; });
+    // Nested or repeated roots reach the same file twice; count and read it once.
+    found.erase(std::unique(found.begin(), found.end(),
+                            [](const auto& a, const auto& b) { return a.first == b.first; }),
+                found.end());
+
+    enum : uint8_t { notCached, unchanged, changed };
+    std::vector<uint8_t> state(found.size(), notCached);
+    std::vector<std::string> deletions;
+    store.forEachStamp([&](std::string_view path, const FileStamp& stamp) {
+        auto it =
+            std::lower_bound(found.begin(), found.end(), path,
+                             [](const auto& entry, std::string_view p) { return entry.first < p; });
+        if (it != found.end() && it->first == path) {
+            state[static_cast<std::size_t>(it - found.begin())] =
+                it->second == stamp ? unchanged : changed;
+        } else if (!underAny(path, missingRoots)) {
+            deletions.emplace_back(path);
+        }
+    });
 
     std::vector<std::string> toRead;
-    for (const auto& [path, stamp] : found) {
-        if (force || cached.empty()) {
-            toRead.push_back(path);
-            continue;
-        }
-        auto it = cached.find(path);
-        if (it == cached.end() || !(it->second == stamp)) toRead.push_back(path);
-    }
-
-    std::vector<std::string> deletions;
-    for (const auto& [path, stamp] : cached) {
-        if (found.contains(path)) continue;
-        bool underMissingRoot = false;
-        for (const auto& root : missingRoots) {
-            if (path.size() > root.size() && path.compare(0, root.size(), root) == 0 &&
-                path[root.size()] == '/') {
-                underMissingRoot = true;
-                break;
-            }
-        }
-        if (!underMissingRoot) deletions.push_back(path);
-    }
+    for (std::size_t i = 0; i < found.size(); ++i)
+        if (force || state[i] != unchanged) toRead.push_back(found[i].first);
 
     auto tracks = read(toRead, progress);
     store.apply(tracks, deletions);

@@ -5,7 +5,6 @@
 #include <algorithm>
 #include <climits>
 #include <map>
-#include <set>
 
 namespace trovan {
 
@@ -88,17 +87,28 @@ LibraryIndex::Album makeAlbum(std::vector<Track>& all, const std::vector<std::si
     LibraryIndex::Album album;
     album.title = std::string(albumTitleOf(all[members.front()]));
 
-    std::map<int64_t, std::vector<Track>> discs;
     int64_t year = 0;
-    std::set<std::string_view> codecs;
+    bool oneCodec = true, oneDisc = true;
+    const std::string& firstCodec = all[members.front()].codec;
+    const int64_t firstDisc = std::max<int64_t>(all[members.front()].discNumber, 1);
     for (auto i : members) {
         const Track& t = all[i];
         if (t.year > 0 && (year == 0 || t.year < year)) year = t.year;
-        codecs.insert(t.codec);
+        oneCodec = oneCodec && t.codec == firstCodec;
+        oneDisc = oneDisc && std::max<int64_t>(t.discNumber, 1) == firstDisc;
     }
     album.year = year;
-    if (codecs.size() == 1) album.codec = std::string(*codecs.begin());
+    if (oneCodec) album.codec = firstCodec;
 
+    if (oneDisc) { // the common case needs no grouping
+        LibraryIndex::Disc disc{firstDisc, {}};
+        disc.tracks.reserve(members.size());
+        for (auto i : members) disc.tracks.push_back(std::move(all[i]));
+        sortDisc(disc.tracks);
+        album.discs.push_back(std::move(disc));
+        return album;
+    }
+    std::map<int64_t, std::vector<Track>> discs;
     for (auto i : members) {
         auto number = std::max<int64_t>(all[i].discNumber, 1);
         discs[number].push_back(std::move(all[i]));
@@ -154,17 +164,17 @@ LibraryIndex::LibraryIndex(std::vector<Track> tracks) {
     for (auto& group : artistGroups) {
         Artist artist;
         artist.name = std::string(groupArtistOf(tracks[group.members.front()]));
-        artist.key = std::move(group.key);
+        artist.key = std::string(group.key);
         artist.letter = letterFor(artist.key);
 
-        auto albumGroups = groupBy(group.members, [&](std::size_t i) -> std::string {
+        auto albumGroups = groupBy(group.members, [&](std::size_t i) -> std::string_view {
             return fold(albumTitleOf(tracks[i]));
         });
         // Folded title travels with each album for sorting.
-        std::vector<std::pair<std::string, Album>> albums;
+        std::vector<std::pair<std::string_view, Album>> albums;
         albums.reserve(albumGroups.size());
         for (auto& ag : albumGroups)
-            albums.emplace_back(std::move(ag.key), makeAlbum(tracks, ag.members));
+            albums.emplace_back(ag.key, makeAlbum(tracks, ag.members));
         std::stable_sort(albums.begin(), albums.end(), [](const auto& a, const auto& b) {
             auto ya = a.second.year == 0 ? INT64_MAX : a.second.year;
             auto yb = b.second.year == 0 ? INT64_MAX : b.second.year;

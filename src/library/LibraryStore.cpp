@@ -111,6 +111,7 @@ std::vector<Track> LibraryStore::loadAll() {
     std::lock_guard lock(mutex_);
     auto s = prepare(db_.get(), kLoadAll);
     std::vector<Track> tracks;
+    tracks.reserve(rowsHint_);
     while (sqlite3_step(s.get()) == SQLITE_ROW) {
         auto* st = s.get();
         Track t;
@@ -132,6 +133,7 @@ std::vector<Track> LibraryStore::loadAll() {
         t.channels = sqlite3_column_int64(st, 15);
         tracks.push_back(std::move(t));
     }
+    rowsHint_ = tracks.size();
     return tracks;
 }
 
@@ -139,10 +141,25 @@ std::unordered_map<std::string, FileStamp> LibraryStore::stamps() {
     std::lock_guard lock(mutex_);
     auto s = prepare(db_.get(), kStamps);
     std::unordered_map<std::string, FileStamp> out;
+    out.reserve(rowsHint_);
     while (sqlite3_step(s.get()) == SQLITE_ROW)
-        out[text(s.get(), 0)] =
-            FileStamp{sqlite3_column_double(s.get(), 1), sqlite3_column_int64(s.get(), 2)};
+        out.insert_or_assign(text(s.get(), 0), FileStamp{sqlite3_column_double(s.get(), 1),
+                                                         sqlite3_column_int64(s.get(), 2)});
+    rowsHint_ = out.size();
     return out;
+}
+
+void LibraryStore::forEachStamp(
+    const std::function<void(std::string_view path, const FileStamp&)>& visit) {
+    std::lock_guard lock(mutex_);
+    auto s = prepare(db_.get(), kStamps);
+    while (sqlite3_step(s.get()) == SQLITE_ROW) {
+        auto* p = reinterpret_cast<const char*>(sqlite3_column_text(s.get(), 0));
+        std::string_view path =
+            p ? std::string_view(p, static_cast<std::size_t>(sqlite3_column_bytes(s.get(), 0)))
+              : std::string_view{};
+        visit(path, FileStamp{sqlite3_column_double(s.get(), 1), sqlite3_column_int64(s.get(), 2)});
+    }
 }
 
 void LibraryStore::apply(const std::vector<Track>& upserts,

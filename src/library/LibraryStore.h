@@ -7,10 +7,12 @@
 #include "library/Track.h"
 
 #include <filesystem>
+#include <functional>
 #include <memory>
 #include <mutex>
 #include <stdexcept>
 #include <string>
+#include <string_view>
 #include <unordered_map>
 #include <vector>
 
@@ -49,6 +51,10 @@ public:
     std::vector<Track> loadAll();
     // Path to stamp of every cached track.
     std::unordered_map<std::string, FileStamp> stamps();
+    // Calls `visit` with the path and stamp of every cached track, without building a
+    // table of them first (a rescan compares a hundred thousand of them). `visit` must not
+    // call back into the store.
+    void forEachStamp(const std::function<void(std::string_view path, const FileStamp&)>& visit);
     // One transaction: insert or replace every upsert (in order), then delete every
     // path in deletions. A row that fails to write is skipped; the rest commits.
     void apply(const std::vector<Track>& upserts, const std::vector<std::string>& deletions);
@@ -64,6 +70,7 @@ private:
     };
     std::mutex mutex_;
     std::unique_ptr<sqlite3, Closer> db_;
+    std::size_t rowsHint_ = 0; // row count seen last, to size results up front
 };
 
 } // namespace trovan

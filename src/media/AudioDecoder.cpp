@@ -93,7 +93,8 @@ struct AudioDecoder::Impl {
     std::size_t pendingOffset = 0;
     std::size_t pendingFrames = 0;
     int64_t nextPosition = 0; // estimate for frames without a timestamp
-    int64_t dropBefore = std::numeric_limits<int64_t>::min();
+    int64_t dropBefore = std::numeric_limits<int64_t>::min(); // by timestamp, after a seek
+    int64_t dropCount = 0;                                    // by count, after starting over
     bool flushing = false;
     bool finished = false;
     bool needsPreroll = false;
@@ -219,6 +220,12 @@ struct AudioDecoder::Impl {
         if (got <= 0) return false;
         pendingFrames = static_cast<std::size_t>(got);
         pendingOffset = 0;
+        if (dropCount > 0) {
+            int64_t drop = std::min<int64_t>(dropCount, got);
+            dropCount -= drop;
+            pendingOffset = static_cast<std::size_t>(drop);
+            return pendingOffset < pendingFrames;
+        }
         if (pos < dropBefore) {
             int64_t drop = dropBefore - pos;
             if (drop >= got) {
@@ -232,6 +239,7 @@ struct AudioDecoder::Impl {
 
     void resetDecoding() {
         avcodec_flush_buffers(codec.get());
+        dropCount = 0;
         pendingFrames = pendingOffset = 0;
         flushing = false;
         finished = false;
@@ -264,30 +272,36 @@ AudioDecoder::AudioDecoder(const std::string& path) : impl_(std::make_unique<Imp
 AudioDecoder::~AudioDecoder() = default;
 
 bool AudioDecoder::seek(int64_t frame) {
-    Impl& d = *impl_;
     frame = std::max<int64_t>(frame, 0);
-    int64_t preroll = d.needsPreroll ? d.rate / 10 : 0;
-    int64_t from = std::max<int64_t>(frame - preroll, 0);
-    int64_t ts = d.startTime + av_rescale_q(from, AVRational{1, d.rate}, d.timeBase);
-    int r = av_seek_frame(d.format.get(), d.stream, ts, AVSEEK_FLAG_BACKWARD);
-    if (r < 0) r = avformat_seek_file(d.format.get(), d.stream, INT64_MIN, ts, ts, 0);
-    if (r < 0) {
-        // Unseekable input: rewind to the start by reopening, then decode forward.
-        try {
-            auto fresh = std::make_unique<Impl>();
-            fresh->open(path_);
-            impl_ = std::move(fresh);
-        } catch (const AudioDecodeError&) {
-            impl_->finished = true;
-            position_ = frame;
-            return false;
-        }
-        impl_->nextPosition = 0;
-    } else {
-        d.resetDecoding();
-        d.nextPosition = from;
+    Impl& d = *impl_;
+    const int64_t preroll = d.needsPreroll ? d.rate / 10 : 0;
+    const int64_t from = frame - preroll;
+    int r = -1;
+    if (from > 0) {
+        int64_t ts = d.startTime + av_rescale_q(from, AVRational{1, d.rate}, d.timeBase);
+        r = av_seek_frame(d.format.get(), d.stream, ts, AVSEEK_FLAG_BACKWARD);
+        if (r < 0) r = avformat_seek_file(d.format.get(), d.stream, INT64_MIN, ts, ts, 0);
     }
-    impl_->dropBefore = frame;
+    if (r >= 0) {
+        d.resetDecoding();
+        d.nextPosition = std::max<int64_t>(from, 0);
+        d.dropBefore = frame;
+        position_ = frame;
+        return true;
+    }
+    // Near the start (decoders trim priming samples only on a fresh start, and
+    // demuxers treat a seek to the first timestamp specially), or on input that
+    // cannot seek: start over and count frames.
+    try {
+        auto fresh = std::make_unique<Impl>();
+        fresh->open(path_);
+        impl_ = std::move(fresh);
+    } catch (const AudioDecodeError&) {
+        impl_->finished = true;
+        position_ = frame;
+        return false;
+    }
+    impl_->dropCount = frame;
     position_ = frame;
     return true;
 }

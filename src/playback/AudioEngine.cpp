@@ -22,7 +22,10 @@ constexpr double ringSeconds = 0.5;
 constexpr std::size_t decodeChunkFrames = 4096;
 constexpr std::size_t minWriteFrames = 1024;
 constexpr std::size_t minRingFrames = 8 * minWriteFrames;
-constexpr auto pollInterval = std::chrono::milliseconds(10);
+// The ring holds half a second: topping it up every 40 ms is plenty. Once the
+// decoder is done we look more often, so the end of a track is noticed promptly.
+constexpr auto refillInterval = std::chrono::milliseconds(40);
+constexpr auto endWatchInterval = std::chrono::milliseconds(5);
 constexpr double volumeRampSeconds = 0.02;
 
 } // namespace
@@ -191,23 +194,24 @@ private:
                 lock.lock();
                 continue;
             }
-            bool needsMore = false;
+            std::chrono::milliseconds again{0};
             if (current && !current->cancelled.load()) {
                 auto seg = current;
                 lock.unlock();
-                needsMore = service(*seg, scratch);
+                again = service(*seg, scratch);
                 lock.lock();
             }
             if (quit_ || next_ != current) continue;
-            if (needsMore)
-                wake_.wait_for(lock, pollInterval, [&] { return quit_ || next_ != current; });
+            if (again.count() > 0)
+                wake_.wait_for(lock, again, [&] { return quit_ || next_ != current; });
             else
                 wake_.wait(lock, [&] { return quit_ || next_ != current; });
         }
     }
 
-    // Returns whether the segment still needs attention later.
-    static bool service(Segment& s, std::vector<float>& scratch) {
+    // Returns when to look at the segment again; zero when it needs nothing more.
+    static std::chrono::milliseconds service(Segment& s, std::vector<float>& scratch) {
+        using std::chrono::milliseconds;
         const auto ch = static_cast<std::size_t>(s.channels);
         if (!s.started) {
             s.started = true;
@@ -229,16 +233,16 @@ private:
             s.ring.write(scratch.data(), n * ch);
             s.decodedTo += static_cast<int64_t>(n);
         }
-        if (s.cancelled.load()) return false;
-        if (!s.eof.load(std::memory_order_relaxed)) return true;
-        if (s.finishedPosted) return false;
-        if (!s.drained.load(std::memory_order_acquire)) return true;
+        if (s.cancelled.load()) return milliseconds(0);
+        if (!s.eof.load(std::memory_order_relaxed)) return refillInterval;
+        if (s.finishedPosted) return milliseconds(0);
+        if (!s.drained.load(std::memory_order_acquire)) return endWatchInterval;
         auto output = s.output.lock();
         if (output && output->playedFrames() < s.endDevice.load(std::memory_order_relaxed))
-            return true;
+            return endWatchInterval;
         s.finishedPosted = true;
         s.post(s.onFinished);
-        return false;
+        return milliseconds(0);
     }
 
     std::mutex mutex_;

@@ -152,6 +152,25 @@ void Equalizer::processStep(float* samples, std::size_t frames, double preGainFr
     for (int b = 0; b < bandCount; ++b) {
         if (!active_[b]) continue;
         const Coefficients k = coeffs_[b];
+        if (ch == 2) {
+            // Both channels in one pass: two independent chains keep the FPU busy.
+            double l1 = state_[b][0][0], l2 = state_[b][0][1];
+            double r1 = state_[b][1][0], r2 = state_[b][1][1];
+            for (std::size_t i = 0; i < frames; ++i) {
+                double xl = buf[2 * i], xr = buf[2 * i + 1];
+                double yl = k.b0 * xl + l1;
+                double yr = k.b0 * xr + r1;
+                l1 = k.b1 * xl - k.a1 * yl + l2;
+                r1 = k.b1 * xr - k.a1 * yr + r2;
+                l2 = k.b2 * xl - k.a2 * yl;
+                r2 = k.b2 * xr - k.a2 * yr;
+                buf[2 * i] = yl;
+                buf[2 * i + 1] = yr;
+            }
+            state_[b][0] = {l1, l2};
+            state_[b][1] = {r1, r2};
+            continue;
+        }
         for (std::size_t c = 0; c < ch; ++c) {
             double z1 = state_[b][c][0], z2 = state_[b][c][1];
             for (std::size_t i = 0; i < frames; ++i) {

@@ -9,7 +9,7 @@
 #include "playback/PlaybackState.h"
 #include "state/TagForm.h"
 #include "state/TextInput.h"
-#include "terminal/ScreenBuffer.h"
+#include "terminal/Style.h"
 
 #include <chrono>
 #include <map>

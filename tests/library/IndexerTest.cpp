@@ -13,6 +13,14 @@
 #include <unistd.h>
 
 using namespace trovan;
+
+namespace trovan {
+void PrintTo(const IndexSummary& s, std::ostream* os) {
+    *os << "{found " << s.fileCount << ", read " << s.readCount << ", removed " << s.removedCount
+        << "}";
+}
+} // namespace trovan
+
 namespace fx = trovan::fixtures;
 namespace fs = std::filesystem;
 
@@ -136,6 +144,10 @@ TEST(Indexer, RunKeepsTheStoreInStepWithTheDisk) {
     EXPECT_EQ(paths(store).size(), 3u);
     fs::rename(dir / "moved", music);
     EXPECT_EQ(Indexer::run(roots, store, false), (IndexSummary{3, 0, 0}));
+
+    // A root inside another reaches the same files; each counts once.
+    EXPECT_EQ(Indexer::run({music.string(), (music / "a").string(), other.string()}, store, false),
+              (IndexSummary{3, 0, 0}));
 
     // No roots at all: the library empties.
     EXPECT_EQ(Indexer::run({}, store, false), (IndexSummary{0, 0, 3}));

@@ -1,0 +1,146 @@
+// Pictures and lyrics read off the main thread: the playing track's cover, the covers
+// beside the shown artist's albums, and the lyrics panel.
+
+#include "app/AppController.h"
+
+#include "app/WorkerPool.h"
+#include "media/TagLibFile.h"
+#include "ui/CoverArtRenderer.h"
+
+#include <algorithm>
+
+namespace trovan {
+
+namespace {
+
+std::optional<std::vector<RGB>> decodeCover(const std::vector<std::string>& paths, int columns,
+                                            int rows) {
+    for (const auto& path : paths) {
+        if (auto data = CoverArtRenderer::imageData(path))
+            return CoverArtRenderer::pixels(*data, columns, rows);
+    }
+    return std::nullopt;
+}
+
+std::vector<std::string> splitLines(const std::string& text) {
+    std::vector<std::string> lines;
+    std::string line;
+    for (std::size_t i = 0; i < text.size(); ++i) {
+        const char c = text[i];
+        if (c == '\r' || c == '\n') {
+            lines.push_back(line);
+            line.clear();
+            if (c == '\r' && i + 1 < text.size() && text[i + 1] == '\n') ++i;
+        } else {
+            line += c;
+        }
+    }
+    if (!line.empty()) lines.push_back(line);
+    // Trailing blank lines only push the text off the panel.
+    while (!lines.empty() && lines.back().empty()) lines.pop_back();
+    return lines;
+}
+
+} // namespace
+
+void AppController::loadCover(const Track& track, bool force) {
+    if (!force && coverPath_ == track.path) return;
+    coverPath_ = track.path;
+    const int columns = layout_.cover.width, rows = layout_.cover.height;
+    pool_.submit([post = host_.post, alive = std::weak_ptr<char>(alive_), this, path = track.path,
+                  columns, rows] {
+        auto pixels = decodeCover({path}, columns, rows);
+        post([alive, this, path, pixels = std::move(pixels)] {
+            if (!alive.lock() || coverPath_ != path) return;
+            state_.cover = CoverArt{path, pixels};
+            requestRender();
+        });
+    });
+}
+
+void AppController::loadAlbumCovers() {
+    if (!layout_.hasCoverColumn() || !state_.shownArtist) return;
+    const int row = *state_.shownArtist;
+    if (row < 0 || row >= static_cast<int>(state_.artistRows.size())) return;
+    const auto* a = state_.artistRows[static_cast<std::size_t>(row)].get<ArtistRow::Artist>();
+    if (!a) return;
+    const LibraryIndex::Artist& artist = state_.index.artists[static_cast<std::size_t>(a->artist)];
+
+    struct Job {
+        std::string key;
+        std::vector<std::string> paths;
+    };
+    std::vector<Job> jobs;
+    for (const auto& album : artist.albums) {
+        std::string key = CoverArt::albumKey(artist, album);
+        if (state_.albumCovers.count(key) || albumCoversLoading_.count(key)) continue;
+        Job job{key, {}};
+        for (const auto& t : album.tracks()) job.paths.push_back(t.path);
+        albumCoversLoading_.insert(key);
+        jobs.push_back(std::move(job));
+    }
+    if (jobs.empty()) return;
+
+    // Moving on to another artist makes this batch stale: what has not been decoded by
+    // then is dropped (and asked for again when the artist comes back).
+    const int generation = ++*albumCoverGeneration_;
+    pool_.submit([post = host_.post, alive = std::weak_ptr<char>(alive_), this,
+                  current = albumCoverGeneration_, generation, jobs = std::move(jobs)] {
+        for (const auto& job : jobs) {
+            const bool stale = current->load() != generation;
+            std::optional<std::vector<RGB>> pixels;
+            if (!stale) pixels = decodeCover(job.paths, Layout::albumCoverColumns, Layout::albumCoverRows);
+            post([alive, this, key = job.key, pixels = std::move(pixels), stale] {
+                if (!alive.lock()) return;
+                albumCoversLoading_.erase(key);
+                if (stale) return;
+                state_.albumCovers[key] = CoverArt{key, pixels};
+                requestRender();
+            });
+        }
+    });
+}
+
+void AppController::toggleLyrics() {
+    state_.lyricsVisible = !state_.lyricsVisible;
+    if (state_.lyricsVisible) loadLyrics();
+}
+
+void AppController::scrollLyrics(int n) {
+    const int lines = state_.lyrics ? static_cast<int>(state_.lyrics->lines.size()) : 0;
+    const int last = std::max(0, lines - std::max(1, layout_.libraryList.height));
+    state_.lyricsOffset = std::clamp(state_.lyricsOffset + n, 0, last);
+}
+
+void AppController::loadLyrics() {
+    // The track under the library cursor, else the one playing.
+    std::optional<Track> track;
+    lyricsFollowPlayback_ = false;
+    const int c = state_.library.cursor;
+    if (c >= 0 && c < static_cast<int>(state_.libraryRows.size()))
+        if (const auto* t = state_.libraryRows[static_cast<std::size_t>(c)].get<LibraryRow::Track>())
+            track = t->track;
+    if (!track && state_.playback.track) {
+        track = state_.playback.track;
+        lyricsFollowPlayback_ = true;
+    }
+    state_.lyricsOffset = 0;
+    const int generation = ++lyricsGeneration_;
+    if (!track) {
+        state_.lyrics.reset();
+        return;
+    }
+    pool_.submit([post = host_.post, alive = std::weak_ptr<char>(alive_), this, generation,
+                  path = track->path, title = track->displayTitle()] {
+        std::string text;
+        if (auto file = TagLibFile::open(path)) text = file->value("LYRICS").value_or("");
+        post([alive, this, generation, lyrics = Lyrics{path, title, splitLines(text)}] {
+            if (!alive.lock() || generation != lyricsGeneration_) return;
+            state_.lyrics = lyrics;
+            state_.lyricsOffset = 0;
+            requestRender();
+        });
+    });
+}
+
+} // namespace trovan

@@ -1,0 +1,91 @@
+// Playback from the lists and the player panel: Enter on rows, the transport buttons,
+// seeking, volume, mute, shuffle and repeat (each saved as it changes).
+
+#include "app/AppController.h"
+
+#include "playback/AudioEngine.h"
+#include "playback/PlaybackController.h"
+
+#include <algorithm>
+#include <cmath>
+
+namespace trovan {
+
+void AppController::setVolume(float volume) {
+    if (std::isnan(volume)) volume = 0;
+    state_.muted = false;
+    state_.settings.volume = std::clamp(volume, 0.0f, 1.0f);
+    saveSettings();
+    playback_->setVolume(state_.settings.volume, false);
+}
+
+void AppController::toggleMute() {
+    state_.muted = !state_.muted;
+    playback_->setVolume(state_.settings.volume, state_.muted);
+}
+
+void AppController::toggleShuffle() {
+    const bool on = !playback_->queue().shuffle;
+    playback_->setShuffle(on);
+    state_.settings.shuffle = on;
+    saveSettings();
+}
+
+void AppController::cycleRepeat() {
+    state_.settings.repeatMode = nextRepeatMode(state_.settings.repeatMode);
+    playback_->setRepeatMode(state_.settings.repeatMode);
+    saveSettings();
+}
+
+void AppController::seekTo(double seconds) {
+    if (!std::isfinite(seconds)) return;
+    const double duration = playback_->state().duration;
+    double target = std::max(0.0, seconds);
+    if (duration > 0) target = std::min(target, duration);
+    playback_->seek(target);
+}
+
+void AppController::movePlayerButton(int d) {
+    state_.playerButton = static_cast<PlayerButton>((static_cast<int>(state_.playerButton) + d + 5) % 5);
+}
+
+void AppController::press(PlayerButton button) {
+    switch (button) {
+    case PlayerButton::shuffle: toggleShuffle(); break;
+    case PlayerButton::previous: playback_->previous(); break;
+    case PlayerButton::playPause: playback_->togglePlay(); break;
+    case PlayerButton::next: playback_->next(); break;
+    case PlayerButton::repeatMode: cycleRepeat(); break;
+    }
+}
+
+void AppController::activate() {
+    switch (state_.focus) {
+    case Focus::artists:
+        state_.focus = Focus::library;
+        snapLibraryCursor();
+        break;
+    case Focus::library: {
+        const int c = state_.library.cursor;
+        if (c < 0 || c >= static_cast<int>(state_.libraryRows.size())) return;
+        const LibraryRow& row = state_.libraryRows[static_cast<std::size_t>(c)];
+        if (const auto* t = row.get<LibraryRow::Track>()) {
+            auto paths = trackPaths(state_.libraryRows);
+            const auto at = std::find(paths.begin(), paths.end(), t->track.path) - paths.begin();
+            playback_->play(std::move(paths), static_cast<int>(at));
+        } else if (const auto* a = row.get<LibraryRow::Album>()) {
+            std::vector<std::string> paths;
+            for (const auto& r : state_.libraryRows)
+                if (const auto* t2 = r.get<LibraryRow::Track>(); t2 && t2->album == a->album)
+                    paths.push_back(t2->track.path);
+            if (!paths.empty()) playback_->play(std::move(paths), 0);
+        }
+        break;
+    }
+    case Focus::player:
+        press(state_.playerButton);
+        break;
+    }
+}
+
+} // namespace trovan

@@ -1,0 +1,62 @@
+#include "app/WorkerPool.h"
+
+#include <sched.h>
+
+namespace trovan {
+
+int WorkerPool::activeCores() {
+    cpu_set_t set;
+    CPU_ZERO(&set);
+    if (sched_getaffinity(0, sizeof set, &set) != 0) return 1;
+    const int n = CPU_COUNT(&set);
+    return n > 0 ? n : 1;
+}
+
+WorkerPool::WorkerPool(int threads) {
+    const int n = threads > 0 ? threads : activeCores();
+    threads_.reserve(static_cast<std::size_t>(n));
+    for (int i = 0; i < n; ++i) threads_.emplace_back([this] { run(); });
+}
+
+WorkerPool::~WorkerPool() {
+    {
+        std::lock_guard lock(mutex_);
+        stopping_ = true;
+        jobs_.clear();
+    }
+    wake_.notify_all();
+    for (auto& t : threads_) t.join();
+}
+
+void WorkerPool::submit(Job job) {
+    {
+        std::lock_guard lock(mutex_);
+        if (stopping_) return;
+        jobs_.push_back(std::move(job));
+    }
+    wake_.notify_one();
+}
+
+void WorkerPool::waitIdle() {
+    std::unique_lock lock(mutex_);
+    idle_.wait(lock, [this] { return jobs_.empty() && busy_ == 0; });
+}
+
+void WorkerPool::run() {
+    std::unique_lock lock(mutex_);
+    for (;;) {
+        wake_.wait(lock, [this] { return stopping_ || !jobs_.empty(); });
+        if (stopping_) return;
+        Job job = std::move(jobs_.front());
+        jobs_.pop_front();
+        ++busy_;
+        lock.unlock();
+        job();
+        job = nullptr; // release what the job captured before reporting idle
+        lock.lock();
+        --busy_;
+        if (jobs_.empty() && busy_ == 0) idle_.notify_all();
+    }
+}
+
+} // namespace trovan

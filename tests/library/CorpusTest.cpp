@@ -1,0 +1,93 @@
+// Real-world oddities: a folder of files collected from another project's test suite,
+// many deliberately broken. Runs only where that folder exists; works on a copy.
+
+#include "library/Indexer.h"
+#include "library/LibraryStore.h"
+#include "library/Track.h"
+#include "media/TagLibFile.h"
+#include "support/Fixtures.h"
+
+#include <gtest/gtest.h>
+
+#include <atomic>
+#include <thread>
+
+using namespace trovan;
+namespace fx = trovan::fixtures;
+namespace fs = std::filesystem;
+
+namespace {
+
+const fs::path kCorpus = fs::path(TROVAN_SOURCE_DIR) / ".." / "shared" / "corpus" / "taglib";
+
+// Runs f(i) for i in [0, n) on two threads (most of the time goes to ffmpeg processes).
+template <class F> void parallelFor(std::size_t n, F f) {
+    std::atomic<std::size_t> next{0};
+    auto work = [&] {
+        for (std::size_t i; (i = next.fetch_add(1)) < n;)
+            f(i);
+    };
+    std::thread other(work);
+    work();
+    other.join();
+}
+
+} // namespace
+
+TEST(Corpus, ReadScanAndWriteWithoutCrashingOrBreakingAudio) {
+    if (!fs::is_directory(kCorpus)) GTEST_SKIP() << "no corpus at " << kCorpus;
+    if (!fx::available()) GTEST_SKIP() << "ffmpeg missing";
+    fx::TempDir dir;
+    auto copy = dir / "corpus";
+    fs::copy(kCorpus, copy, fs::copy_options::recursive);
+
+    std::vector<fs::path> files;
+    std::size_t audio = 0;
+    for (const auto& e : fs::recursive_directory_iterator(copy)) {
+        if (!e.is_regular_file()) continue;
+        files.push_back(e.path());
+        if (Track::isAudioPath(e.path().string()) && e.path().filename().string()[0] != '.')
+            ++audio;
+    }
+    ASSERT_FALSE(files.empty());
+
+    LibraryStore store(dir / "library.sqlite");
+    auto summary = Indexer::run({copy.string()}, store, false);
+    EXPECT_EQ(summary.fileCount, static_cast<int64_t>(audio));
+    EXPECT_LE(summary.readCount, summary.fileCount);
+    EXPECT_EQ(store.loadAll().size(), static_cast<std::size_t>(summary.readCount));
+
+    for (const auto& f : files)
+        (void)Track::read(f.string());
+
+    const Picture cover{fx::image(fx::Cover{}), "image/jpeg"};
+    std::atomic<int> saved{0}, titled{0};
+    std::vector<std::string> broke;
+    std::mutex brokeMutex;
+    parallelFor(files.size(), [&](std::size_t i) {
+        const auto& f = files[i];
+        auto file = TagLibFile::open(f.string());
+        if (!file) return;
+        file->set("TITLE", {"Título de prueba"});
+        file->setPicture(cover);
+        bool ok = file->save();
+        file.reset();
+        if (!ok) return;
+        ++saved;
+        if (auto again = TagLibFile::open(f.string());
+            again && again->value("TITLE") == "Título de prueba")
+            ++titled;
+        (void)Track::read(f.string());
+        // Only a file that fails now needs its untouched original checked.
+        if (!fx::decodes(f) && fx::decodes(kCorpus / fs::relative(f, copy))) {
+            std::lock_guard lock(brokeMutex);
+            broke.push_back(f.filename().string());
+        }
+    });
+    EXPECT_TRUE(broke.empty()) << "no longer decodes after a tag write: "
+                               << ::testing::PrintToString(broke);
+    EXPECT_GT(saved.load(), 0);
+    EXPECT_GT(titled.load(), 0);
+    std::cout << files.size() << " files, " << summary.readCount << " indexed, " << saved.load()
+              << " saved, " << titled.load() << " read back their new title\n";
+}
