@@ -23,23 +23,29 @@ std::string asciiLower(std::string_view s) {
 std::string lowerWord(std::string_view s) {
     std::string out = asciiLower(s);
     std::string::size_type at;
-    while ((at = out.find("\xC3\x81")) != std::string::npos) out.replace(at, 2, "\xC3\xA1");
+    while ((at = out.find("\xC3\x81")) != std::string::npos)
+        out.replace(at, 2, "\xC3\xA1");
     return out;
 }
 
 } // namespace
 
 std::string_view trimWhitespace(std::string_view s) {
-    while (!s.empty() && isWhitespace(s.front())) s.remove_prefix(1);
-    while (!s.empty() && isWhitespace(s.back())) s.remove_suffix(1);
+    while (!s.empty() && isWhitespace(s.front()))
+        s.remove_prefix(1);
+    while (!s.empty() && isWhitespace(s.back()))
+        s.remove_suffix(1);
     return s;
 }
 
 std::string CommandError::message() const {
     switch (kind) {
-    case Kind::unknownCommand: return "Comando desconocido: " + what + " (usa :help)";
-    case Kind::missingArgument: return "Falta el argumento: " + what;
-    case Kind::invalidValue: return "Valor inválido para " + what;
+    case Kind::unknownCommand:
+        return "Comando desconocido: " + what + " (usa :help)";
+    case Kind::missingArgument:
+        return "Falta el argumento: " + what;
+    case Kind::invalidValue:
+        return "Valor inválido para " + what;
     }
     return what;
 }
@@ -98,8 +104,9 @@ CommandResult CommandParser::parse(std::string_view text) {
     text = trimWhitespace(text);
     std::size_t space = text.find(' ');
     std::string word = lowerWord(text.substr(0, space));
-    std::string argument =
-        space == std::string_view::npos ? std::string() : unquote(trimWhitespace(text.substr(space + 1)));
+    std::string argument = space == std::string_view::npos
+                               ? std::string()
+                               : unquote(trimWhitespace(text.substr(space + 1)));
 
     if (word == "add" || word == "agregar") {
         if (argument.empty()) return CommandError::missingArgument("ruta");
