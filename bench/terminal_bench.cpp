@@ -25,8 +25,9 @@ ScreenBuffer sampleFrame() {
                            : palette::on(y % 3 ? palette::dim : palette::text);
         if (selected) b.fill(Rect{2, y, 40, 1}, s);
         b.text("Artista n\xC3\xBAmero " + std::to_string(y), 3, y, 38, s);
-        b.text(std::to_string(y % 20 + 1) + "  Canci\xC3\xB3n con un t\xC3\xADtulo bastante largo " +
-                   std::to_string(y) + " \xE6\xBC\xA2\xE5\xAD\x97",
+        b.text(std::to_string(y % 20 + 1) +
+                   "  Canci\xC3\xB3n con un t\xC3\xADtulo bastante largo " + std::to_string(y) +
+                   " \xE6\xBC\xA2\xE5\xAD\x97",
                50, y, 140, palette::on(palette::text));
         b.text("3:4" + std::to_string(y % 10), 192, y, 6, palette::on(palette::dim));
     }
@@ -100,7 +101,8 @@ void BM_ComposeAndRenderBlankFrame(benchmark::State& state) {
     Renderer r;
     r.render(ScreenBuffer(kWidth, kHeight, palette::defaultStyle), std::nullopt);
     for (auto _ : state) {
-        std::string out = r.render(ScreenBuffer(kWidth, kHeight, palette::defaultStyle), std::nullopt);
+        std::string out =
+            r.render(ScreenBuffer(kWidth, kHeight, palette::defaultStyle), std::nullopt);
         benchmark::DoNotOptimize(out.data());
     }
 }
@@ -110,7 +112,8 @@ BENCHMARK(BM_ComposeAndRenderBlankFrame)->Unit(benchmark::kMicrosecond);
 void BM_DecodeMixedInput(benchmark::State& state) {
     std::string chunk;
     while (chunk.size() < 4096) {
-        chunk += "hola ma\xC3\xB1" "ana \xF0\x9F\x8E\xB5";
+        chunk += "hola ma\xC3\xB1"
+                 "ana \xF0\x9F\x8E\xB5";
         chunk += "\x1b[A\x1b[B\x1b[1;2A\x1bOP\x1b[5~\r\x7f\x03";
         chunk += "\x1b[<0;10;5M\x1b[<32;11;5M\x1b[<0;11;5m\x1b[<64;3;3M";
         chunk += "\x1b[200~pegado \xC3\xA9 texto\x1b[201~";
@@ -124,7 +127,8 @@ void BM_DecodeMixedInput(benchmark::State& state) {
         benchmark::DoNotOptimize(out.data());
     }
     state.SetBytesProcessed(static_cast<int64_t>(state.iterations()) * 4096);
-    state.counters["events"] = benchmark::Counter(static_cast<double>(events), benchmark::Counter::kIsRate);
+    state.counters["events"] =
+        benchmark::Counter(static_cast<double>(events), benchmark::Counter::kIsRate);
 }
 BENCHMARK(BM_DecodeMixedInput)->Unit(benchmark::kMicrosecond);
 

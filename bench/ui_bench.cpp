@@ -25,7 +25,8 @@ AppState bigLibrary(const Layout& layout) {
     for (int a = 0; a < 100; ++a)
         for (int t = 1; t <= 8; ++t) {
             Track tr;
-            tr.path = "/music/artist/album " + std::to_string(a) + "/" + std::to_string(t) + ".flac";
+            tr.path =
+                "/music/artist/album " + std::to_string(a) + "/" + std::to_string(t) + ".flac";
             tr.title = "Canción número " + std::to_string(t) + " del álbum " + std::to_string(a);
             tr.artist = "Artista de prueba";
             tr.album = "Álbum " + std::to_string(a);
@@ -59,7 +60,8 @@ AppState bigLibrary(const Layout& layout) {
     const auto& artist = *std::find_if(s.index.artists.begin(), s.index.artists.end(),
                                        [](const auto& a) { return a.name == "Artista de prueba"; });
     std::vector<RGB> px(100, RGB{90, 60, 30});
-    for (const auto& album : artist.albums) s.albumCovers[CoverArt::albumKey(artist, album)] = CoverArt{"k", px};
+    for (const auto& album : artist.albums)
+        s.albumCovers[CoverArt::albumKey(artist, album)] = CoverArt{"k", px};
     s.playback.track = tracks[4003 % tracks.size()];
     s.playback.isPlaying = true;
     s.playback.duration = 200;
@@ -81,12 +83,15 @@ BENCHMARK(BM_ComposeFullFrameWithHelp)->Unit(benchmark::kMicrosecond);
 
 std::vector<std::uint8_t> bigJpeg() {
     namespace fs = std::filesystem;
-    const fs::path path = fs::temp_directory_path() / ("trovan-bench-" + std::to_string(::getpid()) + ".jpg");
-    const std::string cmd = "ffmpeg -nostdin -v error -y -f lavfi -i testsrc2=s=1000x1000 -frames:v 1 -q:v 3 '" +
-                            path.string() + "'";
+    const fs::path path =
+        fs::temp_directory_path() / ("trovan-bench-" + std::to_string(::getpid()) + ".jpg");
+    const std::string cmd =
+        "ffmpeg -nostdin -v error -y -f lavfi -i testsrc2=s=1000x1000 -frames:v 1 -q:v 3 '" +
+        path.string() + "'";
     if (std::system(cmd.c_str()) != 0) return {};
     std::ifstream in(path, std::ios::binary);
-    std::vector<std::uint8_t> bytes{std::istreambuf_iterator<char>(in), std::istreambuf_iterator<char>()};
+    std::vector<std::uint8_t> bytes{std::istreambuf_iterator<char>(in),
+                                    std::istreambuf_iterator<char>()};
     std::error_code ec;
     fs::remove(path, ec);
     return bytes;

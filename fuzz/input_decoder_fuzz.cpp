@@ -56,7 +56,8 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
     while (pos < input.size()) {
         std::size_t n = 1 + nextRandom(seed) % 16;
         n = std::min(n, input.size() - pos);
-        while (pos + n < input.size() && input[pos + n - 1] == '\x1b') ++n;
+        while (pos + n < input.size() && input[pos + n - 1] == '\x1b')
+            ++n;
         auto events = split.decode(input.substr(pos, n));
         checkWellFormed(events);
         got.insert(got.end(), events.begin(), events.end());

@@ -25,7 +25,8 @@ void checkOutput(const std::string& out) {
         if (c == 0x1b) {
             if (i + 1 >= out.size() || out[i + 1] != '[') std::abort();
             std::size_t j = i + 2;
-            while (j < out.size() && !(out[j] >= 0x40 && out[j] <= 0x7e)) ++j;
+            while (j < out.size() && !(out[j] >= 0x40 && out[j] <= 0x7e))
+                ++j;
             if (j == out.size()) std::abort();
             i = j + 1;
             continue;
@@ -47,9 +48,11 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
     while (in.remaining_bytes() > 0) {
         Style s{{in.ConsumeIntegral<std::uint8_t>(), in.ConsumeIntegral<std::uint8_t>(), 0},
                 {0, in.ConsumeIntegral<std::uint8_t>(), in.ConsumeIntegral<std::uint8_t>()},
-                in.ConsumeBool(), in.ConsumeBool()};
+                in.ConsumeBool(),
+                in.ConsumeBool()};
         // Mostly near the screen, sometimes anywhere at all.
-        const int x = in.ConsumeBool() ? in.ConsumeIntegral<int>() : in.ConsumeIntegralInRange(-30, 30);
+        const int x =
+            in.ConsumeBool() ? in.ConsumeIntegral<int>() : in.ConsumeIntegralInRange(-30, 30);
         const int y = in.ConsumeIntegralInRange(-2, 8);
         switch (in.ConsumeIntegralInRange(0, 4)) {
         case 0: {
@@ -69,8 +72,12 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
         case 2:
             b.fill(Rect{x, y, in.ConsumeIntegral<int>(), in.ConsumeIntegral<int>()}, s);
             break;
-        case 3: checkOutput(r.render(b, std::nullopt)); break;
-        default: r.front.reset(); break;
+        case 3:
+            checkOutput(r.render(b, std::nullopt));
+            break;
+        default:
+            r.front.reset();
+            break;
         }
     }
     checkOutput(r.render(b, CursorPos{1, 1}));

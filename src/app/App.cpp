@@ -143,6 +143,13 @@ void App::waitForInput() {
 
 void App::readInput() {
     assert(onMainThread());
+    // The reactor can report readiness that an earlier read already used up; a read
+    // then would block the whole loop (frames included) until the next key.
+    struct pollfd ready {0, POLLIN, 0};
+    if (poll(&ready, 1, 0) == 0) {
+        waitForInput();
+        return;
+    }
     char buf[4096] = {};
     const ssize_t n = ::read(0, buf, sizeof buf);
     // End of input or any failure (the terminal went away): there is no retry.

@@ -57,8 +57,7 @@ void silenceLibraries() {
     std::call_once(once, [] { av_log_set_level(AV_LOG_QUIET); });
 }
 
-bool startsWith(std::span<const std::uint8_t> b, std::size_t at, const char* magic,
-                std::size_t n) {
+bool startsWith(std::span<const std::uint8_t> b, std::size_t at, const char* magic, std::size_t n) {
     return b.size() >= at + n && std::memcmp(b.data() + at, magic, n) == 0;
 }
 
@@ -84,7 +83,9 @@ int orientationOf(const AVFrame& frame) {
     return v >= 1 && v <= 8 ? v : 1;
 }
 
-bool transposes(int orientation) { return orientation >= 5; }
+bool transposes(int orientation) {
+    return orientation >= 5;
+}
 
 std::optional<Decoded> decode(std::span<const std::uint8_t> bytes) {
     silenceLibraries();
@@ -125,12 +126,23 @@ std::optional<Decoded> decode(std::span<const std::uint8_t> bytes) {
 // the range flag.
 AVPixelFormat plainFormat(AVPixelFormat f, bool& fullRange) {
     switch (f) {
-    case AV_PIX_FMT_YUVJ420P: fullRange = true; return AV_PIX_FMT_YUV420P;
-    case AV_PIX_FMT_YUVJ422P: fullRange = true; return AV_PIX_FMT_YUV422P;
-    case AV_PIX_FMT_YUVJ444P: fullRange = true; return AV_PIX_FMT_YUV444P;
-    case AV_PIX_FMT_YUVJ440P: fullRange = true; return AV_PIX_FMT_YUV440P;
-    case AV_PIX_FMT_YUVJ411P: fullRange = true; return AV_PIX_FMT_YUV411P;
-    default: return f;
+    case AV_PIX_FMT_YUVJ420P:
+        fullRange = true;
+        return AV_PIX_FMT_YUV420P;
+    case AV_PIX_FMT_YUVJ422P:
+        fullRange = true;
+        return AV_PIX_FMT_YUV422P;
+    case AV_PIX_FMT_YUVJ444P:
+        fullRange = true;
+        return AV_PIX_FMT_YUV444P;
+    case AV_PIX_FMT_YUVJ440P:
+        fullRange = true;
+        return AV_PIX_FMT_YUV440P;
+    case AV_PIX_FMT_YUVJ411P:
+        fullRange = true;
+        return AV_PIX_FMT_YUV411P;
+    default:
+        return f;
     }
 }
 
@@ -138,14 +150,22 @@ AVPixelFormat plainFormat(AVPixelFormat f, bool& fullRange) {
 // stored picture (inW × inH) it comes from.
 std::pair<int, int> sourceOf(int orientation, int x, int y, int inW, int inH) {
     switch (orientation) {
-    case 2: return {inW - 1 - x, y};
-    case 3: return {inW - 1 - x, inH - 1 - y};
-    case 4: return {x, inH - 1 - y};
-    case 5: return {y, x};
-    case 6: return {y, inH - 1 - x};
-    case 7: return {inW - 1 - y, inH - 1 - x};
-    case 8: return {inW - 1 - y, x};
-    default: return {x, y};
+    case 2:
+        return {inW - 1 - x, y};
+    case 3:
+        return {inW - 1 - x, inH - 1 - y};
+    case 4:
+        return {x, inH - 1 - y};
+    case 5:
+        return {y, x};
+    case 6:
+        return {y, inH - 1 - x};
+    case 7:
+        return {inW - 1 - y, inH - 1 - x};
+    case 8:
+        return {inW - 1 - y, x};
+    default:
+        return {x, y};
     }
 }
 
@@ -180,8 +200,8 @@ std::optional<RgbImage> ImageDecoder::decodeToFill(std::span<const std::uint8_t>
     bool fullRange = frame->color_range == AVCOL_RANGE_JPEG;
     AVPixelFormat src = plainFormat(static_cast<AVPixelFormat>(frame->format), fullRange);
     SwsPtr sws(sws_getContext(frame->width, frame->height, src, tw, th, AV_PIX_FMT_RGB24,
-                              SWS_LANCZOS | SWS_ACCURATE_RND | SWS_FULL_CHR_H_INT, nullptr,
-                              nullptr, nullptr));
+                              SWS_LANCZOS | SWS_ACCURATE_RND | SWS_FULL_CHR_H_INT, nullptr, nullptr,
+                              nullptr));
     if (!sws) return std::nullopt;
     const AVPixFmtDescriptor* desc = av_pix_fmt_desc_get(src);
     if (desc && !(desc->flags & AV_PIX_FMT_FLAG_RGB) && desc->nb_components >= 3) {
@@ -191,13 +211,14 @@ std::optional<RgbImage> ImageDecoder::decodeToFill(std::span<const std::uint8_t>
         if (sws_getColorspaceDetails(sws.get(), &invTable, &srcRange, &table, &dstRange,
                                      &brightness, &contrast, &saturation) >= 0) {
             int cs = frame->colorspace == AVCOL_SPC_BT709 ? SWS_CS_ITU709 : SWS_CS_ITU601;
-            sws_setColorspaceDetails(sws.get(), sws_getCoefficients(cs), fullRange ? 1 : 0,
-                                     table, 1, brightness, contrast, saturation);
+            sws_setColorspaceDetails(sws.get(), sws_getCoefficients(cs), fullRange ? 1 : 0, table,
+                                     1, brightness, contrast, saturation);
         }
     }
 
     const int stride = (tw * 3 + 63) & ~63;
-    AvBuffer scaled(static_cast<std::uint8_t*>(av_malloc(static_cast<std::size_t>(stride) * th + 64)));
+    AvBuffer scaled(
+        static_cast<std::uint8_t*>(av_malloc(static_cast<std::size_t>(stride) * th + 64)));
     if (!scaled) return std::nullopt;
     std::uint8_t* dst[4] = {scaled.get(), nullptr, nullptr, nullptr};
     int dstStride[4] = {stride, 0, 0, 0};

@@ -70,9 +70,9 @@ std::unique_ptr<CubebOutput> CubebOutput::open(std::shared_ptr<CubebContext> con
     uint32_t minLatency = 0;
     if (cubeb_get_min_latency(out->context_->get(), &params, &minLatency) != CUBEB_OK)
         minLatency = 256;
-    // About 40 ms: low enough for seeks to feel immediate, high enough to keep
-    // wake-ups (and the CPU they cost) down.
-    uint32_t latency = std::max(minLatency, static_cast<uint32_t>(format.sampleRate / 25));
+    // About 50 ms: short enough that a seek is heard at once, long enough to ride
+    // out a busy machine and to keep wake-ups (and the CPU they cost) down.
+    uint32_t latency = std::max(minLatency, static_cast<uint32_t>(format.sampleRate / 20));
 
     cubeb_stream* raw = nullptr;
     if (cubeb_stream_init(out->context_->get(), &raw, "Trovan", nullptr, nullptr, nullptr, &params,

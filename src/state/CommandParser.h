@@ -16,9 +16,15 @@ struct CommandError {
     Kind kind;
     std::string what;
 
-    static CommandError unknownCommand(std::string word) { return {Kind::unknownCommand, std::move(word)}; }
-    static CommandError missingArgument(std::string what) { return {Kind::missingArgument, std::move(what)}; }
-    static CommandError invalidValue(std::string what) { return {Kind::invalidValue, std::move(what)}; }
+    static CommandError unknownCommand(std::string word) {
+        return {Kind::unknownCommand, std::move(word)};
+    }
+    static CommandError missingArgument(std::string what) {
+        return {Kind::missingArgument, std::move(what)};
+    }
+    static CommandError invalidValue(std::string what) {
+        return {Kind::invalidValue, std::move(what)};
+    }
 
     std::string message() const;
     bool operator==(const CommandError&) const = default;

@@ -9,12 +9,15 @@ namespace {
 using K = Key::Kind;
 using A = Action::Kind;
 
-Key ch(const char* c) { return Key::character(c); }
+Key ch(const char* c) {
+    return Key::character(c);
+}
 
 std::vector<KeySection> buildSections() {
     std::vector<KeyBinding> digits;
     std::vector<Key> digitKeys;
-    for (char d = '0'; d <= '9'; ++d) digitKeys.push_back(Key::character(std::string(1, d)));
+    for (char d = '0'; d <= '9'; ++d)
+        digitKeys.push_back(Key::character(std::string(1, d)));
 
     return {
         {"Navegación",
@@ -82,7 +85,8 @@ const std::unordered_map<Key, Action>& KeyBindings::table() {
         std::unordered_map<Key, Action> m;
         for (const auto& section : all())
             for (const auto& binding : section.bindings)
-                for (const auto& key : binding.keys) m[key] = binding.action;
+                for (const auto& key : binding.keys)
+                    m[key] = binding.action;
         for (int d = 0; d <= 9; ++d)
             m[Key::character(std::string(1, static_cast<char>('0' + d)))] =
                 Action::seekFraction(d / 10.0);
@@ -100,25 +104,44 @@ std::optional<Action> KeyBindings::lookup(const Key& key) {
 
 std::string KeyBindings::label(const Key& key) {
     switch (key.kind) {
-    case K::char_: return key.text == " " ? "Espacio" : key.text;
-    case K::ctrl: return "Ctrl+" + text::upper(key.text);
-    case K::function: return "F" + std::to_string(key.number);
-    case K::enter: return "Enter";
-    case K::tab: return "Tab";
-    case K::backTab: return "Shift+Tab";
-    case K::backspace: return "⌫";
-    case K::delete_: return "Supr";
-    case K::escape: return "Esc";
-    case K::up: return "↑";
-    case K::down: return "↓";
-    case K::left: return "←";
-    case K::right: return "→";
-    case K::shiftUp: return "Shift+↑";
-    case K::shiftDown: return "Shift+↓";
-    case K::home: return "Inicio";
-    case K::end: return "Fin";
-    case K::pageUp: return "RePág";
-    case K::pageDown: return "AvPág";
+    case K::char_:
+        return key.text == " " ? "Espacio" : key.text;
+    case K::ctrl:
+        return "Ctrl+" + text::upper(key.text);
+    case K::function:
+        return "F" + std::to_string(key.number);
+    case K::enter:
+        return "Enter";
+    case K::tab:
+        return "Tab";
+    case K::backTab:
+        return "Shift+Tab";
+    case K::backspace:
+        return "⌫";
+    case K::delete_:
+        return "Supr";
+    case K::escape:
+        return "Esc";
+    case K::up:
+        return "↑";
+    case K::down:
+        return "↓";
+    case K::left:
+        return "←";
+    case K::right:
+        return "→";
+    case K::shiftUp:
+        return "Shift+↑";
+    case K::shiftDown:
+        return "Shift+↓";
+    case K::home:
+        return "Inicio";
+    case K::end:
+        return "Fin";
+    case K::pageUp:
+        return "RePág";
+    case K::pageDown:
+        return "AvPág";
     }
     return {};
 }
@@ -161,7 +184,8 @@ const std::vector<HelpLine>& KeyBindings::helpLines() {
             {":cover remove", "Quitar carátula"},
             {":q", "Salir"},
         };
-        for (const auto& [cmd, desc] : commands) out.push_back({HelpLine::Kind::entry, cmd, desc});
+        for (const auto& [cmd, desc] : commands)
+            out.push_back({HelpLine::Kind::entry, cmd, desc});
         return out;
     }();
     return lines;

@@ -24,9 +24,9 @@ std::string trimBlanks(const std::string& s) {
 
 const std::vector<std::pair<std::string, std::string>>& TagForm::layout() {
     static const std::vector<std::pair<std::string, std::string>> fields = {
-        {"TITLE", "Título"},        {"ARTIST", "Artista"},  {"ALBUMARTIST", "Artista del álbum"},
-        {"ALBUM", "Álbum"},         {"DATE", "Año"},        {"TRACKNUMBER", "Pista"},
-        {"DISCNUMBER", "Disco"},    {"GENRE", "Género"},    {"COMPOSER", "Compositor"},
+        {"TITLE", "Título"},       {"ARTIST", "Artista"}, {"ALBUMARTIST", "Artista del álbum"},
+        {"ALBUM", "Álbum"},        {"DATE", "Año"},       {"TRACKNUMBER", "Pista"},
+        {"DISCNUMBER", "Disco"},   {"GENRE", "Género"},   {"COMPOSER", "Compositor"},
         {"COMMENT", "Comentario"},
     };
     return fields;

@@ -6,18 +6,25 @@
 
 namespace trovan {
 
-TextInput::TextInput(std::string initial) : text(std::move(initial)) { cursor = length(); }
+TextInput::TextInput(std::string initial) : text(std::move(initial)) {
+    cursor = length();
+}
 
-int TextInput::length() const { return static_cast<int>(text::graphemeCount(text)); }
+int TextInput::length() const {
+    return static_cast<int>(text::graphemeCount(text));
+}
 
 std::size_t TextInput::byteOffset(int position) const {
     if (position <= 0) return 0;
     auto bounds = text::graphemeBoundaries(text);
-    std::size_t index = std::min<std::size_t>(static_cast<std::size_t>(position), bounds.size() - 1);
+    std::size_t index =
+        std::min<std::size_t>(static_cast<std::size_t>(position), bounds.size() - 1);
     return bounds[index];
 }
 
-void TextInput::clampCursor() { cursor = std::clamp(cursor, 0, length()); }
+void TextInput::clampCursor() {
+    cursor = std::clamp(cursor, 0, length());
+}
 
 void TextInput::insert(std::string_view s) {
     // Carriage returns go too: terminals paste line ends as CR as often as LF.
@@ -53,12 +60,12 @@ void TextInput::deleteForward() {
 void TextInput::deleteWordBefore() {
     clampCursor();
     auto bounds = text::graphemeBoundaries(text);
-    auto isSpace = [&](int i) {
-        return bounds[i + 1] - bounds[i] == 1 && text[bounds[i]] == ' ';
-    };
+    auto isSpace = [&](int i) { return bounds[i + 1] - bounds[i] == 1 && text[bounds[i]] == ' '; };
     int p = cursor;
-    while (p > 0 && isSpace(p - 1)) --p;
-    while (p > 0 && !isSpace(p - 1)) --p;
+    while (p > 0 && isSpace(p - 1))
+        --p;
+    while (p > 0 && !isSpace(p - 1))
+        --p;
     text.erase(bounds[p], bounds[cursor] - bounds[p]);
     cursor = p;
 }
@@ -74,20 +81,49 @@ std::string_view TextInput::beforeCursor() const {
 
 bool TextInput::handle(const Key& key) {
     switch (key.kind) {
-    case Key::Kind::char_: insert(key.text); return true;
-    case Key::Kind::backspace: backspace(); return true;
-    case Key::Kind::delete_: deleteForward(); return true;
-    case Key::Kind::left: clampCursor(); cursor = std::max(0, cursor - 1); return true;
-    case Key::Kind::right: clampCursor(); cursor = std::min(length(), cursor + 1); return true;
-    case Key::Kind::home: cursor = 0; return true;
-    case Key::Kind::end: cursor = length(); return true;
+    case Key::Kind::char_:
+        insert(key.text);
+        return true;
+    case Key::Kind::backspace:
+        backspace();
+        return true;
+    case Key::Kind::delete_:
+        deleteForward();
+        return true;
+    case Key::Kind::left:
+        clampCursor();
+        cursor = std::max(0, cursor - 1);
+        return true;
+    case Key::Kind::right:
+        clampCursor();
+        cursor = std::min(length(), cursor + 1);
+        return true;
+    case Key::Kind::home:
+        cursor = 0;
+        return true;
+    case Key::Kind::end:
+        cursor = length();
+        return true;
     case Key::Kind::ctrl:
-        if (key.text == "a") { cursor = 0; return true; }
-        if (key.text == "e") { cursor = length(); return true; }
-        if (key.text == "u") { clear(); return true; }
-        if (key.text == "w") { deleteWordBefore(); return true; }
+        if (key.text == "a") {
+            cursor = 0;
+            return true;
+        }
+        if (key.text == "e") {
+            cursor = length();
+            return true;
+        }
+        if (key.text == "u") {
+            clear();
+            return true;
+        }
+        if (key.text == "w") {
+            deleteWordBefore();
+            return true;
+        }
         return false;
-    default: return false;
+    default:
+        return false;
     }
 }
 

@@ -20,9 +20,13 @@ const std::string* intern(std::string_view s) {
 
 } // namespace
 
-Glyph::Glyph(std::string_view cluster) { assign(cluster, text::charWidth(cluster)); }
+Glyph::Glyph(std::string_view cluster) {
+    assign(cluster, text::charWidth(cluster));
+}
 
-Glyph::Glyph(std::string_view cluster, int width) { assign(cluster, width); }
+Glyph::Glyph(std::string_view cluster, int width) {
+    assign(cluster, width);
+}
 
 void Glyph::assign(std::string_view cluster, int width) {
     // Never send ill-formed UTF-8 to the terminal: the whole cluster becomes U+FFFD.

@@ -53,28 +53,47 @@ int clampToInt(long long v) {
 
 std::optional<Key> ss3(unsigned char b) {
     switch (b) {
-    case 'P': return Key::function(1);
-    case 'Q': return Key::function(2);
-    case 'R': return Key::function(3);
-    case 'S': return Key::function(4);
-    case 'A': return Key(Kind::up);
-    case 'B': return Key(Kind::down);
-    case 'C': return Key(Kind::right);
-    case 'D': return Key(Kind::left);
-    case 'H': return Key(Kind::home);
-    case 'F': return Key(Kind::end);
-    default: return std::nullopt;
+    case 'P':
+        return Key::function(1);
+    case 'Q':
+        return Key::function(2);
+    case 'R':
+        return Key::function(3);
+    case 'S':
+        return Key::function(4);
+    case 'A':
+        return Key(Kind::up);
+    case 'B':
+        return Key(Kind::down);
+    case 'C':
+        return Key(Kind::right);
+    case 'D':
+        return Key(Kind::left);
+    case 'H':
+        return Key(Kind::home);
+    case 'F':
+        return Key(Kind::end);
+    default:
+        return std::nullopt;
     }
 }
 
 std::optional<Key> tilde(long long n) {
     switch (n) {
-    case 1: case 7: return Key(Kind::home);
-    case 3: return Key(Kind::delete_);
-    case 4: case 8: return Key(Kind::end);
-    case 5: return Key(Kind::pageUp);
-    case 6: return Key(Kind::pageDown);
-    default: break;
+    case 1:
+    case 7:
+        return Key(Kind::home);
+    case 3:
+        return Key(Kind::delete_);
+    case 4:
+    case 8:
+        return Key(Kind::end);
+    case 5:
+        return Key(Kind::pageUp);
+    case 6:
+        return Key(Kind::pageDown);
+    default:
+        break;
     }
     if (n >= 11 && n <= 15) return Key::function(static_cast<int>(n - 10));
     if (n >= 17 && n <= 21) return Key::function(static_cast<int>(n - 11));
@@ -94,11 +113,20 @@ std::optional<MouseEvent> mouse(std::string_view parameters, char final) {
     m.x = clampToInt(numbers[1] == LLONG_MIN ? LLONG_MIN : numbers[1] - 1);
     m.y = clampToInt(numbers[2] == LLONG_MIN ? LLONG_MIN : numbers[2] - 1);
     switch (numbers[0]) {
-    case 0: m.kind = final == 'M' ? MouseEvent::Kind::press : MouseEvent::Kind::release; break;
-    case 32: m.kind = MouseEvent::Kind::drag; break;
-    case 64: m.kind = MouseEvent::Kind::scrollUp; break;
-    case 65: m.kind = MouseEvent::Kind::scrollDown; break;
-    default: return std::nullopt; // other buttons, modifiers, plain motion
+    case 0:
+        m.kind = final == 'M' ? MouseEvent::Kind::press : MouseEvent::Kind::release;
+        break;
+    case 32:
+        m.kind = MouseEvent::Kind::drag;
+        break;
+    case 64:
+        m.kind = MouseEvent::Kind::scrollUp;
+        break;
+    case 65:
+        m.kind = MouseEvent::Kind::scrollDown;
+        break;
+    default:
+        return std::nullopt; // other buttons, modifiers, plain motion
     }
     return m;
 }
@@ -144,12 +172,19 @@ std::vector<InputEvent> InputDecoder::decode(std::string_view bytes) {
 InputDecoder::Step InputDecoder::decodeOne(std::size_t p) {
     const auto b = static_cast<unsigned char>(pending[p]);
     const std::size_t available = pending.size() - p;
-    auto key = [](Key k, std::size_t n) { return Step{Outcome::event, n, InputEvent(std::move(k))}; };
+    auto key = [](Key k, std::size_t n) {
+        return Step{Outcome::event, n, InputEvent(std::move(k))};
+    };
 
     switch (b) {
-    case 13: case 10: return key(Kind::enter, 1);
-    case 127: case 8: return key(Kind::backspace, 1);
-    case 9: return key(Kind::tab, 1);
+    case 13:
+    case 10:
+        return key(Kind::enter, 1);
+    case 127:
+    case 8:
+        return key(Kind::backspace, 1);
+    case 9:
+        return key(Kind::tab, 1);
     case 27:
         if (available >= 2 && pending[p + 1] == 'O') {
             if (available < 3) return Step{Outcome::incomplete};
@@ -158,7 +193,8 @@ InputDecoder::Step InputDecoder::decodeOne(std::size_t p) {
         }
         if (available >= 2 && pending[p + 1] == '[') return decodeCSI(p);
         return key(Kind::escape, 1);
-    default: break;
+    default:
+        break;
     }
     if (b >= 1 && b <= 26) return key(Key::ctrl(static_cast<char>(b | 96)), 1);
     if (b < 32) return Step{Outcome::none, 1};
@@ -201,21 +237,39 @@ InputDecoder::Step InputDecoder::decodeCSI(std::size_t p) {
     }
 
     std::vector<long long> numbers;
-    for (std::string_view piece : splitNonEmpty(params, ';')) numbers.push_back(parseInt(piece).value_or(0));
+    for (std::string_view piece : splitNonEmpty(params, ';'))
+        numbers.push_back(parseInt(piece).value_or(0));
     const bool shift =
         numbers.size() >= 2 && ((static_cast<unsigned long long>(numbers[1]) - 1ULL) & 1ULL) != 0;
 
     std::optional<Key> k;
     switch (final) {
-    case 'A': k = Key(shift ? Kind::shiftUp : Kind::up); break;
-    case 'B': k = Key(shift ? Kind::shiftDown : Kind::down); break;
-    case 'C': k = Key(Kind::right); break;
-    case 'D': k = Key(Kind::left); break;
-    case 'H': k = Key(Kind::home); break;
-    case 'F': k = Key(Kind::end); break;
-    case 'Z': k = Key(Kind::backTab); break;
-    case '~': k = tilde(numbers.empty() ? 0 : numbers[0]); break;
-    default: break;
+    case 'A':
+        k = Key(shift ? Kind::shiftUp : Kind::up);
+        break;
+    case 'B':
+        k = Key(shift ? Kind::shiftDown : Kind::down);
+        break;
+    case 'C':
+        k = Key(Kind::right);
+        break;
+    case 'D':
+        k = Key(Kind::left);
+        break;
+    case 'H':
+        k = Key(Kind::home);
+        break;
+    case 'F':
+        k = Key(Kind::end);
+        break;
+    case 'Z':
+        k = Key(Kind::backTab);
+        break;
+    case '~':
+        k = tilde(numbers.empty() ? 0 : numbers[0]);
+        break;
+    default:
+        break;
     }
     if (k) return Step{Outcome::event, consumed, InputEvent(std::move(*k))};
     return Step{Outcome::none, consumed};

@@ -13,9 +13,9 @@ struct Key {
     // `char_` and `delete_` carry a trailing underscore only because the plain names
     // are C++ keywords.
     enum class Kind : std::uint8_t {
-        char_,     // text: one printable character (grapheme), UTF-8
-        ctrl,      // text: a lower-case letter "a" to "z"
-        function,  // number: 1 to 12
+        char_,    // text: one printable character (grapheme), UTF-8
+        ctrl,     // text: a lower-case letter "a" to "z"
+        function, // number: 1 to 12
         enter,
         tab,
         backTab,

@@ -20,6 +20,8 @@ inline constexpr RGB error{247, 118, 142};
 inline constexpr Style defaultStyle{text, background, false, false};
 
 // Foreground colour on the background, optionally bold.
-constexpr Style on(RGB fg, bool bold = false) { return Style{fg, background, bold, false}; }
+constexpr Style on(RGB fg, bool bold = false) {
+    return Style{fg, background, bold, false};
+}
 
 } // namespace trovan::palette

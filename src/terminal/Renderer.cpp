@@ -30,7 +30,9 @@ int level(int v) {
 
 } // namespace
 
-int Renderer::cubeIndex(RGB rgb) { return 16 + 36 * level(rgb.r) + 6 * level(rgb.g) + level(rgb.b); }
+int Renderer::cubeIndex(RGB rgb) {
+    return 16 + 36 * level(rgb.r) + 6 * level(rgb.g) + level(rgb.b);
+}
 
 void Renderer::appendColor(std::string& out, RGB rgb, bool foreground) const {
     out += foreground ? "38" : "48";
@@ -69,8 +71,8 @@ std::string Renderer::render(ScreenBuffer buffer, std::optional<CursorPos> curso
     out.reserve(4096);
     out += "\x1b[?2026h";
 
-    const bool full = !front || front->width() != buffer.width() ||
-                      front->height() != buffer.height();
+    const bool full =
+        !front || front->width() != buffer.width() || front->height() != buffer.height();
     if (full) out += "\x1b[0m\x1b[2J";
 
     const int w = buffer.width(), h = buffer.height();

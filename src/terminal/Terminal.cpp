@@ -19,7 +19,9 @@ int savedFlags = -1; // descriptor 0's status flags (O_NONBLOCK is shared with t
 std::atomic<bool> restorePending{false};
 bool hookInstalled = false;
 
-void exitHook() { restoreTerminal(); }
+void exitHook() {
+    restoreTerminal();
+}
 
 } // namespace
 
@@ -48,7 +50,9 @@ void restoreTerminal() {
     if (savedFlags != -1) fcntl(0, F_SETFL, savedFlags);
 }
 
-void Terminal::write(std::string_view bytes) { writeAll(1, bytes); }
+void Terminal::write(std::string_view bytes) {
+    writeAll(1, bytes);
+}
 
 void Terminal::writeAll(int fd, std::string_view bytes) {
     std::size_t offset = 0;
@@ -60,7 +64,9 @@ void Terminal::writeAll(int fd, std::string_view bytes) {
         } else if (errno == EAGAIN) {
             // A non-blocking descriptor that is full: wait until it drains instead of
             // spinning.
-            struct pollfd pfd {fd, POLLOUT, 0};
+            struct pollfd pfd {
+                fd, POLLOUT, 0
+            };
             poll(&pfd, 1, -1);
         } else if (errno != EINTR) {
             return;

@@ -29,8 +29,8 @@ public:
 };
 
 // Leaves the session if one is pending: restores the screen, cursor, reports, the
-// saved terminal attributes and standard input's descriptor flags. Safe to call any number of times; also the exit hook. It
-// does not touch any Terminal's isActive.
+// saved terminal attributes and standard input's descriptor flags. Safe to call any number of
+// times; also the exit hook. It does not touch any Terminal's isActive.
 void restoreTerminal();
 
 // The bytes written on entering and leaving the session.

@@ -42,7 +42,7 @@ void ArtistView::draw(const AppState& state, const Layout& layout, ScreenBuffer&
         if (index < 0 || index >= static_cast<int>(artists.size())) continue;
         const auto& artist = artists[static_cast<std::size_t>(index)];
         Style style = palette::on(!playingKey.empty() && artist.key == playingKey ? palette::accent
-                                                                                 : palette::dim);
+                                                                                  : palette::dim);
         if (i == state.artists.cursor) {
             const RGB bg = focused ? palette::selectionFocused : palette::selection;
             buffer.fill({list.x, y, list.width, 1}, Style{palette::text, bg, false, false});

@@ -6,7 +6,8 @@
 
 namespace trovan::draw {
 
-int rightAligned(ScreenBuffer& buffer, std::string_view s, int right, int y, int minX, Style style) {
+int rightAligned(ScreenBuffer& buffer, std::string_view s, int right, int y, int minX,
+                 Style style) {
     const int avail = right - minX;
     if (avail < 1) return right;
     const int w = std::min(avail, text::displayWidth(s));

@@ -23,7 +23,8 @@ Layout::Layout(Size s) : size(s) {
     cover = {2, m + 1, 10, 5};
     nowPlaying = {14, m + 1, infoWidth, 3};
     const int B = W > 60 ? (W - 33) / 2 : 14;
-    for (int i = 0; i < 5; ++i) buttons[kPlayerButtons[i]] = {B + 7 * i, m + 4, 5, 1};
+    for (int i = 0; i < 5; ++i)
+        buttons[kPlayerButtons[i]] = {B + 7 * i, m + 4, 5, 1};
     progress = {14, m + 5, infoWidth, 1};
 }
 

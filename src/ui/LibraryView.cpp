@@ -27,7 +27,8 @@ struct RowPainter {
     Style on(RGB fg, bool bold = false) const { return Style{fg, bg, bold, false}; }
 
     const LibraryIndex::Album* album(int index) const {
-        if (!artist || index < 0 || index >= static_cast<int>(artist->albums.size())) return nullptr;
+        if (!artist || index < 0 || index >= static_cast<int>(artist->albums.size()))
+            return nullptr;
         return &artist->albums[static_cast<std::size_t>(index)];
     }
 
@@ -38,10 +39,11 @@ struct RowPainter {
         std::size_t count = 0;
         for (const auto& disc : a->discs) {
             count += disc.tracks.size();
-            for (const auto& t : disc.tracks) totalMs += std::max<std::int64_t>(t.durationMs, 0);
+            for (const auto& t : disc.tracks)
+                totalMs += std::max<std::int64_t>(t.durationMs, 0);
         }
-        std::string info = std::to_string(count) + " canciones · " +
-                           std::to_string(totalMs / 60000) + " min";
+        std::string info =
+            std::to_string(count) + " canciones · " + std::to_string(totalMs / 60000) + " min";
         const int infoStart = draw::rightAligned(buffer, info, right, y, x + 1, on(palette::dim));
 
         std::string heading = text::upper(a->title);
@@ -65,8 +67,10 @@ struct RowPainter {
         buffer.text(draw::twoDigits(track.trackNumber), x + 3, y, std::min(2, right - (x + 3)),
                     on(palette::dim));
 
-        const std::string duration = PlayerView::format(static_cast<double>(track.durationMs) / 1000.0);
-        const int durationStart = draw::rightAligned(buffer, duration, right, y, x + 6, on(palette::dim));
+        const std::string duration =
+            PlayerView::format(static_cast<double>(track.durationMs) / 1000.0);
+        const int durationStart =
+            draw::rightAligned(buffer, duration, right, y, x + 6, on(palette::dim));
         const RGB titleColour = cursor ? palette::white : playing ? palette::accent : palette::text;
         buffer.text(track.displayTitle(), x + 6, y, durationStart - 1 - (x + 6), on(titleColour));
     }
@@ -88,7 +92,8 @@ void coverRow(ScreenBuffer& buffer, const CoverArt* art, int x, int y, int row) 
     }
     buffer.fill({x, y, w, 1}, Style{palette::text, palette::selection, false, false});
     if (row == h / 2)
-        buffer.put(Glyph("♪", 1), x + w / 2, y, Style{palette::dim, palette::selection, false, false});
+        buffer.put(Glyph("♪", 1), x + w / 2, y,
+                   Style{palette::dim, palette::selection, false, false});
 }
 
 } // namespace

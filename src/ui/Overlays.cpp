@@ -25,7 +25,9 @@ constexpr Style highlight{palette::white, palette::selectionFocused, false, fals
 
 constexpr int helpColumnWidth = 46;
 
-int ceilDiv(int a, int b) { return b > 0 ? (a + b - 1) / b : 0; }
+int ceilDiv(int a, int b) {
+    return b > 0 ? (a + b - 1) / b : 0;
+}
 
 } // namespace
 
@@ -119,15 +121,18 @@ void Overlays::drawEqualizer(const AppState& state, ScreenBuffer& buffer) {
                                               "1k", "2k", "4k",  "8k",  "16k"};
     for (int i = 0; i < 10; ++i) {
         const int bx = x + 6 + 6 * i;
-        const float g = i < static_cast<int>(s.eqGains.size()) ? s.eqGains[static_cast<std::size_t>(i)] : 0.0f;
-        const double half = std::isfinite(g) ? std::clamp(static_cast<double>(g) / 2.0, -1e6, 1e6) : 0.0;
+        const float g =
+            i < static_cast<int>(s.eqGains.size()) ? s.eqGains[static_cast<std::size_t>(i)] : 0.0f;
+        const double half =
+            std::isfinite(g) ? std::clamp(static_cast<double>(g) / 2.0, -1e6, 1e6) : 0.0;
         const long level = std::lround(half);
         const bool selected = i == state.eqBand;
         const RGB colour = !s.eqEnabled ? palette::dim : selected ? palette::accent : palette::text;
         for (int r = 6; r >= -6; --r) {
             const int row = y + 2 + (6 - r);
             if (!inside(row)) continue;
-            const bool filled = (level > 0 && r >= 1 && r <= level) || (level < 0 && r <= -1 && r >= level);
+            const bool filled =
+                (level > 0 && r >= 1 && r <= level) || (level < 0 && r <= -1 && r >= level);
             const char* glyph = filled ? "█" : r == 0 ? "─" : "·";
             const Style st{filled || r == 0 ? colour : palette::rule, boxBg, false, false};
             for (int k = 0; k < 3; ++k)
@@ -140,8 +145,7 @@ void Overlays::drawEqualizer(const AppState& state, ScreenBuffer& buffer) {
             gain = b;
         }
         const int gainCount = static_cast<int>(text::graphemeCount(gain));
-        label(gain, bx + (3 - gainCount) / 2, y + 15, 4,
-              selected ? title : secondary);
+        label(gain, bx + (3 - gainCount) / 2, y + 15, 4, selected ? title : secondary);
         const std::string freq = frequencies[i];
         label(freq, bx + (3 - static_cast<int>(freq.size())) / 2, y + 16, 4,
               selected ? Style{palette::accent, boxBg, true, false} : secondary);
@@ -224,8 +228,8 @@ std::optional<CursorPos> Overlays::drawForm(const TagForm& form, ScreenBuffer& b
             buffer.text(field.input.text, valueX, y, valueWidth, valueStyle);
         }
     }
-    if (cursor && (valueWidth < 1 || cursor->x < 0 || cursor->x >= buffer.width() || cursor->y < 0 ||
-                   cursor->y >= buffer.height()))
+    if (cursor && (valueWidth < 1 || cursor->x < 0 || cursor->x >= buffer.width() ||
+                   cursor->y < 0 || cursor->y >= buffer.height()))
         return std::nullopt;
     return cursor;
 }
@@ -242,10 +246,10 @@ std::optional<CursorPos> Overlays::drawPrompt(const AppState& state, PromptKind 
                              palette::on(state.searchMiss ? palette::error : palette::text));
         if (right - (x + used) < 1) cursor.reset();
     } else {
-        // The bottom line of the screen, over the progress bar.
-        const int y = layout.size.height - 1;
-        const int x = layout.header.x, right = layout.header.x + layout.header.width;
-        draw::fillOver(buffer, {0, y, layout.size.width, 1}, palette::defaultStyle);
+        // The bottom line, in place of the progress bar; the cover beside it stays.
+        const Rect& line = layout.progress;
+        const int y = line.y, x = line.x, right = line.x + line.width;
+        draw::fillOver(buffer, line, palette::defaultStyle);
         const char* lead = kind == PromptKind::command ? ":" : "Ir a minuto: ";
         const int used = buffer.text(lead, x, y, right - x, palette::on(palette::accent, true));
         cursor = draw::input(buffer, state.input, x + used, y, right - (x + used),
@@ -261,11 +265,19 @@ std::optional<CursorPos> Overlays::drawPrompt(const AppState& state, PromptKind 
 std::optional<CursorPos> Overlays::draw(const AppState& state, const Layout& layout,
                                         ScreenBuffer& buffer) {
     switch (state.overlay.kind) {
-    case Overlay::Kind::none: return std::nullopt;
-    case Overlay::Kind::prompt: return drawPrompt(state, state.overlay.promptKind, layout, buffer);
-    case Overlay::Kind::help: drawHelp(state, buffer); return std::nullopt;
-    case Overlay::Kind::equalizer: drawEqualizer(state, buffer); return std::nullopt;
-    case Overlay::Kind::roots: drawRoots(state, buffer); return std::nullopt;
+    case Overlay::Kind::none:
+        return std::nullopt;
+    case Overlay::Kind::prompt:
+        return drawPrompt(state, state.overlay.promptKind, layout, buffer);
+    case Overlay::Kind::help:
+        drawHelp(state, buffer);
+        return std::nullopt;
+    case Overlay::Kind::equalizer:
+        drawEqualizer(state, buffer);
+        return std::nullopt;
+    case Overlay::Kind::roots:
+        drawRoots(state, buffer);
+        return std::nullopt;
     case Overlay::Kind::tagForm:
         if (state.form) return drawForm(*state.form, buffer);
         return std::nullopt;

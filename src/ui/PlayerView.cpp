@@ -11,7 +11,9 @@ namespace trovan {
 
 namespace {
 // Characters of an ASCII string such as a formatted time.
-int chars(const std::string& s) { return static_cast<int>(s.size()); }
+int chars(const std::string& s) {
+    return static_cast<int>(s.size());
+}
 } // namespace
 
 std::string PlayerView::format(double seconds) {
@@ -44,8 +46,10 @@ void PlayerView::drawCover(const std::optional<std::vector<RGB>>& pixels, Rect r
         for (int cy = 0; cy < rect.height; ++cy)
             for (int cx = 0; cx < rect.width; ++cx) {
                 const RGB top = (*pixels)[static_cast<std::size_t>(2 * cy * rect.width + cx)];
-                const RGB bottom = (*pixels)[static_cast<std::size_t>((2 * cy + 1) * rect.width + cx)];
-                buffer.put(Glyph("▀", 1), rect.x + cx, rect.y + cy, Style{top, bottom, false, false});
+                const RGB bottom =
+                    (*pixels)[static_cast<std::size_t>((2 * cy + 1) * rect.width + cx)];
+                buffer.put(Glyph("▀", 1), rect.x + cx, rect.y + cy,
+                           Style{top, bottom, false, false});
             }
         return;
     }
@@ -78,7 +82,8 @@ void PlayerView::drawInfo(const AppState& state, Rect r, ScreenBuffer& buffer) {
         if (track->year >= 1) line += " (" + std::to_string(track->year) + ")";
         buffer.text(line, r.x, r.y + 1, lw, palette::on(palette::text));
         if (state.playback.format)
-            buffer.text(state.playback.format->summary(), r.x, r.y + 2, lw, palette::on(palette::dim));
+            buffer.text(state.playback.format->summary(), r.x, r.y + 2, lw,
+                        palette::on(palette::dim));
     } else {
         buffer.text("Nada en reproducción", r.x, r.y, lw, palette::on(palette::white, true));
         buffer.text("Elige una canción y pulsa Enter", r.x, r.y + 1, lw, palette::on(palette::dim));
@@ -101,13 +106,17 @@ void PlayerView::drawButtons(const AppState& state, const Layout& layout, Screen
             glyph = "⇄";
             fg = state.settings.shuffle ? palette::accent : palette::dim;
             break;
-        case PlayerButton::previous: glyph = "◀◀"; break;
+        case PlayerButton::previous:
+            glyph = "◀◀";
+            break;
         case PlayerButton::playPause:
             glyph = state.playback.isPlaying ? "❚❚" : "▶";
             fg = palette::accent;
             bold = true;
             break;
-        case PlayerButton::next: glyph = "▶▶"; break;
+        case PlayerButton::next:
+            glyph = "▶▶";
+            break;
         case PlayerButton::repeatMode:
             glyph = state.settings.repeatMode == RepeatMode::one ? "↻1" : "↻";
             fg = state.settings.repeatMode != RepeatMode::off ? palette::accent : palette::dim;

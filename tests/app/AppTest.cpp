@@ -20,15 +20,18 @@ namespace {
 
 std::string rowText(const ScreenBuffer& b, int y) {
     std::string s;
-    for (int x = 0; x < b.width(); ++x) s += b.at(x, y).ch.str();
+    for (int x = 0; x < b.width(); ++x)
+        s += b.at(x, y).ch.str();
     return s;
 }
 
-const std::string kMessage = "Agranda la terminal (m\xC3\xADnimo 60\xC3\x97" "16)";
+const std::string kMessage = "Agranda la terminal (m\xC3\xADnimo 60\xC3\x97"
+                             "16)";
 
 int count(const std::string& hay, const std::string& needle) {
     int n = 0;
-    for (auto p = hay.find(needle); p != std::string::npos; p = hay.find(needle, p + 1)) ++n;
+    for (auto p = hay.find(needle); p != std::string::npos; p = hay.find(needle, p + 1))
+        ++n;
     return n;
 }
 
@@ -47,7 +50,8 @@ template <typename F> std::string stdoutDuring(F f) {
     std::string out;
     char buf[65536];
     ssize_t n;
-    while ((n = read(fds[0], buf, sizeof buf)) > 0) out.append(buf, static_cast<std::size_t>(n));
+    while ((n = read(fds[0], buf, sizeof buf)) > 0)
+        out.append(buf, static_cast<std::size_t>(n));
     close(fds[0]);
     return out;
 }
@@ -62,7 +66,8 @@ int inChild(void (*body)(), int seconds = 10) {
     }
     int status = 0;
     for (int i = 0; i < seconds * 100; ++i) {
-        if (waitpid(pid, &status, WNOHANG) == pid) return WIFEXITED(status) ? WEXITSTATUS(status) : -2;
+        if (waitpid(pid, &status, WNOHANG) == pid)
+            return WIFEXITED(status) ? WEXITSTATUS(status) : -2;
         usleep(10000);
     }
     kill(pid, SIGKILL);
@@ -139,7 +144,8 @@ TEST(AppLoop, RenderRequestsAreCoalescedIntoOneFrame) {
     ASSERT_EQ(count(stdoutDuring([&] { pump(io); }), "\x1b[?2026h"), 1);
 
     std::string frames = stdoutDuring([&] {
-        for (int i = 0; i < 10; ++i) app.controller().needsRender();
+        for (int i = 0; i < 10; ++i)
+            app.controller().needsRender();
         pump(io);
     });
     EXPECT_EQ(count(frames, "\x1b[?2026h"), 1);
@@ -212,7 +218,8 @@ TEST(AppLoop, InputEndsTheProgramOnQOrEndOfInput) {
         return inChild([] {
             int fds[2];
             if (pipe(fds) != 0) _exit(98);
-            if (write(fds[1], bytes.data(), bytes.size()) != static_cast<ssize_t>(bytes.size())) _exit(97);
+            if (write(fds[1], bytes.data(), bytes.size()) != static_cast<ssize_t>(bytes.size()))
+                _exit(97);
             if (closeInput) close(fds[1]);
             dup2(fds[0], 0);
             int null = open("/dev/null", O_WRONLY);

@@ -31,7 +31,8 @@ std::string readAll(int fd) {
     std::string out;
     char buf[4096];
     ssize_t n;
-    while ((n = read(fd, buf, sizeof buf)) > 0) out.append(buf, static_cast<std::size_t>(n));
+    while ((n = read(fd, buf, sizeof buf)) > 0)
+        out.append(buf, static_cast<std::size_t>(n));
     return out;
 }
 
@@ -54,7 +55,8 @@ Result run(std::vector<std::string> args, int in, int out) {
     posix_spawn_file_actions_adddup2(&fa, out < 0 ? outPipe[1] : out, 1);
     posix_spawn_file_actions_adddup2(&fa, errPipe[1], 2);
     std::vector<char*> argv{const_cast<char*>(TROVAN_BINARY)};
-    for (auto& a : args) argv.push_back(a.data());
+    for (auto& a : args)
+        argv.push_back(a.data());
     argv.push_back(nullptr);
     pid_t pid;
     EXPECT_EQ(posix_spawn(&pid, TROVAN_BINARY, &fa, nullptr, argv.data(), environ), 0);

@@ -21,7 +21,8 @@ namespace {
 
 using namespace std::chrono_literals;
 
-const std::string kMessage = "Agranda la terminal (m\xC3\xADnimo 60\xC3\x97" "16)";
+const std::string kMessage = "Agranda la terminal (m\xC3\xADnimo 60\xC3\x97"
+                             "16)";
 const std::string kBackground = "48;2;20;22;28";
 
 // Runs the program under a small shell wrapper that records the terminal modes before
@@ -42,7 +43,8 @@ exec sleep 600
 
 std::string shellQuote(const std::string& s) {
     std::string out = "'";
-    for (char c : s) out += c == '\'' ? std::string("'\\''") : std::string(1, c);
+    for (char c : s)
+        out += c == '\'' ? std::string("'\\''") : std::string(1, c);
     return out + "'";
 }
 
@@ -59,7 +61,8 @@ bool exists(const std::string& path) {
 }
 
 std::string trim(std::string s) {
-    while (!s.empty() && (s.back() == '\n' || s.back() == ' ')) s.pop_back();
+    while (!s.empty() && (s.back() == '\n' || s.back() == ' '))
+        s.pop_back();
     return s;
 }
 
@@ -73,7 +76,9 @@ bool waitUntil(const std::function<bool()>& ready, std::chrono::milliseconds lim
     return ready();
 }
 
-bool haveTmux() { return std::system("command -v tmux >/dev/null 2>&1") == 0; }
+bool haveTmux() {
+    return std::system("command -v tmux >/dev/null 2>&1") == 0;
+}
 
 // A private tmux server (its own socket) with one session running the program.
 class Session {
@@ -84,8 +89,8 @@ public:
         std::ofstream(dir_ + "/run.sh") << kWrapper;
         mkdir((dir_ + "/home").c_str(), 0700);
         tmux("-f /dev/null new-session -d -s t -x " + std::to_string(width) + " -y " +
-             std::to_string(height) + " -e COLORTERM=truecolor -e TROVAN_HOME=" +
-             shellQuote(dir_ + "/home") + " " +
+             std::to_string(height) +
+             " -e COLORTERM=truecolor -e TROVAN_HOME=" + shellQuote(dir_ + "/home") + " " +
              shellQuote("sh " + shellQuote(dir_ + "/run.sh") + " " + shellQuote(dir_) + " " +
                         shellQuote(TROVAN_BINARY)));
         waitUntil([&] { return exists(dir_ + "/pid"); });
@@ -107,16 +112,19 @@ public:
         if (FILE* p = popen(cmd.c_str(), "r")) {
             char buf[4096];
             std::size_t n;
-            while ((n = fread(buf, 1, sizeof buf, p)) > 0) out.append(buf, n);
+            while ((n = fread(buf, 1, sizeof buf, p)) > 0)
+                out.append(buf, n);
             pclose(p);
         }
         return out;
     }
 
     std::vector<std::string> screen(bool escapes = false) {
-        std::stringstream ss(tmux(std::string("capture-pane -p ") + (escapes ? "-e " : "") + "-t t"));
+        std::stringstream ss(
+            tmux(std::string("capture-pane -p ") + (escapes ? "-e " : "") + "-t t"));
         std::vector<std::string> lines;
-        for (std::string line; std::getline(ss, line);) lines.push_back(line);
+        for (std::string line; std::getline(ss, line);)
+            lines.push_back(line);
         return lines;
     }
 
@@ -226,8 +234,7 @@ TEST(Tmux, SmallTerminalShowsTheMessageAndQuitsOnCtrlC) {
     REQUIRE_TMUX();
     Session s(59, 20);
     ASSERT_TRUE(s.waitForSession([](const auto&) { return true; }));
-    EXPECT_TRUE(waitUntil([&] { return showsMessageAt(s.screen(), 10, 12); }))
-        << s.screen()[10];
+    EXPECT_TRUE(waitUntil([&] { return showsMessageAt(s.screen(), 10, 12); })) << s.screen()[10];
     s.tmux("send-keys -t t C-c");
     s.expectCleanExit();
 }

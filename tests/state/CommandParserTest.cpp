@@ -19,7 +19,6 @@ std::string error(std::string_view text) {
 }
 } // namespace
 
-
 TEST(CommandParser, FoldersAndQuoting) {
     EXPECT_EQ(action("AGREGAR /x"), Action::addRoot("/x"));
     EXPECT_EQ(action("  add   ~/Music  "), Action::addRoot("~/Music"));
@@ -54,7 +53,8 @@ TEST(CommandParser, Equalizer) {
     EXPECT_EQ(action("eq save"), Action::eqPreset("save"));
     EXPECT_EQ(action("eq save   "), Action::eqPreset("save"));
     EXPECT_EQ(action("eq Clásica"), Action::eqPreset("Clásica"));
-    EXPECT_EQ(CommandParser::parseEqualizer("save   "), CommandResult(CommandError::missingArgument("nombre")));
+    EXPECT_EQ(CommandParser::parseEqualizer("save   "),
+              CommandResult(CommandError::missingArgument("nombre")));
     EXPECT_EQ(CommandError::missingArgument("nombre").message(), "Falta el argumento: nombre");
 }
 
@@ -94,11 +94,13 @@ TEST(CommandParser, Covers) {
 }
 
 TEST(CommandParser, QuitHelpAndUnknown) {
-    for (const char* q : {"q", "quit", "SALIR", "q now"}) EXPECT_EQ(action(q), Action(Action::Kind::quit)) << q;
+    for (const char* q : {"q", "quit", "SALIR", "q now"})
+        EXPECT_EQ(action(q), Action(Action::Kind::quit)) << q;
     for (const char* h : {"help", "ayuda", "h", "H extra"})
         EXPECT_EQ(action(h), Action(Action::Kind::openHelp)) << h;
     EXPECT_EQ(error("foo bar"), "Comando desconocido: foo (usa :help)");
     EXPECT_EQ(error("FOO"), "Comando desconocido: foo (usa :help)");
+    EXPECT_EQ(error("CANCI\xC3\x93N"), "Comando desconocido: canci\xC3\xB3n (usa :help)");
     EXPECT_EQ(error(""), "Comando desconocido:  (usa :help)");
 }
 

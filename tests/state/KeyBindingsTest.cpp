@@ -11,9 +11,15 @@ std::vector<std::string> renderHelp() {
     std::vector<std::string> out;
     for (const auto& line : KeyBindings::helpLines()) {
         switch (line.kind) {
-        case HelpLine::Kind::blank: out.push_back(""); break;
-        case HelpLine::Kind::header: out.push_back("## " + line.label); break;
-        case HelpLine::Kind::entry: out.push_back(line.label + " | " + line.description); break;
+        case HelpLine::Kind::blank:
+            out.push_back("");
+            break;
+        case HelpLine::Kind::header:
+            out.push_back("## " + line.label);
+            break;
+        case HelpLine::Kind::entry:
+            out.push_back(line.label + " | " + line.description);
+            break;
         }
     }
     return out;
@@ -84,7 +90,8 @@ TEST(KeyBindings, HelpListsEverySectionThenTheCommands) {
     EXPECT_EQ(renderHelp(), expected);
     // The sections keep their sizes: 12, 15, 8 and 3 rows.
     std::vector<std::size_t> sizes;
-    for (const auto& s : KeyBindings::all()) sizes.push_back(s.bindings.size());
+    for (const auto& s : KeyBindings::all())
+        sizes.push_back(s.bindings.size());
     EXPECT_EQ(sizes, (std::vector<std::size_t>{12, 15, 8, 3}));
 }
 
@@ -95,28 +102,43 @@ TEST(KeyBindings, EveryKeyOfTheTableLeadsToItsAction) {
             for (const auto& key : b.keys) {
                 auto found = KeyBindings::lookup(key);
                 ASSERT_TRUE(found) << KeyBindings::label(key);
-                if (b.action.kind != A::seekFraction) EXPECT_EQ(*found, b.action) << KeyBindings::label(key);
+                if (b.action.kind != A::seekFraction) {
+                    EXPECT_EQ(*found, b.action) << KeyBindings::label(key);
+                }
             }
     for (int d = 0; d <= 9; ++d)
-        EXPECT_EQ(KeyBindings::lookup(Key::character(std::to_string(d))), Action::seekFraction(d / 10.0));
+        EXPECT_EQ(KeyBindings::lookup(Key::character(std::to_string(d))),
+                  Action::seekFraction(d / 10.0));
 
     const std::pair<Key, Action> pairs[] = {
-        {Key::character("k"), Action::move(-1)},  {Key(K::up), Action::move(-1)},
-        {Key::character("j"), Action::move(1)},   {Key(K::down), Action::move(1)},
-        {Key::character(" "), A::togglePlay},     {Key::function(8), A::togglePlay},
-        {Key::character("n"), A::next},           {Key::function(9), A::next},
-        {Key::character("p"), A::previous},       {Key::function(7), A::previous},
-        {Key::character("q"), A::quit},           {Key::ctrl('c'), A::quit},
-        {Key::character("e"), A::editTags},       {Key::character("E"), A::editAllTags},
-        {Key::character("l"), A::toggleLyrics},   {Key::character("L"), A::editLyrics},
-        {Key::character("+"), Action::volumeBy(0.05f)}, {Key::character("-"), Action::volumeBy(-0.05f)},
-        {Key::character("<"), Action::seekBy(-30)}, {Key(K::shiftDown), Action::extendSelection(1)},
-        {Key(K::escape), A::clearSelection},      {Key(K::backTab), A::focusPrevious},
+        {Key::character("k"), Action::move(-1)},
+        {Key(K::up), Action::move(-1)},
+        {Key::character("j"), Action::move(1)},
+        {Key(K::down), Action::move(1)},
+        {Key::character(" "), A::togglePlay},
+        {Key::function(8), A::togglePlay},
+        {Key::character("n"), A::next},
+        {Key::function(9), A::next},
+        {Key::character("p"), A::previous},
+        {Key::function(7), A::previous},
+        {Key::character("q"), A::quit},
+        {Key::ctrl('c'), A::quit},
+        {Key::character("e"), A::editTags},
+        {Key::character("E"), A::editAllTags},
+        {Key::character("l"), A::toggleLyrics},
+        {Key::character("L"), A::editLyrics},
+        {Key::character("+"), Action::volumeBy(0.05f)},
+        {Key::character("-"), Action::volumeBy(-0.05f)},
+        {Key::character("<"), Action::seekBy(-30)},
+        {Key(K::shiftDown), Action::extendSelection(1)},
+        {Key(K::escape), A::clearSelection},
+        {Key(K::backTab), A::focusPrevious},
     };
-    for (const auto& [key, act] : pairs) EXPECT_EQ(KeyBindings::lookup(key), act) << KeyBindings::label(key);
+    for (const auto& [key, act] : pairs)
+        EXPECT_EQ(KeyBindings::lookup(key), act) << KeyBindings::label(key);
 
-    for (const Key& absent : {Key::character("z"), Key(K::delete_), Key::function(1), Key::ctrl('a'),
-                              Key(K::backspace)})
+    for (const Key& absent : {Key::character("z"), Key(K::delete_), Key::function(1),
+                              Key::ctrl('a'), Key(K::backspace)})
         EXPECT_FALSE(KeyBindings::lookup(absent)) << KeyBindings::label(absent);
     EXPECT_EQ(KeyBindings::table().size(), 53u); // no key is bound twice
 }
@@ -131,6 +153,7 @@ TEST(KeyBindings, KeyLabels) {
     EXPECT_EQ(KeyBindings::label(Key(K::pageDown)), "AvPág");
     EXPECT_EQ(KeyBindings::label(KeyBinding{{Key(K::up), Key(K::down), Key(K::left)}, A::quit, ""}),
               "↑ ↓ ←");
-    EXPECT_EQ(KeyBindings::label(KeyBinding{{Key(K::up), Key(K::down), Key(K::left), Key(K::right)}, A::quit, ""}),
+    EXPECT_EQ(KeyBindings::label(
+                  KeyBinding{{Key(K::up), Key(K::down), Key(K::left), Key(K::right)}, A::quit, ""}),
               "↑–→");
 }

@@ -25,7 +25,8 @@ std::vector<PropertyMap> threeTracks() {
 TEST(TagForm, TenFieldsWithCommonAndMixedValues) {
     TagForm f({"/a", "/b", "/c"}, threeTracks());
     std::vector<std::string> labels;
-    for (const auto& x : f.fields) labels.push_back(x.key + "=" + x.label);
+    for (const auto& x : f.fields)
+        labels.push_back(x.key + "=" + x.label);
     EXPECT_EQ(labels, (std::vector<std::string>{
                           "TITLE=Título", "ARTIST=Artista", "ALBUMARTIST=Artista del álbum",
                           "ALBUM=Álbum", "DATE=Año", "TRACKNUMBER=Pista", "DISCNUMBER=Disco",
@@ -57,10 +58,10 @@ TEST(TagForm, PatchHoldsOnlyWhatChanged) {
     field(f, "COMPOSER").input = TextInput(" \t ");
     field(f, "GENRE").input = TextInput("Rock; Pop; Jazz");
     TagPatch p = f.patch();
-    EXPECT_EQ(p.changes, (std::map<std::string, std::vector<std::string>>{
-                             {"ARTIST", {"Rock"}},
-                             {"GENRE", {"Rock; Pop; Jazz"}},
-                             {"TITLE", {"Mismo título"}}}));
+    EXPECT_EQ(p.changes,
+              (std::map<std::string, std::vector<std::string>>{{"ARTIST", {"Rock"}},
+                                                               {"GENRE", {"Rock; Pop; Jazz"}},
+                                                               {"TITLE", {"Mismo título"}}}));
     EXPECT_EQ(p.remove, (std::set<std::string>{"ALBUM", "COMPOSER"}));
 
     // Typing and erasing back to the original is no change.

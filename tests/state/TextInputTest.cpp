@@ -77,7 +77,8 @@ TEST(TextInput, CtrlWAndCtrlU) {
 
 TEST(TextInput, ClustersAreSinglePositions) {
     const std::string e = "e\xCC\x81"; // e + combining acute
-    const std::string family = "\xF0\x9F\x91\xA8\xE2\x80\x8D\xF0\x9F\x91\xA9\xE2\x80\x8D\xF0\x9F\x91\xA7";
+    const std::string family =
+        "\xF0\x9F\x91\xA8\xE2\x80\x8D\xF0\x9F\x91\xA9\xE2\x80\x8D\xF0\x9F\x91\xA7";
     const std::string flag = "\xF0\x9F\x87\xAA\xF0\x9F\x87\xB8";
     TextInput in;
     in.insert("caf" + e + family + flag);

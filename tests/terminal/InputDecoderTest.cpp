@@ -12,25 +12,44 @@ namespace {
 std::string describe(const Key& k) {
     using K = Key::Kind;
     switch (k.kind) {
-    case K::char_: return "char(" + k.text + ")";
-    case K::ctrl: return "ctrl(" + k.text + ")";
-    case K::function: return "F" + std::to_string(k.number);
-    case K::enter: return "enter";
-    case K::tab: return "tab";
-    case K::backTab: return "backTab";
-    case K::backspace: return "backspace";
-    case K::delete_: return "delete";
-    case K::escape: return "escape";
-    case K::up: return "up";
-    case K::down: return "down";
-    case K::left: return "left";
-    case K::right: return "right";
-    case K::shiftUp: return "shiftUp";
-    case K::shiftDown: return "shiftDown";
-    case K::home: return "home";
-    case K::end: return "end";
-    case K::pageUp: return "pageUp";
-    case K::pageDown: return "pageDown";
+    case K::char_:
+        return "char(" + k.text + ")";
+    case K::ctrl:
+        return "ctrl(" + k.text + ")";
+    case K::function:
+        return "F" + std::to_string(k.number);
+    case K::enter:
+        return "enter";
+    case K::tab:
+        return "tab";
+    case K::backTab:
+        return "backTab";
+    case K::backspace:
+        return "backspace";
+    case K::delete_:
+        return "delete";
+    case K::escape:
+        return "escape";
+    case K::up:
+        return "up";
+    case K::down:
+        return "down";
+    case K::left:
+        return "left";
+    case K::right:
+        return "right";
+    case K::shiftUp:
+        return "shiftUp";
+    case K::shiftDown:
+        return "shiftDown";
+    case K::home:
+        return "home";
+    case K::end:
+        return "end";
+    case K::pageUp:
+        return "pageUp";
+    case K::pageDown:
+        return "pageDown";
     }
     return "?";
 }
@@ -48,7 +67,8 @@ std::string describe(const InputEvent& e) {
 std::vector<std::string> feed(InputDecoder& d, const std::vector<std::string>& reads) {
     std::vector<std::string> out;
     for (const auto& r : reads)
-        for (const auto& e : d.decode(r)) out.push_back(describe(e));
+        for (const auto& e : d.decode(r))
+            out.push_back(describe(e));
     return out;
 }
 
@@ -89,12 +109,15 @@ TEST(InputDecoder, SequencesAndCharactersSplitAcrossReads) {
     EXPECT_TRUE(d.pending.empty());
 
     EXPECT_EQ(feed(d, {"\xE2\x82"}), V{});
-    EXPECT_EQ(feed(d, {"\xAC" "b"}), (V{"char(\xE2\x82\xAC)", "char(b)"}));
+    EXPECT_EQ(feed(d, {"\xAC"
+                       "b"}),
+              (V{"char(\xE2\x82\xAC)", "char(b)"}));
 
     // A four-byte emoji in three reads, then a long CSI sequence one byte at a time.
     EXPECT_EQ(feed(d, {"\xF0", "\x9F\x8E", "\xB5"}), (V{"char(\xF0\x9F\x8E\xB5)"}));
     std::vector<std::string> bytes;
-    for (char c : std::string("\x1b[1;2;3;4;5;6~")) bytes.emplace_back(1, c);
+    for (char c : std::string("\x1b[1;2;3;4;5;6~"))
+        bytes.emplace_back(1, c);
     bytes.erase(bytes.begin()); // the ESC goes together with "[" so it is not a lone Escape
     bytes[0] = "\x1b[";
     EXPECT_EQ(feed(d, bytes), (V{"home"}));
@@ -116,12 +139,16 @@ TEST(InputDecoder, CursorAndFunctionKeys) {
 }
 
 TEST(InputDecoder, UnknownSequencesAreConsumedSilently) {
-    EXPECT_EQ(feed({"\x1b[2~\x1b[16~\x1b[22~\x1b[~\x1b[201~\x1b[99x\x1b[?1;2c" "a"}), (V{"char(a)"}));
+    EXPECT_EQ(feed({"\x1b[2~\x1b[16~\x1b[22~\x1b[~\x1b[201~\x1b[99x\x1b[?1;2c"
+                    "a"}),
+              (V{"char(a)"}));
     // Huge or signed parameters are read without overflow: too big counts as 0.
     EXPECT_EQ(feed({"\x1b[99999999999999999999999~\x1b[-3~\x1b[1;-9223372036854775808A"}),
               (V{"shiftUp"}));
     // A stray continuation byte swallows the byte after it.
-    EXPECT_EQ(feed({"\x80" "ab"}), (V{"char(\xEF\xBF\xBD)", "char(b)"}));
+    EXPECT_EQ(feed({"\x80"
+                    "ab"}),
+              (V{"char(\xEF\xBF\xBD)", "char(b)"}));
 }
 
 TEST(InputDecoder, MouseReports) {
@@ -144,8 +171,7 @@ TEST(InputDecoder, BracketedPaste) {
     EXPECT_EQ(feed({"\x1b[200~\xFF\x1b[201~"}), (V{"paste(\xEF\xBF\xBD)"}));
     EXPECT_EQ(feed({"\x1b[200~\x1b[201~"}), (V{"paste()"}));
     // An end marker split across reads is not seen: the paste runs on to the next one.
-    EXPECT_EQ(feed({"\x1b[200~a\x1b[20", "1~b\x1b[201~c"}),
-              (V{"paste(a\x1b[201~b)", "char(c)"}));
+    EXPECT_EQ(feed({"\x1b[200~a\x1b[20", "1~b\x1b[201~c"}), (V{"paste(a\x1b[201~b)", "char(c)"}));
 }
 
 TEST(InputDecoder, SameEventsWhateverTheChunking) {

@@ -1,5 +1,5 @@
-#include "terminal/Palette.h"
 #include "terminal/Renderer.h"
+#include "terminal/Palette.h"
 #include "text/Text.h"
 
 #include <gtest/gtest.h>
@@ -20,7 +20,8 @@ const std::string kan = "\xE6\xBC\xA2";
 
 int count(const std::string& hay, const std::string& needle) {
     int n = 0;
-    for (auto p = hay.find(needle); p != std::string::npos; p = hay.find(needle, p + 1)) ++n;
+    for (auto p = hay.find(needle); p != std::string::npos; p = hay.find(needle, p + 1))
+        ++n;
     return n;
 }
 
@@ -41,7 +42,8 @@ struct Screen {
             if (bytes[i] == '\x1b') {
                 ASSERT_EQ(bytes[i + 1], '[');
                 std::size_t j = i + 2;
-                while (!(bytes[j] >= 64 && bytes[j] <= 126)) ++j;
+                while (!(bytes[j] >= 64 && bytes[j] <= 126))
+                    ++j;
                 sequence(bytes.substr(i + 2, j - i - 2), bytes[j]);
                 i = j + 1;
                 continue;
@@ -209,7 +211,8 @@ TEST(Renderer, RandomEditsAlwaysLeaveTheScreenShowingTheFrame) {
     const std::vector<std::string> pieces = {"a", "b", kan, "\xF0\x9F\x8E\xB5", "e\xCC\x81", "zz"};
     const std::vector<std::string> narrow = {"a", "b", "e\xCC\x81"};
     const std::vector<Style> styles = {plain, palette::on(palette::accent, true),
-                                       palette::on(palette::error), Style{{1, 2, 3}, {4, 5, 6}, false, true}};
+                                       palette::on(palette::error),
+                                       Style{{1, 2, 3}, {4, 5, 6}, false, true}};
     Renderer r;
     Screen screen(w, h);
     ScreenBuffer frame(w, h, plain);
@@ -220,9 +223,15 @@ TEST(Renderer, RandomEditsAlwaysLeaveTheScreenShowingTheFrame) {
             int x = static_cast<int>(rng() % (w + 2)) - 1, y = static_cast<int>(rng() % h);
             const Style& s = styles[rng() % styles.size()];
             switch (rng() % 3) {
-            case 0: frame.text(pieces[rng() % pieces.size()], x, y, static_cast<int>(rng() % 4), s); break;
-            case 1: frame.put(narrow[rng() % narrow.size()], x, y, s); break;
-            default: frame.fill(Rect{x, y, static_cast<int>(rng() % 4), 1}, s); break;
+            case 0:
+                frame.text(pieces[rng() % pieces.size()], x, y, static_cast<int>(rng() % 4), s);
+                break;
+            case 1:
+                frame.put(narrow[rng() % narrow.size()], x, y, s);
+                break;
+            default:
+                frame.fill(Rect{x, y, static_cast<int>(rng() % 4), 1}, s);
+                break;
             }
         }
         if (rng() % 50 == 0) r.front.reset();

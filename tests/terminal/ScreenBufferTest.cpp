@@ -1,5 +1,5 @@
-#include "terminal/Palette.h"
 #include "terminal/ScreenBuffer.h"
+#include "terminal/Palette.h"
 
 #include <gtest/gtest.h>
 
@@ -60,7 +60,11 @@ TEST(ScreenBuffer, WideCharactersNeverStraddleTheLimit) {
     EXPECT_EQ(row(b, 1), kan + "_" + ell + "     ");
     // Emoji presentation counts two, a combining accent adds nothing.
     ScreenBuffer e(6, 1, plain);
-    EXPECT_EQ(e.text("\xF0\x9F\x8E\xB5" "e\xCC\x81" "x", 0, 0, 6, plain), 4);
+    EXPECT_EQ(e.text("\xF0\x9F\x8E\xB5"
+                     "e\xCC\x81"
+                     "x",
+                     0, 0, 6, plain),
+              4);
     EXPECT_EQ(row(e, 0), "\xF0\x9F\x8E\xB5_e\xCC\x81x  ");
 }
 
@@ -124,6 +128,10 @@ TEST(ScreenBuffer, LongClustersKeepTheirBytesAndCompareByContent) {
 
     // Ill-formed bytes never reach the terminal: they are drawn as U+FFFD.
     ScreenBuffer bad(4, 1, plain);
-    EXPECT_EQ(bad.text("a\xFF" "b", 0, 0, 4, plain), 3);
-    EXPECT_EQ(row(bad, 0), "a\xEF\xBF\xBD" "b ");
+    EXPECT_EQ(bad.text("a\xFF"
+                       "b",
+                       0, 0, 4, plain),
+              3);
+    EXPECT_EQ(row(bad, 0), "a\xEF\xBF\xBD"
+                           "b ");
 }

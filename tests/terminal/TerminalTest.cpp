@@ -21,7 +21,8 @@ namespace {
 
 std::string pattern(std::size_t n) {
     std::string s(n, '\0');
-    for (std::size_t i = 0; i < n; ++i) s[i] = static_cast<char>('a' + (i * 7 + i / 4096) % 26);
+    for (std::size_t i = 0; i < n; ++i)
+        s[i] = static_cast<char>('a' + (i * 7 + i / 4096) % 26);
     return s;
 }
 
@@ -42,7 +43,9 @@ std::string drainSlowly(int fd) {
 }
 
 std::atomic<int> alarms{0};
-void onAlarm(int) { alarms++; }
+void onAlarm(int) {
+    alarms++;
+}
 
 // Runs `body` in a child whose standard input and output are a fresh pseudo-terminal;
 // returns what the child wrote to the terminal and its exit status.
@@ -58,9 +61,12 @@ std::pair<std::string, int> inPty(void (*body)()) {
     char buf[4096];
     for (;;) {
         ssize_t n = read(master, buf, sizeof buf);
-        if (n > 0) out.append(buf, static_cast<std::size_t>(n));
-        else if (n < 0 && errno == EINTR) continue;
-        else break; // EIO once the child is gone
+        if (n > 0)
+            out.append(buf, static_cast<std::size_t>(n));
+        else if (n < 0 && errno == EINTR)
+            continue;
+        else
+            break; // EIO once the child is gone
     }
     waitpid(pid, &status, 0);
     close(master);
@@ -69,7 +75,8 @@ std::pair<std::string, int> inPty(void (*body)()) {
 
 std::string visible(std::string s) {
     std::string out;
-    for (char c : s) out += c == '\x1b' ? std::string("^[") : std::string(1, c);
+    for (char c : s)
+        out += c == '\x1b' ? std::string("^[") : std::string(1, c);
     return out;
 }
 
@@ -92,7 +99,9 @@ TEST(TerminalWrite, ResumesAfterSignalsAndOnNonBlockingDescriptors) {
     struct sigaction sa {};
     sa.sa_handler = onAlarm; // no SA_RESTART: blocked writes fail with EINTR
     sigaction(SIGALRM, &sa, nullptr);
-    struct itimerval every{{0, 500}, {0, 500}};
+    struct itimerval every {
+        {0, 500}, { 0, 500 }
+    };
 
     for (bool nonBlocking : {false, true}) {
         int fds[2];

@@ -6,6 +6,7 @@
 #include <filesystem>
 #include <fstream>
 #include <iterator>
+#include <random>
 #include <string>
 #include <vector>
 
@@ -71,9 +72,11 @@ TEST_F(CoverArtRendererTest, SolidCoversFillTheWholeGridAtAnyShape) {
         const auto jpeg = generate(std::string("c-") + shape + ".jpg",
                                    std::string("-f lavfi -i color=c=0xC86432:s=") + shape +
                                        " -frames:v 1 -q:v 2");
-        const auto png = generate(std::string("c-") + shape + ".png",
-                                  std::string("-f lavfi -i color=c=0x3264C8:s=") + shape + " -frames:v 1");
-        for (auto [cols, rows] : {std::pair{10, 5}, std::pair{12, 5}, std::pair{3, 7}, std::pair{1, 1}}) {
+        const auto png =
+            generate(std::string("c-") + shape + ".png",
+                     std::string("-f lavfi -i color=c=0x3264C8:s=") + shape + " -frames:v 1");
+        for (auto [cols, rows] :
+             {std::pair{10, 5}, std::pair{12, 5}, std::pair{3, 7}, std::pair{1, 1}}) {
             const auto a = CoverArtRenderer::pixels(jpeg, cols, rows);
             const auto b = CoverArtRenderer::pixels(png, cols, rows);
             ASSERT_TRUE(a && b) << shape;
@@ -93,11 +96,13 @@ TEST_F(CoverArtRendererTest, WideAndTallCoversAreCroppedEquallyOnBothSides) {
     // 90 × 30 into 10 × 6 pixels: a 50-pixel window in the middle survives, which
     // holds 10 pixels of each outer stripe, so 2 columns of red and 2 of blue.
     for (const char* ext : {"png", "jpg"}) {
-        const auto wide = CoverArtRenderer::pixels(generate(std::string("w.") + ext, thirds(90, 30)), 10, 3);
+        const auto wide =
+            CoverArtRenderer::pixels(generate(std::string("w.") + ext, thirds(90, 30)), 10, 3);
         ASSERT_TRUE(wide) << ext;
         for (int y = 0; y < 6; ++y) {
             int counts[3] = {};
-            for (int x = 0; x < 10; ++x) ++counts[static_cast<int>(hue((*wide)[static_cast<std::size_t>(y * 10 + x)]))];
+            for (int x = 0; x < 10; ++x)
+                ++counts[static_cast<int>(hue((*wide)[static_cast<std::size_t>(y * 10 + x)]))];
             EXPECT_EQ(counts[0], 2) << ext << " row " << y;
             EXPECT_EQ(counts[2], 2) << ext << " row " << y;
             EXPECT_EQ(counts[1], 6) << ext << " row " << y;
@@ -106,11 +111,13 @@ TEST_F(CoverArtRendererTest, WideAndTallCoversAreCroppedEquallyOnBothSides) {
         EXPECT_EQ(hue((*wide)[9]), Hue::blue);
 
         // 30 × 90 into 6 × 10 pixels: the same along the height.
-        const auto tall = CoverArtRenderer::pixels(generate(std::string("t.") + ext, thirds(30, 90)), 6, 5);
+        const auto tall =
+            CoverArtRenderer::pixels(generate(std::string("t.") + ext, thirds(30, 90)), 6, 5);
         ASSERT_TRUE(tall) << ext;
         for (int x = 0; x < 6; ++x) {
             int counts[3] = {};
-            for (int y = 0; y < 10; ++y) ++counts[static_cast<int>(hue((*tall)[static_cast<std::size_t>(y * 6 + x)]))];
+            for (int y = 0; y < 10; ++y)
+                ++counts[static_cast<int>(hue((*tall)[static_cast<std::size_t>(y * 6 + x)]))];
             EXPECT_EQ(counts[0], 2) << ext << " column " << x;
             EXPECT_EQ(counts[2], 2) << ext << " column " << x;
         }
@@ -126,7 +133,8 @@ TEST_F(CoverArtRendererTest, WideAndTallCoversAreCroppedEquallyOnBothSides) {
 
 TEST_F(CoverArtRendererTest, OtherFormatsAndExifOrientation) {
     for (const char* ext : {"gif", "bmp", "webp", "tiff"}) {
-        const auto bytes = generate(std::string("red.") + ext, "-f lavfi -i color=c=0xFF0000:s=32x32 -frames:v 1");
+        const auto bytes =
+            generate(std::string("red.") + ext, "-f lavfi -i color=c=0xFF0000:s=32x32 -frames:v 1");
         if (bytes.empty()) continue; // this ffmpeg build lacks the encoder
         const auto px = CoverArtRenderer::pixels(bytes, 4, 2);
         ASSERT_TRUE(px) << ext;
@@ -135,12 +143,14 @@ TEST_F(CoverArtRendererTest, OtherFormatsAndExifOrientation) {
 
     // 40 × 20, left half red, right half blue, stored "rotate 90° clockwise to view":
     // upright it is 20 × 40 with red on top.
-    const auto jpeg = generate("sideways.jpg", "-f lavfi -i color=c=0x0000FF:s=40x20 -frames:v 1 -q:v 2 "
-                                               "-vf drawbox=x=0:y=0:w=20:h=ih:color=0xFF0000:t=fill");
+    const auto jpeg =
+        generate("sideways.jpg", "-f lavfi -i color=c=0x0000FF:s=40x20 -frames:v 1 -q:v 2 "
+                                 "-vf drawbox=x=0:y=0:w=20:h=ih:color=0xFF0000:t=fill");
     ASSERT_GT(jpeg.size(), 4u);
     // APP1 "Exif" segment with one IFD entry: Orientation (0x0112), SHORT, count 1, value 6.
-    std::vector<std::uint8_t> app1 = {0xFF, 0xE1, 0, 0, 'E', 'x', 'i', 'f', 0, 0,   'I', 'I', 42, 0, 8, 0, 0, 0,
-                                      1,    0,    0x12, 0x01, 3, 0, 1, 0, 0, 0, 6, 0, 0, 0, 0, 0, 0, 0};
+    std::vector<std::uint8_t> app1 = {0xFF, 0xE1, 0, 0, 'E', 'x', 'i', 'f', 0,    0,    'I', 'I',
+                                      42,   0,    8, 0, 0,   0,   1,   0,   0x12, 0x01, 3,   0,
+                                      1,    0,    0, 0, 6,   0,   0,   0,   0,    0,    0,   0};
     app1[3] = static_cast<std::uint8_t>(app1.size() - 2);
     std::vector<std::uint8_t> rotated(jpeg.begin(), jpeg.begin() + 2);
     rotated.insert(rotated.end(), app1.begin(), app1.end());
@@ -160,7 +170,8 @@ TEST_F(CoverArtRendererTest, OtherFormatsAndExifOrientation) {
 
 TEST_F(CoverArtRendererTest, BytesThatAreNotAPictureGiveNothing) {
     const std::string text = "esto no es una imagen";
-    EXPECT_FALSE(CoverArtRenderer::pixels({reinterpret_cast<const std::uint8_t*>(text.data()), text.size()}, 10, 5));
+    EXPECT_FALSE(CoverArtRenderer::pixels(
+        {reinterpret_cast<const std::uint8_t*>(text.data()), text.size()}, 10, 5));
     EXPECT_FALSE(CoverArtRenderer::pixels({}, 10, 5));
     const auto png = generate("ok.png", "-f lavfi -i color=c=red:s=8x8 -frames:v 1");
     EXPECT_FALSE(CoverArtRenderer::pixels(png, 0, 5));
@@ -187,4 +198,32 @@ TEST_F(CoverArtRendererTest, ImageDataPrefersTheEmbeddedPictureThenAFolderCover)
     fs::copy_file(dir_ / "a/Cover.JPG", dir_ / "b/folder.jpg");
     EXPECT_EQ(CoverArtRenderer::imageData((dir_ / "b/song.flac").string()), folder);
     EXPECT_FALSE(CoverArtRenderer::imageData((dir_ / "nowhere/x.flac").string()));
+}
+
+TEST_F(CoverArtRendererTest, CorruptPicturesNeverCrash) {
+    std::vector<std::vector<std::uint8_t>> seeds = {
+        generate("m.jpg", "-f lavfi -i testsrc2=s=48x32 -frames:v 1"),
+        generate("m.png", "-f lavfi -i testsrc2=s=48x32 -frames:v 1"),
+        generate("m.gif", "-f lavfi -i testsrc2=s=48x32 -frames:v 1"),
+        generate("m.bmp", "-f lavfi -i color=c=white:s=48x32 -frames:v 1 -pix_fmt monob"),
+        generate("m.tiff", "-f lavfi -i testsrc2=s=48x32 -frames:v 1 -pix_fmt gray16le"),
+        generate("m.webp", "-f lavfi -i testsrc2=s=48x32 -frames:v 1"),
+    };
+    std::mt19937 rng(7);
+    int decoded = 0;
+    for (const auto& seed : seeds) {
+        if (seed.empty()) continue;
+        decoded += CoverArtRenderer::pixels(seed, 7, 3).has_value();
+        for (int round = 0; round < 60; ++round) {
+            auto bytes = seed;
+            const int flips = 1 + static_cast<int>(rng() % 8);
+            for (int i = 0; i < flips; ++i) bytes[rng() % bytes.size()] = static_cast<std::uint8_t>(rng());
+            if (round % 5 == 0) bytes.resize(rng() % bytes.size());
+            auto px = CoverArtRenderer::pixels(bytes, 7, 3);
+            if (px) {
+                EXPECT_EQ(px->size(), 42u);
+            }
+        }
+    }
+    EXPECT_GE(decoded, 5); // the untouched pictures themselves decode
 }

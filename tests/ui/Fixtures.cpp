@@ -25,21 +25,28 @@ Track makeTrack(std::string path, std::string title, std::string artist, std::st
 
 LibraryIndex sampleIndex() {
     std::vector<Track> tracks = {
-        makeTrack("/m/air/ms/01.flac", "La Femme d'Argent", "Air", "Moon Safari", 1998, 1, 1, 431, "FLAC"),
+        makeTrack("/m/air/ms/01.flac", "La Femme d'Argent", "Air", "Moon Safari", 1998, 1, 1, 431,
+                  "FLAC"),
         makeTrack("/m/air/ms/02.flac", "Sexy Boy", "Air", "Moon Safari", 1998, 2, 1, 298, "FLAC"),
         makeTrack("/m/air/ms/03.flac", "All I Need", "Air", "Moon Safari", 1998, 3, 1, 268, "FLAC"),
         makeTrack("/m/air/tw/1-01.mp3", "Venus", "Air", "Talkie Walkie", 2004, 1, 1, 235, "MP3"),
-        makeTrack("/m/air/tw/1-02.mp3", "Cherry Blossom Girl", "Air", "Talkie Walkie", 2004, 2, 1, 248, "MP3"),
+        makeTrack("/m/air/tw/1-02.mp3", "Cherry Blossom Girl", "Air", "Talkie Walkie", 2004, 2, 1,
+                  248, "MP3"),
         makeTrack("/m/air/tw/2-01.mp3", "Run", "Air", "Talkie Walkie", 2004, 1, 2, 253, "MP3"),
-        makeTrack("/m/air/tw/2-02.mp3", "Universal Traveler", "Air", "Talkie Walkie", 2004, 2, 2, 261, "MP3"),
+        makeTrack("/m/air/tw/2-02.mp3", "Universal Traveler", "Air", "Talkie Walkie", 2004, 2, 2,
+                  261, "MP3"),
         makeTrack("/m/air/x/demo.wav", "", "Air", "", 0, 0, 0, 3725, "WAV"),
         makeTrack("/m/abba/01.mp3", "Dancing Queen", "ABBA", "Arrival", 1976, 2, 1, 231, "MP3"),
         makeTrack("/m/bjork/01.flac", "Jóga", "Björk", "Homogenic", 1997, 3, 1, 305, "FLAC"),
-        makeTrack("/m/beatles/01.flac", "Something", "The Beatles", "Abbey Road", 1969, 2, 1, 183, "FLAC"),
-        makeTrack("/m/zoe/01.flac", "Sun Will Set", "Zoë Keating", "Into the Trees", 2010, 1, 1, 300, "FLAC"),
+        makeTrack("/m/beatles/01.flac", "Something", "The Beatles", "Abbey Road", 1969, 2, 1, 183,
+                  "FLAC"),
+        makeTrack("/m/zoe/01.flac", "Sun Will Set", "Zoë Keating", "Into the Trees", 2010, 1, 1,
+                  300, "FLAC"),
         makeTrack("/m/2pac/01.mp3", "Changes", "2Pac", "Greatest Hits", 1998, 1, 1, 269, "MP3"),
-        makeTrack("/m/sakamoto/01.flac", "戦場のメリークリスマス", "坂本龍一", "Coda", 1983, 1, 1, 300, "FLAC"),
-        makeTrack("/m/olafur/01.flac", "Near Light", "Ólafur Arnalds", "Living Room Songs", 2011, 4, 1, 200, "FLAC"),
+        makeTrack("/m/sakamoto/01.flac", "戦場のメリークリスマス", "坂本龍一", "Coda", 1983, 1, 1,
+                  300, "FLAC"),
+        makeTrack("/m/olafur/01.flac", "Near Light", "Ólafur Arnalds", "Living Room Songs", 2011, 4,
+                  1, 200, "FLAC"),
     };
     return LibraryIndex(tracks);
 }
@@ -60,7 +67,8 @@ AppState libraryState(const Layout& layout, const std::string& artistName) {
     state.artists.cursor = row;
     state.artists.scrollToCursor(layout.artistsList.height);
     state.shownArtist = row;
-    const int artist = state.artistRows[static_cast<std::size_t>(row)].get<ArtistRow::Artist>()->artist;
+    const int artist =
+        state.artistRows[static_cast<std::size_t>(row)].get<ArtistRow::Artist>()->artist;
     state.libraryRows = state.index.libraryRows(artist, layout.minimumAlbumHeight());
     state.library.cursor = 0;
     return state;

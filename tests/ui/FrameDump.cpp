@@ -21,7 +21,8 @@ std::string dumpChars(const ScreenBuffer& b) {
             if (c.ch.empty()) continue; // right half of a wide character
             row += c.ch.view();
         }
-        while (!row.empty() && row.back() == ' ') row.pop_back();
+        while (!row.empty() && row.back() == ' ')
+            row.pop_back();
         out += "|" + row + "\n";
     }
     return out;
@@ -52,16 +53,19 @@ std::string dumpStyles(const ScreenBuffer& b) {
                 continue;
             }
             std::size_t i = 0;
-            while (i < seen.size() && !(seen[i] == s)) ++i;
+            while (i < seen.size() && !(seen[i] == s))
+                ++i;
             if (i == seen.size()) seen.push_back(s);
             row += i < letters.size() ? letters[i] : '~';
         }
-        while (!row.empty() && row.back() == '.') row.pop_back();
+        while (!row.empty() && row.back() == '.')
+            row.pop_back();
         rows += "|" + row + "\n";
     }
     std::string legend = ". = " + describe(base) + "\n";
     for (std::size_t i = 0; i < seen.size(); ++i)
-        legend += std::string(1, i < letters.size() ? letters[i] : '~') + " = " + describe(seen[i]) + "\n";
+        legend += std::string(1, i < letters.size() ? letters[i] : '~') + " = " +
+                  describe(seen[i]) + "\n";
     return legend + rows;
 }
 
@@ -95,12 +99,13 @@ std::string dumpFrame(const ScreenBuffer& b, std::optional<std::pair<int, int>> 
     std::string la, le;
     int line = 1;
     while (true) {
-        bool ga = static_cast<bool>(std::getline(a, la)), ge = static_cast<bool>(std::getline(e, le));
+        bool ga = static_cast<bool>(std::getline(a, la)),
+             ge = static_cast<bool>(std::getline(e, le));
         if (!ga && !ge) break;
         if (!ga || !ge || la != le)
-            return ::testing::AssertionFailure() << name << " differs at line " << line
-                                                 << "\n  expected: " << (ge ? le : "<end>")
-                                                 << "\n  actual:   " << (ga ? la : "<end>");
+            return ::testing::AssertionFailure()
+                   << name << " differs at line " << line << "\n  expected: " << (ge ? le : "<end>")
+                   << "\n  actual:   " << (ga ? la : "<end>");
         ++line;
     }
     return ::testing::AssertionFailure() << name << " differs";

@@ -23,14 +23,39 @@ public:
 
     std::string text() {
         static const char* const pieces[] = {
-            "a", "Z", " ", "\t", "\n", "\r", "\x1b[31m", "\x07", "\x7f", "\xC2\x85", // C1 NEL
-            "e\xCC\x81", "\xCC\x81", "漢", "字", "\xF0\x9F\x8E\xB5", "\xF0\x9F\x91\xA8\xE2\x80\x8D\xF0\x9F\x91\xA9",
-            "\xD7\xA9\xD7\x9C\xD7\x95\xD7\x9D", "\xD8\xB3\xD9\x84\xD8\xA7\xD9\x85", "\xE2\x80\xAE", // RTL override
-            "\xFF", "\xC3", "\xE2\x82", "…", "│", "\xEF\xBC\xA1", "ñ", "\xE2\x80\x8B", "",
+            "a",
+            "Z",
+            " ",
+            "\t",
+            "\n",
+            "\r",
+            "\x1b[31m",
+            "\x07",
+            "\x7f",
+            "\xC2\x85", // C1 NEL
+            "e\xCC\x81",
+            "\xCC\x81",
+            "漢",
+            "字",
+            "\xF0\x9F\x8E\xB5",
+            "\xF0\x9F\x91\xA8\xE2\x80\x8D\xF0\x9F\x91\xA9",
+            "\xD7\xA9\xD7\x9C\xD7\x95\xD7\x9D",
+            "\xD8\xB3\xD9\x84\xD8\xA7\xD9\x85",
+            "\xE2\x80\xAE", // RTL override
+            "\xFF",
+            "\xC3",
+            "\xE2\x82",
+            "…",
+            "│",
+            "\xEF\xBC\xA1",
+            "ñ",
+            "\xE2\x80\x8B",
+            "",
         };
         std::string out;
         const int n = chance(1) ? 10000 : between(0, 40);
-        for (int i = 0; i < n; ++i) out += pieces[between(0, std::size(pieces) - 1)];
+        for (int i = 0; i < n; ++i)
+            out += pieces[between(0, std::size(pieces) - 1)];
         return out;
     }
 
@@ -48,7 +73,8 @@ public:
         AppState s{Settings{}};
         std::vector<Track> tracks;
         const int n = between(0, 60);
-        for (int i = 0; i < n; ++i) tracks.push_back(track(i));
+        for (int i = 0; i < n; ++i)
+            tracks.push_back(track(i));
         s.index = LibraryIndex(tracks);
         s.artistRows = s.index.artistRows();
         const int rows = static_cast<int>(s.artistRows.size());
@@ -62,20 +88,25 @@ public:
         s.library = {between(-3, lrows + 3), between(-3, lrows + 3)};
         for (const auto& t : tracks)
             if (chance(30)) s.marked.insert(t.path);
-        if (chance(60) && !tracks.empty()) s.playback.track = tracks[static_cast<std::size_t>(between(0, n - 1))];
+        if (chance(60) && !tracks.empty())
+            s.playback.track = tracks[static_cast<std::size_t>(between(0, n - 1))];
         if (chance(20)) s.playback.track = track(999);
         s.playback.isPlaying = chance(50);
         s.playback.duration = chance(10) ? -5 : chance(10) ? 1e300 : between(0, 4000) / 3.0;
-        if (chance(50)) s.playback.format = AudioFormatInfo{text(), between(-1, 200000) * 1.0,
-                                                            chance(50) ? std::optional<int>(between(-8, 64)) : std::nullopt,
-                                                            between(0, 8)};
+        if (chance(50))
+            s.playback.format = AudioFormatInfo{
+                text(), between(-1, 200000) * 1.0,
+                chance(50) ? std::optional<int>(between(-8, 64)) : std::nullopt, between(0, 8)};
         s.settings.volume = chance(10) ? -3.0f : chance(10) ? 1e30f : between(0, 100) / 100.0f;
         s.settings.eqPreset = text();
         s.settings.eqEnabled = chance(50);
         s.settings.eqGains.clear();
-        for (int i = between(0, 14); i > 0; --i) s.settings.eqGains.push_back(between(-400, 400) / 10.0f);
-        if (chance(5)) s.settings.eqGains = {std::numeric_limits<float>::infinity(), std::nanf(""), 1e30f};
-        for (int i = between(0, 30); i > 0; --i) s.settings.roots.push_back(text());
+        for (int i = between(0, 14); i > 0; --i)
+            s.settings.eqGains.push_back(between(-400, 400) / 10.0f);
+        if (chance(5))
+            s.settings.eqGains = {std::numeric_limits<float>::infinity(), std::nanf(""), 1e30f};
+        for (int i = between(0, 30); i > 0; --i)
+            s.settings.roots.push_back(text());
         s.settings.shuffle = chance(50);
         s.settings.repeatMode = static_cast<RepeatMode>(between(0, 2));
         s.focus = static_cast<Focus>(between(0, 2));
@@ -89,7 +120,8 @@ public:
             for (const auto& album : artist.albums)
                 if (chance(50))
                     s.albumCovers[CoverArt::albumKey(artist, album)] =
-                        CoverArt{"k", std::vector<RGB>(static_cast<std::size_t>(chance(70) ? 100 : between(0, 120)))};
+                        CoverArt{"k", std::vector<RGB>(static_cast<std::size_t>(
+                                          chance(70) ? 100 : between(0, 120)))};
         s.input = TextInput(text());
         s.input.cursor = between(-5, 60);
         s.searchMiss = chance(50);
@@ -102,27 +134,43 @@ public:
             }
             s.form = TagForm(paths, props);
             s.form->focused = between(-3, 14);
-            for (auto& f : s.form->fields) f.input.cursor = between(-3, 50);
+            for (auto& f : s.form->fields)
+                f.input.cursor = between(-3, 50);
         }
         s.eqBand = between(-3, 12);
         s.rootsCursor = between(-3, 40);
         s.helpOffset = between(-10, 100);
         if (chance(50)) {
             Lyrics l{text(), text(), {}};
-            for (int i = between(0, 50); i > 0; --i) l.lines.push_back(text());
+            for (int i = between(0, 50); i > 0; --i)
+                l.lines.push_back(text());
             s.lyrics = l;
         }
         s.lyricsVisible = chance(30);
         s.lyricsOffset = between(-5, 60);
         if (chance(20)) s.indexing = IndexingProgress{between(-5, 100), between(-5, 100)};
-        if (chance(50)) s.status = StatusMessage{text(), chance(50), kNow + std::chrono::seconds(between(-5, 5))};
+        if (chance(50))
+            s.status =
+                StatusMessage{text(), chance(50), kNow + std::chrono::seconds(between(-5, 5))};
         switch (between(0, 5)) {
-        case 0: s.overlay = Overlay::none(); break;
-        case 1: s.overlay = Overlay::help(); break;
-        case 2: s.overlay = Overlay::equalizer(); break;
-        case 3: s.overlay = Overlay::tagForm(); break;
-        case 4: s.overlay = Overlay::roots(); break;
-        default: s.overlay = Overlay::prompt(static_cast<PromptKind>(between(0, 2))); break;
+        case 0:
+            s.overlay = Overlay::none();
+            break;
+        case 1:
+            s.overlay = Overlay::help();
+            break;
+        case 2:
+            s.overlay = Overlay::equalizer();
+            break;
+        case 3:
+            s.overlay = Overlay::tagForm();
+            break;
+        case 4:
+            s.overlay = Overlay::roots();
+            break;
+        default:
+            s.overlay = Overlay::prompt(static_cast<PromptKind>(between(0, 2)));
+            break;
         }
         return s;
     }
@@ -137,7 +185,8 @@ TEST(HostileInput, RandomStatesAndSizesDrawInsideTheFrame) {
     Chaos chaos(20261122);
     for (int round = 0; round < 120; ++round) {
         const AppState state = chaos.state();
-        const Size size{round < 40 ? round % 8 : chaos.between(0, 240), round < 40 ? round / 8 : chaos.between(0, 80)};
+        const Size size{round < 40 ? round % 8 : chaos.between(0, 240),
+                        round < 40 ? round / 8 : chaos.between(0, 80)};
         const Layout layout(size);
         const Frame frame = Screen::compose(state, layout, chaos.between(-100, 5000) / 7.0, kNow);
         ASSERT_EQ(frame.buffer.width(), std::max(size.width, 0));
@@ -156,9 +205,11 @@ TEST(HostileInput, RandomStatesAndSizesDrawInsideTheFrame) {
                 const Cell& c = frame.buffer.at(x, y);
                 if (c.ch.empty()) {
                     ASSERT_GT(x, 0) << "round " << round;
-                    ASSERT_EQ(frame.buffer.at(x - 1, y).ch.width(), 2) << "round " << round << " at " << x << "," << y;
+                    ASSERT_EQ(frame.buffer.at(x - 1, y).ch.width(), 2)
+                        << "round " << round << " at " << x << "," << y;
                 } else if (c.ch.width() == 2 && x + 1 < frame.buffer.width()) {
-                    ASSERT_TRUE(frame.buffer.at(x + 1, y).ch.empty()) << "round " << round << " at " << x << "," << y;
+                    ASSERT_TRUE(frame.buffer.at(x + 1, y).ch.empty())
+                        << "round " << round << " at " << x << "," << y;
                 }
             }
     }

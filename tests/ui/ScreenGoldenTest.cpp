@@ -1,7 +1,7 @@
 // Whole frames compared with reviewed golden dumps (characters and styles).
 
-#include "FrameDump.h"
 #include "Fixtures.h"
+#include "FrameDump.h"
 
 #include "state/AppState.h"
 #include "ui/Layout.h"
@@ -30,7 +30,8 @@ const Size small{60, 16}, medium{100, 40}, large{200, 60};
 std::vector<RGB> diagonalCover() {
     std::vector<RGB> px;
     for (int y = 0; y < 10; ++y)
-        for (int x = 0; x < 10; ++x) px.push_back(x > y ? RGB{200, 80, 40} : RGB{40, 80, 200});
+        for (int x = 0; x < 10; ++x)
+            px.push_back(x > y ? RGB{200, 80, 40} : RGB{40, 80, 200});
     return px;
 }
 
@@ -109,7 +110,8 @@ TEST(ScreenGolden, PlayerPanel) {
     s.playback.format = AudioFormatInfo{"FLAC", 44100, 16, 2};
     s.cover = CoverArt{"tw", diagonalCover()}; // wrong size for a 10 × 5 cell cover: placeholder
     std::vector<RGB> px;
-    for (int i = 0; i < 100; ++i) px.push_back(RGB{static_cast<std::uint8_t>(i * 2), 100, 50});
+    for (int i = 0; i < 100; ++i)
+        px.push_back(RGB{static_cast<std::uint8_t>(i * 2), 100, 50});
     s.cover = CoverArt{"tw", px};
     EXPECT_TRUE(matchesGolden("player-half-100x40", render(s, medium, 126.5)));
 
@@ -158,7 +160,8 @@ TEST(ScreenGolden, MusicFoldersOverlay) {
     AppState s = libraryState(Layout(medium));
     s.overlay = Overlay::roots();
     EXPECT_TRUE(matchesGolden("roots-empty-100x40", render(s, medium)));
-    for (int i = 0; i < 14; ++i) s.settings.roots.push_back("/home/ana/Música/colección-" + std::to_string(i));
+    for (int i = 0; i < 14; ++i)
+        s.settings.roots.push_back("/home/ana/Música/colección-" + std::to_string(i));
     s.rootsCursor = 12;
     EXPECT_TRUE(matchesGolden("roots-scrolled-60x16", render(s, small)));
     s.settings.roots.push_back(std::string(150, 'x'));

@@ -16,10 +16,13 @@ using namespace trovan::testing;
 namespace {
 std::string row(const ScreenBuffer& b, int y, int from = 0, int to = -1) {
     std::string out;
-    for (int x = from; x < (to < 0 ? b.width() : to); ++x) out += b.at(x, y).ch.view();
+    for (int x = from; x < (to < 0 ? b.width() : to); ++x)
+        out += b.at(x, y).ch.view();
     return out;
 }
-ScreenBuffer blank(Size s) { return ScreenBuffer(s.width, s.height, palette::defaultStyle); }
+ScreenBuffer blank(Size s) {
+    return ScreenBuffer(s.width, s.height, palette::defaultStyle);
+}
 } // namespace
 
 TEST(HeaderView, StatusMessageExpiresAfterItsTime) {
@@ -49,7 +52,8 @@ TEST(PlayerView, ProgressVolumeCoverAndButtons) {
         PlayerView::draw(elapsed, s, layout, b);
         int n = 0;
         for (int x = 0; x < b.width(); ++x)
-            n += b.at(x, layout.progress.y).ch.view() == "━" && b.at(x, layout.progress.y).style.fg == palette::accent;
+            n += b.at(x, layout.progress.y).ch.view() == "━" &&
+                 b.at(x, layout.progress.y).style.fg == palette::accent;
         return n;
     };
     // The bar is 84 − 2 × 5 = 74 cells.
@@ -74,7 +78,8 @@ TEST(PlayerView, ProgressVolumeCoverAndButtons) {
     EXPECT_EQ(b.at(c.x + 5, c.y + 2).ch.view(), "♪");
     b = blank(layout.size);
     std::vector<RGB> px(100);
-    for (int i = 0; i < 100; ++i) px[static_cast<std::size_t>(i)] = RGB{static_cast<std::uint8_t>(i), 0, 0};
+    for (int i = 0; i < 100; ++i)
+        px[static_cast<std::size_t>(i)] = RGB{static_cast<std::uint8_t>(i), 0, 0};
     PlayerView::drawCover(px, c, b);
     EXPECT_EQ(b.at(c.x + 3, c.y + 2).ch.view(), "▀");
     EXPECT_EQ(b.at(c.x + 3, c.y + 2).style.fg, (RGB{43, 0, 0})); // pixel (3, 4)
