@@ -44,6 +44,7 @@ using SwrPtr = std::unique_ptr<SwrContext, SwrFreer>;
 using PacketPtr = std::unique_ptr<AVPacket, PacketFreer>;
 using FramePtr = std::unique_ptr<AVFrame, FrameFreer>;
 
+constexpr int minSampleRate = 1000;
 constexpr int maxSampleRate = 1'536'000;
 constexpr int maxChannels = 64;
 // Corrupt files can yield endless undecodable packets; give up after this many in a row.
@@ -124,7 +125,8 @@ struct AudioDecoder::Impl {
             throw AudioDecodeError("cannot open decoder");
         rate = codec->sample_rate;
         int channels = codec->ch_layout.nb_channels;
-        if (rate <= 0 || rate > maxSampleRate) throw AudioDecodeError("unsupported sample rate");
+        if (rate < minSampleRate || rate > maxSampleRate)
+            throw AudioDecodeError("unsupported sample rate");
         if (channels <= 0 || channels > maxChannels)
             throw AudioDecodeError("unsupported channel count");
         outChannels = channels == 1 ? 1 : 2;
@@ -267,6 +269,7 @@ AudioDecoder::AudioDecoder(const std::string& path) : impl_(std::make_unique<Imp
     else if (impl_->format->duration != AV_NOPTS_VALUE && impl_->format->duration > 0)
         frames_ = av_rescale_q(impl_->format->duration, AVRational{1, AV_TIME_BASE}, perFrame);
     frames_ = std::max<int64_t>(frames_, 0);
+    lengthIsExact_ = impl_->format->duration_estimation_method != AVFMT_DURATION_FROM_BITRATE;
 }
 
 AudioDecoder::~AudioDecoder() = default;

@@ -43,6 +43,9 @@ public:
     int outputChannels() const { return outputChannels_; }
     // Length of the stream in frames as the container reports it; 0 if unknown.
     int64_t frames() const { return frames_; }
+    // False when that length is only guessed from the bit rate (raw AAC, some MP3),
+    // so the stream may really be a little shorter or longer.
+    bool lengthIsExact() const { return lengthIsExact_; }
 
     // Positions the decoder so that the next read starts exactly at `frame`.
     // Returns false when the position cannot be reached (the decoder is then
@@ -64,6 +67,7 @@ private:
     int sampleRate_ = 0;
     int outputChannels_ = 0;
     int64_t frames_ = 0;
+    bool lengthIsExact_ = true;
     int64_t position_ = 0;
 };
 

@@ -292,7 +292,9 @@ void AudioEngine::stopStep() {
 AudioFormatInfo AudioEngine::load(const std::string& path) {
     auto decoder = std::make_shared<AudioDecoder>(path);
     int64_t frames = decoder->frames();
+    bool exact = decoder->lengthIsExact();
     if (frames <= 0) {
+        exact = true;
         // The container does not say how long it is: count by decoding once.
         AudioDecoder counter(path);
         std::vector<float> scratch(decodeChunkFrames * 2);
@@ -303,6 +305,7 @@ AudioFormatInfo AudioEngine::load(const std::string& path) {
     LoadedFile file;
     file.path = path;
     file.frames = frames;
+    file.exactLength = exact;
     file.format = {decoder->sampleRate(), decoder->outputChannels()};
     file.info = AudioFormatInfo::describe(decoder->description(), path);
     file.decoder = std::move(decoder);
@@ -363,7 +366,8 @@ void AudioEngine::play() {
     const auto ringFrames = std::max(static_cast<std::size_t>(ringSeconds * rate), minRingFrames);
     auto seg = std::make_shared<Segment>(ringFrames * ch);
     seg->startFrame = startFrame;
-    seg->endFrame = file_->frames;
+    // A guessed length must not cut the end off: then the data decides where it ends.
+    seg->endFrame = file_->exactLength ? file_->frames : std::numeric_limits<int64_t>::max();
     seg->channels = file_->format.channels;
     seg->decoder = file_->decoder;
     seg->output = output_;

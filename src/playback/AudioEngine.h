@@ -79,6 +79,7 @@ private:
         std::shared_ptr<AudioDecoder> decoder;
         std::string path;
         int64_t frames = 0;
+        bool exactLength = true;
         OutputFormat format;
         AudioFormatInfo info;
     };

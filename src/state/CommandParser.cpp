@@ -1,5 +1,7 @@
 #include "state/CommandParser.h"
 
+#include "text/Text.h"
+
 #include <charconv>
 #include <cmath>
 #include <vector>
@@ -12,21 +14,6 @@ bool isWhitespace(char c) {
     return c == ' ' || c == '\t' || c == '\n' || c == '\r' || c == '\v' || c == '\f';
 }
 
-std::string asciiLower(std::string_view s) {
-    std::string out(s);
-    for (char& c : out)
-        if (c >= 'A' && c <= 'Z') c = static_cast<char>(c - 'A' + 'a');
-    return out;
-}
-
-// Command words are compared in lower case; the only non-ASCII word is "carátula".
-std::string lowerWord(std::string_view s) {
-    std::string out = asciiLower(s);
-    std::string::size_type at;
-    while ((at = out.find("\xC3\x81")) != std::string::npos)
-        out.replace(at, 2, "\xC3\xA1");
-    return out;
-}
 
 } // namespace
 
@@ -88,7 +75,7 @@ std::string CommandParser::unquote(std::string_view text) {
 }
 
 CommandResult CommandParser::parseEqualizer(std::string_view argument) {
-    std::string lower = asciiLower(argument);
+    std::string lower = text::lower(argument);
     if (argument.empty()) return Action(Action::Kind::openEqualizer);
     if (lower == "on") return Action::eqEnabled(true);
     if (lower == "off") return Action::eqEnabled(false);
@@ -103,7 +90,7 @@ CommandResult CommandParser::parseEqualizer(std::string_view argument) {
 CommandResult CommandParser::parse(std::string_view text) {
     text = trimWhitespace(text);
     std::size_t space = text.find(' ');
-    std::string word = lowerWord(text.substr(0, space));
+    std::string word = text::lower(text.substr(0, space));
     std::string argument = space == std::string_view::npos
                                ? std::string()
                                : unquote(trimWhitespace(text.substr(space + 1)));
@@ -131,7 +118,7 @@ CommandResult CommandParser::parse(std::string_view text) {
     }
     if (word == "cover" || word == "caratula" || word == "carátula") {
         if (argument.empty()) return CommandError::missingArgument("imagen o remove");
-        std::string lower = asciiLower(argument);
+        std::string lower = text::lower(argument);
         if (lower == "remove" || lower == "quitar") return Action(Action::Kind::removeCover);
         return Action::setCover(argument);
     }

@@ -31,7 +31,36 @@ icu::BreakIterator* characterIterator() {
     return it.get();
 }
 
+// Most text (accented Latin, box drawing, CJK ideographs) is made only of scalars that
+// always stand alone as a cluster; those need no break iterator. Returns false when
+// some scalar can join its neighbour (marks, joiners, Hangul jamo, flags, prepends).
+bool simpleBoundaries(std::string_view s, std::vector<std::size_t>& out) {
+    out.clear();
+    out.push_back(0);
+    int32_t i = 0, n = static_cast<int32_t>(s.size());
+    bool previousCR = false;
+    while (i < n) {
+        UChar32 c;
+        U8_NEXT(s.data(), i, n, c);
+        if (c < 0) return false; // ill-formed bytes: let ICU decide
+        bool isLF = false;
+        if (c >= 0x80) {
+            int gcb = u_getIntPropertyValue(c, UCHAR_GRAPHEME_CLUSTER_BREAK);
+            if (gcb != U_GCB_OTHER && gcb != U_GCB_CONTROL) return false;
+        } else {
+            isLF = c == '\n';
+        }
+        if (previousCR && isLF)
+            out.back() = static_cast<std::size_t>(i);
+        else
+            out.push_back(static_cast<std::size_t>(i));
+        previousCR = c == '\r';
+    }
+    return true;
+}
+
 void nonAsciiBoundaries(std::string_view s, std::vector<std::size_t>& out) {
+    if (simpleBoundaries(s, out)) return;
     out.clear();
     icu::BreakIterator* bi = characterIterator();
     UErrorCode status = U_ZERO_ERROR;
@@ -217,6 +246,18 @@ std::string upper(std::string_view s) {
     }
     icu::UnicodeString u = fromUtf8(s);
     u.toUpper(icu::Locale::getRoot());
+    return toUtf8(u);
+}
+
+std::string lower(std::string_view s) {
+    if (allAscii(s)) {
+        std::string out(s);
+        for (char& c : out)
+            if (c >= 'A' && c <= 'Z') c = static_cast<char>(c - 'A' + 'a');
+        return out;
+    }
+    icu::UnicodeString u = fromUtf8(s);
+    u.toLower(icu::Locale::getRoot());
     return toUtf8(u);
 }
 

@@ -43,8 +43,9 @@ int displayWidth(std::string_view s);
 // Case, diacritic and width insensitive form of s, with no locale.
 std::string fold(std::string_view s);
 
-// Upper-case form (root locale).
+// Upper-case and lower-case forms (root locale).
 std::string upper(std::string_view s);
+std::string lower(std::string_view s);
 
 // Three-way comparison on code points, where runs of ASCII digits compare as numbers
 // ("2" before "10"). Returns <0, 0 or >0.

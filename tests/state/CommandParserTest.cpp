@@ -100,6 +100,7 @@ TEST(CommandParser, QuitHelpAndUnknown) {
         EXPECT_EQ(action(h), Action(Action::Kind::openHelp)) << h;
     EXPECT_EQ(error("foo bar"), "Comando desconocido: foo (usa :help)");
     EXPECT_EQ(error("FOO"), "Comando desconocido: foo (usa :help)");
+    EXPECT_EQ(error("CANCI\xC3\x93N"), "Comando desconocido: canci\xC3\xB3n (usa :help)");
     EXPECT_EQ(error(""), "Comando desconocido:  (usa :help)");
 }
 

@@ -69,6 +69,7 @@ TEST(Fold, IgnoresCaseDiacriticsAndWidth) {
     EXPECT_EQ(fold("\xE6\x97\xA5\xE6\x9C\xAC"), "\xE6\x97\xA5\xE6\x9C\xAC");
     EXPECT_EQ(fold(""), "");
     EXPECT_EQ(upper("\xC3\xA1" "b"), "\xC3\x81" "B");
+    EXPECT_EQ(lower("CANCI\xC3\x93N"), "canci\xC3\xB3n");
 }
 
 TEST(CompareNumeric, DigitRunsCompareAsNumbers) {
@@ -93,4 +94,16 @@ TEST(IsNumeric, UsesTheUnicodeNumericProperty) {
     EXPECT_TRUE(isNumeric("\xD9\xA3"));     // Arabic-Indic three
     EXPECT_FALSE(isNumeric("-"));
     EXPECT_FALSE(isNumeric(""));
+}
+
+TEST(Graphemes, PlainNonAsciiTextAgreesWithTheFullRules) {
+    // Strings that take the quick path and strings that need the break iterator must
+    // split the same way they would one scalar at a time.
+    EXPECT_EQ(clusters("\xC3\xB1" "a\r\n\xE2\x94\x81"),
+              (std::vector<std::string>{"\xC3\xB1", "a", "\r\n", "\xE2\x94\x81"}));
+    EXPECT_EQ(clusters("\xE6\x97\xA5\xE6\x9C\xAC"), (std::vector<std::string>{"\xE6\x97\xA5", "\xE6\x9C\xAC"}));
+    // Hangul jamo L + V join; a mark after an accented letter joins it.
+    EXPECT_EQ(clusters("\xE1\x84\x80\xE1\x85\xA1x"), (std::vector<std::string>{"\xE1\x84\x80\xE1\x85\xA1", "x"}));
+    EXPECT_EQ(clusters("\xC3\xA9\xCC\x81z"), (std::vector<std::string>{"\xC3\xA9\xCC\x81", "z"}));
+    EXPECT_EQ(graphemeBoundaries("\xC3\xB1\xC3\xB1"), (std::vector<std::size_t>{0, 2, 4}));
 }

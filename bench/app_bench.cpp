@@ -1,0 +1,374 @@
+// How the whole program feels: start-up on a cached library of 100,000 tracks (first
+// frame, then the library on screen), the cost of answering a key on that library, and
+// what the process costs while paused and while playing. The start-up and idle figures
+// come from the real binary on a pseudo-terminal; the key press is measured in process
+// (controller, frame composition and the renderer's bytes).
+
+#include "app/AppController.h"
+#include "app/App.h"
+#include "app/WorkerPool.h"
+#include "library/LibraryStore.h"
+#include "library/SettingsStore.h"
+#include "playback/NullOutput.h"
+#include "support/Fixtures.h"
+#include "terminal/Renderer.h"
+
+#include <benchmark/benchmark.h>
+
+#include <chrono>
+#include <csignal>
+#include <cstdlib>
+#include <deque>
+#include <dirent.h>
+#include <fcntl.h>
+#include <filesystem>
+#include <fstream>
+#include <mutex>
+#include <poll.h>
+#include <pty.h>
+#include <sstream>
+#include <string>
+#include <sys/wait.h>
+#include <thread>
+#include <unistd.h>
+
+using namespace trovan;
+namespace fs = std::filesystem;
+using Clock = std::chrono::steady_clock;
+
+namespace {
+
+constexpr int kArtists = 1000, kAlbums = 10, kTracks = 10; // 100,000 tracks
+// A root that does not exist: a rescan keeps every cached track under it.
+const std::string kRoot = "/nonexistent/trovan-bench";
+
+std::vector<Track> bigLibrary() {
+    std::vector<Track> tracks;
+    tracks.reserve(kArtists * kAlbums * kTracks);
+    char name[64];
+    for (int a = 0; a < kArtists; ++a) {
+        std::snprintf(name, sizeof name, "Artista %05d", a);
+        const std::string artist = name;
+        for (int b = 0; b < kAlbums; ++b) {
+            for (int t = 1; t <= kTracks; ++t) {
+                Track tr;
+                tr.path = kRoot + "/" + artist + "/Disco " + std::to_string(b) + "/" +
+                          std::to_string(t) + ".flac";
+                tr.mtime = 1;
+                tr.size = 1000;
+                tr.artist = artist;
+                tr.album = "Disco " + std::to_string(b);
+                tr.title = "Canción " + std::to_string(t);
+                tr.trackNumber = t;
+                tr.year = 1990 + b;
+                tr.durationMs = 200000;
+                tr.codec = "FLAC";
+                tracks.push_back(std::move(tr));
+            }
+        }
+    }
+    return tracks;
+}
+
+// A data folder holding the 100,000-track cache, made once per run.
+const fs::path& bigHome() {
+    static const fs::path home = [] {
+        fs::path dir = fixtures::sharedDir() / "big-home";
+        fs::create_directories(dir);
+        LibraryStore store(dir / "library.sqlite");
+        store.apply(bigLibrary(), {});
+        Settings settings;
+        settings.roots = {kRoot};
+        SettingsStore(dir / "config.json").save(settings);
+        return dir;
+    }();
+    return home;
+}
+
+// A data folder and a music folder with one real minute-long track.
+const fs::path& smallHome() {
+    static const fs::path home = [] {
+        fs::path dir = fixtures::sharedDir() / "small-home";
+        fs::create_directories(dir / "music");
+        fixtures::Tone tone;
+        tone.seconds = 60;
+        tone.tags = {{"ARTIST", {"Banco"}}, {"TITLE", {"Prueba"}}, {"ALBUM", {"Medidas"}}};
+        fixtures::copyTo(fixtures::cached("bench-minute.flac", tone), dir / "music", "minute.flac");
+        return dir;
+    }();
+    return home;
+}
+
+// The real program on a 100 × 40 pseudo-terminal.
+class Running {
+public:
+    Running(const fs::path& home, const std::vector<std::string>& args) {
+        struct winsize ws {};
+        ws.ws_col = 100;
+        ws.ws_row = 40;
+        start_ = Clock::now();
+        pid_ = forkpty(&fd_, nullptr, nullptr, &ws);
+        if (pid_ == 0) {
+            setenv("TROVAN_HOME", home.c_str(), 1);
+            setenv("COLORTERM", "truecolor", 1);
+            std::vector<char*> argv{const_cast<char*>(TROVAN_BINARY)};
+            for (const auto& a : args) argv.push_back(const_cast<char*>(a.c_str()));
+            argv.push_back(nullptr);
+            execv(TROVAN_BINARY, argv.data());
+            _exit(127);
+        }
+    }
+    ~Running() {
+        send("q");
+        const auto end = Clock::now() + std::chrono::seconds(5);
+        int status = 0;
+        while (Clock::now() < end && waitpid(pid_, &status, WNOHANG) == 0) {
+            drain(std::chrono::milliseconds(10));
+        }
+        if (waitpid(pid_, &status, WNOHANG) == 0) {
+            kill(pid_, SIGKILL);
+            waitpid(pid_, &status, 0);
+        }
+        close(fd_);
+    }
+
+    void send(const std::string& bytes) {
+        if (write(fd_, bytes.data(), bytes.size()) < 0) return;
+    }
+    // Reads what the program writes until `text` shows up; the time since the start.
+    std::optional<double> waitFor(const std::string& text, std::chrono::milliseconds limit) {
+        const auto end = Clock::now() + limit;
+        while (out_.find(text, scanned_) == std::string::npos) {
+            if (Clock::now() > end) return std::nullopt;
+            drain(std::chrono::milliseconds(50));
+        }
+        scanned_ = out_.find(text, scanned_) + text.size();
+        return std::chrono::duration<double>(Clock::now() - start_).count();
+    }
+    void drain(std::chrono::milliseconds wait) {
+        struct pollfd p {fd_, POLLIN, 0};
+        if (poll(&p, 1, static_cast<int>(wait.count())) <= 0) return;
+        char buf[65536];
+        const ssize_t n = read(fd_, buf, sizeof buf);
+        if (n > 0) out_.append(buf, static_cast<std::size_t>(n));
+    }
+
+    // Context switches of every thread of the process so far.
+    long switches() const {
+        long total = 0;
+        forEachThread("status", [&](const std::string& text) {
+            std::istringstream in(text);
+            for (std::string line; std::getline(in, line);)
+                if (line.find("ctxt_switches:") != std::string::npos)
+                    total += std::atol(line.substr(line.find(':') + 1).c_str());
+        });
+        return total;
+    }
+    // CPU time of every thread so far, in seconds.
+    double cpuSeconds() const {
+        double total = 0;
+        forEachThread("schedstat", [&](const std::string& text) { total += std::atof(text.c_str()) / 1e9; });
+        return total;
+    }
+
+private:
+    template <class F> void forEachThread(const char* file, F f) const {
+        const std::string dir = "/proc/" + std::to_string(pid_) + "/task";
+        for (const auto& entry : fs::directory_iterator(dir)) {
+            std::ifstream in(entry.path() / file);
+            std::stringstream ss;
+            ss << in.rdbuf();
+            f(ss.str());
+        }
+    }
+
+    pid_t pid_ = -1;
+    int fd_ = -1;
+    Clock::time_point start_;
+    std::string out_;
+    std::size_t scanned_ = 0;
+};
+
+const std::string kFrameEnd = "\x1b[?2026l";
+
+void BM_StartOnCachedLibrary(benchmark::State& state) {
+    const fs::path home = bigHome();
+    double firstSum = 0, shownSum = 0;
+    for (auto _ : state) {
+        Running app(home, {});
+        auto first = app.waitFor(kFrameEnd, std::chrono::seconds(10));
+        auto shown = app.waitFor("Artista 00000", std::chrono::seconds(20));
+        if (!first || !shown) {
+            state.SkipWithError("the program did not draw the library");
+            return;
+        }
+        firstSum += *first;
+        shownSum += *shown;
+        state.SetIterationTime(*shown);
+    }
+    state.counters["first_frame_ms"] = 1000 * firstSum / static_cast<double>(state.iterations());
+    state.counters["library_shown_ms"] = 1000 * shownSum / static_cast<double>(state.iterations());
+}
+BENCHMARK(BM_StartOnCachedLibrary)->UseManualTime()->Iterations(5)->Unit(benchmark::kMillisecond);
+
+// For comparison: starting the same binary just to print its usage and leave (loading
+// its shared libraries is most of it).
+void BM_ProcessStartBaseline(benchmark::State& state) {
+    for (auto _ : state) {
+        const auto t0 = Clock::now();
+        const pid_t pid = fork();
+        if (pid == 0) {
+            int null = open("/dev/null", O_WRONLY);
+            dup2(null, 1);
+            execl(TROVAN_BINARY, TROVAN_BINARY, "--help", static_cast<char*>(nullptr));
+            _exit(127);
+        }
+        int status = 0;
+        waitpid(pid, &status, 0);
+        state.SetIterationTime(std::chrono::duration<double>(Clock::now() - t0).count());
+    }
+}
+BENCHMARK(BM_ProcessStartBaseline)->UseManualTime()->Iterations(10)->Unit(benchmark::kMillisecond);
+
+// Loading the cache and building the index, as a reload does off the main thread.
+void BM_LoadAndIndex100k(benchmark::State& state) {
+    LibraryStore store(bigHome() / "library.sqlite");
+    double load = 0;
+    for (auto _ : state) {
+        const auto t0 = Clock::now();
+        auto tracks = store.loadAll();
+        load += std::chrono::duration<double>(Clock::now() - t0).count();
+        LibraryIndex index(std::move(tracks));
+        benchmark::DoNotOptimize(index);
+    }
+    state.counters["load_ms"] = 1000 * load / static_cast<double>(state.iterations());
+}
+BENCHMARK(BM_LoadAndIndex100k)->Unit(benchmark::kMillisecond);
+
+// The controller in process with the 100,000-track cache loaded.
+struct InProcess {
+    InProcess() : store(std::make_shared<LibraryStore>(bigHome() / "library.sqlite")) {
+        AppController::Host host;
+        host.post = [this](AppController::Task t) {
+            std::lock_guard lock(mutex);
+            tasks.push_back(std::move(t));
+        };
+        host.postDelayed = [](std::chrono::milliseconds, AppController::Task) {};
+        host.outputs = [](const OutputFormat& f, AudioRenderer& r, OutputEvents) -> std::unique_ptr<AudioOutput> {
+            return std::make_unique<NullOutput>(f, r, NullOutput::Clock::virtualClock);
+        };
+        controller = std::make_unique<AppController>(terminal, Size{100, 40},
+                                                     SettingsStore(bigHome() / "config.json"), store,
+                                                     pool, std::move(host));
+        controller->reloadLibrary();
+        settle();
+        renderer.truecolor = true;
+    }
+    ~InProcess() {
+        pool.waitIdle();
+        controller.reset();
+    }
+    void settle() {
+        for (;;) {
+            pool.waitIdle();
+            std::deque<AppController::Task> batch;
+            {
+                std::lock_guard lock(mutex);
+                batch.swap(tasks);
+            }
+            if (batch.empty()) return;
+            for (auto& t : batch) t();
+        }
+    }
+    std::string frame() {
+        auto f = App::composeFrame(*controller);
+        return renderer.render(std::move(f.buffer), f.cursor);
+    }
+
+    Terminal terminal;
+    WorkerPool pool{2};
+    std::shared_ptr<LibraryStore> store;
+    std::mutex mutex;
+    std::deque<AppController::Task> tasks;
+    std::unique_ptr<AppController> controller;
+    Renderer renderer;
+};
+
+void keyPresses(benchmark::State& state, bool libraryPane) {
+    InProcess app;
+    if (app.controller->state().index.trackCount != kArtists * kAlbums * kTracks) {
+        state.SkipWithError("library not loaded");
+        return;
+    }
+    if (libraryPane) app.controller->handleKey(Key(Key::Kind::tab));
+    app.frame();
+    int n = 0;
+    std::size_t bytes = 0;
+    for (auto _ : state) {
+        // Down twenty times, then up twenty times, so the cursor stays in the same region.
+        app.controller->handleKey(Key((n++ / 20) % 2 ? Key::Kind::up : Key::Kind::down));
+        bytes += app.frame().size();
+        state.PauseTiming();
+        app.settle(); // covers decoded for the artist just shown
+        state.ResumeTiming();
+    }
+    state.counters["bytes_per_frame"] = static_cast<double>(bytes) / static_cast<double>(state.iterations());
+}
+void BM_KeyPressArtistPane(benchmark::State& state) { keyPresses(state, false); }
+void BM_KeyPressLibraryPane(benchmark::State& state) { keyPresses(state, true); }
+BENCHMARK(BM_KeyPressArtistPane)->Unit(benchmark::kMicrosecond);
+BENCHMARK(BM_KeyPressLibraryPane)->Unit(benchmark::kMicrosecond);
+
+void BM_PausedWakeups(benchmark::State& state) {
+    const fs::path home = smallHome();
+    for (auto _ : state) {
+        Running app(home, {(home / "music").string()});
+        // Play, then pause, so the audio side has been through a whole cycle.
+        if (!app.waitFor("Biblioteca al día", std::chrono::seconds(20))) {
+            state.SkipWithError("no scan summary");
+            return;
+        }
+        app.send("\r\x1b[B\r");
+        if (!app.waitFor("\xE2\x9D\x9A\xE2\x9D\x9A", std::chrono::seconds(10))) { // ❚❚
+            state.SkipWithError("did not play");
+            return;
+        }
+        app.send(" ");
+        std::this_thread::sleep_for(std::chrono::seconds(5)); // the status message expires
+        app.drain(std::chrono::milliseconds(10));
+        const long before = app.switches();
+        std::this_thread::sleep_for(std::chrono::seconds(3));
+        const long wakeups = app.switches() - before;
+        state.SetIterationTime(3);
+        state.counters["wakeups_in_3s"] = static_cast<double>(wakeups);
+    }
+}
+BENCHMARK(BM_PausedWakeups)->UseManualTime()->Iterations(1)->Unit(benchmark::kSecond);
+
+void BM_PlayingCpu(benchmark::State& state) {
+    const fs::path home = smallHome();
+    for (auto _ : state) {
+        Running app(home, {(home / "music").string()});
+        if (!app.waitFor("Biblioteca al día", std::chrono::seconds(20))) {
+            state.SkipWithError("no scan summary");
+            return;
+        }
+        app.send("\r\x1b[B\r");
+        if (!app.waitFor("\xE2\x9D\x9A\xE2\x9D\x9A", std::chrono::seconds(10))) { // ❚❚
+            state.SkipWithError("did not play");
+            return;
+        }
+        std::this_thread::sleep_for(std::chrono::seconds(1));
+        const double cpu0 = app.cpuSeconds();
+        const auto t0 = Clock::now();
+        // Keep reading the frames, as a terminal would.
+        while (Clock::now() - t0 < std::chrono::seconds(10)) app.drain(std::chrono::milliseconds(50));
+        const double wall = std::chrono::duration<double>(Clock::now() - t0).count();
+        const double cpu = app.cpuSeconds() - cpu0;
+        state.SetIterationTime(wall);
+        state.counters["cpu_percent_of_one_core"] = 100 * cpu / wall;
+    }
+}
+BENCHMARK(BM_PlayingCpu)->UseManualTime()->Iterations(1)->Unit(benchmark::kSecond);
+
+} // namespace
