@@ -167,23 +167,27 @@ Indexer::ScanResult Indexer::scan(const std::vector<std::string>& roots) {
     return result;
 }
 
-std::vector<Track> Indexer::read(const std::vector<std::string>& paths, const Progress& progress,
-                                 int workers) {
-    if (paths.empty()) return {};
-    const auto total = static_cast<int64_t>(paths.size());
-    int64_t w = workers > 0 ? workers : activeCores();
+namespace {
+
+// Reads items on up to `workers` threads, worker w taking items w, w + W, w + 2W...
+// `readOne` turns an item into a track or nothing.
+template <class Item, class ReadOne>
+std::vector<Track> readInParallel(const std::vector<Item>& items, const Indexer::Progress& progress,
+                                  int workers, ReadOne readOne) {
+    if (items.empty()) return {};
+    const auto total = static_cast<int64_t>(items.size());
+    int64_t w = workers > 0 ? workers : Indexer::activeCores();
     w = std::max<int64_t>(1, std::min<int64_t>(w, total));
 
     std::atomic<int64_t> counter{0};
     std::mutex resultMutex;
     std::vector<Track> result;
-    result.reserve(paths.size());
+    result.reserve(items.size());
 
     auto work = [&](int64_t index) {
         std::vector<Track> mine;
         for (auto i = index; i < total; i += w) {
-            if (auto t = Track::read(paths[static_cast<std::size_t>(i)]))
-                mine.push_back(std::move(*t));
+            if (auto t = readOne(items[static_cast<std::size_t>(i)])) mine.push_back(std::move(*t));
             auto n = counter.fetch_add(1, std::memory_order_acq_rel) + 1;
             if (progress && (n % 64 == 0 || n == total)) progress(n, total);
         }
@@ -199,6 +203,14 @@ std::vector<Track> Indexer::read(const std::vector<std::string>& paths, const Pr
     for (auto& t : threads)
         t.join();
     return result;
+}
+
+} // namespace
+
+std::vector<Track> Indexer::read(const std::vector<std::string>& paths, const Progress& progress,
+                                 int workers) {
+    return readInParallel(paths, progress, workers,
+                          [](const std::string& path) { return Track::read(path); });
 }
 
 IndexSummary Indexer::run(const std::vector<std::string>& roots, LibraryStore& store, bool force,
@@ -230,13 +242,16 @@ IndexSummary Indexer::run(const std::vector<std::string>& roots, LibraryStore& s
         }
     });
 
-    std::vector<std::string> toRead;
+    // The walk's stamps go with the paths, so no file is stat'ed a second time.
+    FoundList toRead;
     for (std::size_t i = 0; i < found.size(); ++i)
-        if (force || state[i] != unchanged) toRead.push_back(found[i].first);
+        if (force || state[i] != unchanged) toRead.push_back(std::move(found[i]));
 
-    auto tracks = read(toRead, progress);
+    auto tracks = readInParallel(toRead, progress, 0, [](const auto& entry) {
+        return Track::read(entry.first, entry.second);
+    });
     store.apply(tracks, deletions);
-    return {static_cast<int64_t>(found.size()), static_cast<int64_t>(tracks.size()),
+    return {static_cast<int64_t>(state.size()), static_cast<int64_t>(tracks.size()),
             static_cast<int64_t>(deletions.size())};
 }
 

@@ -103,7 +103,8 @@ LibraryIndex::Album makeAlbum(std::vector<Track>& all, const std::vector<std::si
     if (oneDisc) { // the common case needs no grouping
         LibraryIndex::Disc disc{firstDisc, {}};
         disc.tracks.reserve(members.size());
-        for (auto i : members) disc.tracks.push_back(std::move(all[i]));
+        for (auto i : members)
+            disc.tracks.push_back(std::move(all[i]));
         sortDisc(disc.tracks);
         album.discs.push_back(std::move(disc));
         return album;

@@ -73,11 +73,14 @@ std::string Track::groupArtist() const {
 std::optional<Track> Track::read(const std::string& path) {
     struct stat st {};
     if (::stat(path.c_str(), &st) != 0) return std::nullopt;
+    return read(path, FileStamp{FileStamp::seconds(st.st_mtim), static_cast<int64_t>(st.st_size)});
+}
 
+std::optional<Track> Track::read(const std::string& path, const FileStamp& stamp) {
     Track t;
     t.path = path;
-    t.mtime = FileStamp::seconds(st.st_mtim);
-    t.size = static_cast<int64_t>(st.st_size);
+    t.mtime = stamp.mtime;
+    t.size = stamp.size;
     auto ext = asciiLower(extensionOf(path));
 
     auto file = TagLibFile::open(path);

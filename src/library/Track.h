@@ -11,6 +11,8 @@
 
 namespace trovan {
 
+struct FileStamp;
+
 struct Track {
     std::string path; // absolute path; the record's identity
     double mtime = 0; // modification time, seconds since 1970 (fractional)
@@ -45,6 +47,9 @@ struct Track {
     // it. None when the file does not exist or neither library can read it.
     // Safe to call from several threads on different files.
     static std::optional<Track> read(const std::string& path);
+    // The same with the file's stamp taken by the caller, which has just stat'ed it (a
+    // folder walk); the file is not stat'ed again.
+    static std::optional<Track> read(const std::string& path, const FileStamp& stamp);
 
     // Leading number of a tag value such as "3/12", "2024-05-01" or " 07 ";
     // 0 when absent, not numeric, or out of range.
