@@ -99,6 +99,16 @@ TEST(PlaybackQueueTest, ShuffleKeepsTheCurrentTrackFirstAndOffRestoresItsPlace) 
     EXPECT_EQ(none.position, 0);
     none.setShuffle(false, rng);
     EXPECT_EQ(none.position, 4);
+
+    // Starting out of range under shuffle shuffles everything.
+    none.setShuffle(true, rng);
+    std::vector<std::string> many;
+    for (int i = 0; i < 20; ++i)
+        many.push_back("/n/" + std::to_string(i));
+    none.replace(many, 20, rng);
+    EXPECT_FALSE(none.position);
+    EXPECT_TRUE(isPermutation(none));
+    EXPECT_FALSE(std::is_sorted(none.order.begin(), none.order.end()));
 }
 
 } // namespace
