@@ -9,6 +9,8 @@
 
 #include <gtest/gtest.h>
 
+#include <random>
+
 using namespace trovan;
 using namespace trovan::testing;
 using namespace std::chrono_literals;
@@ -577,4 +579,72 @@ TEST(ControllerQuit, QuitSavesTheSettings) {
     }
     EXPECT_TRUE(h.savedSettings().shuffle);
     EXPECT_FLOAT_EQ(h.savedSettings().volume, 0.8f);
+}
+
+TEST(ControllerRobustness, RandomInputKeepsTheListsConsistent) {
+    ControllerHarness h({100, 40});
+    load(h, smallLibrary());
+    std::mt19937 rng(1234);
+    const std::vector<Key> keys = {
+        kUp, kDown, kEnter, kEsc, kTab, kBackTab, kLeft, kRight, kHome, kEnd, kPageDown, kPageUp,
+        Key(Key::Kind::shiftUp), Key(Key::Kind::shiftDown), Key(Key::Kind::backspace),
+        Key(Key::Kind::delete_), Key::ctrl('a'), Key::ctrl('u'), Key::ctrl('w'), Key::function(8),
+        ch("j"), ch("k"), ch("h"), ch("l"), ch("L"), ch("x"), ch("/"), ch(":"), ch("?"), ch("="),
+        ch("t"), ch("a"), ch("b"), ch("d"), ch("p"), ch("P"), ch("r"), ch("s"), ch("m"), ch("0"),
+        ch("5"), ch("+"), ch("-"), ch(" "), ch("e"), ch("E"), ch("n"), ch("é"), ch("\""), ch("q"),
+        Key::ctrl('c')};
+    const std::vector<Size> sizes = {{100, 40}, {59, 20}, {80, 24}, {60, 16}, {200, 60}, {30, 5}, {81, 17}};
+    auto check = [&](int step) {
+        const AppState& s = h.state();
+        const Layout& l = h.c().layout();
+        auto viewport = [&](const ListViewport& v, int count, int height, const char* pane) {
+            if (count == 0) {
+                EXPECT_EQ(v.cursor, 0) << pane << " step " << step;
+                return;
+            }
+            ASSERT_GE(v.cursor, 0) << pane << " step " << step;
+            ASSERT_LT(v.cursor, count) << pane << " step " << step;
+            if (height >= 1) {
+                EXPECT_LE(v.offset, v.cursor) << pane << " step " << step;
+                EXPECT_LT(v.cursor, v.offset + height) << pane << " step " << step;
+            }
+        };
+        viewport(s.artists, static_cast<int>(s.artistRows.size()), l.artistsList.height, "artists");
+        viewport(s.library, static_cast<int>(s.libraryRows.size()), l.libraryList.height, "library");
+        if (!s.artistRows.empty())
+            EXPECT_TRUE(s.artistRows[static_cast<std::size_t>(s.artists.cursor)].is<ArtistRow::Artist>());
+        if (!s.libraryRows.empty()) {
+            const auto& row = s.libraryRows[static_cast<std::size_t>(s.library.cursor)];
+            EXPECT_TRUE(row.is<LibraryRow::Album>() || row.is<LibraryRow::Track>()) << "step " << step;
+        }
+        EXPECT_GE(s.settings.volume, 0.0f);
+        EXPECT_LE(s.settings.volume, 1.0f);
+    };
+    for (int step = 0; step < 4000; ++step) {
+        const int what = static_cast<int>(rng() % 100);
+        try {
+            if (what < 75) {
+                h.key(keys[rng() % keys.size()]);
+            } else if (what < 90) {
+                const MouseEvent::Kind kinds[] = {MouseEvent::Kind::press, MouseEvent::Kind::drag,
+                                                  MouseEvent::Kind::release, MouseEvent::Kind::scrollUp,
+                                                  MouseEvent::Kind::scrollDown};
+                h.clock += std::chrono::milliseconds(rng() % 600);
+                h.c().handleMouse({kinds[rng() % 5], static_cast<int>(rng() % 220) - 10,
+                                   static_cast<int>(rng() % 70) - 5});
+            } else if (what < 95) {
+                const std::string pastes[] = {"", "a\nb", "Be", "\xff\xfe", "vol 200", "~/nada", "ch"};
+                h.c().handlePaste(pastes[rng() % 7]);
+            } else if (what < 97) {
+                h.c().resize(sizes[rng() % sizes.size()]);
+            } else {
+                h.settle();
+            }
+        } catch (const QuitCalled&) {
+            // Quitting ends a real process; here the run simply goes on.
+        }
+        check(step);
+        if (HasFatalFailure()) return;
+    }
+    h.settle();
 }

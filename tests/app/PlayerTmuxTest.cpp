@@ -268,7 +268,7 @@ TEST(Player, PromptsOverlaysAndMessages) {
     EXPECT_TRUE(p.waitGone("Comando desconocido", 10s));
     const auto gone = std::chrono::steady_clock::now() - shown;
     EXPECT_GT(gone, 3s);
-    EXPECT_LT(gone, 6s);
+    EXPECT_LT(gone, 8s); // generous: the machine may be busy
 
     p.text("?");
     ASSERT_TRUE(p.waitFor("AYUDA")) << p.screen();
