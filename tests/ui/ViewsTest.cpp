@@ -1,14 +1,16 @@
-// Focused checks of view rules that the golden frames only show in passing.
+// View rules at sizes and values the golden frames do not reach.
 
 #include "Fixtures.h"
 
 #include "terminal/Palette.h"
 #include "ui/Drawing.h"
-#include "ui/HeaderView.h"
+#include "ui/Overlays.h"
 #include "ui/PlayerView.h"
 #include "ui/Screen.h"
 
 #include <gtest/gtest.h>
+
+#include <cmath>
 
 using namespace trovan;
 using namespace trovan::testing;
@@ -25,25 +27,58 @@ ScreenBuffer blank(Size s) {
 }
 } // namespace
 
-TEST(HeaderView, StatusMessageExpiresAfterItsTime) {
-    const Layout layout({100, 40});
-    AppState s = libraryState(layout);
-    s.status = StatusMessage{"Guardado", false, kNow + std::chrono::milliseconds(100)};
-    ScreenBuffer b = blank(layout.size);
-    HeaderView::draw(s, layout, b, kNow); // 3.9 s after the report
-    EXPECT_NE(row(b, 0).find("Guardado"), std::string::npos);
-    EXPECT_EQ(b.at(97, 0).style.fg, palette::accent);
-    b = blank(layout.size);
-    HeaderView::draw(s, layout, b, kNow + std::chrono::milliseconds(100)); // 4.0 s
-    EXPECT_EQ(row(b, 0).find("Guardado"), std::string::npos);
-    EXPECT_NE(row(b, 0).find("15 canciones · 8 artistas"), std::string::npos);
-    s.indexing = IndexingProgress{0, 0};
-    b = blank(layout.size);
-    HeaderView::draw(s, layout, b, kNow);
-    EXPECT_NE(row(b, 0).find("Buscando archivos…"), std::string::npos);
+TEST(Layout, PaneWidthsAndButtonsAtTheExtremes) {
+    EXPECT_EQ(Layout({73, 30}).artists.width, 22);
+    EXPECT_EQ(Layout({100, 30}).artists.width, 30);
+    EXPECT_EQ(Layout({200, 30}).artists.width, 40);
+    // Buttons start at column 14 on narrow screens and are centred on wide ones.
+    EXPECT_EQ(Layout({62, 20}).buttons.at(PlayerButton::shuffle).x, 14);
+    EXPECT_EQ(Layout({200, 20}).buttons.at(PlayerButton::shuffle).x, 83);
+    // Below the minimum height the lists shrink to nothing rather than go negative.
+    EXPECT_EQ(Layout({80, 10}).artistsList.height, 0);
+    EXPECT_EQ(Layout({80, 11}).artistsList.height, 1);
+    EXPECT_EQ(Layout({0, 0}).nowPlaying.width, 0);
 }
 
-TEST(PlayerView, ProgressVolumeCoverAndButtons) {
+TEST(Overlays, BoxSizes) {
+    int columns = 0;
+    const std::tuple<int, int, int> help[] = {
+        {50, 1, 48}, {143, 2, 96}, {144, 3, 142}, {200, 3, 142}};
+    for (const auto& [width, cols, boxWidth] : help) {
+        EXPECT_EQ(Overlays::helpBox(width, 40, &columns).width, boxWidth) << width;
+        EXPECT_EQ(columns, cols) << width;
+    }
+    EXPECT_EQ(Overlays::rootsBox(200, 60, 3), (Rect{60, 26, 80, 7}));
+    EXPECT_EQ(Overlays::rootsBox(200, 60, 0).height, 5);
+    EXPECT_EQ(Overlays::rootsBox(60, 16, 40).height, 14);
+}
+
+TEST(Overlays, HelpScrollsOnlyWhenItDoesNotFit) {
+    const Layout wide({200, 60}), narrow({100, 30});
+    AppState s = libraryState(wide);
+    s.overlay = Overlay::help();
+    auto frame = [&](const Layout& l, int offset) {
+        s.helpOffset = offset;
+        return Screen::compose(s, l, 0, kNow).buffer;
+    };
+    EXPECT_EQ(frame(wide, 50), frame(wide, 0));
+    // On 30 rows two columns of 29 lines do not fit: the offset moves them up to the last
+    // line and no further.
+    EXPECT_NE(frame(narrow, 3), frame(narrow, 0));
+    EXPECT_NE(frame(narrow, 4), frame(narrow, 3));
+    EXPECT_EQ(frame(narrow, 400), frame(narrow, 4));
+}
+
+TEST(PlayerView, TimeFormat) {
+    const std::pair<double, const char*> cases[] = {
+        {59.9, "0:59"},    {-3, "0:00"},      {75, "1:15"},          {3599.99, "59:59"},
+        {3600, "1:00:00"}, {3665, "1:01:05"}, {360000, "100:00:00"}, {std::nan(""), "0:00"}};
+    for (const auto& [seconds, text] : cases)
+        EXPECT_EQ(PlayerView::format(seconds), text) << seconds;
+    EXPECT_EQ(PlayerView::format(1e300), PlayerView::format(1e12));
+}
+
+TEST(PlayerView, ProgressVolumeAndMisshapenCover) {
     const Layout layout({100, 40});
     AppState s{Settings{}};
     s.playback.duration = 200;
@@ -56,101 +91,43 @@ TEST(PlayerView, ProgressVolumeCoverAndButtons) {
                  b.at(x, layout.progress.y).style.fg == palette::accent;
         return n;
     };
-    // The bar is 84 − 2 × 5 = 74 cells.
-    EXPECT_EQ(played(0), 0);
-    EXPECT_EQ(played(100), 37);
-    EXPECT_EQ(played(200), 74);
+    EXPECT_EQ(played(100), 37); // of 84 − 2 × 5 cells
     EXPECT_EQ(played(500), 74);
     EXPECT_EQ(played(-20), 0);
     s.playback.duration = 0;
     EXPECT_EQ(played(100), 0);
-
-    // Volume is shown as the stored value, truncated: 0.29 stays 29 %.
+    // The stored volume is truncated, not rounded: 0.29 stays 29 %.
     s.settings.volume = 0.29f;
     ScreenBuffer b = blank(layout.size);
     PlayerView::draw(0, s, layout, b);
     EXPECT_EQ(row(b, layout.nowPlaying.y, 91, 98), "Vol 29%");
-
-    // A cover grid of the wrong size falls back to the placeholder; the right size draws.
+    // A pixel grid of the wrong size falls back to the placeholder.
     const Rect& c = layout.cover;
-    b = blank(layout.size);
     PlayerView::drawCover(std::vector<RGB>(99, RGB{1, 2, 3}), c, b);
     EXPECT_EQ(b.at(c.x + 5, c.y + 2).ch.view(), "♪");
-    b = blank(layout.size);
-    std::vector<RGB> px(100);
-    for (int i = 0; i < 100; ++i)
-        px[static_cast<std::size_t>(i)] = RGB{static_cast<std::uint8_t>(i), 0, 0};
-    PlayerView::drawCover(px, c, b);
-    EXPECT_EQ(b.at(c.x + 3, c.y + 2).ch.view(), "▀");
-    EXPECT_EQ(b.at(c.x + 3, c.y + 2).style.fg, (RGB{43, 0, 0})); // pixel (3, 4)
-    EXPECT_EQ(b.at(c.x + 3, c.y + 2).style.bg, (RGB{53, 0, 0})); // pixel (3, 5)
+}
 
-    // The selected button is highlighted only while the player has the focus.
-    s.playerButton = PlayerButton::repeatMode;
-    const Rect& r = layout.buttons.at(PlayerButton::repeatMode);
-    b = blank(layout.size);
-    PlayerView::draw(0, s, layout, b);
-    EXPECT_EQ(b.at(r.x, r.y).style.bg, palette::background);
-    s.focus = Focus::player;
-    b = blank(layout.size);
-    PlayerView::draw(0, s, layout, b);
-    EXPECT_EQ(b.at(r.x, r.y).style.bg, palette::selectionFocused);
+TEST(HeaderView, StatusDisappearsWhenItExpires) {
+    const Layout layout({100, 40});
+    AppState s = libraryState(layout);
+    const ScreenBuffer plain = Screen::compose(s, layout, 0, kNow).buffer;
+    s.status = StatusMessage{"Guardado", false, kNow};
+    EXPECT_EQ(Screen::compose(s, layout, 0, kNow).buffer, plain);
+    EXPECT_NE(Screen::compose(s, layout, 0, kNow - std::chrono::milliseconds(1)).buffer, plain);
 }
 
 TEST(Drawing, InputScrollsToKeepTheCursorVisible) {
-    ScreenBuffer b = blank({20, 1});
-    TextInput in("abcdefgh");
-    CursorPos p = draw::input(b, in, 2, 0, 5, palette::defaultStyle);
-    EXPECT_EQ(row(b, 0, 2, 7), "efgh ");
-    EXPECT_EQ(p, (CursorPos{6, 0}));
-    in.cursor = 2;
-    b = blank({20, 1});
-    p = draw::input(b, in, 2, 0, 5, palette::defaultStyle);
-    EXPECT_EQ(row(b, 0, 2, 7), "abcde");
-    EXPECT_EQ(p, (CursorPos{4, 0}));
-    // Wide characters count two columns and are never split.
-    in = TextInput("漢字漢字");
-    b = blank({20, 1});
-    p = draw::input(b, in, 0, 0, 5, palette::defaultStyle);
-    EXPECT_EQ(row(b, 0, 0, 5), "漢字 "); // the last two, then room for the cursor
-    EXPECT_EQ(p, (CursorPos{4, 0}));
-}
-
-TEST(AppState, ViewportScrollingAndOverlayEquality) {
-    ListViewport v{10, 5};
-    v.scrollToCursor(4); // moving down: the cursor ends on the last line
-    EXPECT_EQ(v.offset, 7);
-    v.cursor = 7;
-    v.scrollToCursor(4); // moving up: one row of context stays above
-    EXPECT_EQ(v.offset, 6);
-    v.cursor = 0;
-    v.scrollToCursor(4);
-    EXPECT_EQ(v.offset, 0);
-    v = {3, 9};
-    v.scrollToCursor(0);
-    EXPECT_EQ(v.offset, 9);
-    EXPECT_NE(Overlay::prompt(PromptKind::command), Overlay::prompt(PromptKind::search));
-    EXPECT_EQ(Overlay::prompt(PromptKind::seek), Overlay::prompt(PromptKind::seek));
-    EXPECT_EQ(Overlay::help(), (Overlay{Overlay::Kind::help, PromptKind::seek}));
-}
-
-TEST(Overlays, HelpThatFitsDoesNotScroll) {
-    const Layout wide({200, 60}), narrow({100, 30});
-    AppState s = libraryState(wide);
-    s.overlay = Overlay::help();
-    const Frame top = Screen::compose(s, wide, 0, kNow);
-    s.helpOffset = 50;
-    EXPECT_EQ(Screen::compose(s, wide, 0, kNow).buffer, top.buffer);
-    // On 30 rows the two columns of 29 lines do not fit: the offset moves them, up to
-    // the last line and no further.
-    s.helpOffset = 0;
-    const Frame first = Screen::compose(s, narrow, 0, kNow);
-    s.helpOffset = 3;
-    const Frame third = Screen::compose(s, narrow, 0, kNow);
-    EXPECT_NE(first.buffer, third.buffer);
-    s.helpOffset = 4;
-    const Frame last = Screen::compose(s, narrow, 0, kNow);
-    s.helpOffset = 400;
-    EXPECT_EQ(Screen::compose(s, narrow, 0, kNow).buffer, last.buffer);
-    EXPECT_NE(third.buffer, last.buffer);
+    // Text, cursor → what a 5-column field shows and where the cursor lands.
+    const std::tuple<const char*, int, const char*, int> cases[] = {
+        {"abcdefgh", 8, "efgh ", 4},
+        {"abcdefgh", 2, "abcde", 2},
+        {"漢字漢字", 4, "漢字 ", 4}, // wide characters are never split
+    };
+    for (const auto& [text, cursor, shown, column] : cases) {
+        ScreenBuffer b = blank({20, 1});
+        TextInput in(text);
+        in.cursor = cursor;
+        EXPECT_EQ(draw::input(b, in, 2, 0, 5, palette::defaultStyle), (CursorPos{2 + column, 0}));
+        EXPECT_EQ(row(b, 0, 2, 7), shown) << text;
+    }
 }
