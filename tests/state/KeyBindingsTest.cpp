@@ -56,16 +56,10 @@ TEST(KeyBindings, EveryKeyOfTheTableLeadsToItsAction) {
 
                                             {Key::character(" "), A::togglePlay},
 
-                                            {Key::function(9), A::next},
-
                                             {Key::ctrl('c'), A::quit},
-                                            {Key::character("E"), A::editAllTags},
 
                                             {Key::character("L"), A::editLyrics},
                                             {Key::character("+"), Action::volumeBy(0.05f)},
-
-                                            {Key::character("<"), Action::seekBy(-30)},
-                                            {Key(K::shiftDown), Action::extendSelection(1)},
 
                                             {Key(K::backTab), A::focusPrevious}};
     for (const auto& [key, act] : pairs)

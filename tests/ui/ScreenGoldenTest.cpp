@@ -180,6 +180,12 @@ TEST(ScreenGolden, PlayerPanel) {
     AppState idle{Settings{}};
     idle.focus = Focus::player;
     golden("player-idle", idle, small);
+    // Past the end the bar stays full; the volume is truncated, not rounded; a cover of
+    // the wrong size falls back to the placeholder.
+    s.muted = false;
+    s.settings.volume = 0.29f;
+    s.cover = CoverArt{"tw", std::vector<RGB>(99)};
+    golden("player-edges", s, small, 900);
 }
 
 TEST(ScreenGolden, HeaderStatusAndScanProgress) {
@@ -195,6 +201,8 @@ TEST(ScreenGolden, Overlays) {
     AppState s = libraryState(Layout(medium));
     s.overlay = Overlay::help();
     golden("help", s, medium);
+    golden("help", s, large);
+    s.helpOffset = 50; // everything fits: nothing to scroll
     golden("help", s, large);
     s.helpOffset = 1000; // clamped when drawn
     golden("help-scrolled", s, small);
