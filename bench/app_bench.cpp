@@ -4,8 +4,8 @@
 // come from the real binary on a pseudo-terminal; the key press is measured in process
 // (controller, frame composition and the renderer's bytes).
 
-#include "app/AppController.h"
 #include "app/App.h"
+#include "app/AppController.h"
 #include "app/WorkerPool.h"
 #include "library/LibraryStore.h"
 #include "library/SettingsStore.h"
@@ -112,7 +112,8 @@ public:
             setenv("TROVAN_HOME", home.c_str(), 1);
             setenv("COLORTERM", "truecolor", 1);
             std::vector<char*> argv{const_cast<char*>(TROVAN_BINARY)};
-            for (const auto& a : args) argv.push_back(const_cast<char*>(a.c_str()));
+            for (const auto& a : args)
+                argv.push_back(const_cast<char*>(a.c_str()));
             argv.push_back(nullptr);
             execv(TROVAN_BINARY, argv.data());
             _exit(127);
@@ -146,7 +147,9 @@ public:
         return std::chrono::duration<double>(Clock::now() - start_).count();
     }
     void drain(std::chrono::milliseconds wait) {
-        struct pollfd p {fd_, POLLIN, 0};
+        struct pollfd p {
+            fd_, POLLIN, 0
+        };
         if (poll(&p, 1, static_cast<int>(wait.count())) <= 0) return;
         char buf[65536];
         const ssize_t n = read(fd_, buf, sizeof buf);
@@ -167,7 +170,8 @@ public:
     // CPU time of every thread so far, in seconds.
     double cpuSeconds() const {
         double total = 0;
-        forEachThread("schedstat", [&](const std::string& text) { total += std::atof(text.c_str()) / 1e9; });
+        forEachThread("schedstat",
+                      [&](const std::string& text) { total += std::atof(text.c_str()) / 1e9; });
         return total;
     }
 
@@ -254,12 +258,13 @@ struct InProcess {
             tasks.push_back(std::move(t));
         };
         host.postDelayed = [](std::chrono::milliseconds, AppController::Task) {};
-        host.outputs = [](const OutputFormat& f, AudioRenderer& r, OutputEvents) -> std::unique_ptr<AudioOutput> {
+        host.outputs = [](const OutputFormat& f, AudioRenderer& r,
+                          OutputEvents) -> std::unique_ptr<AudioOutput> {
             return std::make_unique<NullOutput>(f, r, NullOutput::Clock::virtualClock);
         };
         controller = std::make_unique<AppController>(terminal, Size{100, 40},
-                                                     SettingsStore(bigHome() / "config.json"), store,
-                                                     pool, std::move(host));
+                                                     SettingsStore(bigHome() / "config.json"),
+                                                     store, pool, std::move(host));
         controller->reloadLibrary();
         settle();
         renderer.truecolor = true;
@@ -277,7 +282,8 @@ struct InProcess {
                 batch.swap(tasks);
             }
             if (batch.empty()) return;
-            for (auto& t : batch) t();
+            for (auto& t : batch)
+                t();
         }
     }
     std::string frame() {
@@ -312,10 +318,15 @@ void keyPresses(benchmark::State& state, bool libraryPane) {
         app.settle(); // covers decoded for the artist just shown
         state.ResumeTiming();
     }
-    state.counters["bytes_per_frame"] = static_cast<double>(bytes) / static_cast<double>(state.iterations());
+    state.counters["bytes_per_frame"] =
+        static_cast<double>(bytes) / static_cast<double>(state.iterations());
 }
-void BM_KeyPressArtistPane(benchmark::State& state) { keyPresses(state, false); }
-void BM_KeyPressLibraryPane(benchmark::State& state) { keyPresses(state, true); }
+void BM_KeyPressArtistPane(benchmark::State& state) {
+    keyPresses(state, false);
+}
+void BM_KeyPressLibraryPane(benchmark::State& state) {
+    keyPresses(state, true);
+}
 BENCHMARK(BM_KeyPressArtistPane)->Unit(benchmark::kMicrosecond);
 BENCHMARK(BM_KeyPressLibraryPane)->Unit(benchmark::kMicrosecond);
 
@@ -362,7 +373,8 @@ void BM_PlayingCpu(benchmark::State& state) {
         const double cpu0 = app.cpuSeconds();
         const auto t0 = Clock::now();
         // Keep reading the frames, as a terminal would.
-        while (Clock::now() - t0 < std::chrono::seconds(10)) app.drain(std::chrono::milliseconds(50));
+        while (Clock::now() - t0 < std::chrono::seconds(10))
+            app.drain(std::chrono::milliseconds(50));
         const double wall = std::chrono::duration<double>(Clock::now() - t0).count();
         const double cpu = app.cpuSeconds() - cpu0;
         state.SetIterationTime(wall);

@@ -48,7 +48,9 @@ AppController::Task AppController::guarded(Task task) {
     };
 }
 
-void AppController::postBack(Task task) { host_.post(guarded(std::move(task))); }
+void AppController::postBack(Task task) {
+    host_.post(guarded(std::move(task)));
+}
 
 double AppController::elapsed() const {
     return playback_->state().track ? playback_->engine().currentTime() : 0.0;
@@ -60,7 +62,9 @@ void AppController::report(const std::string& text, bool error) {
     if (host_.postDelayed) host_.postDelayed(kStatusRedraw, guarded([this] { requestRender(); }));
 }
 
-void AppController::saveSettings() { settingsStore_.save(state_.settings); }
+void AppController::saveSettings() {
+    settingsStore_.save(state_.settings);
+}
 
 void AppController::resize(Size size) {
     const bool hadCovers = layout_.hasCoverColumn();
@@ -76,9 +80,8 @@ void AppController::resize(Size size) {
 
 void AppController::playbackChanged() {
     const PlaybackState& fresh = playback_->state();
-    const bool trackChanged =
-        (fresh.track ? fresh.track->path : std::string()) !=
-        (state_.playback.track ? state_.playback.track->path : std::string());
+    const bool trackChanged = (fresh.track ? fresh.track->path : std::string()) !=
+                              (state_.playback.track ? state_.playback.track->path : std::string());
     state_.playback = fresh;
     if (trackChanged) {
         if (fresh.track) {

@@ -172,11 +172,11 @@ private:
     bool scanning_ = false;
     std::optional<bool> pendingReindex_;
     bool lastReportedPlaying_ = false;
-    std::string coverPath_;                // track whose picture is (being) loaded
+    std::string coverPath_; // track whose picture is (being) loaded
     std::shared_ptr<std::atomic<int>> albumCoverGeneration_ = std::make_shared<std::atomic<int>>(0);
     std::set<std::string> albumCoversLoading_;
     int lyricsGeneration_ = 0;
-    bool lyricsFollowPlayback_ = false;    // the lyrics shown are the playing track's
+    bool lyricsFollowPlayback_ = false; // the lyrics shown are the playing track's
     struct Click {
         int x = 0;
         int y = 0;

@@ -37,7 +37,8 @@ std::vector<std::string> splitLines(const std::string& text) {
     }
     if (!line.empty()) lines.push_back(line);
     // Trailing blank lines only push the text off the panel.
-    while (!lines.empty() && lines.back().empty()) lines.pop_back();
+    while (!lines.empty() && lines.back().empty())
+        lines.pop_back();
     return lines;
 }
 
@@ -75,7 +76,8 @@ void AppController::loadAlbumCovers() {
         std::string key = CoverArt::albumKey(artist, album);
         if (state_.albumCovers.count(key) || albumCoversLoading_.count(key)) continue;
         Job job{key, {}};
-        for (const auto& t : album.tracks()) job.paths.push_back(t.path);
+        for (const auto& t : album.tracks())
+            job.paths.push_back(t.path);
         albumCoversLoading_.insert(key);
         jobs.push_back(std::move(job));
     }
@@ -89,7 +91,8 @@ void AppController::loadAlbumCovers() {
         for (const auto& job : jobs) {
             const bool stale = current->load() != generation;
             std::optional<std::vector<RGB>> pixels;
-            if (!stale) pixels = decodeCover(job.paths, Layout::albumCoverColumns, Layout::albumCoverRows);
+            if (!stale)
+                pixels = decodeCover(job.paths, Layout::albumCoverColumns, Layout::albumCoverRows);
             post([alive, this, key = job.key, pixels = std::move(pixels), stale] {
                 if (!alive.lock()) return;
                 albumCoversLoading_.erase(key);
@@ -118,7 +121,8 @@ void AppController::loadLyrics() {
     lyricsFollowPlayback_ = false;
     const int c = state_.library.cursor;
     if (c >= 0 && c < static_cast<int>(state_.libraryRows.size()))
-        if (const auto* t = state_.libraryRows[static_cast<std::size_t>(c)].get<LibraryRow::Track>())
+        if (const auto* t =
+                state_.libraryRows[static_cast<std::size_t>(c)].get<LibraryRow::Track>())
             track = t->track;
     if (!track && state_.playback.track) {
         track = state_.playback.track;

@@ -123,7 +123,8 @@ void AppController::handlePromptKey(const Key& key, PromptKind kind) {
     }
     if (key.kind == Key::Kind::escape || key == Key::ctrl('c')) {
         state_.overlay = Overlay::none();
-        if (kind == PromptKind::search && state_.searchOrigin) selectArtistRow(*state_.searchOrigin);
+        if (kind == PromptKind::search && state_.searchOrigin)
+            selectArtistRow(*state_.searchOrigin);
         return;
     }
     const std::string before = state_.input.text;
@@ -233,20 +234,48 @@ void AppController::dispatch(const Action& action) {
         else
             moveCursor(action.count() * listHeight(state_.focus));
         break;
-    case K::extendSelection: extendSelection(action.count()); break;
-    case K::seekBy: seekTo(playback_->engine().currentTime() + action.seconds()); break;
-    case K::seekTo: seekTo(action.seconds()); break;
-    case K::seekFraction: seekTo(action.fraction() * state_.playback.duration); break;
-    case K::volumeBy: setVolume(state_.settings.volume + action.volume()); break;
-    case K::setVolume: setVolume(action.volume()); break;
-    case K::addRoot: addRoot(action.text(), true); break;
-    case K::removeRoot: removeRoot(action.text()); break;
-    case K::reindex: reindex(action.flag()); break;
-    case K::eqPreset: choosePreset(action.text()); break;
-    case K::eqSave: savePreset(action.text()); break;
-    case K::eqEnabled: setEqualizerEnabled(action.flag()); break;
-    case K::focusNext: cycleFocus(1); break;
-    case K::focusPrevious: cycleFocus(-1); break;
+    case K::extendSelection:
+        extendSelection(action.count());
+        break;
+    case K::seekBy:
+        seekTo(playback_->engine().currentTime() + action.seconds());
+        break;
+    case K::seekTo:
+        seekTo(action.seconds());
+        break;
+    case K::seekFraction:
+        seekTo(action.fraction() * state_.playback.duration);
+        break;
+    case K::volumeBy:
+        setVolume(state_.settings.volume + action.volume());
+        break;
+    case K::setVolume:
+        setVolume(action.volume());
+        break;
+    case K::addRoot:
+        addRoot(action.text(), true);
+        break;
+    case K::removeRoot:
+        removeRoot(action.text());
+        break;
+    case K::reindex:
+        reindex(action.flag());
+        break;
+    case K::eqPreset:
+        choosePreset(action.text());
+        break;
+    case K::eqSave:
+        savePreset(action.text());
+        break;
+    case K::eqEnabled:
+        setEqualizerEnabled(action.flag());
+        break;
+    case K::focusNext:
+        cycleFocus(1);
+        break;
+    case K::focusPrevious:
+        cycleFocus(-1);
+        break;
     case K::left:
         if (state_.focus == Focus::player)
             movePlayerButton(-1);
@@ -261,33 +290,71 @@ void AppController::dispatch(const Action& action) {
             snapLibraryCursor();
         }
         break;
-    case K::jumpToStart: moveCursor(-1000000); break;
-    case K::jumpToEnd: moveCursor(1000000); break;
-    case K::activate: activate(); break;
-    case K::toggleMark: toggleMark(); break;
-    case K::clearSelection: clearSelection(); break;
-    case K::togglePlay: playback_->togglePlay(); break;
-    case K::play: playback_->resume(); break;
-    case K::pause: playback_->pause(); break;
-    case K::next: playback_->next(); break;
-    case K::previous: playback_->previous(); break;
-    case K::toggleMute: toggleMute(); break;
-    case K::toggleShuffle: toggleShuffle(); break;
-    case K::cycleRepeat: cycleRepeat(); break;
-    case K::openCommandLine: openPrompt(PromptKind::command); break;
-    case K::openSearch: openPrompt(PromptKind::search); break;
-    case K::openSeekPrompt: openPrompt(PromptKind::seek); break;
+    case K::jumpToStart:
+        moveCursor(-1000000);
+        break;
+    case K::jumpToEnd:
+        moveCursor(1000000);
+        break;
+    case K::activate:
+        activate();
+        break;
+    case K::toggleMark:
+        toggleMark();
+        break;
+    case K::clearSelection:
+        clearSelection();
+        break;
+    case K::togglePlay:
+        playback_->togglePlay();
+        break;
+    case K::play:
+        playback_->resume();
+        break;
+    case K::pause:
+        playback_->pause();
+        break;
+    case K::next:
+        playback_->next();
+        break;
+    case K::previous:
+        playback_->previous();
+        break;
+    case K::toggleMute:
+        toggleMute();
+        break;
+    case K::toggleShuffle:
+        toggleShuffle();
+        break;
+    case K::cycleRepeat:
+        cycleRepeat();
+        break;
+    case K::openCommandLine:
+        openPrompt(PromptKind::command);
+        break;
+    case K::openSearch:
+        openPrompt(PromptKind::search);
+        break;
+    case K::openSeekPrompt:
+        openPrompt(PromptKind::seek);
+        break;
     case K::openHelp:
         state_.overlay = Overlay::help();
         state_.helpOffset = 0;
         break;
-    case K::openEqualizer: state_.overlay = Overlay::equalizer(); break;
-    case K::closeOverlay: state_.overlay = Overlay::none(); break;
+    case K::openEqualizer:
+        state_.overlay = Overlay::equalizer();
+        break;
+    case K::closeOverlay:
+        state_.overlay = Overlay::none();
+        break;
     case K::listRoots:
         state_.overlay = Overlay::roots();
         state_.rootsCursor = 0;
         break;
-    case K::toggleLyrics: toggleLyrics(); break;
+    case K::toggleLyrics:
+        toggleLyrics();
+        break;
     case K::editTags:
     case K::editAllTags:
     case K::editLyrics:
@@ -295,7 +362,8 @@ void AppController::dispatch(const Action& action) {
     case K::removeCover:
         // Tag and cover editing are not part of this program yet.
         break;
-    case K::quit: quit();
+    case K::quit:
+        quit();
     }
     requestRender();
 }

@@ -32,12 +32,14 @@ std::string AppController::normalizeRoot(const std::string& path) {
         p = (ec ? fs::path("/") : cwd) / p;
     }
     std::string out = p.lexically_normal().string();
-    while (out.size() > 1 && out.back() == '/') out.pop_back();
+    while (out.size() > 1 && out.back() == '/')
+        out.pop_back();
     return out.empty() ? "/" : out;
 }
 
 void AppController::start(const std::vector<std::string>& addingRoots) {
-    for (const auto& root : addingRoots) addRoot(root, false);
+    for (const auto& root : addingRoots)
+        addRoot(root, false);
     // The scan counts as started from here: the cached library is loaded first, then
     // the folders are walked, and the header says we are looking from the first frame.
     scanning_ = true;
@@ -93,16 +95,16 @@ void AppController::runScan(bool force) {
     state_.indexing = IndexingProgress{0, 0};
     requestRender();
     const auto started = std::chrono::steady_clock::now();
-    auto progress = [post = host_.post, alive = std::weak_ptr<char>(alive_),
-                     this](int64_t done, int64_t total) {
+    auto progress = [post = host_.post, alive = std::weak_ptr<char>(alive_), this](int64_t done,
+                                                                                   int64_t total) {
         post([alive, this, done, total] {
             if (!alive.lock() || !state_.indexing) return;
             state_.indexing = IndexingProgress{static_cast<int>(done), static_cast<int>(total)};
             requestRender();
         });
     };
-    pool_.submit([store = store_, roots = state_.settings.roots, force, progress,
-                  post = host_.post, alive = std::weak_ptr<char>(alive_), this, started] {
+    pool_.submit([store = store_, roots = state_.settings.roots, force, progress, post = host_.post,
+                  alive = std::weak_ptr<char>(alive_), this, started] {
         const IndexSummary summary = Indexer::run(roots, *store, force, progress);
         post([alive, this, summary, started] {
             if (!alive.lock()) return;
@@ -113,8 +115,8 @@ void AppController::runScan(bool force) {
                         .count();
                 char elapsed[32];
                 std::snprintf(elapsed, sizeof elapsed, "%.1f", seconds);
-                report("Biblioteca al día: " + std::to_string(summary.fileCount) +
-                       " archivos · " + std::to_string(summary.readCount) + " leídos · " +
+                report("Biblioteca al día: " + std::to_string(summary.fileCount) + " archivos · " +
+                       std::to_string(summary.readCount) + " leídos · " +
                        std::to_string(summary.removedCount) + " quitados (" + elapsed + " s)");
                 scanning_ = false;
                 if (pendingReindex_) {
@@ -144,13 +146,15 @@ void AppController::setLibrary(LibraryIndex index) {
     if (state_.shownArtist) {
         const int row = *state_.shownArtist;
         if (row >= 0 && row < static_cast<int>(state_.artistRows.size()))
-            if (const auto* a = state_.artistRows[static_cast<std::size_t>(row)].get<ArtistRow::Artist>())
+            if (const auto* a =
+                    state_.artistRows[static_cast<std::size_t>(row)].get<ArtistRow::Artist>())
                 shownKey = state_.index.artists[static_cast<std::size_t>(a->artist)].key;
     }
     std::optional<std::string> trackPath;
     const int c = state_.library.cursor;
     if (c >= 0 && c < static_cast<int>(state_.libraryRows.size()))
-        if (const auto* t = state_.libraryRows[static_cast<std::size_t>(c)].get<LibraryRow::Track>())
+        if (const auto* t =
+                state_.libraryRows[static_cast<std::size_t>(c)].get<LibraryRow::Track>())
             trackPath = t->track.path;
 
     state_.index = std::move(index);
@@ -214,7 +218,8 @@ void AppController::rebuildLibraryRows() {
     if (state_.shownArtist) {
         const int row = *state_.shownArtist;
         if (row >= 0 && row < static_cast<int>(state_.artistRows.size()))
-            if (const auto* a = state_.artistRows[static_cast<std::size_t>(row)].get<ArtistRow::Artist>())
+            if (const auto* a =
+                    state_.artistRows[static_cast<std::size_t>(row)].get<ArtistRow::Artist>())
                 artist = a->artist;
     }
     state_.libraryRows = state_.index.libraryRows(artist, layout_.minimumAlbumHeight());
@@ -222,7 +227,8 @@ void AppController::rebuildLibraryRows() {
     int cursor = 0;
     if (remembered) {
         auto it = std::find(state_.libraryRows.begin(), state_.libraryRows.end(), *remembered);
-        if (it != state_.libraryRows.end()) cursor = static_cast<int>(it - state_.libraryRows.begin());
+        if (it != state_.libraryRows.end())
+            cursor = static_cast<int>(it - state_.libraryRows.begin());
     }
     if (state_.libraryRows.empty()) {
         state_.library = {};

@@ -12,15 +12,16 @@ namespace trovan {
 
 namespace {
 
-bool selectable(const ArtistRow& row) { return row.is<ArtistRow::Artist>(); }
+bool selectable(const ArtistRow& row) {
+    return row.is<ArtistRow::Artist>();
+}
 bool selectable(const LibraryRow& row) {
     return row.is<LibraryRow::Album>() || row.is<LibraryRow::Track>();
 }
 
 // The row the cursor lands on when aiming at `target` while moving in direction `n`:
 // the first selectable row that way, else the first one the other way, else none.
-template <class Row>
-std::optional<int> landing(const std::vector<Row>& rows, int target, int n) {
+template <class Row> std::optional<int> landing(const std::vector<Row>& rows, int target, int n) {
     const int count = static_cast<int>(rows.size());
     if (count == 0) return std::nullopt;
     const int t = std::clamp(target, 0, count - 1);
@@ -163,7 +164,8 @@ std::vector<std::string> AppController::targetPaths() const {
     if (!state_.marked.empty()) {
         std::map<std::string, std::size_t> position;
         const auto shown = trackPaths(state_.libraryRows);
-        for (std::size_t i = 0; i < shown.size(); ++i) position.emplace(shown[i], i);
+        for (std::size_t i = 0; i < shown.size(); ++i)
+            position.emplace(shown[i], i);
         std::vector<std::string> paths(state_.marked.begin(), state_.marked.end());
         // `marked` iterates in string order, and the sort is stable, so equal
         // positions (paths not shown) stay in string order.
@@ -206,7 +208,8 @@ void AppController::extendSelection(int n) {
     auto markUnderCursor = [&] {
         const int c = state_.library.cursor;
         if (c < 0 || c >= static_cast<int>(state_.libraryRows.size())) return;
-        if (const auto* t = state_.libraryRows[static_cast<std::size_t>(c)].get<LibraryRow::Track>())
+        if (const auto* t =
+                state_.libraryRows[static_cast<std::size_t>(c)].get<LibraryRow::Track>())
             state_.marked.insert(t->track.path);
     };
     markUnderCursor();

@@ -46,16 +46,27 @@ void AppController::seekTo(double seconds) {
 }
 
 void AppController::movePlayerButton(int d) {
-    state_.playerButton = static_cast<PlayerButton>((static_cast<int>(state_.playerButton) + d + 5) % 5);
+    state_.playerButton =
+        static_cast<PlayerButton>((static_cast<int>(state_.playerButton) + d + 5) % 5);
 }
 
 void AppController::press(PlayerButton button) {
     switch (button) {
-    case PlayerButton::shuffle: toggleShuffle(); break;
-    case PlayerButton::previous: playback_->previous(); break;
-    case PlayerButton::playPause: playback_->togglePlay(); break;
-    case PlayerButton::next: playback_->next(); break;
-    case PlayerButton::repeatMode: cycleRepeat(); break;
+    case PlayerButton::shuffle:
+        toggleShuffle();
+        break;
+    case PlayerButton::previous:
+        playback_->previous();
+        break;
+    case PlayerButton::playPause:
+        playback_->togglePlay();
+        break;
+    case PlayerButton::next:
+        playback_->next();
+        break;
+    case PlayerButton::repeatMode:
+        cycleRepeat();
+        break;
     }
 }
 

@@ -15,7 +15,8 @@ int WorkerPool::activeCores() {
 WorkerPool::WorkerPool(int threads) {
     const int n = threads > 0 ? threads : activeCores();
     threads_.reserve(static_cast<std::size_t>(n));
-    for (int i = 0; i < n; ++i) threads_.emplace_back([this] { run(); });
+    for (int i = 0; i < n; ++i)
+        threads_.emplace_back([this] { run(); });
 }
 
 WorkerPool::~WorkerPool() {
@@ -25,7 +26,8 @@ WorkerPool::~WorkerPool() {
         jobs_.clear();
     }
     wake_.notify_all();
-    for (auto& t : threads_) t.join();
+    for (auto& t : threads_)
+        t.join();
 }
 
 void WorkerPool::submit(Job job) {

@@ -83,9 +83,11 @@ public:
     // Runs the delayed tasks that are due at the current clock.
     void runDue() {
         std::vector<Delayed> due, later;
-        for (auto& d : delayed) (d.at <= clock ? due : later).push_back(std::move(d));
+        for (auto& d : delayed)
+            (d.at <= clock ? due : later).push_back(std::move(d));
         delayed = std::move(later);
-        for (auto& d : due) d.task();
+        for (auto& d : due)
+            d.task();
     }
 
     // Every status message shown so far (a report is recorded when the task that
@@ -100,7 +102,8 @@ public:
         noteStatus();
     }
     void keys(const std::string& chars) {
-        for (char ch : chars) key(Key::character(std::string(1, ch)));
+        for (char ch : chars)
+            key(Key::character(std::string(1, ch)));
     }
     void type(const std::string& command) { // ":vol 50" + Enter
         keys(command);

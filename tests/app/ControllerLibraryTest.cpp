@@ -26,7 +26,8 @@ void load(ControllerHarness& h, const std::vector<Track>& tracks) {
 
 int countReports(const ControllerHarness& h, const std::string& prefix) {
     int n = 0;
-    for (const auto& r : h.reports) n += r.text.rfind(prefix, 0) == 0;
+    for (const auto& r : h.reports)
+        n += r.text.rfind(prefix, 0) == 0;
     return n;
 }
 
@@ -114,7 +115,8 @@ TEST(ControllerLibrary, RequestsDuringAScanCollapseIntoOneForcedScan) {
     ASSERT_EQ(countReports(h, "Biblioteca al día"), 3);
     std::vector<std::string> summaries;
     for (const auto& r : h.reports)
-        if (r.text.rfind("Biblioteca al día", 0) == 0) summaries.push_back(r.text.substr(0, r.text.find(" (")));
+        if (r.text.rfind("Biblioteca al día", 0) == 0)
+            summaries.push_back(r.text.substr(0, r.text.find(" (")));
     EXPECT_EQ(summaries[0], "Biblioteca al día: 2 archivos · 2 leídos · 0 quitados");
     EXPECT_EQ(summaries[1], "Biblioteca al día: 2 archivos · 0 leídos · 0 quitados");
     EXPECT_EQ(summaries[2], "Biblioteca al día: 2 archivos · 2 leídos · 0 quitados"); // forced
@@ -133,8 +135,9 @@ TEST(ControllerLibrary, RequestsDuringAScanCollapseIntoOneForcedScan) {
 
 TEST(ControllerLibrary, ReloadKeepsTheArtistTheTrackAndOnlyLiveMarks) {
     ControllerHarness h;
-    load(h, {fakeTrack("Blur", "Parklife", 1, "Girls"), fakeTrack("Blur", "Parklife", 2, "Tracy"),
-             fakeTrack("Cher", "Believe", 1, "Believe"), fakeTrack("Cher", "Believe", 2, "Strong")});
+    load(h,
+         {fakeTrack("Blur", "Parklife", 1, "Girls"), fakeTrack("Blur", "Parklife", 2, "Tracy"),
+          fakeTrack("Cher", "Believe", 1, "Believe"), fakeTrack("Cher", "Believe", 2, "Strong")});
     h.c().jumpToArtist("cher");
     h.key(Key(Key::Kind::enter));
     h.key(Key(Key::Kind::down));
@@ -158,7 +161,9 @@ TEST(ControllerLibrary, ReloadKeepsTheArtistTheTrackAndOnlyLiveMarks) {
 
     const auto& row = h.state().artistRows.at(static_cast<std::size_t>(h.state().artists.cursor));
     ASSERT_TRUE(row.is<ArtistRow::Artist>());
-    EXPECT_EQ(h.state().index.artists[static_cast<std::size_t>(row.get<ArtistRow::Artist>()->artist)].name,
+    EXPECT_EQ(h.state()
+                  .index.artists[static_cast<std::size_t>(row.get<ArtistRow::Artist>()->artist)]
+                  .name,
               "Cher");
     EXPECT_EQ(h.state().shownArtist, h.state().artists.cursor);
     EXPECT_EQ(cursorTrackPath(h), strong);
@@ -176,11 +181,13 @@ TEST(ControllerLibrary, ReloadKeepsTheArtistTheTrackAndOnlyLiveMarks) {
 TEST(ControllerLibrary, AlbumsArePaddedForCoversOnlyInWidePanes) {
     // 81 columns leave a 50-column library pane, 80 columns a 49-column one.
     ControllerHarness h({81, 30});
-    load(h, {fakeTrack("Blur", "Parklife", 1, "Girls"), fakeTrack("Blur", "Think", 1, "Ambulance", 1, 2003)});
+    load(h, {fakeTrack("Blur", "Parklife", 1, "Girls"),
+             fakeTrack("Blur", "Think", 1, "Ambulance", 1, 2003)});
     ASSERT_EQ(h.c().layout().libraryList.width, 50);
     auto fillers = [&] {
         int n = 0;
-        for (const auto& r : h.state().libraryRows) n += r.is<LibraryRow::Filler>();
+        for (const auto& r : h.state().libraryRows)
+            n += r.is<LibraryRow::Filler>();
         return n;
     };
     EXPECT_EQ(fillers(), 3 + 3);
@@ -222,7 +229,8 @@ TEST(ControllerLibrary, CoversAreDecodedForTheShownAlbumsAndThePlayingTrack) {
     for (const auto& [key, art] : h.state().albumCovers) {
         if (!art.pixels) continue;
         ++withPixels;
-        ASSERT_EQ(art.pixels->size(), static_cast<std::size_t>(Layout::albumCoverColumns * 2 * Layout::albumCoverRows));
+        ASSERT_EQ(art.pixels->size(),
+                  static_cast<std::size_t>(Layout::albumCoverColumns * 2 * Layout::albumCoverRows));
         EXPECT_GT(art.pixels->front().r, 200); // the generated cover is red
     }
     EXPECT_EQ(withPixels, 1);

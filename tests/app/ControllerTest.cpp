@@ -9,6 +9,8 @@
 
 #include <gtest/gtest.h>
 
+#include <random>
+
 using namespace trovan;
 using namespace trovan::testing;
 using namespace std::chrono_literals;
@@ -20,7 +22,9 @@ const Key kUp(Key::Kind::up), kDown(Key::Kind::down), kEnter(Key::Kind::enter),
     kLeft(Key::Kind::left), kRight(Key::Kind::right), kHome(Key::Kind::home), kEnd(Key::Kind::end),
     kPageDown(Key::Kind::pageDown), kPageUp(Key::Kind::pageUp);
 
-Key ch(const char* c) { return Key::character(c); }
+Key ch(const char* c) {
+    return Key::character(c);
+}
 
 // Artist rows: A, Abba, Air, B, Beck, Blur, C, Cher.
 std::vector<Track> smallLibrary() {
@@ -169,7 +173,8 @@ TEST(ControllerKeys, EqualizerOverlay) {
     EXPECT_FLOAT_EQ(h.state().settings.eqGains[0], 2.0f);
     EXPECT_EQ(h.savedSettings().eqPreset, "Personalizado");
     EXPECT_FLOAT_EQ(h.c().playback().engine().equalizer().bandGain(0), 2.0f);
-    for (int i = 0; i < 20; ++i) h.key(kUp);
+    for (int i = 0; i < 20; ++i)
+        h.key(kUp);
     EXPECT_FLOAT_EQ(h.state().settings.eqGains[0], 12.0f);
 
     h.key(ch("p")); // "Personalizado" is not a preset: the list starts over
@@ -202,7 +207,8 @@ TEST(ControllerKeys, EqualizerOverlay) {
     h.type(":eq rock");
     EXPECT_EQ(h.state().settings.eqPreset, "Rock");
     h.type(":eq nada");
-    EXPECT_EQ(h.state().status->text.rfind("No existe el preset nada. Disponibles: Plano, Rock", 0), 0u);
+    EXPECT_EQ(h.state().status->text.rfind("No existe el preset nada. Disponibles: Plano, Rock", 0),
+              0u);
     EXPECT_EQ(h.state().settings.eqPreset, "Rock");
     h.type(":eq off");
     EXPECT_FALSE(h.savedSettings().eqEnabled);
@@ -232,7 +238,7 @@ TEST(ControllerNavigation, ArtistCursorSkipsLettersAndKeepsContext) {
     h.key(kEnd);
     EXPECT_EQ(artistUnderCursor(h), "Cher");
     EXPECT_EQ(h.state().artists.offset, 7 - 6 + 1); // cursor on the last visible line
-    h.key(kDown); // on the last artist: nothing
+    h.key(kDown);                                   // on the last artist: nothing
     EXPECT_EQ(h.state().artists.cursor, 7);
     h.key(kUp); // up onto the letter C: skipped
     EXPECT_EQ(artistUnderCursor(h), "Blur");
@@ -347,7 +353,8 @@ TEST(ControllerNavigation, FocusCycleAndPlayerButtons) {
     const auto artists = h.state().artists;
     h.key(kPageDown);
     EXPECT_EQ(h.state().artists, artists);
-    for (int i = 0; i < 30; ++i) h.key(ch("+"));
+    for (int i = 0; i < 30; ++i)
+        h.key(ch("+"));
     EXPECT_FLOAT_EQ(h.state().settings.volume, 1.0f);
 
     // ← and → outside the player pick the panes.
@@ -496,7 +503,8 @@ TEST(ControllerMouse, ClicksWheelAndDoubleClicks) {
     // Below the minimum size nothing reacts.
     h.c().resize({59, 40});
     h.clock += 1s;
-    press(h.c().layout().buttons.at(PlayerButton::shuffle).x, h.c().layout().buttons.at(PlayerButton::shuffle).y);
+    press(h.c().layout().buttons.at(PlayerButton::shuffle).x,
+          h.c().layout().buttons.at(PlayerButton::shuffle).y);
     EXPECT_TRUE(h.state().settings.shuffle);
 }
 
@@ -526,7 +534,7 @@ TEST(ControllerMouse, ProgressBarSeeks) {
     EXPECT_NEAR(click(start - 1, p.y), 0.0, 0.05); // one cell before the bar: the start
     click(start + width / 4, p.y);
     const double quarter = h.c().playback().engine().currentTime();
-    EXPECT_NEAR(click(start + width + 1, p.y), quarter, 1e-9); // past the end: nothing
+    EXPECT_NEAR(click(start + width + 1, p.y), quarter, 1e-9);     // past the end: nothing
     EXPECT_NEAR(click(start + width / 2, p.y - 1), quarter, 1e-9); // another row: nothing
     h.c().handleMouse({MouseEvent::Kind::drag, start + width, p.y});
     EXPECT_NEAR(h.c().playback().engine().currentTime(), duration, 0.1);
@@ -577,4 +585,120 @@ TEST(ControllerQuit, QuitSavesTheSettings) {
     }
     EXPECT_TRUE(h.savedSettings().shuffle);
     EXPECT_FLOAT_EQ(h.savedSettings().volume, 0.8f);
+}
+
+TEST(ControllerRobustness, RandomInputKeepsTheListsConsistent) {
+    ControllerHarness h({100, 40});
+    load(h, smallLibrary());
+    std::mt19937 rng(1234);
+    const std::vector<Key> keys = {kUp,
+                                   kDown,
+                                   kEnter,
+                                   kEsc,
+                                   kTab,
+                                   kBackTab,
+                                   kLeft,
+                                   kRight,
+                                   kHome,
+                                   kEnd,
+                                   kPageDown,
+                                   kPageUp,
+                                   Key(Key::Kind::shiftUp),
+                                   Key(Key::Kind::shiftDown),
+                                   Key(Key::Kind::backspace),
+                                   Key(Key::Kind::delete_),
+                                   Key::ctrl('a'),
+                                   Key::ctrl('u'),
+                                   Key::ctrl('w'),
+                                   Key::function(8),
+                                   ch("j"),
+                                   ch("k"),
+                                   ch("h"),
+                                   ch("l"),
+                                   ch("L"),
+                                   ch("x"),
+                                   ch("/"),
+                                   ch(":"),
+                                   ch("?"),
+                                   ch("="),
+                                   ch("t"),
+                                   ch("a"),
+                                   ch("b"),
+                                   ch("d"),
+                                   ch("p"),
+                                   ch("P"),
+                                   ch("r"),
+                                   ch("s"),
+                                   ch("m"),
+                                   ch("0"),
+                                   ch("5"),
+                                   ch("+"),
+                                   ch("-"),
+                                   ch(" "),
+                                   ch("e"),
+                                   ch("E"),
+                                   ch("n"),
+                                   ch("é"),
+                                   ch("\""),
+                                   ch("q"),
+                                   Key::ctrl('c')};
+    const std::vector<Size> sizes = {{100, 40}, {59, 20}, {80, 24}, {60, 16},
+                                     {200, 60}, {30, 5},  {81, 17}};
+    auto check = [&](int step) {
+        const AppState& s = h.state();
+        const Layout& l = h.c().layout();
+        auto viewport = [&](const ListViewport& v, int count, int height, const char* pane) {
+            if (count == 0) {
+                EXPECT_EQ(v.cursor, 0) << pane << " step " << step;
+                return;
+            }
+            ASSERT_GE(v.cursor, 0) << pane << " step " << step;
+            ASSERT_LT(v.cursor, count) << pane << " step " << step;
+            if (height >= 1) {
+                EXPECT_LE(v.offset, v.cursor) << pane << " step " << step;
+                EXPECT_LT(v.cursor, v.offset + height) << pane << " step " << step;
+            }
+        };
+        viewport(s.artists, static_cast<int>(s.artistRows.size()), l.artistsList.height, "artists");
+        viewport(s.library, static_cast<int>(s.libraryRows.size()), l.libraryList.height,
+                 "library");
+        if (!s.artistRows.empty())
+            EXPECT_TRUE(
+                s.artistRows[static_cast<std::size_t>(s.artists.cursor)].is<ArtistRow::Artist>());
+        if (!s.libraryRows.empty()) {
+            const auto& row = s.libraryRows[static_cast<std::size_t>(s.library.cursor)];
+            EXPECT_TRUE(row.is<LibraryRow::Album>() || row.is<LibraryRow::Track>())
+                << "step " << step;
+        }
+        EXPECT_GE(s.settings.volume, 0.0f);
+        EXPECT_LE(s.settings.volume, 1.0f);
+    };
+    for (int step = 0; step < 4000; ++step) {
+        const int what = static_cast<int>(rng() % 100);
+        try {
+            if (what < 75) {
+                h.key(keys[rng() % keys.size()]);
+            } else if (what < 90) {
+                const MouseEvent::Kind kinds[] = {
+                    MouseEvent::Kind::press, MouseEvent::Kind::drag, MouseEvent::Kind::release,
+                    MouseEvent::Kind::scrollUp, MouseEvent::Kind::scrollDown};
+                h.clock += std::chrono::milliseconds(rng() % 600);
+                h.c().handleMouse({kinds[rng() % 5], static_cast<int>(rng() % 220) - 10,
+                                   static_cast<int>(rng() % 70) - 5});
+            } else if (what < 95) {
+                const std::string pastes[] = {"",        "a\nb",   "Be", "\xff\xfe",
+                                              "vol 200", "~/nada", "ch"};
+                h.c().handlePaste(pastes[rng() % 7]);
+            } else if (what < 97) {
+                h.c().resize(sizes[rng() % sizes.size()]);
+            } else {
+                h.settle();
+            }
+        } catch (const QuitCalled&) {
+            // Quitting ends a real process; here the run simply goes on.
+        }
+        check(step);
+        if (HasFatalFailure()) return;
+    }
+    h.settle();
 }

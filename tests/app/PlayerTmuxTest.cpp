@@ -27,7 +27,8 @@ namespace {
 
 std::string shellQuote(const std::string& s) {
     std::string out = "'";
-    for (char c : s) out += c == '\'' ? std::string("'\\''") : std::string(1, c);
+    for (char c : s)
+        out += c == '\'' ? std::string("'\\''") : std::string(1, c);
     return out + "'";
 }
 
@@ -101,13 +102,16 @@ public:
         ++run_;
         std::string command = "while [ ! -e " + shellQuote((dir_ / "go").string()) +
                               " ]; do sleep 0.01; done; exec " + shellQuote(TROVAN_BINARY);
-        for (const auto& a : args) command += " " + shellQuote(a);
+        for (const auto& a : args)
+            command += " " + shellQuote(a);
         fs::remove(dir_ / "go");
         fs::remove(dir_ / "out.log");
-        tmux("-f /dev/null new-session -d -s t -x 100 -y 40 -e COLORTERM=truecolor -e TROVAN_HOME=" +
-             shellQuote(home_.string()) + " " + shellQuote(command));
+        tmux(
+            "-f /dev/null new-session -d -s t -x 100 -y 40 -e COLORTERM=truecolor -e TROVAN_HOME=" +
+            shellQuote(home_.string()) + " " + shellQuote(command));
         tmux("set-option -t t remain-on-exit on");
-        tmux("pipe-pane -t t -o " + shellQuote("cat >> " + shellQuote((dir_ / "out.log").string())));
+        tmux("pipe-pane -t t -o " +
+             shellQuote("cat >> " + shellQuote((dir_ / "out.log").string())));
         std::ofstream(dir_ / "go") << "";
     }
 
@@ -118,7 +122,8 @@ public:
         if (FILE* p = popen(cmd.c_str(), "r")) {
             char buf[4096];
             std::size_t n;
-            while ((n = fread(buf, 1, sizeof buf, p)) > 0) out.append(buf, n);
+            while ((n = fread(buf, 1, sizeof buf, p)) > 0)
+                out.append(buf, n);
             pclose(p);
         }
         return out;
@@ -130,7 +135,8 @@ public:
     std::string line(int y) {
         std::stringstream ss(screen());
         std::string l;
-        for (int i = 0; i <= y && std::getline(ss, l); ++i) {}
+        for (int i = 0; i <= y && std::getline(ss, l); ++i) {
+        }
         return l;
     }
     // Everything the program has written so far.
@@ -164,7 +170,8 @@ public:
 
     // The exit status once the program has ended, or -1.
     int exitStatus() {
-        if (!waitUntil([&] { return tmux("display-message -p -t t '#{pane_dead}'").rfind("1", 0) == 0; }))
+        if (!waitUntil(
+                [&] { return tmux("display-message -p -t t '#{pane_dead}'").rfind("1", 0) == 0; }))
             return -1;
         return std::atoi(tmux("display-message -p -t t '#{pane_dead_status}'").c_str());
     }
@@ -268,7 +275,7 @@ TEST(Player, PromptsOverlaysAndMessages) {
     EXPECT_TRUE(p.waitGone("Comando desconocido", 10s));
     const auto gone = std::chrono::steady_clock::now() - shown;
     EXPECT_GT(gone, 3s);
-    EXPECT_LT(gone, 6s);
+    EXPECT_LT(gone, 8s); // generous: the machine may be busy
 
     p.text("?");
     ASSERT_TRUE(p.waitFor("AYUDA")) << p.screen();
@@ -322,11 +329,15 @@ TEST(Player, MouseAndResize) {
     ASSERT_TRUE(waitUntil([&] { return p.line(29).find("0:15 ━") != std::string::npos; }))
         << p.screen();
     EXPECT_NE(p.screen().find("BIBLIOTECA · GAMMA"), std::string::npos) << p.screen();
-    EXPECT_EQ(p.line(1), "  " + [] {
-        std::string rule;
-        for (int i = 0; i < 76; ++i) rule += "─";
-        return rule;
-    }()) << p.screen();
+    EXPECT_EQ(
+        p.line(1), "  " +
+                       [] {
+                           std::string rule;
+                           for (int i = 0; i < 76; ++i)
+                               rule += "─";
+                           return rule;
+                       }())
+        << p.screen();
 
     p.text("q");
     EXPECT_EQ(p.exitStatus(), 0);

@@ -172,10 +172,12 @@ public:
     std::string file(const std::string& name) { return slurp(dir_ + "/" + name); }
     bool hasFile(const std::string& name) { return exists(dir_ + "/" + name); }
     int pid() const { return pid_; }
+    std::chrono::steady_clock::time_point started() const { return started_; }
 
 private:
     std::string dir_;
     int pid_ = 0;
+    std::chrono::steady_clock::time_point started_ = std::chrono::steady_clock::now();
 };
 
 bool showsBackground(const std::vector<std::string>& lines) {
@@ -205,7 +207,10 @@ TEST(Tmux, FullSizeStaysIdleRedrawsOnResizeAndQuitsOnQ) {
     ASSERT_TRUE(s.waitForSession(showsBackground)) << s.flags();
     EXPECT_TRUE(showsNoMessage(s.screen()));
 
-    // Idle: no wake-ups, so no CPU time at all over a few seconds.
+    // Idle: no wake-ups, so no CPU time at all over a few seconds. Start-up is over
+    // first: the initial scan reports its result, and the header is drawn once more
+    // when that status message expires about four seconds later.
+    std::this_thread::sleep_until(s.started() + 5s);
     ASSERT_TRUE(s.alive());
     const long before = s.cpuTicks();
     std::this_thread::sleep_for(3s);

@@ -213,3 +213,22 @@ TEST(AudioFileProbe, MeasuresWhatTagLibCannotOpen) {
     EXPECT_FALSE(
         AudioFileProbe::read(fx::writeBroken(dir.path(), "g.caf", fx::Broken::garbage).string()));
 }
+
+TEST(TagLibFile, FormatsWithoutPicturesRefuseOneCleanly) {
+    if (!fx::available()) GTEST_SKIP() << "ffmpeg missing";
+    fx::TempDir dir;
+    auto path = dir / "tone.wv"; // WavPack: APE tags, no pictures in this program
+    auto made = fx::runProcess({"ffmpeg", "-nostdin", "-v", "error", "-f", "lavfi", "-i",
+                                "sine=duration=0.5", "-c:a", "wavpack", "-f", "wv", path.string()});
+    ASSERT_EQ(made.status, 0) << made.errors;
+    {
+        auto file = TagLibFile::open(path.string());
+        ASSERT_TRUE(file);
+        EXPECT_FALSE(file->picture());
+        EXPECT_FALSE(file->setPicture(Picture{fx::image(fx::Cover{}), "image/jpeg"}));
+        file->set("TITLE", {"Sin portada"});
+        ASSERT_TRUE(file->save());
+    }
+    EXPECT_EQ(TagLibFile::open(path.string())->value("TITLE"), "Sin portada");
+    EXPECT_TRUE(fx::decodes(path));
+}

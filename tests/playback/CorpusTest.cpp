@@ -1,5 +1,5 @@
-// Real-world damaged and unusual files: each one either plays for a second or
-// fails to load with an error; nothing may crash, hang or spin.
+// Real-world damaged and unusual files: each one either plays for a second or fails
+// to load with an error; nothing may crash, hang or spin.
 
 #include "EngineHarness.h"
 
@@ -7,31 +7,23 @@
 
 #include <cmath>
 #include <filesystem>
-#include <iostream>
 
 namespace trovan {
 namespace {
-
-using testing::TaskQueue;
-using testing::VirtualOutputs;
 
 TEST(CorpusTest, EveryFileLoadsAndPlaysOrFailsCleanly) {
     const std::filesystem::path corpus = TROVAN_SOURCE_DIR "/../shared/corpus/taglib";
     if (!std::filesystem::is_directory(corpus)) GTEST_SKIP() << "no corpus at " << corpus;
 
-    TaskQueue tasks;
-    VirtualOutputs outputs;
+    testing::TaskQueue tasks;
+    testing::VirtualOutputs outputs;
     AudioEngine engine(tasks.poster(), outputs.factory());
-    int ends = 0;
-    engine.onTrackEnd = [&] { ++ends; };
-    int played = 0, refused = 0;
+    int played = 0;
     for (const auto& entry : std::filesystem::directory_iterator(corpus)) {
-        if (!entry.is_regular_file()) continue;
         SCOPED_TRACE(entry.path().filename().string());
         try {
             engine.load(entry.path().string());
         } catch (const std::exception&) {
-            ++refused;
             continue;
         }
         ++played;
@@ -49,12 +41,7 @@ TEST(CorpusTest, EveryFileLoadsAndPlaysOrFailsCleanly) {
         engine.seek(engine.duration() / 2);
         engine.pause();
     }
-    engine.unload();
-    RecordProperty("played", played);
-    RecordProperty("refused", refused);
     EXPECT_GT(played, 0);
-    std::cout << "corpus: " << played << " played, " << refused << " refused, " << ends
-              << " ended within a second\n";
 }
 
 } // namespace

@@ -1,0 +1,118 @@
+#include "media/AudioDecoder.h"
+#include "playback/AudioFormatInfo.h"
+#include "support/Fixtures.h"
+
+#include <gtest/gtest.h>
+
+#include <cmath>
+
+namespace trovan {
+namespace {
+
+using fixtures::Format;
+
+// Reads to the end in small pieces, as the engine's decoding thread does.
+std::vector<float> decodeAll(AudioDecoder& d) {
+    const auto channels = static_cast<std::size_t>(d.outputChannels());
+    std::vector<float> all, chunk(1000 * channels);
+    while (std::size_t n = d.read(chunk.data(), 1000))
+        all.insert(all.end(), chunk.begin(), chunk.begin() + std::ptrdiff_t(n * channels));
+    return all;
+}
+
+// Per file: the summary shown to the user, the channels delivered (more than two are
+// mixed down), the length, and seeks that land on the exact frame of a straight decode.
+TEST(AudioDecoderTest, FormatsDescribeThemselvesDecodeWholeAndSeekExactly) {
+    if (!fixtures::available()) GTEST_SKIP() << "ffmpeg missing";
+    struct Case {
+        Format format;
+        int rate, depth = 16, channels = 2;
+        const char* summary = nullptr; // nullptr: no fixed summary to check
+    };
+    const Case cases[] = {
+        {Format::flac, 44100, 16, 2, "FLAC \u00B7 44.1 kHz \u00B7 16 bit"},
+        {Format::flac, 96000, 24, 2, "FLAC \u00B7 96 kHz \u00B7 24 bit"},
+        {Format::mp3, 48000, 16, 2, "MP3 \u00B7 48 kHz"},
+        {Format::aac, 44100, 16, 2, "AAC \u00B7 44.1 kHz"},
+        {Format::alac, 44100, 16, 2, "ALAC \u00B7 44.1 kHz \u00B7 16 bit"},
+        {Format::wav, 44100, 16, 2, "WAV \u00B7 44.1 kHz \u00B7 16 bit"},
+        {Format::aiff, 48000, 24, 2, "AIFF \u00B7 48 kHz \u00B7 24 bit"},
+        {Format::aifc, 44100, 16, 2, "AIFF \u00B7 44.1 kHz \u00B7 16 bit"},
+        {Format::vorbis, 44100, 16, 2, "OGG \u00B7 44.1 kHz"},
+        {Format::opus, 48000},
+        {Format::caf, 44100},
+        {Format::flac, 44100, 16, 1},
+        {Format::flac, 48000, 16, 6},
+    };
+    for (const auto& c : cases) {
+        fixtures::Tone t;
+        t.format = c.format;
+        t.frequency = 330;
+        t.seconds = 1.5;
+        t.sampleRate = c.rate;
+        t.channels = c.channels;
+        t.bitDepth = c.depth;
+        auto path =
+            fixtures::cached(
+                "dec-" + std::to_string(&c - cases) + "." + fixtures::extension(c.format), t)
+                .string();
+        SCOPED_TRACE(path);
+        AudioDecoder linear(path);
+        auto info = AudioFormatInfo::describe(linear.description(), path);
+        if (c.summary) {
+            EXPECT_EQ(info.summary(), c.summary);
+        }
+        EXPECT_EQ(info.channels, c.channels);
+        const auto channels = static_cast<std::size_t>(std::min(c.channels, 2));
+        ASSERT_EQ(linear.outputChannels(), int(channels));
+        auto all = decodeAll(linear);
+        auto decoded = static_cast<double>(all.size() / channels);
+        EXPECT_EQ(linear.position(), static_cast<int64_t>(decoded));
+        const bool lossy = c.format == Format::mp3 || c.format == Format::aac ||
+                           c.format == Format::vorbis || c.format == Format::opus;
+        // Lossy codecs pad to whole packets; the reported length must stay close.
+        EXPECT_NEAR(decoded, 1.5 * c.rate, lossy ? 2200 : 0);
+        EXPECT_NEAR(static_cast<double>(linear.frames()), decoded, lossy ? 2200 : 0);
+        for (std::size_t ch = 0; ch < channels; ++ch) {
+            float peak = 0;
+            for (std::size_t i = ch; i < all.size(); i += channels)
+                peak = std::max(peak, std::abs(all[i]));
+            EXPECT_TRUE(peak > 0.05f && peak <= 1.0f) << "channel " << ch << " peaks at " << peak;
+        }
+
+        AudioDecoder d(path);
+        std::vector<float> got(512 * channels);
+        for (std::size_t target : {0, 12345, 1, 40000, 7, 30001}) {
+            ASSERT_TRUE(d.seek(int64_t(target)));
+            EXPECT_EQ(d.position(), int64_t(target));
+            ASSERT_EQ(d.read(got.data(), 512), 512u);
+            double worst = 0;
+            for (std::size_t i = 0; i < got.size(); ++i)
+                worst = std::max(worst, std::abs(double(got[i]) - all[target * channels + i]));
+            // One frame off would differ by ~4e-3 at 330 Hz.
+            EXPECT_LE(worst, lossy ? 1e-4 : 0.0) << "seek to " << target;
+        }
+        EXPECT_TRUE(d.seek(d.frames() + 1000));
+        EXPECT_EQ(d.read(got.data(), 512), 0u);
+    }
+}
+
+TEST(AudioDecoderTest, TruncatedFilesFailOrComeToAnEnd) {
+    if (!fixtures::available()) GTEST_SKIP() << "ffmpeg missing";
+    fixtures::TempDir dir;
+    for (Format f : {Format::flac, Format::mp3, Format::aac, Format::wav}) {
+        auto path = fixtures::writeBroken(dir.path(), "cut." + fixtures::extension(f),
+                                          fixtures::Broken::truncated, f);
+        try {
+            AudioDecoder d(path.string());
+            EXPECT_LE(decodeAll(d).size(), std::size_t(d.sampleRate()) * 4);
+            d.seek(d.frames() / 2);
+            decodeAll(d);
+        } catch (const AudioDecodeError&) {
+        }
+    }
+    EXPECT_THROW(AudioDecoder((dir / "missing.flac").string()), AudioDecodeError);
+}
+
+} // namespace
+} // namespace trovan
