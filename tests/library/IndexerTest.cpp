@@ -26,33 +26,25 @@ namespace fs = std::filesystem;
 
 namespace {
 
-// A short real file, generated once and copied wherever a test needs audio.
-fs::path smallMp3() {
-    fx::Tone tone;
-    tone.format = fx::Format::mp3;
-    tone.seconds = 0.2;
-    tone.channels = 1;
-    tone.tags = {{"TITLE", {"Pequeña"}}};
-    return fx::cached("small.mp3", tone);
-}
-
+// Copies a short real file, generated once, to dir/rel.
 fs::path put(const fs::path& dir, const std::string& rel) {
+    static const auto mp3 = fx::cached("small.mp3", {.format = fx::Format::mp3,
+                                                     .seconds = 0.2,
+                                                     .channels = 1,
+                                                     .tags = {{"TITLE", {"Pequeña"}}}});
     fs::create_directories((dir / rel).parent_path());
-    return fx::copyTo(smallMp3(), (dir / rel).parent_path(), (dir / rel).filename().string());
+    return fx::copyTo(mp3, (dir / rel).parent_path(), (dir / rel).filename().string());
 }
 
-std::set<std::string> keys(const std::unordered_map<std::string, FileStamp>& m) {
+template <class Range, class Key> std::set<std::string> pathsOf(const Range& range, Key key) {
     std::set<std::string> out;
-    for (const auto& [k, v] : m)
-        out.insert(k);
+    for (const auto& item : range)
+        out.insert(key(item));
     return out;
 }
 
 std::set<std::string> paths(LibraryStore& store) {
-    std::set<std::string> out;
-    for (const auto& t : store.loadAll())
-        out.insert(t.path);
-    return out;
+    return pathsOf(store.loadAll(), [](const Track& t) { return t.path; });
 }
 
 void setMtime(const fs::path& p, time_t seconds, long nanos) {
@@ -82,7 +74,7 @@ TEST(Indexer, ScanFindsOnlyVisibleRegularAudioFiles) {
 
     auto result = Indexer::scan({root});
     EXPECT_TRUE(result.missingRoots.empty());
-    EXPECT_EQ(keys(result.found),
+    EXPECT_EQ(pathsOf(result.found, [](const auto& entry) { return entry.first; }),
               (std::set<std::string>{root + "/a/1.flac", root + "/a/B.FLAC",
                                      root + "/a/sub/deep/2.mp3", root + "/Álbum/\xff\xfe.mp3"}));
     struct stat st {};
@@ -160,29 +152,27 @@ TEST(Indexer, BrokenFilesAreCountedButNotStored) {
     auto music = dir.subdir("music");
     put(music, "good.mp3");
     int broken = 0;
-    for (auto ext : {"flac", "mp3", "m4a", "wav", "aiff", "ogg", "opus", "caf", "aac"}) {
-        fx::writeBroken(music, std::string("zero.") + ext, fx::Broken::zeroBytes);
-        fx::writeBroken(music, std::string("junk.") + ext, fx::Broken::garbage);
+    for (std::string ext : {"flac", "mp3", "m4a", "wav", "aiff", "ogg", "opus", "caf", "aac"}) {
+        fx::writeBroken(music, "zero." + ext, fx::Broken::zeroBytes);
+        fx::writeBroken(music, "junk." + ext, fx::Broken::garbage);
         broken += 2;
     }
     LibraryStore store(dir / "library.sqlite");
     // A cached record of a file that now fails to read stays as it was.
-    Track old;
-    old.path = (music / "zero.flac").string();
-    old.title = "antes";
+    const Track old{.path = (music / "zero.flac").string(), .title = "antes"};
     store.apply({old}, {});
 
     EXPECT_EQ(Indexer::run({music.string()}, store, false), (IndexSummary{broken + 1, 1, 0}));
-    auto stored = paths(store);
-    EXPECT_EQ(stored, (std::set<std::string>{(music / "good.mp3").string(), old.path}));
+    EXPECT_EQ(paths(store), (std::set<std::string>{(music / "good.mp3").string(), old.path}));
 }
 
-TEST(Indexer, ProgressEvery64FilesAndAtTheEnd) {
+TEST(Indexer, ReadReportsProgressEvery64FilesAndLosesNone) {
+    if (!fx::available()) GTEST_SKIP() << "ffmpeg missing";
     std::vector<std::string> missing;
     for (int i = 0; i < 1000; ++i)
         missing.push_back("/nonexistent/trovan/" + std::to_string(i) + ".mp3");
     std::mutex m;
-    std::vector<int64_t> seen;
+    std::vector<int64_t> seen, expected;
     auto tracks = Indexer::read(missing, [&](int64_t done, int64_t total) {
         EXPECT_EQ(total, 1000);
         std::lock_guard lock(m);
@@ -190,29 +180,23 @@ TEST(Indexer, ProgressEvery64FilesAndAtTheEnd) {
     });
     EXPECT_TRUE(tracks.empty());
     std::sort(seen.begin(), seen.end());
-    std::vector<int64_t> expected;
     for (int64_t n = 64; n < 1000; n += 64)
         expected.push_back(n);
     expected.push_back(1000);
     EXPECT_EQ(seen, expected);
-
-    bool called = false;
-    EXPECT_TRUE(Indexer::read({}, [&](int64_t, int64_t) { called = true; }).empty());
-    EXPECT_FALSE(called);
+    EXPECT_TRUE(Indexer::read({}, [&](int64_t, int64_t) { ADD_FAILURE() << "progress"; }).empty());
     EXPECT_GE(Indexer::activeCores(), 1);
-}
 
-TEST(Indexer, WorkersShareTheFilesWithoutLosingAny) {
-    if (!fx::available()) GTEST_SKIP() << "ffmpeg missing";
+    // Any number of workers, more than files too, reads every file once.
     fx::TempDir dir;
     std::vector<std::string> files;
     for (int i = 0; i < 10; ++i)
         files.push_back(put(dir.path(), std::to_string(i) + ".mp3").string());
     for (int workers : {1, 3, 16}) {
-        auto tracks = Indexer::read(files, {}, workers);
-        std::set<std::string> got;
-        for (const auto& t : tracks)
-            got.insert(t.path);
-        EXPECT_EQ(got, std::set<std::string>(files.begin(), files.end())) << workers;
+        auto read = Indexer::read(files, {}, workers);
+        EXPECT_EQ(read.size(), files.size());
+        EXPECT_EQ(pathsOf(read, [](const Track& t) { return t.path; }),
+                  std::set<std::string>(files.begin(), files.end()))
+            << workers;
     }
 }

@@ -1,9 +1,10 @@
 #pragma once
-// Drives an AudioEngine deterministically: outputs run on a virtual clock that the
-// test advances, and everything the engine posts back waits here until the test runs it.
+// Drives an AudioEngine deterministically: outputs run on a virtual clock that
+// the test advances, and everything the engine posts back waits here until the test runs it.
 
 #include "playback/AudioEngine.h"
 #include "playback/NullOutput.h"
+#include "support/Fixtures.h"
 
 #include <deque>
 #include <mutex>
@@ -74,6 +75,20 @@ inline void advanceSeconds(AudioEngine& engine, VirtualOutputs& outputs, double 
         n = std::min<std::size_t>(frames, 512);
         outputs.current->advance(n);
     }
+}
+
+// A generated sine, cached for every test program.
+inline std::string tone(const std::string& name, double seconds, double frequency = 440,
+                        int rate = 44100, int channels = 2,
+                        fixtures::Format format = fixtures::Format::flac, int depth = 16) {
+    fixtures::Tone t;
+    t.seconds = seconds;
+    t.frequency = frequency;
+    t.sampleRate = rate;
+    t.channels = channels;
+    t.format = format;
+    t.bitDepth = depth;
+    return fixtures::cached(name, t).string();
 }
 
 } // namespace trovan::testing

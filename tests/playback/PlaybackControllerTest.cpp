@@ -1,7 +1,6 @@
 #include "EngineHarness.h"
 
 #include "playback/PlaybackController.h"
-#include "support/Fixtures.h"
 
 #include <gtest/gtest.h>
 
@@ -20,11 +19,8 @@ protected:
             auto it = library.find(path);
             return it == library.end() ? std::nullopt : std::optional(it->second);
         };
-        fixtures::Tone tone;
-        tone.seconds = 5.0;
         for (int i = 0; i < 3; ++i)
-            good.push_back(
-                add(fixtures::cached("ctl-" + std::to_string(i) + ".flac", tone), "Pista"));
+            good.push_back(add(testing::tone("ctl-" + std::to_string(i) + ".flac", 5.0), "Pista"));
     }
 
     std::string add(const std::string& path, const std::string& title) {

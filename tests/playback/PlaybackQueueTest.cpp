@@ -44,8 +44,9 @@ TEST(PlaybackQueueTest, RepeatModesAtTheEndsAndOutOfRangeStarts) {
     EXPECT_EQ(all.advance(true), "/m/0");
     EXPECT_EQ(all.retreat(), "/m/2");
     auto one = queueOf(3, 2, RepeatMode::one);
-    EXPECT_EQ(one.advance(true), "/m/2");  // the same track again
-    EXPECT_EQ(one.advance(false), "/m/0"); // the user's next still moves on, and wraps
+    EXPECT_EQ(one.advance(true), "/m/2"); // the same track again
+    EXPECT_EQ(one.advance(false),
+              "/m/0"); // the user's next still moves on, and wraps
 }
 
 TEST(PlaybackQueueTest, ShuffleKeepsTheCurrentTrackFirstAndOffRestoresItsPlace) {
@@ -58,7 +59,8 @@ TEST(PlaybackQueueTest, ShuffleKeepsTheCurrentTrackFirstAndOffRestoresItsPlace) 
     auto shuffled = q.order;
     q.reshuffle(rng);
     EXPECT_EQ(q.order.front(), 7);
-    EXPECT_NE(q.order, shuffled); // 19! orders: a repeat would be a broken shuffle
+    EXPECT_NE(q.order,
+              shuffled); // 19! orders: a repeat would be a broken shuffle
     ASSERT_TRUE(q.advance(false));
     int current = q.order[static_cast<std::size_t>(*q.position)];
     q.setShuffle(false, rng);

@@ -4,7 +4,6 @@
 #include "EngineHarness.h"
 
 #include "media/AudioDecoder.h"
-#include "support/Fixtures.h"
 
 #include <gtest/gtest.h>
 
@@ -26,69 +25,54 @@ using Clock = std::chrono::steady_clock;
 constexpr std::size_t sinkRate = 48000;
 
 // A private PulseAudio daemon with one null sink, stopped on destruction.
-class PulseServer {
-public:
-    explicit PulseServer(const fs::path& root) {
-        fs::create_directories(root / "run");
-        fs::permissions(root / "run", fs::perms::owner_all);
-        setenv("XDG_RUNTIME_DIR", (root / "run").c_str(), 1);
-        setenv("HOME", root.c_str(), 1);
-        setenv("XDG_CONFIG_HOME", root.c_str(), 1);
+struct PulseServer {
+    explicit PulseServer(const fs::path& home) {
+        fs::create_directories(home);
+        fs::permissions(home, fs::perms::owner_all);
+        for (const char* var : {"XDG_RUNTIME_DIR", "HOME", "XDG_CONFIG_HOME"})
+            setenv(var, home.c_str(), 1);
         unsetenv("PULSE_SERVER");
         auto r = fixtures::runProcess(
             {"pulseaudio", "--daemonize=yes", "--exit-idle-time=-1", "--system=no", "-n",
              "--use-pid-file=yes",
-             "--load=module-null-sink sink_name=nullsink rate=48000 channels=2 norewinds=1",
+             "--load=module-null-sink sink_name=nullsink rate=48000 channels=2 "
+             "norewinds=1",
              "--load=module-native-protocol-unix auth-anonymous=1"});
-        if (r.status == 0) std::ifstream(root / "run" / "pulse" / "pid") >> pid_;
+        if (r.status == 0) std::ifstream(home / "pulse" / "pid") >> pid;
     }
     ~PulseServer() { stop(); }
-    bool running() const { return pid_ > 0 && kill(pid_, 0) == 0; }
     void stop() {
-        if (pid_ <= 0) return;
-        fixtures::runProcess({"pulseaudio", "--kill"});
-        for (int i = 0; i < 250 && kill(pid_, 0) == 0; ++i)
+        for (int i = 0; pid > 0 && kill(pid, i < 250 ? SIGTERM : SIGKILL) == 0; ++i)
             std::this_thread::sleep_for(20ms);
-        if (kill(pid_, 0) == 0) kill(pid_, SIGKILL);
-        pid_ = -1;
+        pid = -1;
     }
-
-private:
-    pid_t pid_ = -1;
+    pid_t pid = -1;
 };
 
-double rmsDb(const std::vector<float>& s, std::size_t from, std::size_t to) {
-    double sum = 0;
-    for (std::size_t i = from; i < to; ++i)
-        sum += double(s[i]) * s[i];
-    return 10 * std::log10(sum / static_cast<double>(to - from) + 1e-30);
-}
-
-// Frequency from upward zero crossings, interpolated between samples.
-double frequency(const std::vector<float>& s, std::size_t from, std::size_t to) {
-    double first = -1, last = -1;
+struct Heard {
+    double levelDb = -300, hz = 0;
+};
+// Level and pitch (from upward zero crossings, interpolated between samples) of every
+// `step`th sample of s[0, n).
+Heard measure(const float* s, std::size_t n, std::size_t step = 1) {
+    double sum = 0, first = -1, last = -1;
     int crossings = -1;
-    for (std::size_t i = from + 1; i < to; ++i) {
-        if (s[i - 1] < 0 && s[i] >= 0) {
-            last = static_cast<double>(i - 1) + s[i - 1] / (s[i - 1] - s[i]);
+    for (std::size_t i = 0; i < n; i += step) {
+        sum += double(s[i]) * s[i];
+        if (i >= step && s[i - step] < 0 && s[i] >= 0) {
+            last = double(i / step) - 1 + s[i - step] / (s[i - step] - s[i]);
             if (++crossings == 0) first = last;
         }
     }
-    return crossings > 0 ? crossings * double(sinkRate) / (last - first) : 0;
-}
-
-double median(std::vector<double> v) {
-    std::sort(v.begin(), v.end());
-    return v.empty() ? 0 : v[v.size() / 2];
+    return {10 * std::log10(sum * double(step) / double(n) + 1e-30),
+            crossings > 0 ? crossings * double(sinkRate) / (last - first) : 0};
 }
 
 double fileLevelDb(const std::string& path) {
     AudioDecoder d(path);
-    std::vector<float> all(static_cast<std::size_t>(d.frames()) * 2), left;
+    std::vector<float> all(static_cast<std::size_t>(d.frames()) * 2);
     d.read(all.data(), static_cast<std::size_t>(d.frames()));
-    for (std::size_t i = 0; i < all.size(); i += 2)
-        left.push_back(all[i]);
-    return rmsDb(left, 0, left.size());
+    return measure(all.data(), all.size(), 2).levelDb;
 }
 
 class SoundServerTest : public ::testing::Test {
@@ -112,8 +96,8 @@ protected:
         tasks.runPending();
     }
 
-    // The left channel of what the null sink plays during the next `seconds`, while
-    // posted work runs; `start` is called once the recording has connected.
+    // The left channel of what the null sink plays during the next `seconds`,
+    // while posted work runs; `start` is called once the recording has connected.
     std::vector<float> record(double seconds, const std::function<void()>& start = {}) {
         auto parec = std::async(std::launch::async, [seconds] {
             return fixtures::runProcess({"timeout", std::to_string(seconds), "parec",
@@ -130,9 +114,6 @@ protected:
         return left;
     }
 
-    struct Heard {
-        double levelDb = -300, hz = 0;
-    };
     // Plays (from the start of `path`, if given) for ~1.1 s and measures level and pitch:
     // medians over 50 ms pieces of the steady part, from 0.3 s after the first sound and
     // 0.5 s long, so that a dropout on a busy machine spoils one piece, not the result.
@@ -148,12 +129,13 @@ protected:
             return {};
         }
         std::vector<double> levels, pitches;
-        for (std::size_t at = start + sinkRate * 3 / 10; at < start + sinkRate * 8 / 10;
-             at += sinkRate / 20) {
-            levels.push_back(rmsDb(s, at, at + sinkRate / 20));
-            pitches.push_back(frequency(s, at, at + sinkRate / 20));
+        for (std::size_t at = start + sinkRate * 3 / 10; levels.size() < 10; at += sinkRate / 20) {
+            levels.push_back(measure(&s[at], sinkRate / 20).levelDb);
+            pitches.push_back(measure(&s[at], sinkRate / 20).hz);
         }
-        return {median(levels), median(pitches)};
+        std::sort(levels.begin(), levels.end());
+        std::sort(pitches.begin(), pitches.end());
+        return {levels[5], pitches[5]};
     }
 
     fixtures::TempDir dir{"trovan-sound"};
@@ -167,9 +149,7 @@ TEST_F(SoundServerTest, WithoutAServerPlaybackFallsBackToTheNullOutput) {
     auto run = dir.subdir("empty-run");
     setenv("XDG_RUNTIME_DIR", run.c_str(), 1);
     setenv("PULSE_SERVER", (run / "nothing-here").c_str(), 1);
-    fixtures::Tone t;
-    t.seconds = 0.6;
-    engine.load(fixtures::cached("sound-short.flac", t));
+    engine.load(testing::tone("sound-short.flac", 0.6));
     EXPECT_TRUE(fs::exists("/dev/snd") || engine.outputKind() == "null") << engine.outputKind();
     engine.play();
     pump(300ms);
@@ -181,16 +161,10 @@ TEST_F(SoundServerTest, WithoutAServerPlaybackFallsBackToTheNullOutput) {
 
 TEST_F(SoundServerTest, TonesEqualizerPauseAndEndThroughPulseAudio) {
     PulseServer server(dir / "pulse");
-    ASSERT_TRUE(server.running()) << "pulseaudio did not start";
-    fixtures::Tone t;
-    t.seconds = 2.0;
-    t.frequency = 1000;
-    auto khz = fixtures::cached("sound-1k.flac", t).string();
-    t.frequency = 100;
-    auto low = fixtures::cached("sound-100.flac", t).string();
-    t.format = fixtures::Format::mp3;
-    t.frequency = 440;
-    auto mp3 = fixtures::cached("sound-440.mp3", t).string();
+    ASSERT_GT(server.pid, 0) << "pulseaudio did not start";
+    auto khz = testing::tone("sound-1k.flac", 2.0, 1000);
+    auto low = testing::tone("sound-100.flac", 2.0, 100);
+    auto mp3 = testing::tone("sound-440.mp3", 2.0, 440, 44100, 2, fixtures::Format::mp3);
     engine.load(khz);
     ASSERT_EQ(engine.outputKind(), "cubeb");
 
@@ -226,11 +200,11 @@ TEST_F(SoundServerTest, TonesEqualizerPauseAndEndThroughPulseAudio) {
     engine.pause();
     pump(200ms);
     auto quiet = record(0.6);
-    EXPECT_TRUE(quiet.empty() || rmsDb(quiet, 0, quiet.size()) < -80.0);
+    EXPECT_TRUE(quiet.empty() || measure(quiet.data(), quiet.size()).levelDb < -80.0);
     EXPECT_NEAR(listen().levelDb, base.levelDb, 1.0);
 
-    // The end is announced once, when the last frame has been heard: two seconds after
-    // the first one was.
+    // The end is announced once, when the last frame has been heard: two seconds
+    // after the first one was.
     engine.load(khz);
     ends = 0;
     engine.play();

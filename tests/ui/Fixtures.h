@@ -12,20 +12,76 @@ namespace trovan::testing {
 inline const StatusMessage::Clock::time_point kNow =
     StatusMessage::Clock::time_point{} + std::chrono::hours(24 * 365 * 50);
 
-Track makeTrack(std::string path, std::string title, std::string artist, std::string album,
-                int year, int number, int disc, int seconds, std::string codec,
-                std::string albumArtist = {});
+inline Track makeTrack(std::string path, std::string title, std::string artist, std::string album,
+                       int year, int number, int disc, int seconds, std::string codec,
+                       std::string albumArtist = {}) {
+    Track t;
+    t.path = std::move(path);
+    t.title = std::move(title);
+    t.artist = std::move(artist);
+    t.albumArtist = std::move(albumArtist);
+    t.album = std::move(album);
+    t.year = year;
+    t.trackNumber = number;
+    t.discNumber = disc;
+    t.durationMs = seconds * 1000LL;
+    t.codec = std::move(codec);
+    t.sampleRate = 44100;
+    t.channels = 2;
+    return t;
+}
 
-// Artists across several letters, a "#" group with a digit and a CJK name, albums
-// with two discs, an undated album and mixed codecs.
-LibraryIndex sampleIndex();
+// Artists across several letters, a "#" group with a digit and a CJK name, albums with
+// two discs, an undated album and mixed codecs.
+inline LibraryIndex sampleIndex() {
+    const std::string air = "/m/air/";
+    return LibraryIndex(std::vector<Track>{
+        makeTrack(air + "ms/01.flac", "La Femme d'Argent", "Air", "Moon Safari", 1998, 1, 1, 431,
+                  "FLAC"),
+        makeTrack(air + "ms/02.flac", "Sexy Boy", "Air", "Moon Safari", 1998, 2, 1, 298, "FLAC"),
+        makeTrack(air + "ms/03.flac", "All I Need", "Air", "Moon Safari", 1998, 3, 1, 268, "FLAC"),
+        makeTrack(air + "tw/1-01.mp3", "Venus", "Air", "Talkie Walkie", 2004, 1, 1, 235, "MP3"),
+        makeTrack(air + "tw/1-02.mp3", "Cherry Blossom Girl", "Air", "Talkie Walkie", 2004, 2, 1,
+                  248, "MP3"),
+        makeTrack(air + "tw/2-01.mp3", "Run", "Air", "Talkie Walkie", 2004, 1, 2, 253, "MP3"),
+        makeTrack(air + "tw/2-02.mp3", "Universal Traveler", "Air", "Talkie Walkie", 2004, 2, 2,
+                  261, "MP3"),
+        makeTrack(air + "x/demo.wav", "", "Air", "", 0, 0, 0, 3725, "WAV"),
+        makeTrack("/m/abba/01.mp3", "Dancing Queen", "ABBA", "Arrival", 1976, 2, 1, 231, "MP3"),
+        makeTrack("/m/bjork/01.flac", "Jóga", "Björk", "Homogenic", 1997, 3, 1, 305, "FLAC"),
+        makeTrack("/m/beatles/01.flac", "Something", "The Beatles", "Abbey Road", 1969, 2, 1, 183,
+                  "FLAC"),
+        makeTrack("/m/zoe/01.flac", "Sun Will Set", "Zoë Keating", "Into the Trees", 2010, 1, 1,
+                  300, "FLAC"),
+        makeTrack("/m/2pac/01.mp3", "Changes", "2Pac", "Greatest Hits", 1998, 1, 1, 269, "MP3"),
+        makeTrack("/m/sakamoto/01.flac", "戦場のメリークリスマス", "坂本龍一", "Coda", 1983, 1, 1,
+                  300, "FLAC"),
+        makeTrack("/m/olafur/01.flac", "Near Light", "Ólafur Arnalds", "Living Room Songs", 2011, 4,
+                  1, 200, "FLAC")});
+}
 
-// The sample library loaded, the artist `artistName` shown in the library pane with
-// rows shaped for `layout`.
-AppState libraryState(const Layout& layout, const std::string& artistName = "Air");
+inline int artistRowOf(const AppState& state, const std::string& name) {
+    for (std::size_t i = 0; i < state.artistRows.size(); ++i)
+        if (const auto* a = state.artistRows[i].get<ArtistRow::Artist>())
+            if (state.index.artists[static_cast<std::size_t>(a->artist)].name == name)
+                return static_cast<int>(i);
+    return -1;
+}
 
-// Row index of the first track row whose title is `title`.
-int rowOfTitle(const AppState& state, const std::string& title);
-int artistRowOf(const AppState& state, const std::string& name);
+// The sample library loaded, `artistName` under the cursor and shown in the library pane
+// with rows shaped for `layout`.
+inline AppState libraryState(const Layout& layout, const std::string& artistName = "Air") {
+    AppState state{Settings{}};
+    state.index = sampleIndex();
+    state.artistRows = state.index.artistRows();
+    const int row = artistRowOf(state, artistName);
+    state.artists.cursor = row;
+    state.artists.scrollToCursor(layout.artistsList.height);
+    state.shownArtist = row;
+    const int artist =
+        state.artistRows[static_cast<std::size_t>(row)].get<ArtistRow::Artist>()->artist;
+    state.libraryRows = state.index.libraryRows(artist, layout.minimumAlbumHeight());
+    return state;
+}
 
 } // namespace trovan::testing

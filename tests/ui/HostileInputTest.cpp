@@ -1,5 +1,5 @@
-// Random states, sizes and hostile text must draw without crashing and without
-// touching anything outside the frame (run under the sanitizers).
+// Random states, sizes and hostile text must draw without crashing and without touching
+// anything outside the frame (run under the sanitizers).
 
 #include "Fixtures.h"
 
@@ -17,44 +17,22 @@ namespace {
 class Chaos {
 public:
     explicit Chaos(unsigned seed) : rng_(seed) {}
-
     int between(int lo, int hi) { return std::uniform_int_distribution<int>(lo, hi)(rng_); }
     bool chance(int percent) { return between(1, 100) <= percent; }
 
+    // Controls, escapes, combining marks, wide and zero-width characters, emoji sequences,
+    // right-to-left text and override, broken UTF-8; now and then 10,000 pieces.
     std::string text() {
+        // clang-format off
         static const char* const pieces[] = {
-            "a",
-            "Z",
-            " ",
-            "\t",
-            "\n",
-            "\r",
-            "\x1b[31m",
-            "\x07",
-            "\x7f",
-            "\xC2\x85", // C1 NEL
-            "e\xCC\x81",
-            "\xCC\x81",
-            "漢",
-            "字",
-            "\xF0\x9F\x8E\xB5",
-            "\xF0\x9F\x91\xA8\xE2\x80\x8D\xF0\x9F\x91\xA9",
-            "\xD7\xA9\xD7\x9C\xD7\x95\xD7\x9D",
-            "\xD8\xB3\xD9\x84\xD8\xA7\xD9\x85",
-            "\xE2\x80\xAE", // RTL override
-            "\xFF",
-            "\xC3",
-            "\xE2\x82",
-            "…",
-            "│",
-            "\xEF\xBC\xA1",
-            "ñ",
-            "\xE2\x80\x8B",
-            "",
-        };
+            "a", "Z", " ", "\t", "\n", "\r", "\x1b[31m", "\x07", "\x7f", "\xC2\x85", "e\xCC\x81",
+            "\xCC\x81", "漢", "字", "\xF0\x9F\x8E\xB5",
+            "\xF0\x9F\x91\xA8\xE2\x80\x8D\xF0\x9F\x91\xA9", "\xD7\xA9\xD7\x9C\xD7\x95\xD7\x9D",
+            "\xD8\xB3\xD9\x84\xD8\xA7\xD9\x85", "\xE2\x80\xAE", "\xFF", "\xC3", "\xE2\x82", "…",
+            "│", "\xEF\xBC\xA1", "ñ", "\xE2\x80\x8B", ""};
+        // clang-format on
         std::string out;
-        const int n = chance(1) ? 10000 : between(0, 40);
-        for (int i = 0; i < n; ++i)
+        for (int n = chance(1) ? 10000 : between(0, 40); n > 0; --n)
             out += pieces[between(0, std::size(pieces) - 1)];
         return out;
     }
@@ -69,27 +47,29 @@ public:
         return t;
     }
 
+    std::vector<RGB> pixels() {
+        return std::vector<RGB>(static_cast<std::size_t>(chance(70) ? 100 : between(0, 300)));
+    }
+
     AppState state() {
         AppState s{Settings{}};
         std::vector<Track> tracks;
-        const int n = between(0, 60);
-        for (int i = 0; i < n; ++i)
+        for (int i = between(0, 60); i > 0; --i)
             tracks.push_back(track(i));
         s.index = LibraryIndex(tracks);
         s.artistRows = s.index.artistRows();
         const int rows = static_cast<int>(s.artistRows.size());
         s.artists = {between(-3, rows + 3), between(-3, rows + 3)};
         if (chance(80) && rows > 0) s.shownArtist = between(-2, rows + 2);
-        if (chance(70) && !s.index.artists.empty()) {
-            const int artist = between(0, static_cast<int>(s.index.artists.size()) - 1);
-            s.libraryRows = s.index.libraryRows(artist, between(-1, 8));
-        }
+        if (chance(70) && !s.index.artists.empty())
+            s.libraryRows = s.index.libraryRows(
+                between(0, static_cast<int>(s.index.artists.size()) - 1), between(-1, 8));
         const int lrows = static_cast<int>(s.libraryRows.size());
         s.library = {between(-3, lrows + 3), between(-3, lrows + 3)};
         for (const auto& t : tracks)
             if (chance(30)) s.marked.insert(t.path);
         if (chance(60) && !tracks.empty())
-            s.playback.track = tracks[static_cast<std::size_t>(between(0, n - 1))];
+            s.playback.track = tracks[static_cast<std::size_t>(between(0, (int)tracks.size() - 1))];
         if (chance(20)) s.playback.track = track(999);
         s.playback.isPlaying = chance(50);
         s.playback.duration = chance(10) ? -5 : chance(10) ? 1e300 : between(0, 4000) / 3.0;
@@ -112,16 +92,11 @@ public:
         s.focus = static_cast<Focus>(between(0, 2));
         s.muted = chance(30);
         s.playerButton = static_cast<PlayerButton>(between(0, 4));
-        if (chance(50)) {
-            std::vector<RGB> px(static_cast<std::size_t>(chance(50) ? 100 : between(0, 300)));
-            s.cover = CoverArt{text(), chance(80) ? std::optional(px) : std::nullopt};
-        }
+        if (chance(50))
+            s.cover = CoverArt{text(), chance(80) ? std::optional(pixels()) : std::nullopt};
         for (const auto& artist : s.index.artists)
             for (const auto& album : artist.albums)
-                if (chance(50))
-                    s.albumCovers[CoverArt::albumKey(artist, album)] =
-                        CoverArt{"k", std::vector<RGB>(static_cast<std::size_t>(
-                                          chance(70) ? 100 : between(0, 120)))};
+                if (chance(50)) s.albumCovers[CoverArt::albumKey(artist, album)] = {"k", pixels()};
         s.input = TextInput(text());
         s.input.cursor = between(-5, 60);
         s.searchMiss = chance(50);
@@ -141,10 +116,9 @@ public:
         s.rootsCursor = between(-3, 40);
         s.helpOffset = between(-10, 100);
         if (chance(50)) {
-            Lyrics l{text(), text(), {}};
+            s.lyrics = Lyrics{text(), text(), {}};
             for (int i = between(0, 50); i > 0; --i)
-                l.lines.push_back(text());
-            s.lyrics = l;
+                s.lyrics->lines.push_back(text());
         }
         s.lyricsVisible = chance(30);
         s.lyricsOffset = between(-5, 60);
@@ -152,26 +126,11 @@ public:
         if (chance(50))
             s.status =
                 StatusMessage{text(), chance(50), kNow + std::chrono::seconds(between(-5, 5))};
-        switch (between(0, 5)) {
-        case 0:
-            s.overlay = Overlay::none();
-            break;
-        case 1:
-            s.overlay = Overlay::help();
-            break;
-        case 2:
-            s.overlay = Overlay::equalizer();
-            break;
-        case 3:
-            s.overlay = Overlay::tagForm();
-            break;
-        case 4:
-            s.overlay = Overlay::roots();
-            break;
-        default:
-            s.overlay = Overlay::prompt(static_cast<PromptKind>(between(0, 2)));
-            break;
-        }
+        const Overlay overlays[] = {
+            Overlay::none(),      Overlay::help(),
+            Overlay::equalizer(), Overlay::tagForm(),
+            Overlay::roots(),     Overlay::prompt(static_cast<PromptKind>(between(0, 2)))};
+        s.overlay = overlays[between(0, 5)];
         return s;
     }
 
@@ -184,32 +143,30 @@ private:
 TEST(HostileInput, RandomStatesAndSizesDrawInsideTheFrame) {
     Chaos chaos(20261122);
     for (int round = 0; round < 120; ++round) {
+        SCOPED_TRACE("round " + std::to_string(round));
         const AppState state = chaos.state();
+        // First every size up to 8 × 5, then anything up to 240 × 80.
         const Size size{round < 40 ? round % 8 : chaos.between(0, 240),
                         round < 40 ? round / 8 : chaos.between(0, 80)};
-        const Layout layout(size);
-        const Frame frame = Screen::compose(state, layout, chaos.between(-100, 5000) / 7.0, kNow);
-        ASSERT_EQ(frame.buffer.width(), std::max(size.width, 0));
-        ASSERT_EQ(frame.buffer.height(), std::max(size.height, 0));
-        ASSERT_EQ(frame.buffer.cells().size(), static_cast<std::size_t>(size.width * size.height));
+        const Frame frame =
+            Screen::compose(state, Layout(size), chaos.between(-100, 5000) / 7.0, kNow);
+        const ScreenBuffer& b = frame.buffer;
+        ASSERT_EQ(b.width(), size.width);
+        ASSERT_EQ(b.height(), size.height);
+        ASSERT_EQ(b.cells().size(), static_cast<std::size_t>(size.width * size.height));
         if (frame.cursor) {
-            EXPECT_GE(frame.cursor->x, 0) << "round " << round;
-            EXPECT_LT(frame.cursor->x, size.width) << "round " << round;
-            EXPECT_GE(frame.cursor->y, 0) << "round " << round;
-            EXPECT_LT(frame.cursor->y, size.height) << "round " << round;
+            EXPECT_TRUE(frame.cursor->x >= 0 && frame.cursor->x < size.width &&
+                        frame.cursor->y >= 0 && frame.cursor->y < size.height);
         }
-        // Every wide character keeps its continuation cell, and no continuation cell
-        // is left without its wide character.
-        for (int y = 0; y < frame.buffer.height(); ++y)
-            for (int x = 0; x < frame.buffer.width(); ++x) {
-                const Cell& c = frame.buffer.at(x, y);
+        // Every wide character keeps its continuation cell, and every continuation cell
+        // follows a wide character.
+        for (int y = 0; y < b.height(); ++y)
+            for (int x = 0; x < b.width(); ++x) {
+                const Cell& c = b.at(x, y);
                 if (c.ch.empty()) {
-                    ASSERT_GT(x, 0) << "round " << round;
-                    ASSERT_EQ(frame.buffer.at(x - 1, y).ch.width(), 2)
-                        << "round " << round << " at " << x << "," << y;
-                } else if (c.ch.width() == 2 && x + 1 < frame.buffer.width()) {
-                    ASSERT_TRUE(frame.buffer.at(x + 1, y).ch.empty())
-                        << "round " << round << " at " << x << "," << y;
+                    ASSERT_TRUE(x > 0 && b.at(x - 1, y).ch.width() == 2) << x << "," << y;
+                } else if (c.ch.width() == 2 && x + 1 < b.width()) {
+                    ASSERT_TRUE(b.at(x + 1, y).ch.empty()) << x << "," << y;
                 }
             }
     }
