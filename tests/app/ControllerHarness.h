@@ -14,6 +14,7 @@
 #include <chrono>
 #include <condition_variable>
 #include <deque>
+#include <initializer_list>
 #include <memory>
 #include <mutex>
 #include <string>
@@ -101,6 +102,10 @@ public:
         controller->handleKey(k);
         noteStatus();
     }
+    void press(std::initializer_list<Key> ks) {
+        for (const Key& k : ks)
+            key(k);
+    }
     void keys(const std::string& chars) {
         for (char ch : chars)
             key(Key::character(std::string(1, ch)));
@@ -147,6 +152,20 @@ inline Track fakeTrack(const std::string& artist, const std::string& album, int 
     t.durationMs = 60000;
     t.codec = "FLAC";
     return t;
+}
+
+// Puts these tracks in the store and shows them.
+inline void load(ControllerHarness& h, const std::vector<Track>& tracks) {
+    h.store().apply(tracks, {});
+    h.c().reloadLibrary();
+    h.settle();
+}
+
+inline std::string artistUnderCursor(const ControllerHarness& h) {
+    const auto& s = h.state();
+    const auto* a =
+        s.artistRows.at(static_cast<std::size_t>(s.artists.cursor)).get<ArtistRow::Artist>();
+    return a ? s.index.artists[static_cast<std::size_t>(a->artist)].name : "<letter>";
 }
 
 } // namespace trovan::testing

@@ -4,12 +4,12 @@
 #include "ControllerHarness.h"
 
 #include "playback/PlaybackController.h"
-#include "support/Fixtures.h"
-#include "ui/PlayerView.h"
 
 #include <gtest/gtest.h>
 
+#include <optional>
 #include <random>
+#include <tuple>
 
 using namespace trovan;
 using namespace trovan::testing;
@@ -20,51 +20,36 @@ namespace {
 const Key kUp(Key::Kind::up), kDown(Key::Kind::down), kEnter(Key::Kind::enter),
     kEsc(Key::Kind::escape), kTab(Key::Kind::tab), kBackTab(Key::Kind::backTab),
     kLeft(Key::Kind::left), kRight(Key::Kind::right), kHome(Key::Kind::home), kEnd(Key::Kind::end),
-    kPageDown(Key::Kind::pageDown), kPageUp(Key::Kind::pageUp);
+    kPageDown(Key::Kind::pageDown), kPageUp(Key::Kind::pageUp), kShiftUp(Key::Kind::shiftUp),
+    kBackspace(Key::Kind::backspace);
 
 Key ch(const char* c) {
     return Key::character(c);
 }
 
-// Artist rows: A, Abba, Air, B, Beck, Blur, C, Cher.
-std::vector<Track> smallLibrary() {
-    return {
-        fakeTrack("Abba", "Gold", 1, "Uno"),
-        fakeTrack("Air", "Moon", 1, "Dos"),
-        fakeTrack("Beck", "Odelay", 1, "Tres"),
-        // Blur: a two-disc album, then a one-track album.
-        fakeTrack("Blur", "Parklife", 1, "Girls", 1, 1994),
-        fakeTrack("Blur", "Parklife", 2, "Tracy", 1, 1994),
-        fakeTrack("Blur", "Parklife", 1, "Bank", 2, 1994),
-        fakeTrack("Blur", "Think", 1, "Ambulance", 1, 2003),
-        fakeTrack("Cher", "Believe", 1, "Believe"),
-    };
-}
-
-void load(ControllerHarness& h, const std::vector<Track>& tracks) {
-    h.store().apply(tracks, {});
-    h.c().reloadLibrary();
-    h.settle();
-}
-
-std::string artistUnderCursor(const ControllerHarness& h) {
-    const auto& row = h.state().artistRows.at(static_cast<std::size_t>(h.state().artists.cursor));
-    const auto* a = row.get<ArtistRow::Artist>();
-    return a ? h.state().index.artists[static_cast<std::size_t>(a->artist)].name : "<letter>";
+// Artist rows: A, Abba, Air, B, Beck, Blur, C, Cher. Blur has a two-disc album, then a
+// one-track album.
+void loadSmallLibrary(ControllerHarness& h) {
+    load(h, {fakeTrack("Abba", "Gold", 1, "Uno"), fakeTrack("Air", "Moon", 1, "Dos"),
+             fakeTrack("Beck", "Odelay", 1, "Tres"),
+             fakeTrack("Blur", "Parklife", 1, "Girls", 1, 1994),
+             fakeTrack("Blur", "Parklife", 2, "Tracy", 1, 1994),
+             fakeTrack("Blur", "Parklife", 1, "Bank", 2, 1994),
+             fakeTrack("Blur", "Think", 1, "Ambulance", 1, 2003),
+             fakeTrack("Cher", "Believe", 1, "Believe")});
 }
 
 std::string libraryRowName(const ControllerHarness& h) {
     const auto& row = h.state().libraryRows.at(static_cast<std::size_t>(h.state().library.cursor));
     if (const auto* t = row.get<LibraryRow::Track>()) return t->track.title;
-    if (row.is<LibraryRow::Album>()) return "<album>";
-    return "<other>";
+    return row.is<LibraryRow::Album>() ? "<album>" : "<other>";
 }
 
 } // namespace
 
 TEST(ControllerKeys, TheOpenOverlayDecidesWhereKeysGo) {
     ControllerHarness h;
-    load(h, smallLibrary());
+    loadSmallLibrary(h);
 
     // No overlay: the binding table; unknown keys do nothing.
     const AppState before = h.state();
@@ -76,33 +61,24 @@ TEST(ControllerKeys, TheOpenOverlayDecidesWhereKeysGo) {
     // Help: arrows scroll (not below 0), pages by ten, anything else closes.
     h.key(ch("?"));
     ASSERT_EQ(h.state().overlay, Overlay::help());
-    h.key(kUp);
+    h.press({kUp});
     EXPECT_EQ(h.state().helpOffset, 0);
-    h.key(ch("j"));
-    h.key(kPageDown);
+    h.press({ch("j"), kPageDown});
     EXPECT_EQ(h.state().helpOffset, 11);
-    h.key(kPageUp);
-    h.key(kPageUp);
+    h.press({kPageUp, kPageUp});
     EXPECT_EQ(h.state().helpOffset, 0);
     h.key(ch("q")); // closes the help, does not quit
     EXPECT_EQ(h.state().overlay, Overlay::none());
 
-    // The command line: text goes to the input, Enter runs it.
-    h.key(ch(":"));
-    ASSERT_EQ(h.state().overlay, Overlay::prompt(PromptKind::command));
-    h.type("vol 50");
-    EXPECT_EQ(h.state().overlay, Overlay::none());
-    EXPECT_FLOAT_EQ(h.state().settings.volume, 0.5f);
-    EXPECT_FLOAT_EQ(h.savedSettings().volume, 0.5f);
-
-    h.type(":"); // nothing typed: nothing happens, no message
+    // The command line: an empty one does nothing; unknown commands are errors.
+    h.type(":");
     EXPECT_FALSE(h.state().status);
     h.type(":foo bar");
     ASSERT_TRUE(h.state().status);
     EXPECT_EQ(h.state().status->text, "Comando desconocido: foo (usa :help)");
     EXPECT_TRUE(h.state().status->isError);
 
-    // Esc drops the typed text; the next prompt starts empty.
+    // Esc and Ctrl-C drop the typed text; the next prompt starts empty.
     h.keys(":abc");
     h.key(kEsc);
     EXPECT_EQ(h.state().overlay, Overlay::none());
@@ -111,13 +87,11 @@ TEST(ControllerKeys, TheOpenOverlayDecidesWhereKeysGo) {
     h.key(Key::ctrl('c'));
     EXPECT_EQ(h.state().overlay, Overlay::none());
 
-    // The time prompt.
-    h.type("t1:xx");
+    h.type("t1:xx"); // the time prompt
     EXPECT_EQ(h.state().status->text, "Tiempo inválido: usa 1:42");
 
-    // Pasting: dropped without a prompt, inserted into an open one.
+    // Pasting: dropped without a prompt, inserted into an open one without line breaks.
     h.c().handlePaste("vol 20");
-    EXPECT_EQ(h.state().input.text, "1:xx");
     EXPECT_EQ(h.state().overlay, Overlay::none());
     h.key(ch(":"));
     h.c().handlePaste("vol\n 2");
@@ -125,6 +99,7 @@ TEST(ControllerKeys, TheOpenOverlayDecidesWhereKeysGo) {
     EXPECT_EQ(h.state().input.text, "vol 20");
     h.key(kEnter);
     EXPECT_FLOAT_EQ(h.state().settings.volume, 0.2f);
+    EXPECT_FLOAT_EQ(h.savedSettings().volume, 0.2f);
 }
 
 TEST(ControllerKeys, MusicFolderListKeys) {
@@ -134,75 +109,61 @@ TEST(ControllerKeys, MusicFolderListKeys) {
     h.c().addRoot(b.string(), false);
     h.type(":paths");
     ASSERT_EQ(h.state().overlay, Overlay::roots());
-    h.key(kUp);
+    h.press({kUp});
     EXPECT_EQ(h.state().rootsCursor, 0);
-    h.key(ch("j"));
-    h.key(ch("j"));
+    h.keys("jjx"); // x is ignored
     EXPECT_EQ(h.state().rootsCursor, 1);
-    h.key(ch("x")); // ignored
     EXPECT_EQ(h.state().overlay, Overlay::roots());
 
     h.key(ch("d"));
-    EXPECT_EQ(h.state().settings.roots, std::vector<std::string>{a.string()});
     EXPECT_EQ(h.savedSettings().roots, std::vector<std::string>{a.string()});
     EXPECT_EQ(h.state().status->text, "Carpeta quitada: " + b.string());
     EXPECT_EQ(h.state().rootsCursor, 0);
 
-    h.key(ch("a"));
+    h.key(ch("a")); // a command line with "add " typed
     EXPECT_EQ(h.state().overlay, Overlay::prompt(PromptKind::command));
     EXPECT_EQ(h.state().input.text, "add ");
     EXPECT_EQ(h.state().input.cursor, 4);
-    h.keys(b.string());
-    h.key(kEnter);
+    h.type(b.string());
     EXPECT_EQ(h.state().settings.roots.size(), 2u);
     h.settle();
 }
 
-TEST(ControllerKeys, EqualizerOverlay) {
+TEST(ControllerKeys, EqualizerOverlayAndCommands) {
     ControllerHarness h;
     h.key(ch("="));
     ASSERT_EQ(h.state().overlay, Overlay::equalizer());
-
-    h.key(kLeft); // wraps to the last band
+    h.press({kLeft}); // wraps to the last band
     EXPECT_EQ(h.state().eqBand, 9);
-    h.key(ch("l"));
+    h.press({ch("l"), kUp, ch("k")});
     EXPECT_EQ(h.state().eqBand, 0);
-    h.key(kUp);
-    h.key(ch("k"));
-    EXPECT_EQ(h.state().settings.eqPreset, "Personalizado");
-    EXPECT_FLOAT_EQ(h.state().settings.eqGains[0], 2.0f);
     EXPECT_EQ(h.savedSettings().eqPreset, "Personalizado");
+    EXPECT_FLOAT_EQ(h.state().settings.eqGains[0], 2.0f);
     EXPECT_FLOAT_EQ(h.c().playback().engine().equalizer().bandGain(0), 2.0f);
     for (int i = 0; i < 20; ++i)
         h.key(kUp);
     EXPECT_FLOAT_EQ(h.state().settings.eqGains[0], 12.0f);
 
-    h.key(ch("p")); // "Personalizado" is not a preset: the list starts over
+    h.key(ch("p")); // "Personalizado" is not in the list: it starts over
     EXPECT_EQ(h.state().settings.eqPreset, "Plano");
     h.key(ch("P"));
     EXPECT_EQ(h.state().settings.eqPreset, "Acústica");
-    h.key(ch("p"));
-    EXPECT_EQ(h.state().settings.eqPreset, "Plano");
-
     h.key(ch("b"));
-    EXPECT_FALSE(h.state().settings.eqEnabled);
     EXPECT_TRUE(h.c().playback().engine().equalizer().bypass());
     EXPECT_FALSE(h.savedSettings().eqEnabled);
     h.key(ch("0")); // flat, and on again
     EXPECT_TRUE(h.state().settings.eqEnabled);
+    EXPECT_EQ(h.state().settings.eqPreset, "Plano");
 
-    h.key(ch("q"));
-    EXPECT_EQ(h.state().overlay, Overlay::none());
-    h.key(ch("="));
+    h.press({ch("q"), ch("=")});
     EXPECT_EQ(h.state().eqBand, 0); // the band survives closing
     h.key(kEsc);
     EXPECT_EQ(h.state().overlay, Overlay::none());
 
-    // The commands.
     h.type(":eq save mío");
     EXPECT_EQ(h.state().status->text, "Preset guardado: mío");
     EXPECT_EQ(h.savedSettings().customPresets.size(), 1u);
-    h.type(":eq save JAZZ");
+    h.type(":eq save JAZZ"); // a built-in name
     EXPECT_TRUE(h.state().status->isError);
     h.type(":eq rock");
     EXPECT_EQ(h.state().settings.eqPreset, "Rock");
@@ -216,74 +177,62 @@ TEST(ControllerKeys, EqualizerOverlay) {
 
 TEST(ControllerNavigation, ArtistCursorSkipsLettersAndKeepsContext) {
     ControllerHarness h({100, 16}); // six visible rows in each list
-    load(h, smallLibrary());
+    loadSmallLibrary(h);
     ASSERT_EQ(h.state().artistRows.size(), 8u);
-    EXPECT_EQ(h.state().artists.cursor, 1);
     EXPECT_EQ(artistUnderCursor(h), "Abba");
-
-    // Up from the first artist: no artist above, so it stays; the letter stays in view.
+    // Up from the first artist: it stays, and its letter stays in view.
     h.key(kUp);
     EXPECT_EQ(h.state().artists.cursor, 1);
     EXPECT_EQ(h.state().artists.offset, 0);
 
-    h.key(kDown);
-    h.key(ch("j")); // skips the letter B
+    h.press({kDown, ch("j")}); // skips the letter B
     EXPECT_EQ(artistUnderCursor(h), "Beck");
-    EXPECT_EQ(h.state().artists.cursor, 4);
     // The library pane follows the artist under the cursor.
-    ASSERT_TRUE(h.state().shownArtist);
-    EXPECT_EQ(*h.state().shownArtist, 4);
+    EXPECT_EQ(h.state().shownArtist, std::optional<int>(4));
     EXPECT_EQ(AppController::trackPaths(h.state().libraryRows).size(), 1u);
 
-    h.key(kEnd);
-    EXPECT_EQ(artistUnderCursor(h), "Cher");
-    EXPECT_EQ(h.state().artists.offset, 7 - 6 + 1); // cursor on the last visible line
-    h.key(kDown);                                   // on the last artist: nothing
-    EXPECT_EQ(h.state().artists.cursor, 7);
-    h.key(kUp); // up onto the letter C: skipped
-    EXPECT_EQ(artistUnderCursor(h), "Blur");
-    EXPECT_EQ(h.state().artists.offset, 2);
-    h.key(kUp);
-    h.key(kUp); // onto Air, over the letter B: one row of context stays above
-    EXPECT_EQ(artistUnderCursor(h), "Air");
-    EXPECT_EQ(h.state().artists.offset, 1);
-    h.key(kHome);
-    EXPECT_EQ(h.state().artists.cursor, 1);
-    EXPECT_EQ(h.state().artists.offset, 0);
-    h.key(kPageDown);
-    EXPECT_EQ(artistUnderCursor(h), "Cher");
+    // Each step: key, artist under the cursor, first visible row.
+    const std::vector<std::tuple<Key, std::string, int>> steps = {
+        {kEnd, "Cher", 2},                   // the cursor on the last visible line
+        {kDown, "Cher", 2},                  // nothing below
+        {kUp, "Blur", 2},                    // over the letter C
+        {kUp, "Beck", 2},   {kUp, "Air", 1}, // over the letter B: one row of context stays above
+        {kHome, "Abba", 0}, {kPageDown, "Cher", -1},
+    };
+    for (const auto& [key, artist, offset] : steps) {
+        h.key(key);
+        EXPECT_EQ(artistUnderCursor(h), artist);
+        if (offset >= 0) {
+            EXPECT_EQ(h.state().artists.offset, offset) << artist;
+        }
+    }
 }
 
-TEST(ControllerNavigation, LibraryCursorLandsOnAlbumsAndTracksOnly) {
-    ControllerHarness h({100, 40});
-    load(h, smallLibrary());
+TEST(ControllerNavigation, LibraryCursorLandsOnAlbumsAndTracksOnlyAndSearchJumps) {
+    ControllerHarness h;
+    loadSmallLibrary(h);
     h.c().jumpToArtist("blur");
     ASSERT_EQ(artistUnderCursor(h), "Blur");
-    // Parklife (two discs): album, disc 1, Girls, Tracy, disc 2, Bank; then spacer and
-    // Think with its fillers up to five rows.
+    // Parklife: album, disc 1, Girls, Tracy, disc 2, Bank; a spacer; Think with its
+    // fillers up to five rows.
     const auto& rows = h.state().libraryRows;
     ASSERT_EQ(rows.size(), 6u + 1u + 5u);
     EXPECT_TRUE(rows[1].is<LibraryRow::Disc>());
     EXPECT_TRUE(rows[11].is<LibraryRow::Filler>());
 
-    h.key(kEnter); // artist pane: Enter moves to the library pane
+    h.key(kEnter); // from the artist pane Enter moves to the library pane
     EXPECT_EQ(h.state().focus, Focus::library);
-    EXPECT_EQ(libraryRowName(h), "<album>");
-    h.key(kDown); // over the disc heading
-    EXPECT_EQ(libraryRowName(h), "Girls");
-    h.key(kDown);
-    h.key(kDown);
-    EXPECT_EQ(libraryRowName(h), "Bank");
-    h.key(kDown); // over the spacer
-    EXPECT_EQ(h.state().library.cursor, 7);
-    h.key(kEnd); // the fillers below the last track cannot hold the cursor
-    EXPECT_EQ(libraryRowName(h), "Ambulance");
-    h.key(kPageDown);
-    EXPECT_EQ(libraryRowName(h), "Ambulance");
-    h.key(kHome);
-    EXPECT_EQ(h.state().library.cursor, 0);
+    const std::vector<std::pair<Key, std::string>> steps = {
+        {kEnd, "Ambulance"}, // the fillers below the last track cannot hold the cursor
+        {kPageDown, "Ambulance"}, {kHome, "<album>"}, {kDown, "Girls"},   // over the disc
+        {kDown, "Tracy"},         {kDown, "Bank"},    {kDown, "<album>"}, // over the spacer
+    };
+    for (const auto& [key, name] : steps) {
+        h.key(key);
+        EXPECT_EQ(libraryRowName(h), name);
+    }
 
-    // Searching jumps to the first artist whose key starts with the text and Esc goes back.
+    // The search jumps to the first artist whose key starts with the text.
     h.key(ch("/"));
     EXPECT_EQ(h.state().focus, Focus::artists);
     h.keys("CH");
@@ -291,37 +240,32 @@ TEST(ControllerNavigation, LibraryCursorLandsOnAlbumsAndTracksOnly) {
     h.keys("x");
     EXPECT_TRUE(h.state().searchMiss);
     EXPECT_EQ(artistUnderCursor(h), "Cher");
-    h.key(Key(Key::Kind::backspace));
+    h.key(kBackspace);
     EXPECT_FALSE(h.state().searchMiss);
-    h.key(kEsc);
+    h.key(kEsc); // back where it started
     EXPECT_EQ(artistUnderCursor(h), "Blur");
-    // Enter keeps what the search found; an emptied search returns to the origin.
     h.keys("/a");
-    EXPECT_EQ(artistUnderCursor(h), "Abba");
-    h.key(kEnter);
+    h.key(kEnter); // keeps what it found
     EXPECT_EQ(artistUnderCursor(h), "Abba");
     h.keys("/b");
-    h.key(Key(Key::Kind::backspace));
+    h.key(kBackspace); // emptied: back to the origin
     EXPECT_EQ(artistUnderCursor(h), "Abba");
-    h.key(kEsc);
 }
 
 TEST(ControllerNavigation, FocusCycleAndPlayerButtons) {
     ControllerHarness h;
-    load(h, smallLibrary());
-    h.key(kTab);
-    EXPECT_EQ(h.state().focus, Focus::library);
-    h.key(kTab);
-    EXPECT_EQ(h.state().focus, Focus::player);
-    h.key(kTab);
-    EXPECT_EQ(h.state().focus, Focus::artists);
-    h.key(kBackTab);
-    EXPECT_EQ(h.state().focus, Focus::player);
+    loadSmallLibrary(h);
+    for (auto [key, focus] : std::vector<std::pair<Key, Focus>>{{kTab, Focus::library},
+                                                                {kTab, Focus::player},
+                                                                {kTab, Focus::artists},
+                                                                {kBackTab, Focus::player}}) {
+        h.key(key);
+        EXPECT_EQ(h.state().focus, focus);
+    }
 
     // In the player pane ← → walk the buttons, wrapping at both ends.
     EXPECT_EQ(h.state().playerButton, PlayerButton::playPause);
-    h.key(kRight);
-    h.key(kRight);
+    h.press({kRight, kRight});
     EXPECT_EQ(h.state().playerButton, PlayerButton::repeatMode);
     h.key(kRight);
     EXPECT_EQ(h.state().playerButton, PlayerButton::shuffle);
@@ -330,14 +274,12 @@ TEST(ControllerNavigation, FocusCycleAndPlayerButtons) {
 
     // Enter presses the button: repeat off → all → one → off, saved each time.
     h.key(kEnter);
-    EXPECT_EQ(h.state().settings.repeatMode, RepeatMode::all);
     EXPECT_EQ(h.savedSettings().repeatMode, RepeatMode::all);
     h.key(ch("r"));
     EXPECT_EQ(h.c().playback().queue().repeatMode, RepeatMode::one);
     h.key(kEnter);
     EXPECT_EQ(h.state().settings.repeatMode, RepeatMode::off);
     h.c().press(PlayerButton::shuffle);
-    EXPECT_TRUE(h.state().settings.shuffle);
     EXPECT_TRUE(h.c().playback().queue().shuffle);
     EXPECT_TRUE(h.savedSettings().shuffle);
 
@@ -347,8 +289,7 @@ TEST(ControllerNavigation, FocusCycleAndPlayerButtons) {
     h.key(kUp);
     EXPECT_FALSE(h.state().muted);
     EXPECT_FLOAT_EQ(h.state().settings.volume, 0.85f);
-    h.key(kDown);
-    h.key(kDown);
+    h.press({kDown, kDown});
     EXPECT_FLOAT_EQ(h.savedSettings().volume, 0.75f);
     const auto artists = h.state().artists;
     h.key(kPageDown);
@@ -358,8 +299,7 @@ TEST(ControllerNavigation, FocusCycleAndPlayerButtons) {
     EXPECT_FLOAT_EQ(h.state().settings.volume, 1.0f);
 
     // ← and → outside the player pick the panes.
-    h.key(kTab);
-    h.key(kRight);
+    h.press({kTab, kRight});
     EXPECT_EQ(h.state().focus, Focus::library);
     h.key(kLeft);
     EXPECT_EQ(h.state().focus, Focus::artists);
@@ -367,55 +307,45 @@ TEST(ControllerNavigation, FocusCycleAndPlayerButtons) {
 
 TEST(ControllerSelection, MarksAndTargets) {
     ControllerHarness h;
-    load(h, smallLibrary());
+    loadSmallLibrary(h);
     h.c().jumpToArtist("blur");
     const auto all = AppController::trackPaths(h.state().libraryRows);
     ASSERT_EQ(all.size(), 4u);
+    const auto& marked = h.state().marked;
 
     // In the artist pane the target is the shown artist's every track.
     EXPECT_EQ(h.c().targetPaths(), all);
-    h.key(kEnter);
-    // x on an album marks its tracks; again unmarks them all.
+    // x on an album marks its tracks; again unmarks them; on a partly marked one, the rest.
+    h.press({kEnter, ch("x")});
+    EXPECT_EQ(marked.size(), 3u);
     h.key(ch("x"));
-    EXPECT_EQ(h.state().marked.size(), 3u);
-    h.key(ch("x"));
-    EXPECT_TRUE(h.state().marked.empty());
-    // A partly marked album: x marks the rest.
-    h.key(kDown);
-    h.key(ch("x"));
-    h.key(kHome);
-    h.key(ch("x"));
-    EXPECT_EQ(h.state().marked.size(), 3u);
+    EXPECT_TRUE(marked.empty());
+    h.press({kDown, ch("x"), kHome, ch("x")});
+    EXPECT_EQ(marked.size(), 3u);
 
     // Targets are the marks in list order whatever the cursor says.
-    h.key(kEnd);
-    h.key(ch("x"));
-    auto targets = h.c().targetPaths();
-    EXPECT_EQ(targets, all);
+    h.press({kEnd, ch("x")});
+    EXPECT_EQ(h.c().targetPaths(), all);
 
     // Esc clears the marks only; a second Esc hides the lyrics.
-    h.key(ch("l"));
-    EXPECT_TRUE(h.state().lyricsVisible);
-    h.key(kEsc);
-    EXPECT_TRUE(h.state().marked.empty());
+    h.press({ch("l"), kEsc});
+    EXPECT_TRUE(marked.empty());
     EXPECT_TRUE(h.state().lyricsVisible);
     h.key(kEsc);
     EXPECT_FALSE(h.state().lyricsVisible);
 
-    // Shift+↑ paints a range (album rows add nothing) and never unmarks.
-    h.key(Key(Key::Kind::shiftUp)); // Ambulance, onto the album Think
-    EXPECT_EQ(h.state().marked, (std::set<std::string>{all[3]}));
-    h.key(Key(Key::Kind::shiftUp)); // over the spacer onto Bank
-    h.key(Key(Key::Kind::shiftUp)); // over the disc heading onto Tracy
-    EXPECT_EQ(h.state().marked, (std::set<std::string>{all[1], all[2], all[3]}));
+    // Shift+↑ paints a range (album rows, spacers and discs add nothing), never unmarks.
+    h.key(kShiftUp); // Ambulance, onto the album Think
+    EXPECT_EQ(marked, (std::set<std::string>{all[3]}));
+    h.press({kShiftUp, kShiftUp}); // onto Bank, then Tracy
+    EXPECT_EQ(marked, (std::set<std::string>{all[1], all[2], all[3]}));
     h.key(Key(Key::Kind::shiftDown));
-    EXPECT_EQ(h.state().marked.size(), 3u);
+    EXPECT_EQ(marked.size(), 3u);
 
-    // Marked paths that are not shown go last; the cursor does not matter then.
+    // Marked paths that are not shown go last.
     h.c().jumpToArtist("abba");
-    h.key(kHome);
-    h.key(ch("x"));
-    targets = h.c().targetPaths();
+    h.press({kHome, ch("x")});
+    auto targets = h.c().targetPaths();
     ASSERT_EQ(targets.size(), 4u);
     EXPECT_NE(targets[0].find("Abba"), std::string::npos);
     EXPECT_EQ(std::vector<std::string>(targets.begin() + 1, targets.end()),
@@ -426,62 +356,49 @@ TEST(ControllerSelection, MarksAndTargets) {
     EXPECT_TRUE(h.c().targetPaths().empty()); // player pane, nothing playing
 }
 
-TEST(ControllerMouse, ClicksWheelAndDoubleClicks) {
-    ControllerHarness h({100, 40});
-    load(h, smallLibrary());
+TEST(ControllerMouse, ClicksWheelButtonsAndDoubleClicks) {
+    ControllerHarness h;
+    loadSmallLibrary(h);
     const Layout& l = h.c().layout();
-    auto press = [&](int x, int y) { h.c().handleMouse({MouseEvent::Kind::press, x, y}); };
+    // A press after `gap` at a cell of the artist list (a) or library list (l).
+    auto click = [&](std::chrono::milliseconds gap, char pane, int x, int y) {
+        h.clock += gap;
+        const Rect& r = pane == 'a' ? l.artistsList : l.libraryList;
+        h.c().handleMouse({MouseEvent::Kind::press, r.x + x, r.y + y});
+    };
 
-    // A click on an artist row selects and shows it; on a letter it snaps forward.
-    press(l.artistsList.x + 3, l.artistsList.y + 5);
-    EXPECT_EQ(artistUnderCursor(h), "Blur");
-    h.clock += 1s;
-    press(l.artistsList.x + 3, l.artistsList.y + 3);
-    EXPECT_EQ(artistUnderCursor(h), "Beck");
-    // Below the last row: the last artist.
-    h.clock += 1s;
-    press(l.artistsList.x + 3, l.artistsList.y + 20);
-    EXPECT_EQ(artistUnderCursor(h), "Cher");
+    // A click on an artist selects and shows it; on a letter it snaps forward; below
+    // the last row it takes the last artist.
+    for (auto [row, artist] :
+         std::vector<std::pair<int, std::string>>{{5, "Blur"}, {3, "Beck"}, {20, "Cher"}}) {
+        click(1s, 'a', 3, row);
+        EXPECT_EQ(artistUnderCursor(h), artist);
+    }
 
-    // A double click: same row, under 3 columns apart, under 0.4 s.
-    h.clock += 1s;
-    press(l.artistsList.x + 3, l.artistsList.y + 4);
-    h.clock += 399ms;
-    press(l.artistsList.x + 5, l.artistsList.y + 4);
-    EXPECT_EQ(h.state().focus, Focus::library); // Enter on the artist
+    // A double click (same row, under 3 columns apart, under 0.4 s) is Enter.
+    click(1s, 'a', 3, 4);
+    click(399ms, 'a', 5, 4);
+    EXPECT_EQ(h.state().focus, Focus::library);
     // Too slow, too far, another row: single clicks.
-    h.clock += 1s;
-    press(l.artistsList.x + 3, l.artistsList.y + 4);
-    h.clock += 400ms;
-    press(l.artistsList.x + 3, l.artistsList.y + 4);
-    EXPECT_EQ(h.state().focus, Focus::artists);
-    h.clock += 100ms;
-    press(l.artistsList.x + 6, l.artistsList.y + 4);
-    EXPECT_EQ(h.state().focus, Focus::artists);
-    h.clock += 100ms;
-    press(l.artistsList.x + 6, l.artistsList.y + 1);
+    click(1s, 'a', 3, 4);
+    click(400ms, 'a', 3, 4);
+    click(100ms, 'a', 6, 4);
+    click(100ms, 'a', 6, 1);
     EXPECT_EQ(h.state().focus, Focus::artists);
     // A third quick click after a double click counts as another one.
-    h.clock += 1s;
-    press(l.libraryList.x + 20, l.libraryList.y);
-    h.clock += 100ms;
-    press(l.libraryList.x + 20, l.libraryList.y);
-    h.key(kTab); // away from the library pane; the next double click comes back to it
-    h.clock += 100ms;
-    press(l.artistsList.x + 1, l.artistsList.y + 1);
-    h.clock += 100ms;
-    press(l.artistsList.x + 1, l.artistsList.y + 1);
-    h.clock += 100ms;
-    press(l.artistsList.x + 1, l.artistsList.y + 1);
+    click(1s, 'l', 20, 0);
+    click(100ms, 'l', 20, 0);
+    h.key(kTab);
+    for (int i = 0; i < 3; ++i)
+        click(100ms, 'a', 1, 1);
     EXPECT_EQ(h.state().focus, Focus::library);
 
-    // The search hint opens the search.
+    // The search hint opens the search; with an overlay open the mouse does nothing.
     h.clock += 1s;
-    press(l.artistsSearch.x + 2, l.artistsSearch.y);
+    h.c().handleMouse({MouseEvent::Kind::press, l.artistsSearch.x + 2, l.artistsSearch.y});
     EXPECT_EQ(h.state().overlay, Overlay::prompt(PromptKind::search));
-    // With an overlay open the mouse does nothing.
     const auto cursor = h.state().artists;
-    press(l.artistsList.x + 3, l.artistsList.y + 7);
+    click(1s, 'a', 3, 7);
     EXPECT_EQ(h.state().artists, cursor);
     h.key(kEsc);
 
@@ -494,60 +411,17 @@ TEST(ControllerMouse, ClicksWheelAndDoubleClicks) {
     h.c().handleMouse({MouseEvent::Kind::scrollUp, 0, 0}); // outside every pane
     EXPECT_EQ(h.state().focus, Focus::library);
 
-    // Buttons.
-    const Rect shuffle = l.buttons.at(PlayerButton::shuffle);
-    h.clock += 1s;
-    press(shuffle.x + 1, shuffle.y);
-    EXPECT_TRUE(h.state().settings.shuffle);
-
-    // Below the minimum size nothing reacts.
-    h.c().resize({59, 40});
-    h.clock += 1s;
-    press(h.c().layout().buttons.at(PlayerButton::shuffle).x,
-          h.c().layout().buttons.at(PlayerButton::shuffle).y);
-    EXPECT_TRUE(h.state().settings.shuffle);
-}
-
-TEST(ControllerMouse, ProgressBarSeeks) {
-    if (!fixtures::available()) GTEST_SKIP() << "ffmpeg missing";
-    fixtures::Tone tone;
-    tone.seconds = 10;
-    tone.tags = {{"TITLE", {"Diez"}}, {"ARTIST", {"Tono"}}};
-    const auto file = fixtures::cached("controller-ten.flac", tone);
-    ControllerHarness h({100, 40});
-    h.c().addRoot(file.parent_path().string(), false);
-    h.c().playback().play({file.string()}, 0);
-    h.settle();
-    ASSERT_TRUE(h.state().playback.track);
-    const double duration = h.state().playback.duration;
-    ASSERT_NEAR(duration, 10.0, 0.1);
-
-    const Rect& p = h.c().layout().progress;
-    const int L = static_cast<int>(PlayerView::format(duration).size()) + 1;
-    const int start = p.x + L, width = p.width - 2 * L;
-    auto click = [&](int x, int y) {
+    // Buttons; below the minimum size nothing reacts.
+    auto pressShuffle = [&] {
+        const Rect b = h.c().layout().buttons.at(PlayerButton::shuffle);
         h.clock += 1s;
-        h.c().handleMouse({MouseEvent::Kind::press, x, y});
-        return h.c().playback().engine().currentTime();
+        h.c().handleMouse({MouseEvent::Kind::press, b.x + 1, b.y});
     };
-    EXPECT_NEAR(click(start + width / 2, p.y), duration * (width / 2) / width, 0.05);
-    EXPECT_NEAR(click(start - 1, p.y), 0.0, 0.05); // one cell before the bar: the start
-    click(start + width / 4, p.y);
-    const double quarter = h.c().playback().engine().currentTime();
-    EXPECT_NEAR(click(start + width + 1, p.y), quarter, 1e-9);     // past the end: nothing
-    EXPECT_NEAR(click(start + width / 2, p.y - 1), quarter, 1e-9); // another row: nothing
-    h.c().handleMouse({MouseEvent::Kind::drag, start + width, p.y});
-    EXPECT_NEAR(h.c().playback().engine().currentTime(), duration, 0.1);
-
-    // The keys seek too: 5 to half, "." five seconds on, "," back.
-    h.key(ch("5"));
-    EXPECT_NEAR(h.c().playback().engine().currentTime(), 5.0, 0.05);
-    h.key(ch(","));
-    EXPECT_NEAR(h.c().playback().engine().currentTime(), 0.0, 0.05);
-    h.key(ch("."));
-    EXPECT_NEAR(h.c().playback().engine().currentTime(), 5.0, 0.05);
-    h.type(":seek 0:02");
-    EXPECT_NEAR(h.c().playback().engine().currentTime(), 2.0, 0.05);
+    pressShuffle();
+    EXPECT_TRUE(h.state().settings.shuffle);
+    h.c().resize({59, 40});
+    pressShuffle();
+    EXPECT_TRUE(h.state().settings.shuffle);
 }
 
 TEST(ControllerStatus, MessagesExpireAndTheScreenIsRedrawn) {
@@ -555,7 +429,6 @@ TEST(ControllerStatus, MessagesExpireAndTheScreenIsRedrawn) {
     const auto t0 = h.clock;
     h.c().report("Hola");
     ASSERT_TRUE(h.state().status);
-    EXPECT_EQ(h.state().status->expires, t0 + 4s);
     EXPECT_FALSE(h.state().status->isError);
     EXPECT_TRUE(h.state().status->isShown(t0 + 3900ms));
     EXPECT_FALSE(h.state().status->isShown(t0 + 4s));
@@ -572,106 +445,33 @@ TEST(ControllerStatus, MessagesExpireAndTheScreenIsRedrawn) {
     EXPECT_EQ(h.renders, renders + 1);
 }
 
-TEST(ControllerQuit, QuitSavesTheSettings) {
-    ControllerHarness h;
-    h.c().toggleMute(); // not a setting
-    h.key(ch("s"));
-    EXPECT_TRUE(h.savedSettings().shuffle);
-    try {
-        h.key(ch("q"));
-        FAIL() << "quit returned";
-    } catch (const QuitCalled& q) {
-        EXPECT_EQ(q.status, 0);
-    }
-    EXPECT_TRUE(h.savedSettings().shuffle);
-    EXPECT_FLOAT_EQ(h.savedSettings().volume, 0.8f);
-}
-
 TEST(ControllerRobustness, RandomInputKeepsTheListsConsistent) {
-    ControllerHarness h({100, 40});
-    load(h, smallLibrary());
+    ControllerHarness h;
+    loadSmallLibrary(h);
     std::mt19937 rng(1234);
-    const std::vector<Key> keys = {kUp,
-                                   kDown,
-                                   kEnter,
-                                   kEsc,
-                                   kTab,
-                                   kBackTab,
-                                   kLeft,
-                                   kRight,
-                                   kHome,
-                                   kEnd,
-                                   kPageDown,
-                                   kPageUp,
-                                   Key(Key::Kind::shiftUp),
-                                   Key(Key::Kind::shiftDown),
-                                   Key(Key::Kind::backspace),
-                                   Key(Key::Kind::delete_),
-                                   Key::ctrl('a'),
-                                   Key::ctrl('u'),
-                                   Key::ctrl('w'),
-                                   Key::function(8),
-                                   ch("j"),
-                                   ch("k"),
-                                   ch("h"),
-                                   ch("l"),
-                                   ch("L"),
-                                   ch("x"),
-                                   ch("/"),
-                                   ch(":"),
-                                   ch("?"),
-                                   ch("="),
-                                   ch("t"),
-                                   ch("a"),
-                                   ch("b"),
-                                   ch("d"),
-                                   ch("p"),
-                                   ch("P"),
-                                   ch("r"),
-                                   ch("s"),
-                                   ch("m"),
-                                   ch("0"),
-                                   ch("5"),
-                                   ch("+"),
-                                   ch("-"),
-                                   ch(" "),
-                                   ch("e"),
-                                   ch("E"),
-                                   ch("n"),
-                                   ch("é"),
-                                   ch("\""),
-                                   ch("q"),
-                                   Key::ctrl('c')};
+    using K = Key::Kind;
+    std::vector<Key> keys = {Key::function(8), ch("é")};
+    for (K k : {K::up, K::down, K::enter, K::escape, K::tab, K::backTab, K::left, K::right, K::home,
+                K::end, K::pageDown, K::pageUp, K::shiftUp, K::shiftDown, K::backspace, K::delete_})
+        keys.emplace_back(k);
+    for (char c : std::string("auwc"))
+        keys.push_back(Key::ctrl(c));
+    for (char c : std::string("jkhlLx/:?=tabdpPrsm05+- eEnq\""))
+        keys.push_back(Key::character(std::string(1, c)));
     const std::vector<Size> sizes = {{100, 40}, {59, 20}, {80, 24}, {60, 16},
                                      {200, 60}, {30, 5},  {81, 17}};
-    auto check = [&](int step) {
-        const AppState& s = h.state();
-        const Layout& l = h.c().layout();
-        auto viewport = [&](const ListViewport& v, int count, int height, const char* pane) {
-            if (count == 0) {
-                EXPECT_EQ(v.cursor, 0) << pane << " step " << step;
-                return;
-            }
-            ASSERT_GE(v.cursor, 0) << pane << " step " << step;
-            ASSERT_LT(v.cursor, count) << pane << " step " << step;
-            if (height >= 1) {
-                EXPECT_LE(v.offset, v.cursor) << pane << " step " << step;
-                EXPECT_LT(v.cursor, v.offset + height) << pane << " step " << step;
-            }
-        };
-        viewport(s.artists, static_cast<int>(s.artistRows.size()), l.artistsList.height, "artists");
-        viewport(s.library, static_cast<int>(s.libraryRows.size()), l.libraryList.height,
-                 "library");
-        if (!s.artistRows.empty())
-            EXPECT_TRUE(
-                s.artistRows[static_cast<std::size_t>(s.artists.cursor)].is<ArtistRow::Artist>());
-        if (!s.libraryRows.empty()) {
-            const auto& row = s.libraryRows[static_cast<std::size_t>(s.library.cursor)];
-            EXPECT_TRUE(row.is<LibraryRow::Album>() || row.is<LibraryRow::Track>())
-                << "step " << step;
-        }
-        EXPECT_GE(s.settings.volume, 0.0f);
-        EXPECT_LE(s.settings.volume, 1.0f);
+    const MouseEvent::Kind kinds[] = {MouseEvent::Kind::press, MouseEvent::Kind::drag,
+                                      MouseEvent::Kind::release, MouseEvent::Kind::scrollUp,
+                                      MouseEvent::Kind::scrollDown};
+    const std::string pastes[] = {"", "a\nb", "Be", "\xff\xfe", "vol 200", "~/nada", "ch"};
+
+    // Each list's cursor is in range, inside the viewport and on a row it may hold.
+    auto listOk = [](const ListViewport& v, const auto& rows, int height, auto holds) {
+        const int count = static_cast<int>(rows.size());
+        if (count == 0) return v.cursor == 0;
+        return v.cursor >= 0 && v.cursor < count &&
+               holds(rows[static_cast<std::size_t>(v.cursor)]) &&
+               (height < 1 || (v.offset <= v.cursor && v.cursor < v.offset + height));
     };
     for (int step = 0; step < 4000; ++step) {
         const int what = static_cast<int>(rng() % 100);
@@ -679,15 +479,10 @@ TEST(ControllerRobustness, RandomInputKeepsTheListsConsistent) {
             if (what < 75) {
                 h.key(keys[rng() % keys.size()]);
             } else if (what < 90) {
-                const MouseEvent::Kind kinds[] = {
-                    MouseEvent::Kind::press, MouseEvent::Kind::drag, MouseEvent::Kind::release,
-                    MouseEvent::Kind::scrollUp, MouseEvent::Kind::scrollDown};
                 h.clock += std::chrono::milliseconds(rng() % 600);
                 h.c().handleMouse({kinds[rng() % 5], static_cast<int>(rng() % 220) - 10,
                                    static_cast<int>(rng() % 70) - 5});
             } else if (what < 95) {
-                const std::string pastes[] = {"",        "a\nb",   "Be", "\xff\xfe",
-                                              "vol 200", "~/nada", "ch"};
                 h.c().handlePaste(pastes[rng() % 7]);
             } else if (what < 97) {
                 h.c().resize(sizes[rng() % sizes.size()]);
@@ -697,8 +492,17 @@ TEST(ControllerRobustness, RandomInputKeepsTheListsConsistent) {
         } catch (const QuitCalled&) {
             // Quitting ends a real process; here the run simply goes on.
         }
-        check(step);
-        if (HasFatalFailure()) return;
+        const AppState& s = h.state();
+        const Layout& l = h.c().layout();
+        ASSERT_TRUE(listOk(s.artists, s.artistRows, l.artistsList.height,
+                           [](const ArtistRow& r) { return r.is<ArtistRow::Artist>(); }))
+            << "artists, step " << step;
+        ASSERT_TRUE(listOk(s.library, s.libraryRows, l.libraryList.height,
+                           [](const LibraryRow& r) {
+                               return r.is<LibraryRow::Album>() || r.is<LibraryRow::Track>();
+                           }))
+            << "library, step " << step;
+        ASSERT_TRUE(s.settings.volume >= 0.0f && s.settings.volume <= 1.0f) << "step " << step;
     }
     h.settle();
 }
