@@ -7,34 +7,19 @@ using namespace trovan;
 namespace {
 
 Track track(std::string path, std::string artist, std::string album, int64_t number = 0,
-            int64_t disc = 0, int64_t year = 0, std::string codec = "FLAC") {
-    return {.path = path,
-            .artist = artist,
-            .album = album,
-            .year = year,
-            .trackNumber = number,
-            .discNumber = disc,
-            .codec = codec};
+            int64_t disc = 0, int64_t year = 0, std::string codec = "FLAC",
+            std::string title = "") {
+    return {path, 0, 0, title, artist, "", album, "", year, number, disc, 0, codec};
 }
 
-std::vector<std::string> artistNames(const LibraryIndex& index) {
-    std::vector<std::string> names;
-    for (const auto& a : index.artists)
-        names.push_back(a.name);
-    return names;
+template <class Range, class Key> std::vector<std::string> each(const Range& range, Key key) {
+    std::vector<std::string> out;
+    for (const auto& item : range)
+        out.push_back(key(item));
+    return out;
 }
 
 } // namespace
-
-TEST(LibraryIndex, EmptyLibraryHasNoRows) {
-    LibraryIndex index(std::vector<Track>{});
-    EXPECT_TRUE(index.artists.empty());
-    EXPECT_EQ(index.trackCount, 0);
-    EXPECT_TRUE(index.artistRows().empty());
-    EXPECT_TRUE(index.libraryRows(0, 8).empty());
-    EXPECT_TRUE(index.libraryRows(-1, 8).empty());
-    EXPECT_EQ(index, LibraryIndex::empty());
-}
 
 TEST(LibraryIndex, SpellingsOfOneArtistGroupTogether) {
     // Accent, case and full-width variants of one name are one artist, named as first
@@ -59,8 +44,9 @@ TEST(LibraryIndex, ArtistOrderAndLetters) {
         LibraryIndex({track("/1", "10cc", "a"), track("/2", "2pac", "a"), track("/3", "Zappa", "a"),
                       track("/4", "Émilie", "a"), track("/5", "Кино", "a"),
                       track("/6", "abba", "a"), track("/7", "", "a")});
-    EXPECT_EQ(artistNames(index), (std::vector<std::string>{"abba", "Artista desconocido", "Émilie",
-                                                            "Zappa", "2pac", "10cc", "Кино"}));
+    EXPECT_EQ(each(index.artists, [](const auto& a) { return a.name; }),
+              (std::vector<std::string>{"abba", "Artista desconocido", "Émilie", "Zappa", "2pac",
+                                        "10cc", "Кино"}));
     auto rows = index.artistRows();
     std::vector<ArtistRow> expected = {
         ArtistRow::letter("A"), ArtistRow::artist(0),   ArtistRow::artist(1),
@@ -68,6 +54,13 @@ TEST(LibraryIndex, ArtistOrderAndLetters) {
         ArtistRow::artist(3),   ArtistRow::letter("#"), ArtistRow::artist(4),
         ArtistRow::artist(5),   ArtistRow::artist(6)};
     EXPECT_EQ(rows, expected);
+
+    LibraryIndex empty(std::vector<Track>{});
+    EXPECT_EQ(empty, LibraryIndex::empty());
+    EXPECT_EQ(empty.trackCount, 0);
+    EXPECT_TRUE(empty.artistRows().empty());
+    EXPECT_TRUE(empty.libraryRows(0, 8).empty());
+    EXPECT_TRUE(index.libraryRows(-1, 8).empty());
 }
 
 TEST(LibraryIndex, AlbumsDiscsAndTracks) {
@@ -87,10 +80,8 @@ TEST(LibraryIndex, AlbumsDiscsAndTracks) {
     EXPECT_FALSE(albums[0].codec.has_value());
     ASSERT_EQ(albums[0].discs.size(), 1u); // discs 0 and 1 are both disc 1
     EXPECT_EQ(albums[0].discs[0].number, 1);
-    std::vector<std::string> order;
-    for (const auto& t : albums[0].tracks())
-        order.push_back(t.path);
-    EXPECT_EQ(order, (std::vector<std::string>{"/b3", "/b2", "/b1"}));
+    auto path = [](const Track& t) { return t.path; };
+    EXPECT_EQ(each(albums[0].tracks(), path), (std::vector<std::string>{"/b3", "/b2", "/b1"}));
 
     EXPECT_EQ(albums[1].title, "Gamma");
     EXPECT_EQ(albums[1].codec, std::optional<std::string>("FLAC"));
@@ -100,26 +91,24 @@ TEST(LibraryIndex, AlbumsDiscsAndTracks) {
 
     auto rows = index.libraryRows(0, 5);
     const auto& g = albums[1].discs;
-    std::vector<LibraryRow> expected = {
-        LibraryRow::album(0),
-        LibraryRow::track(albums[0].discs[0].tracks[0], 0),
-        LibraryRow::track(albums[0].discs[0].tracks[1], 0),
-        LibraryRow::track(albums[0].discs[0].tracks[2], 0),
-        LibraryRow::filler(0),
-        LibraryRow::spacer(),
-        LibraryRow::album(1),
-        LibraryRow::disc(1, 1),
-        LibraryRow::track(g[0].tracks[0], 1),
-        LibraryRow::track(g[0].tracks[1], 1),
-        LibraryRow::disc(1, 2),
-        LibraryRow::track(g[1].tracks[0], 1),
-        LibraryRow::spacer(),
-        LibraryRow::album(2),
-        LibraryRow::track(albums[2].discs[0].tracks[0], 2),
-        LibraryRow::filler(2),
-        LibraryRow::filler(2),
-        LibraryRow::filler(2),
-    };
+    std::vector<LibraryRow> expected = {LibraryRow::album(0),
+                                        LibraryRow::track(albums[0].discs[0].tracks[0], 0),
+                                        LibraryRow::track(albums[0].discs[0].tracks[1], 0),
+                                        LibraryRow::track(albums[0].discs[0].tracks[2], 0),
+                                        LibraryRow::filler(0),
+                                        LibraryRow::spacer(),
+                                        LibraryRow::album(1),
+                                        LibraryRow::disc(1, 1),
+                                        LibraryRow::track(g[0].tracks[0], 1),
+                                        LibraryRow::track(g[0].tracks[1], 1),
+                                        LibraryRow::disc(1, 2),
+                                        LibraryRow::track(g[1].tracks[0], 1),
+                                        LibraryRow::spacer(),
+                                        LibraryRow::album(2),
+                                        LibraryRow::track(albums[2].discs[0].tracks[0], 2),
+                                        LibraryRow::filler(2),
+                                        LibraryRow::filler(2),
+                                        LibraryRow::filler(2)};
     EXPECT_EQ(rows, expected);
     EXPECT_EQ(g[0].tracks[0].path, "/c2");
     EXPECT_EQ(rows[4].albumIndex(), 0);
@@ -131,15 +120,9 @@ TEST(LibraryIndex, AlbumsDiscsAndTracks) {
 }
 
 TEST(LibraryIndex, EqualNumbersOrderByFoldedTitleThenInput) {
-    auto a = track("/a", "X", "Y", 1);
-    a.title = "track 10";
-    auto b = track("/b", "X", "Y", 1);
-    b.title = "Track 2";
-    auto c = track("/c", "X", "Y", 1);
-    c.title = "TRACK 2";
-    auto index = LibraryIndex({a, b, c});
-    const auto& tracks = index.artists[0].albums[0].discs[0].tracks;
-    EXPECT_EQ(tracks[0].path, "/b");
-    EXPECT_EQ(tracks[1].path, "/c");
-    EXPECT_EQ(tracks[2].path, "/a");
+    auto index = LibraryIndex({track("/a", "X", "Y", 1, 0, 0, "", "track 10"),
+                               track("/b", "X", "Y", 1, 0, 0, "", "Track 2"),
+                               track("/c", "X", "Y", 1, 0, 0, "", "TRACK 2")});
+    EXPECT_EQ(each(index.artists[0].albums[0].tracks(), [](const Track& t) { return t.path; }),
+              (std::vector<std::string>{"/b", "/c", "/a"}));
 }

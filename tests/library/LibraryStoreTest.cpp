@@ -13,23 +13,24 @@ namespace fx = trovan::fixtures;
 
 namespace {
 
+// Every field set, with values that stress the columns' types.
 Track sample(std::string path, std::string title = "T") {
-    return {.path = std::move(path),
-            .mtime = 1700000000.123456789,
-            .size = 5'000'000'000LL,
-            .title = std::move(title),
-            .artist = "Ñandú",
-            .albumArtist = "ＡＢＣ",
-            .album = "Álbum",
-            .genre = "Jazz",
-            .year = 1999,
-            .trackNumber = 3,
-            .discNumber = 2,
-            .durationMs = 215000,
-            .codec = "FLAC",
-            .sampleRate = 96000,
-            .bitrate = 2400,
-            .channels = 6};
+    return {std::move(path),
+            1700000000.123456789,
+            5000000000LL,
+            std::move(title),
+            "Ñandú",
+            "ＡＢＣ",
+            "Álbum",
+            "Jazz",
+            1999,
+            3,
+            2,
+            215000,
+            "FLAC",
+            96000,
+            2400,
+            6};
 }
 
 std::vector<Track> sorted(std::vector<Track> v) {
@@ -69,7 +70,7 @@ TEST(LibraryStore, KeepsEveryFieldAcrossReopening) {
     EXPECT_EQ(sorted(store.loadAll()), sorted(tracks));
     auto stamps = store.stamps();
     ASSERT_EQ(stamps.size(), 3u);
-    EXPECT_EQ(stamps.at("/m/a.flac"), (FileStamp{1700000000.123456789, 5'000'000'000LL}));
+    EXPECT_EQ(stamps.at("/m/a.flac"), (FileStamp{1700000000.123456789, 5000000000LL}));
 }
 
 TEST(LibraryStore, ApplyOrderAndEdgeCases) {

@@ -28,12 +28,8 @@ void spit(const fs::path& p, const std::string& text) {
 
 TEST(Settings, DefaultsAndPresets) {
     Settings s;
-    EXPECT_TRUE(s.roots.empty());
-    EXPECT_FLOAT_EQ(s.volume, 0.8f);
-    EXPECT_FALSE(s.shuffle);
-    EXPECT_EQ(s.repeatMode, RepeatMode::off);
-    EXPECT_TRUE(s.eqEnabled);
-    EXPECT_EQ(s.eqPreset, "Plano");
+    EXPECT_EQ(std::tie(s.volume, s.shuffle, s.repeatMode, s.eqEnabled, s.eqPreset),
+              std::make_tuple(0.8f, false, RepeatMode::off, true, std::string("Plano")));
     EXPECT_EQ(s.eqGains, std::vector<float>(10, 0.0f));
 
     const auto& presets = EQPreset::builtIn();
@@ -59,9 +55,7 @@ TEST(SettingsStore, MissingPartialAndBrokenFiles) {
     EXPECT_EQ(store.load(), Settings{});
 
     spit(store.url(), R"({"volume": 0.5})");
-    Settings half;
-    half.volume = 0.5f;
-    EXPECT_EQ(store.load(), half);
+    EXPECT_EQ(store.load(), Settings{.volume = 0.5f});
 
     spit(store.url(), R"({"volume": 3.0, "unknown": [1, 2], "shuffle": null})");
     EXPECT_FLOAT_EQ(store.load().volume, 3.0f); // taken as it is; clamped when changed
@@ -79,15 +73,9 @@ TEST(SettingsStore, MissingPartialAndBrokenFiles) {
 TEST(SettingsStore, SavesSortedIndentedJsonThatReadsBack) {
     fx::TempDir dir;
     SettingsStore store(dir / "nested" / "deeper" / "config.json");
-    Settings s;
-    s.roots = {"/música/uno", "/b"};
-    s.volume = 0.8f;
-    s.shuffle = true;
-    s.repeatMode = RepeatMode::one;
-    s.eqEnabled = false;
-    s.eqPreset = "Mío";
-    s.eqGains = {1.5f, -2, 0, 0, 0, 0, 0, 0, 0, 12};
-    s.customPresets = {{"Mío", {1.5f, -2, 0, 0, 0, 0, 0, 0, 0, 12}}, {"Otro", {}}};
+    const std::vector<float> gains = {1.5f, -2, 0, 0, 0, 0, 0, 0, 0, 12};
+    Settings s{{"/música/uno", "/b"},         0.8f, true, RepeatMode::one, false, "Mío", gains,
+               {{"Mío", gains}, {"Otro", {}}}};
     ASSERT_TRUE(store.save(s));
     EXPECT_EQ(store.load(), s);
 

@@ -60,23 +60,14 @@ TEST(TrackRead, EveryFormatMatchesTheProbe) {
         EXPECT_EQ(track->channels, probe->channels);
         EXPECT_GT(track->durationMs, 0);
         EXPECT_LT(std::abs(track->durationMs / 1000.0 - probe->seconds), 1.0);
-        if (tagged) {
-            Track expected = *track;
-            expected.title = "Canción de prueba";
-            expected.artist = "Ñandú";
-            expected.albumArtist = "Varios";
-            expected.album = "Álbum ☃";
-            expected.genre = "Jazz";
-            expected.year = 1999;
-            expected.trackNumber = 3;
-            expected.discNumber = 2;
-            EXPECT_EQ(*track, expected);
-            EXPECT_GT(track->bitrate, 0);
-        } else {
-            // Read through FFmpeg alone: no tags, no bitrate.
-            EXPECT_EQ(track->title, "");
-            EXPECT_EQ(track->bitrate, 0);
-        }
+        // Formats TagLib cannot open are read through FFmpeg alone: no tags, no bitrate.
+        EXPECT_EQ(track->bitrate > 0, tagged);
+        const std::tuple<std::string, std::string, std::string, std::string, std::string, int64_t,
+                         int64_t, int64_t>
+            tags = {"Canción de prueba", "Ñandú", "Varios", "Álbum ☃", "Jazz", 1999, 3, 2};
+        EXPECT_EQ(std::tie(track->title, track->artist, track->albumArtist, track->album,
+                           track->genre, track->year, track->trackNumber, track->discNumber),
+                  tagged ? tags : decltype(tags){});
     }
 }
 

@@ -45,16 +45,14 @@ TEST(TagLibFile, RoundTripsTagsAndPicturesOnEveryFormat) {
             ASSERT_TRUE(file->setPicture(png));
             ASSERT_TRUE(file->save());
         }
-        {
-            auto file = TagLibFile::open(path.string());
-            ASSERT_TRUE(file);
-            auto props = file->properties();
-            EXPECT_EQ(props["ARTIST"], (std::vector<std::string>{"Ünø", "Ｄｏｓ", "Tres"}));
-            EXPECT_EQ(file->value("TITLE"), "Título nuevo ☃");
-            EXPECT_EQ(file->value("ALBUM"), "Álbum");
-            EXPECT_FALSE(props.contains("GENRE"));
-            EXPECT_EQ(file->picture(), png);
-        }
+        auto file = TagLibFile::open(path.string());
+        ASSERT_TRUE(file);
+        auto props = file->properties();
+        EXPECT_EQ(props["ARTIST"], (std::vector<std::string>{"Ünø", "Ｄｏｓ", "Tres"}));
+        EXPECT_EQ(props["TITLE"], std::vector<std::string>{"Título nuevo ☃"});
+        EXPECT_EQ(file->value("ALBUM"), "Álbum");
+        EXPECT_FALSE(props.contains("GENRE"));
+        EXPECT_EQ(file->picture(), png);
         auto stored = fx::storedPictures(path);
         ASSERT_EQ(stored.size(), 1u);
         EXPECT_EQ(stored[0].data, png.data);
@@ -68,67 +66,18 @@ TEST(TagLibFile, RoundTripsTagsAndPicturesOnEveryFormat) {
             EXPECT_FALSE(tags.id3v1 || tags.ape);
         }
         EXPECT_TRUE(fx::decodes(path));
-        {
-            auto file = TagLibFile::open(path.string());
-            ASSERT_TRUE(file && file->setPicture(std::nullopt) && file->save());
-        }
+        ASSERT_TRUE(file->setPicture(std::nullopt) && file->save());
+        file.reset();
         EXPECT_TRUE(fx::storedPictures(path).empty());
         EXPECT_FALSE(TagLibFile::open(path.string())->picture());
         EXPECT_TRUE(fx::decodes(path));
     }
 }
 
-TEST(TagLibFile, AudioProperties) {
-    if (!fx::available()) GTEST_SKIP() << "ffmpeg missing";
-    struct Case {
-        fx::Format format;
-        int bitDepth, expectedBits;
-        std::string codec;
-    };
-    const Case cases[] = {{fx::Format::flac, 24, 24, ""},     {fx::Format::wav, 24, 24, ""},
-                          {fx::Format::aiff, 16, 16, ""},     {fx::Format::alac, 16, 16, "ALAC"},
-                          {fx::Format::alac, 24, 24, "ALAC"}, {fx::Format::aac, 16, 0, "AAC"},
-                          {fx::Format::mp3, 16, 0, ""}};
-    for (const auto& c : cases) {
-        SCOPED_TRACE(fx::name(c.format) + std::to_string(c.bitDepth));
-        // FFmpeg's MP4 writer always stores 2 channels for AAC, and TagLib reports that.
-        fx::Tone tone{.format = c.format,
-                      .sampleRate = 48000,
-                      .channels = c.format == fx::Format::aac ? 2 : 1,
-                      .bitDepth = c.bitDepth};
-        auto name = "props" + std::to_string(c.bitDepth) + "." + fx::extension(c.format);
-        auto file = TagLibFile::open(fx::cached(name, tone).string());
-        ASSERT_TRUE(file);
-        auto props = file->audioProperties();
-        ASSERT_TRUE(props);
-        EXPECT_EQ(props->bitsPerSample, c.expectedBits);
-        EXPECT_EQ(props->codec, c.codec);
-        EXPECT_EQ(props->sampleRate, 48000);
-        EXPECT_EQ(props->channels, tone.channels);
-        EXPECT_NEAR(props->lengthMs, 1000, 60);
-        EXPECT_GT(props->bitrate, 0);
-    }
-}
-
-TEST(AudioFileProbe, MeasuresWhatTagLibCannotOpen) {
-    if (!fx::available()) GTEST_SKIP() << "ffmpeg missing";
-    fx::Tone tone{.format = fx::Format::caf, .sampleRate = 48000, .channels = 1};
-    auto caf = fx::cached("probe.caf", tone);
-    EXPECT_FALSE(TagLibFile::open(caf.string()));
-    EXPECT_EQ(AudioFileProbe::read(caf.string()), (AudioFileProbe{48000, 48000, 1}));
-
-    tone.format = fx::Format::adts;
-    tone.channels = 2;
-    auto adts = AudioFileProbe::read(fx::cached("probe.aac", tone).string());
-    ASSERT_TRUE(adts);
-    EXPECT_EQ(adts->sampleRate, 48000);
-    EXPECT_EQ(adts->channels, 2);
-    EXPECT_NEAR(static_cast<double>(adts->frames) / 48000, 1.0, 0.1);
-}
-
 TEST(TagLibFile, UnreadableFilesGiveNothingFromEitherReader) {
     if (!fx::available()) GTEST_SKIP() << "ffmpeg missing";
     fx::TempDir dir;
+    // Missing, a folder, empty, garbage; CAF is a format only FFmpeg reads.
     const std::vector<std::filesystem::path> paths = {
         dir / "missing.flac",
         dir.path(),

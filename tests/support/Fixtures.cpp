@@ -262,12 +262,9 @@ const std::vector<Format>& allFormats() {
 }
 
 const std::vector<Format>& taggableFormats() {
-    static const std::vector<Format> formats = [] {
-        std::vector<Format> out;
-        for (auto f : allFormats())
-            if (f != Format::adts && f != Format::caf && f != Format::oggFlac) out.push_back(f);
-        return out;
-    }();
+    static const std::vector<Format> formats = {Format::flac, Format::mp3,    Format::aac,
+                                                Format::alac, Format::wav,    Format::aiff,
+                                                Format::aifc, Format::vorbis, Format::opus};
     return formats;
 }
 
