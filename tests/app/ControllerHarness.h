@@ -12,7 +12,6 @@
 #include "support/TempDir.h"
 
 #include <chrono>
-#include <condition_variable>
 #include <deque>
 #include <initializer_list>
 #include <memory>
@@ -31,10 +30,8 @@ public:
     using Task = AppController::Task;
     using Clock = AppController::Clock;
 
-    explicit ControllerHarness(Size size = {100, 40}, const Settings* settings = nullptr)
+    explicit ControllerHarness(Size size = {100, 40})
         : store_(std::make_shared<LibraryStore>(home / "library.sqlite")) {
-        SettingsStore settingsStore(home / "config.json");
-        if (settings) settingsStore.save(*settings);
         AppController::Host host;
         host.post = [this](Task task) {
             std::lock_guard lock(mutex_);
@@ -49,8 +46,8 @@ public:
                           OutputEvents) -> std::unique_ptr<AudioOutput> {
             return std::make_unique<NullOutput>(format, renderer, NullOutput::Clock::virtualClock);
         };
-        controller = std::make_unique<AppController>(terminal, size, std::move(settingsStore),
-                                                     store_, pool, std::move(host));
+        controller = std::make_unique<AppController>(
+            terminal, size, SettingsStore(home / "config.json"), store_, pool, std::move(host));
         controller->needsRender = [this] { ++renders; };
     }
 
