@@ -423,16 +423,8 @@ void AudioEngine::unload() {
 }
 
 void AudioEngine::recoverFromConfigurationChange() {
-    bumpGeneration();
     const bool wasPlaying = isPlaying_;
-    if (isPlaying_) stoppedAt_ = currentTime();
-    if (segment_) {
-        core_->detach();
-        segment_->cancelled = true;
-        worker_->assign(nullptr);
-        segment_.reset();
-    }
-    isPlaying_ = false;
+    stopStep();
     if (!file_) return;
     connectedFormat_.reset();
     try {
