@@ -1,4 +1,5 @@
 #include "media/AudioDecoder.h"
+#include "media/FFmpegHandles.h"
 
 extern "C" {
 #include <libavcodec/avcodec.h>
@@ -18,31 +19,12 @@ namespace trovan {
 
 namespace {
 
-struct FormatCloser {
-    void operator()(AVFormatContext* c) const { avformat_close_input(&c); }
-};
-struct CodecFreer {
-    void operator()(AVCodecContext* c) const { avcodec_free_context(&c); }
-};
-struct SwrFreer {
-    void operator()(SwrContext* c) const { swr_free(&c); }
-};
-struct PacketFreer {
-    void operator()(AVPacket* p) const { av_packet_free(&p); }
-};
-struct FrameFreer {
-    void operator()(AVFrame* f) const { av_frame_free(&f); }
-};
 struct LayoutHolder {
     AVChannelLayout layout{};
     ~LayoutHolder() { av_channel_layout_uninit(&layout); }
 };
 
-using FormatPtr = std::unique_ptr<AVFormatContext, FormatCloser>;
-using CodecPtr = std::unique_ptr<AVCodecContext, CodecFreer>;
-using SwrPtr = std::unique_ptr<SwrContext, SwrFreer>;
-using PacketPtr = std::unique_ptr<AVPacket, PacketFreer>;
-using FramePtr = std::unique_ptr<AVFrame, FrameFreer>;
+using namespace ffmpeg;
 
 constexpr int minSampleRate = 1000;
 constexpr int maxSampleRate = 1'536'000;

@@ -1,4 +1,5 @@
 #include "media/AudioFileProbe.h"
+#include "media/FFmpegHandles.h"
 
 extern "C" {
 #include <libavformat/avformat.h>
@@ -12,10 +13,7 @@ namespace trovan {
 
 namespace {
 
-struct FormatCloser {
-    void operator()(AVFormatContext* ctx) const { avformat_close_input(&ctx); }
-};
-using FormatContext = std::unique_ptr<AVFormatContext, FormatCloser>;
+using ffmpeg::FormatPtr;
 
 } // namespace
 
@@ -25,7 +23,7 @@ std::optional<AudioFileProbe> AudioFileProbe::read(const std::string& path) {
 
     AVFormatContext* raw = nullptr;
     if (avformat_open_input(&raw, path.c_str(), nullptr, nullptr) < 0) return std::nullopt;
-    FormatContext ctx(raw);
+    FormatPtr ctx(raw);
     if (avformat_find_stream_info(ctx.get(), nullptr) < 0) return std::nullopt;
     int index = av_find_best_stream(ctx.get(), AVMEDIA_TYPE_AUDIO, -1, -1, nullptr, 0);
     if (index < 0) return std::nullopt;

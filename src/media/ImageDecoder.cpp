@@ -1,4 +1,5 @@
 #include "media/ImageDecoder.h"
+#include "media/FFmpegHandles.h"
 
 extern "C" {
 #include <libavcodec/avcodec.h>
@@ -22,31 +23,7 @@ namespace trovan {
 
 namespace {
 
-struct CodecContextDeleter {
-    void operator()(AVCodecContext* c) const { avcodec_free_context(&c); }
-};
-struct FrameDeleter {
-    void operator()(AVFrame* f) const { av_frame_free(&f); }
-};
-struct PacketDeleter {
-    void operator()(AVPacket* p) const { av_packet_free(&p); }
-};
-struct SwsDeleter {
-    void operator()(SwsContext* s) const { sws_freeContext(s); }
-};
-struct FormatDeleter {
-    void operator()(AVFormatContext* f) const { avformat_close_input(&f); }
-};
-struct AvFreeDeleter {
-    void operator()(std::uint8_t* p) const { av_free(p); }
-};
-
-using CodecContextPtr = std::unique_ptr<AVCodecContext, CodecContextDeleter>;
-using FramePtr = std::unique_ptr<AVFrame, FrameDeleter>;
-using PacketPtr = std::unique_ptr<AVPacket, PacketDeleter>;
-using SwsPtr = std::unique_ptr<SwsContext, SwsDeleter>;
-using FormatPtr = std::unique_ptr<AVFormatContext, FormatDeleter>;
-using AvBuffer = std::unique_ptr<std::uint8_t, AvFreeDeleter>;
+using namespace ffmpeg;
 
 // A pathological picture must not exhaust memory; real covers are far below this.
 constexpr std::int64_t maxPixels = 64LL * 1024 * 1024;
@@ -94,7 +71,7 @@ std::optional<Decoded> decode(std::span<const std::uint8_t> bytes) {
         return std::nullopt;
     const AVCodec* codec = avcodec_find_decoder(id);
     if (!codec) return std::nullopt;
-    CodecContextPtr ctx(avcodec_alloc_context3(codec));
+    CodecPtr ctx(avcodec_alloc_context3(codec));
     if (!ctx) return std::nullopt;
     ctx->thread_count = 1;
     ctx->max_pixels = maxPixels;
