@@ -7,6 +7,8 @@
 #include <cerrno>
 #include <condition_variable>
 #include <cstring>
+#include <deque>
+#include <optional>
 #include <dirent.h>
 #include <fcntl.h>
 #include <iterator>
@@ -75,69 +77,180 @@ void listFolder(DIR* dir, const std::string& prefix, FoundList& found,
     }
 }
 
-// Walks the usable roots on several threads sharing one list of pending folders. Pending
-// folders are paths, not open handles, so wide trees cannot run out of descriptors, and
-// there is no recursion for deep trees to exhaust.
+using Entry = std::pair<std::string, FileStamp>;
+
+// Progress of a run that reads files before the walk has found them all: the total is
+// known only when the walk ends, so what was read before then is reported at that
+// moment. The calls still come at every multiple of 64 and at the total, each once, in
+// increasing order.
+class ProgressSteps {
+public:
+    explicit ProgressSteps(const Indexer::Progress& callback) : callback_(callback) {}
+
+    void setTotal(int64_t total) {
+        std::lock_guard lock(mutex_);
+        total_ = total;
+        knownTotal_.store(total, std::memory_order_release);
+        reportLocked(done_.load(std::memory_order_acquire));
+    }
+
+    void fileDone() {
+        const auto n = done_.fetch_add(1, std::memory_order_acq_rel) + 1;
+        if (n % 64 == 0 || n == knownTotal_.load(std::memory_order_acquire)) {
+            std::lock_guard lock(mutex_);
+            reportLocked(n);
+        }
+    }
+
+private:
+    void reportLocked(int64_t n) {
+        if (total_ < 0 || !callback_) return;
+        n = std::min(n, total_);
+        for (; next_ <= n; next_ += 64)
+            callback_(next_, total_);
+        if (n == total_ && total_ % 64 != 0 && !finished_) {
+            finished_ = true;
+            callback_(total_, total_);
+        }
+    }
+
+    const Indexer::Progress& callback_;
+    std::mutex mutex_;
+    std::atomic<int64_t> done_{0};
+    std::atomic<int64_t> knownTotal_{-1};
+    int64_t total_ = -1; // guarded by mutex_, as are the two below
+    int64_t next_ = 64;
+    bool finished_ = false;
+};
+
+// The walk of the roots on one thread per core, sharing one list of pending folders.
+// Pending folders are paths, not open handles, so wide trees cannot run out of
+// descriptors, and there is no recursion for deep trees to exhaust.
+//
+// When it reads as well, the same threads read the files found whenever no folder is
+// waiting (folders first, so the total is known early) and hand the records over in
+// chunks, to be stored while the rest are read.
 struct Walk {
+    static constexpr std::size_t kReadChunk = 8;    // files taken per visit to the lock
+    static constexpr std::size_t kHandOver = 256;   // records kept before handing them over
+
     std::mutex mutex;
     std::condition_variable wake;
-    std::vector<std::string> pending;
-    int busy = 0;
+    std::vector<std::string> folders; // waiting to be listed
+    int listing = 0;                  // folders being listed right now
+    std::deque<Entry> files;          // every file found; a deque keeps taken entries in place
+    ProgressSteps* progress = nullptr;       // set: the walk reads the files too
+    std::size_t unread = 0;                  // first file no reader has taken
+    std::condition_variable recordsReady;
+    std::vector<Track> records; // read, waiting to be stored
+    int readersLeft = 0;
 
-    void worker(FoundList& found) {
+    bool walked() const { return folders.empty() && listing == 0; }
+    bool reading() const { return progress != nullptr; }
+
+    // Once the roots' own entries are in.
+    void start() {
+        if (reading() && walked()) progress->setTotal(static_cast<int64_t>(files.size()));
+    }
+
+    void worker() {
         std::vector<std::string> subfolders;
+        FoundList listed;
+        std::vector<const Entry*> taken;
+        std::vector<Track> mine;
         std::unique_lock lock(mutex);
         for (;;) {
-            wake.wait(lock, [&] { return !pending.empty() || busy == 0; });
-            if (pending.empty()) return; // nothing queued and nobody can queue more
-            auto path = std::move(pending.back());
-            pending.pop_back();
-            ++busy;
+            wake.wait(lock, [&] {
+                return !folders.empty() || walked() || (reading() && unread < files.size());
+            });
+            if (!folders.empty()) {
+                auto path = std::move(folders.back());
+                folders.pop_back();
+                ++listing;
+                lock.unlock();
+                subfolders.clear();
+                listed.clear();
+                // Folders that cannot be read (or vanished) are skipped.
+                if (auto dir = openFolder(path, false))
+                    listFolder(dir.get(), path, listed, subfolders);
+                lock.lock();
+                --listing;
+                for (auto& sub : subfolders)
+                    folders.push_back(std::move(sub));
+                for (auto& entry : listed)
+                    files.push_back(std::move(entry));
+                if (walked()) {
+                    if (reading()) progress->setTotal(static_cast<int64_t>(files.size()));
+                    wake.notify_all();
+                } else if (!subfolders.empty() || (reading() && !listed.empty())) {
+                    wake.notify_all();
+                }
+                continue;
+            }
+            if (!reading() || unread == files.size()) break; // walked, and nothing left to read
+            taken.clear();
+            const auto n = std::min(kReadChunk, files.size() - unread);
+            for (std::size_t i = 0; i < n; ++i)
+                taken.push_back(&files[unread + i]);
+            unread += n;
             lock.unlock();
-            subfolders.clear();
-            // Folders that cannot be read (or vanished) are skipped.
-            if (auto dir = openFolder(path, false)) listFolder(dir.get(), path, found, subfolders);
+            for (const auto* entry : taken) {
+                // The walk's stamp goes with the path, so no file is stat'ed a second time.
+                if (auto t = Track::read(entry->first, entry->second)) mine.push_back(std::move(*t));
+                progress->fileDone();
+            }
             lock.lock();
-            for (auto& sub : subfolders)
-                pending.push_back(std::move(sub));
-            --busy;
-            if (!subfolders.empty() || busy == 0) wake.notify_all();
+            if (mine.size() >= kHandOver) handOver(mine);
         }
+        if (reading()) {
+            handOver(mine);
+            --readersLeft;
+            recordsReady.notify_one();
+        }
+    }
+
+    // With the lock held.
+    void handOver(std::vector<Track>& mine) {
+        if (mine.empty()) return;
+        if (records.empty()) {
+            records.swap(mine);
+        } else {
+            std::move(mine.begin(), mine.end(), std::back_inserter(records));
+            mine.clear();
+        }
+        recordsReady.notify_one();
+    }
+
+    // Lists the roots' own entries here (a root may be a link to a folder); their
+    // sub-folders are left for the workers.
+    void listRoots(const std::vector<std::string>& roots, std::vector<std::string>& missingRoots) {
+        FoundList listed;
+        for (const auto& root : roots) {
+            struct stat st {};
+            Dir dir;
+            if (::stat(root.c_str(), &st) == 0 && S_ISDIR(st.st_mode)) dir = openFolder(root, true);
+            if (!dir) {
+                missingRoots.push_back(root);
+                continue;
+            }
+            listFolder(dir.get(), root, listed, folders);
+        }
+        for (auto& entry : listed)
+            files.push_back(std::move(entry));
     }
 };
 
-// The roots' own entries are listed here (a root may be a link to a folder); their
-// sub-folders are then walked in parallel.
 FoundList walkRoots(const std::vector<std::string>& roots, std::vector<std::string>& missingRoots) {
-    FoundList found;
     Walk walk;
-    for (const auto& root : roots) {
-        struct stat st {};
-        Dir dir;
-        if (::stat(root.c_str(), &st) == 0 && S_ISDIR(st.st_mode)) dir = openFolder(root, true);
-        if (!dir) {
-            missingRoots.push_back(root);
-            continue;
-        }
-        listFolder(dir.get(), root, found, walk.pending);
-    }
-    int workers = std::max(1, Indexer::activeCores());
-    std::vector<FoundList> lists(static_cast<std::size_t>(workers));
+    walk.listRoots(roots, missingRoots);
     std::vector<std::thread> threads;
-    for (int w = 1; w < workers; ++w)
-        threads.emplace_back([&, w] { walk.worker(lists[w]); });
-    walk.worker(lists[0]);
+    for (int w = 1; w < Indexer::activeCores(); ++w)
+        threads.emplace_back([&] { walk.worker(); });
+    walk.worker();
     for (auto& t : threads)
         t.join();
-    for (auto& list : lists) {
-        if (found.empty()) {
-            found = std::move(list);
-        } else {
-            found.reserve(found.size() + list.size());
-            std::move(list.begin(), list.end(), std::back_inserter(found));
-        }
-    }
-    return found;
+    return FoundList(std::make_move_iterator(walk.files.begin()),
+                     std::make_move_iterator(walk.files.end()));
 }
 
 bool underAny(std::string_view path, const std::vector<std::string>& roots) {
@@ -213,8 +326,82 @@ std::vector<Track> Indexer::read(const std::vector<std::string>& paths, const Pr
                           [](const std::string& path) { return Track::read(path); });
 }
 
+namespace {
+
+// Whether a root repeats another or lies inside one: then the same file can be reached
+// twice, and only the sorted path list of a plain run counts it once.
+bool rootsOverlap(const std::vector<std::string>& roots) {
+    for (std::size_t i = 0; i < roots.size(); ++i)
+        for (std::size_t j = 0; j < roots.size(); ++j)
+            if (i != j && (roots[i] == roots[j] || underAny(roots[i], {roots[j]}))) return true;
+    return false;
+}
+
+// A run that rereads every file it finds (the first scan, or a forced one): the walk,
+// the reading and the storing overlap. The records are stored on the calling thread as
+// the readers hand them over, in one transaction.
+IndexSummary readEverything(const std::vector<std::string>& roots, LibraryStore& store,
+                            bool force, const Indexer::Progress& progress) {
+    std::vector<std::string> missingRoots;
+    ProgressSteps steps(progress);
+    Walk walk;
+    walk.progress = &steps;
+    walk.listRoots(roots, missingRoots);
+    walk.start();
+    const int workers = Indexer::activeCores();
+    walk.readersLeft = workers;
+    std::vector<std::thread> threads;
+    for (int w = 0; w < workers; ++w)
+        threads.emplace_back([&] { walk.worker(); });
+
+    std::optional<LibraryStore::Batch> batch;
+    int64_t readCount = 0;
+    {
+        std::unique_lock lock(walk.mutex);
+        for (;;) {
+            walk.recordsReady.wait(lock,
+                                   [&] { return !walk.records.empty() || walk.readersLeft == 0; });
+            if (walk.records.empty()) break;
+            std::vector<Track> chunk;
+            chunk.swap(walk.records);
+            lock.unlock();
+            // The store is held from the first records on, not during the walk before them.
+            if (!batch) batch.emplace(store);
+            batch->add(chunk);
+            readCount += static_cast<int64_t>(chunk.size());
+            lock.lock();
+        }
+    }
+    for (auto& t : threads)
+        t.join();
+    if (!batch) batch.emplace(store);
+
+    // An empty cache has nothing to remove; a forced run still removes what is gone.
+    std::vector<std::string> deletions;
+    if (force) {
+        std::vector<std::string_view> found;
+        found.reserve(walk.files.size());
+        for (const auto& entry : walk.files)
+            found.emplace_back(entry.first);
+        std::sort(found.begin(), found.end());
+        batch->forEachStamp([&](std::string_view path, const FileStamp&) {
+            if (!std::binary_search(found.begin(), found.end(), path) &&
+                !underAny(path, missingRoots))
+                deletions.emplace_back(path);
+        });
+    }
+    batch->commit(deletions);
+    return {static_cast<int64_t>(walk.files.size()), readCount,
+            static_cast<int64_t>(deletions.size())};
+}
+
+} // namespace
+
 IndexSummary Indexer::run(const std::vector<std::string>& roots, LibraryStore& store, bool force,
                           const Progress& progress) {
+    if ((force || store.isEmpty()) && !rootsOverlap(roots))
+        return readEverything(roots, store, force, progress);
+
     std::vector<std::string> missingRoots;
     FoundList found = walkRoots(roots, missingRoots);
 

@@ -137,6 +137,12 @@ std::vector<Track> LibraryStore::loadAll() {
     return tracks;
 }
 
+bool LibraryStore::isEmpty() {
+    std::lock_guard lock(mutex_);
+    auto s = prepare(db_.get(), "SELECT 1 FROM tracks LIMIT 1");
+    return sqlite3_step(s.get()) != SQLITE_ROW;
+}
+
 std::unordered_map<std::string, FileStamp> LibraryStore::stamps() {
     std::lock_guard lock(mutex_);
     auto s = prepare(db_.get(), kStamps);
@@ -152,6 +158,11 @@ std::unordered_map<std::string, FileStamp> LibraryStore::stamps() {
 void LibraryStore::forEachStamp(
     const std::function<void(std::string_view path, const FileStamp&)>& visit) {
     std::lock_guard lock(mutex_);
+    visitStamps(visit);
+}
+
+void LibraryStore::visitStamps(
+    const std::function<void(std::string_view path, const FileStamp&)>& visit) {
     auto s = prepare(db_.get(), kStamps);
     while (sqlite3_step(s.get()) == SQLITE_ROW) {
         auto* p = reinterpret_cast<const char*>(sqlite3_column_text(s.get(), 0));
@@ -164,43 +175,59 @@ void LibraryStore::forEachStamp(
 
 void LibraryStore::apply(const std::vector<Track>& upserts,
                          const std::vector<std::string>& deletions) {
-    std::lock_guard lock(mutex_);
-    sqlite3* db = db_.get();
-    sqlite3_exec(db, "BEGIN", nullptr, nullptr, nullptr);
-    try {
-        write(upserts, deletions);
-    } catch (...) {
-        sqlite3_exec(db, "ROLLBACK", nullptr, nullptr, nullptr);
-        throw;
-    }
-    sqlite3_exec(db, "COMMIT", nullptr, nullptr, nullptr);
+    Batch batch(*this);
+    batch.add(upserts);
+    batch.commit(deletions);
 }
 
-void LibraryStore::write(const std::vector<Track>& upserts,
-                         const std::vector<std::string>& deletions) {
-    sqlite3* db = db_.get();
-    if (!upserts.empty()) {
-        std::string sql = kUpsertPrefix;
-        for (int i = 0; i < 16; ++i)
-            sql += i ? ",?" : "?";
-        sql += ")";
-        auto s = prepare(db, sql);
-        for (const auto& t : upserts) {
-            bind(s.get(), {&t.path, t.mtime, int64_t{t.size}, &t.title, &t.artist, &t.albumArtist,
-                           &t.album, &t.genre, int64_t{t.year}, int64_t{t.trackNumber},
-                           int64_t{t.discNumber}, int64_t{t.durationMs}, &t.codec,
-                           int64_t{t.sampleRate}, int64_t{t.bitrate}, int64_t{t.channels}});
-            sqlite3_step(s.get());
-            sqlite3_reset(s.get());
-        }
+LibraryStore::Batch::Batch(LibraryStore& store) : store_(store), lock_(store.mutex_) {
+    sqlite3_exec(store_.db_.get(), "BEGIN", nullptr, nullptr, nullptr);
+}
+
+LibraryStore::Batch::~Batch() {
+    if (open_) sqlite3_exec(store_.db_.get(), "ROLLBACK", nullptr, nullptr, nullptr);
+}
+
+void LibraryStore::Batch::add(const std::vector<Track>& upserts) {
+    store_.upsert(upserts);
+}
+
+void LibraryStore::Batch::forEachStamp(
+    const std::function<void(std::string_view path, const FileStamp&)>& visit) {
+    store_.visitStamps(visit);
+}
+
+void LibraryStore::Batch::commit(const std::vector<std::string>& deletions) {
+    store_.remove(deletions);
+    sqlite3_exec(store_.db_.get(), "COMMIT", nullptr, nullptr, nullptr);
+    open_ = false;
+    lock_.unlock();
+}
+
+void LibraryStore::upsert(const std::vector<Track>& upserts) {
+    if (upserts.empty()) return;
+    std::string sql = kUpsertPrefix;
+    for (int i = 0; i < 16; ++i)
+        sql += i ? ",?" : "?";
+    sql += ")";
+    auto s = prepare(db_.get(), sql);
+    for (const auto& t : upserts) {
+        bind(s.get(), {&t.path, t.mtime, int64_t{t.size}, &t.title, &t.artist, &t.albumArtist,
+                       &t.album, &t.genre, int64_t{t.year}, int64_t{t.trackNumber},
+                       int64_t{t.discNumber}, int64_t{t.durationMs}, &t.codec,
+                       int64_t{t.sampleRate}, int64_t{t.bitrate}, int64_t{t.channels}});
+        sqlite3_step(s.get());
+        sqlite3_reset(s.get());
     }
-    if (!deletions.empty()) {
-        auto s = prepare(db, kDelete);
-        for (const auto& path : deletions) {
-            bind(s.get(), {&path});
-            sqlite3_step(s.get());
-            sqlite3_reset(s.get());
-        }
+}
+
+void LibraryStore::remove(const std::vector<std::string>& paths) {
+    if (paths.empty()) return;
+    auto s = prepare(db_.get(), kDelete);
+    for (const auto& path : paths) {
+        bind(s.get(), {&path});
+        sqlite3_step(s.get());
+        sqlite3_reset(s.get());
     }
 }
 

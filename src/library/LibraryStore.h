@@ -49,6 +49,8 @@ public:
 
     // Every cached track, in no particular order.
     std::vector<Track> loadAll();
+    // Whether no track is cached (a first scan).
+    bool isEmpty();
     // Path to stamp of every cached track.
     std::unordered_map<std::string, FileStamp> stamps();
     // Calls `visit` with the path and stamp of every cached track, without building a
@@ -59,11 +61,38 @@ public:
     // path in deletions. A row that fails to write is skipped; the rest commits.
     void apply(const std::vector<Track>& upserts, const std::vector<std::string>& deletions);
 
+    // The same transaction spread over time, for a writer whose records arrive in
+    // chunks (a first scan stores what it has read while it reads the rest). The store
+    // is held from construction to commit(): other callers wait. Destroyed without
+    // commit(), it rolls everything back.
+    class Batch {
+    public:
+        explicit Batch(LibraryStore& store);
+        ~Batch();
+        Batch(const Batch&) = delete;
+        Batch& operator=(const Batch&) = delete;
+
+        // Inserts or replaces the records, in order.
+        void add(const std::vector<Track>& upserts);
+        // As the store's forEachStamp, seeing the records added so far.
+        void forEachStamp(
+            const std::function<void(std::string_view path, const FileStamp&)>& visit);
+        // Deletes the paths and commits. Nothing may be called afterwards.
+        void commit(const std::vector<std::string>& deletions);
+
+    private:
+        LibraryStore& store_;
+        std::unique_lock<std::mutex> lock_;
+        bool open_ = true;
+    };
+
     // The schema script for a version: drops and recreates the table.
     static std::string schemaScript(int version);
 
 private:
-    void write(const std::vector<Track>& upserts, const std::vector<std::string>& deletions);
+    void upsert(const std::vector<Track>& upserts);
+    void remove(const std::vector<std::string>& paths);
+    void visitStamps(const std::function<void(std::string_view path, const FileStamp&)>& visit);
 
     struct Closer {
         void operator()(sqlite3* db) const;

@@ -83,7 +83,7 @@ std::optional<Track> Track::read(const std::string& path, const FileStamp& stamp
     t.size = stamp.size;
     auto ext = asciiLower(extensionOf(path));
 
-    auto file = TagLibFile::open(path);
+    auto file = TagLibFile::openForReading(path);
     std::optional<TagLibFile::AudioProperties> props;
     if (file) {
         props = file->audioProperties();

@@ -24,7 +24,12 @@
 #include <taglib/wavproperties.h>
 #include <taglib/xiphcomment.h>
 
+#include <array>
+#include <cstring>
+#include <fcntl.h>
 #include <mutex>
+#include <sys/stat.h>
+#include <unistd.h>
 
 namespace trovan {
 
@@ -151,9 +156,123 @@ void setMp4Picture(TagLib::MP4::Tag* tag, const std::optional<Picture>& picture)
     tag->setItem("covr", TagLib::MP4::Item(list));
 }
 
+// A read-only TagLib stream over a file descriptor with a few cached blocks. Tag and
+// header parsing reads the head and the tail of a file in pieces of a few bytes to a
+// kilobyte, seeking in between; through stdio each seek costs a system call or two and
+// throws the buffer away. Here the pieces come from memory, and reads larger than a
+// block (a tag holding a cover) go straight to the file.
+class CachedReadStream final : public TagLib::IOStream {
+public:
+    static std::unique_ptr<CachedReadStream> open(const std::string& path) {
+        int fd = ::open(path.c_str(), O_RDONLY | O_CLOEXEC);
+        if (fd < 0) return nullptr;
+        struct stat st {};
+        if (::fstat(fd, &st) != 0 || !S_ISREG(st.st_mode)) {
+            ::close(fd);
+            return nullptr;
+        }
+        return std::unique_ptr<CachedReadStream>(new CachedReadStream(fd, path, st.st_size));
+    }
+
+    ~CachedReadStream() override { ::close(fd_); }
+
+    TagLib::FileName name() const override { return path_.c_str(); }
+
+    TagLib::ByteVector readBlock(unsigned long length) override {
+        if (length == 0 || pos_ >= size_) return {};
+        const auto wanted = static_cast<long>(std::min<unsigned long>(
+            length, static_cast<unsigned long>(size_ - pos_)));
+        TagLib::ByteVector out(static_cast<unsigned>(wanted), 0);
+        long got = 0;
+        if (wanted > kBlock) {
+            while (got < wanted) {
+                ssize_t n = ::pread(fd_, out.data() + got, static_cast<std::size_t>(wanted - got),
+                                    pos_ + got);
+                if (n <= 0) break;
+                got += n;
+            }
+        } else {
+            while (got < wanted) {
+                const Block& b = block((pos_ + got) / kBlock);
+                const long offset = (pos_ + got) % kBlock;
+                if (offset >= b.filled) break; // the file is shorter than it was
+                const long n = std::min(wanted - got, b.filled - offset);
+                std::memcpy(out.data() + got, b.data.get() + offset, static_cast<std::size_t>(n));
+                got += n;
+            }
+        }
+        if (got < wanted) out.resize(static_cast<unsigned>(got));
+        pos_ += got;
+        return out;
+    }
+
+    void writeBlock(const TagLib::ByteVector&) override {}
+    void insert(const TagLib::ByteVector&, unsigned long, unsigned long) override {}
+    void removeBlock(unsigned long, unsigned long) override {}
+    bool readOnly() const override { return true; }
+    bool isOpen() const override { return true; }
+
+    // As fseek: a position before the start is refused, one past the end is allowed.
+    void seek(long offset, Position p) override {
+        const long base = p == Beginning ? 0 : p == Current ? pos_ : size_;
+        if (base + offset >= 0) pos_ = base + offset;
+    }
+
+    long tell() const override { return pos_; }
+    long length() override { return size_; }
+    void truncate(long) override {}
+
+private:
+    static constexpr long kBlock = 32 * 1024;
+    static constexpr std::size_t kBlocks = 4;
+
+    struct Block {
+        long index = -1;
+        long filled = 0;
+        std::unique_ptr<char[]> data;
+        uint64_t used = 0;
+    };
+
+    CachedReadStream(int fd, std::string path, long size)
+        : fd_(fd), path_(std::move(path)), size_(size) {}
+
+    // The cached block with this index, read now if it is not cached (replacing the
+    // one used longest ago).
+    const Block& block(long index) {
+        Block* slot = &blocks_[0];
+        for (auto& b : blocks_) {
+            if (b.index == index) {
+                b.used = ++clock_;
+                return b;
+            }
+            if (b.used < slot->used) slot = &b;
+        }
+        if (!slot->data) slot->data = std::make_unique<char[]>(kBlock);
+        slot->index = index;
+        slot->filled = 0;
+        slot->used = ++clock_;
+        while (slot->filled < kBlock) {
+            ssize_t n = ::pread(fd_, slot->data.get() + slot->filled,
+                                static_cast<std::size_t>(kBlock - slot->filled),
+                                index * kBlock + slot->filled);
+            if (n <= 0) break;
+            slot->filled += n;
+        }
+        return *slot;
+    }
+
+    int fd_;
+    std::string path_;
+    long size_;
+    long pos_ = 0;
+    std::array<Block, kBlocks> blocks_;
+    uint64_t clock_ = 0;
+};
+
 } // namespace
 
 struct TagLibFile::Impl {
+    std::unique_ptr<CachedReadStream> stream; // before ref: the file reads from it
     TagLib::FileRef ref;
     // The property map is built once and kept until the next write: reading a track
     // asks for several keys in a row.
@@ -181,6 +300,16 @@ std::unique_ptr<TagLibFile> TagLibFile::open(const std::string& path) {
     configure();
     auto impl = std::make_unique<Impl>();
     impl->ref = TagLib::FileRef(path.c_str(), true, TagLib::AudioProperties::Average);
+    if (impl->ref.isNull() || !impl->file()->isValid()) return nullptr;
+    return std::unique_ptr<TagLibFile>(new TagLibFile(path, std::move(impl)));
+}
+
+std::unique_ptr<TagLibFile> TagLibFile::openForReading(const std::string& path) {
+    configure();
+    auto impl = std::make_unique<Impl>();
+    impl->stream = CachedReadStream::open(path);
+    if (!impl->stream) return nullptr;
+    impl->ref = TagLib::FileRef(impl->stream.get(), true, TagLib::AudioProperties::Average);
     if (impl->ref.isNull() || !impl->file()->isValid()) return nullptr;
     return std::unique_ptr<TagLibFile>(new TagLibFile(path, std::move(impl)));
 }

@@ -200,3 +200,31 @@ TEST(Indexer, ReadReportsProgressEvery64FilesAndLosesNone) {
             << workers;
     }
 }
+
+// A first or forced run reads while it walks; its progress still counts against the
+// final total, at every 64 files and at the end, in order.
+TEST(Indexer, ReadingWhileWalkingReportsProgressAgainstTheFinalTotal) {
+    if (!fx::available()) GTEST_SKIP() << "ffmpeg missing";
+    fx::TempDir dir;
+    auto music = dir.subdir("music");
+    for (int i = 0; i < 130; ++i)
+        put(music, "d" + std::to_string(i % 13) + "/sub/" + std::to_string(i) + ".mp3");
+    LibraryStore store(dir / "library.sqlite");
+    for (bool force : {false, true}) {
+        SCOPED_TRACE(force);
+        std::mutex m;
+        std::vector<std::pair<int64_t, int64_t>> calls;
+        auto summary = Indexer::run({music.string()}, store, force, [&](int64_t done, int64_t total) {
+            std::lock_guard lock(m);
+            calls.emplace_back(done, total);
+        });
+        EXPECT_EQ(summary, (IndexSummary{130, 130, 0}));
+        EXPECT_EQ(calls, (std::vector<std::pair<int64_t, int64_t>>{{64, 130}, {128, 130}, {130, 130}}));
+    }
+    EXPECT_EQ(store.loadAll().size(), 130u);
+
+    // Nested roots on an empty cache still count each file once.
+    LibraryStore fresh(dir / "fresh.sqlite");
+    EXPECT_EQ(Indexer::run({music.string(), (music / "d1").string()}, fresh, false),
+              (IndexSummary{130, 130, 0}));
+}

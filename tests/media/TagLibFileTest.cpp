@@ -4,6 +4,8 @@
 
 #include <gtest/gtest.h>
 
+#include <fstream>
+
 using namespace trovan;
 namespace fx = trovan::fixtures;
 
@@ -109,4 +111,51 @@ TEST(TagLibFile, FormatsWithoutPicturesRefuseOneCleanly) {
     }
     EXPECT_EQ(TagLibFile::open(path.string())->value("TITLE"), "Sin portada");
     EXPECT_TRUE(fx::decodes(path));
+}
+
+// The read-only opening goes through its own block cache; it must see exactly what the
+// stdio one sees, including tags larger than a cache block and damaged files.
+TEST(TagLibFile, ReadingThroughTheBlockCacheSeesWhatStdioSees) {
+    if (!fx::available()) GTEST_SKIP() << "ffmpeg missing";
+    fx::TempDir dir;
+    const std::string lyrics(100'000, 'l'); // a tag well over one cached block
+    std::vector<std::filesystem::path> paths;
+    for (auto format : fx::taggableFormats()) {
+        fx::Tone tone{.format = format,
+                      .seconds = 0.3,
+                      .tags = {{"TITLE", {"Bloque"}}, {"ARTIST", {"Uno", "Dos"}}, {"LYRICS", {lyrics}}},
+                      .covers = {{fx::ImageKind::png, 64, 64, "blue"}}};
+        const auto name = std::to_string(paths.size()) + "." + fx::extension(format);
+        paths.push_back(fx::copyTo(fx::cached("big." + fx::extension(format), tone), dir.path(), name));
+    }
+    paths.push_back(fx::writeBroken(dir.path(), "cut.flac", fx::Broken::truncated));
+    paths.push_back(fx::writeBroken(dir.path(), "cut.mp3", fx::Broken::truncated, fx::Format::mp3));
+    paths.push_back(fx::writeBroken(dir.path(), "z.mp3", fx::Broken::zeroBytes));
+    paths.push_back(dir / "missing.mp3");
+    paths.push_back(dir.path());
+
+    for (const auto& path : paths) {
+        SCOPED_TRACE(path);
+        auto plain = TagLibFile::open(path.string());
+        auto cached = TagLibFile::openForReading(path.string());
+        ASSERT_EQ(bool(plain), bool(cached));
+        if (!plain) continue;
+        EXPECT_EQ(cached->properties(), plain->properties());
+        EXPECT_EQ(cached->audioProperties(), plain->audioProperties());
+        EXPECT_EQ(cached->picture(), plain->picture());
+    }
+
+    // Nothing can be written through it.
+    auto bytes = [](const std::filesystem::path& p) {
+        std::ifstream in(p, std::ios::binary);
+        return std::string(std::istreambuf_iterator<char>(in), {});
+    };
+    const auto before = bytes(paths[0]);
+    auto file = TagLibFile::openForReading(paths[0].string());
+    ASSERT_TRUE(file);
+    EXPECT_EQ(file->value("LYRICS"), lyrics);
+    file->set("TITLE", {"Otro"});
+    EXPECT_FALSE(file->save());
+    file.reset();
+    EXPECT_EQ(bytes(paths[0]), before);
 }
