@@ -3,6 +3,8 @@
 #include "library/AppPaths.h"
 #include "library/LibraryStore.h"
 #include "library/SettingsStore.h"
+#include "media/Codecs.h"
+#include "playback/AudioOutput.h"
 #include "ui/Screen.h"
 
 #include <asio/io_context.hpp>
@@ -90,6 +92,7 @@ int App::main(const std::vector<std::string>& arguments) {
     app.listenToSignals();
     app.controller().start(arguments);
     app.render();
+    app.preloadModules();
     io.run();
     // The loop only runs dry if every source failed: leave as on end of input.
     app.controller().quit();
@@ -120,7 +123,17 @@ App::App(asio::io_context& io, std::shared_ptr<LibraryStore> store)
     controller_->playingChanged = [this](bool playing) { setTicking(playing); };
 }
 
-App::~App() = default;
+App::~App() {
+    if (preload_.joinable()) preload_.join();
+}
+
+void App::preloadModules() {
+    if (preload_.joinable()) return;
+    preload_ = std::thread([] {
+        (void)codecs();
+        preloadSoundServer();
+    });
+}
 
 void App::listenToInput() {
     asio::error_code ec;

@@ -42,6 +42,9 @@ public:
     void setTicking(bool on);
     // Composes and emits one frame now.
     void render();
+    // Loads the codec and sound-server modules on a thread of their own, once the first
+    // frame is out, so that neither the first frame nor the first track waits for them.
+    void preloadModules();
 
     Terminal& terminal() { return terminal_; }
     Renderer& renderer() { return renderer_; }
@@ -74,6 +77,7 @@ private:
     bool renderScheduled_ = false;
     std::thread::id mainThread_;
     std::unique_ptr<AppController> controller_;
+    std::thread preload_;
 };
 
 } // namespace trovan

@@ -25,6 +25,8 @@ public:
     using std::runtime_error::runtime_error;
 };
 
+class DecoderStream;
+
 // Decodes one audio file to interleaved 32-bit float frames at the file's own
 // sample rate. Mono stays mono, stereo stays stereo, anything wider is mixed
 // down to stereo. Not thread-safe: one thread uses it at a time.
@@ -60,8 +62,7 @@ public:
     int64_t position() const { return position_; }
 
 private:
-    struct Impl;
-    std::unique_ptr<Impl> impl_;
+    std::unique_ptr<DecoderStream> impl_; // from the codec module
     std::string path_;
     AudioStreamDescription description_;
     int sampleRate_ = 0;

@@ -49,5 +49,8 @@ using OutputFactory =
 
 // The sound server through cubeb when it can be opened, else a real-time null output.
 OutputFactory systemOutputFactory();
+// Loads the cubeb module now (it is otherwise loaded by the first stream opened), so
+// that a background thread can pay for it before anyone waits.
+void preloadSoundServer();
 
 } // namespace trovan

@@ -100,6 +100,20 @@ TEST(CommandLine, HelpPrintsTheUsageAndNothingElse) {
     close(devnull);
 }
 
+// FFmpeg and the sound server's client bring some hundred and fifty libraries; they are
+// modules loaded after the first frame, never at start.
+TEST(CommandLine, StartsWithoutLoadingFFmpegOrTheSoundServer) {
+    int devnull = open("/dev/null", O_RDONLY);
+    setenv("LD_DEBUG", "files", 1);
+    Result r = run({"--help"}, devnull, -1);
+    unsetenv("LD_DEBUG");
+    close(devnull);
+    EXPECT_EQ(r.status, 0);
+    ASSERT_NE(r.err.find("libtag"), std::string::npos) << "no loader trace:\n" << r.err;
+    for (const char* lib : {"libavcodec", "libavformat", "libswresample", "libcubeb"})
+        EXPECT_EQ(r.err.find(lib), std::string::npos) << lib;
+}
+
 TEST(CommandLine, RefusesToRunWithoutAnInteractiveTerminal) {
     int master, slave;
     ASSERT_EQ(openpty(&master, &slave, nullptr, nullptr, nullptr), 0);

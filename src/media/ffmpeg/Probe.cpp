@@ -1,13 +1,12 @@
-#include "media/AudioFileProbe.h"
-#include "media/FFmpegHandles.h"
+#include "media/ffmpeg/FfmpegCodecs.h"
+
+#include "media/ffmpeg/FFmpegHandles.h"
 
 extern "C" {
 #include <libavformat/avformat.h>
-#include <libavutil/log.h>
 }
 
 #include <memory>
-#include <mutex>
 
 namespace trovan {
 
@@ -17,10 +16,8 @@ using ffmpeg::FormatPtr;
 
 } // namespace
 
-std::optional<AudioFileProbe> AudioFileProbe::read(const std::string& path) {
-    static std::once_flag quiet;
-    std::call_once(quiet, [] { av_log_set_level(AV_LOG_QUIET); });
-
+std::optional<AudioFileProbe> ffmpeg::probe(const std::string& path) {
+    silence();
     AVFormatContext* raw = nullptr;
     if (avformat_open_input(&raw, path.c_str(), nullptr, nullptr) < 0) return std::nullopt;
     FormatPtr ctx(raw);

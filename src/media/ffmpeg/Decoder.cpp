@@ -1,5 +1,6 @@
-#include "media/AudioDecoder.h"
-#include "media/FFmpegHandles.h"
+#include "media/ffmpeg/FfmpegCodecs.h"
+
+#include "media/ffmpeg/FFmpegHandles.h"
 
 extern "C" {
 #include <libavcodec/avcodec.h>
@@ -32,11 +33,6 @@ constexpr int maxChannels = 64;
 // Corrupt files can yield endless undecodable packets; give up after this many in a row.
 constexpr int maxConsecutiveErrors = 500;
 
-void silenceFfmpeg() {
-    static std::once_flag once;
-    std::call_once(once, [] { av_log_set_level(AV_LOG_QUIET); });
-}
-
 AudioCodecKind kindOf(AVCodecID id) {
     switch (id) {
     case AV_CODEC_ID_ALAC:
@@ -55,9 +51,7 @@ AudioCodecKind kindOf(AVCodecID id) {
     return AudioCodecKind::other;
 }
 
-} // namespace
-
-struct AudioDecoder::Impl {
+struct Impl {
     FormatPtr format;
     CodecPtr codec;
     SwrPtr swr;
@@ -230,84 +224,105 @@ struct AudioDecoder::Impl {
     }
 };
 
-AudioDecoder::AudioDecoder(const std::string& path) : impl_(std::make_unique<Impl>()), path_(path) {
-    silenceFfmpeg();
-    impl_->open(path);
-    AVStream* st = impl_->format->streams[impl_->stream];
-    const AVCodecParameters* par = st->codecpar;
-    sampleRate_ = impl_->rate;
-    outputChannels_ = impl_->outChannels;
-    description_.codec = kindOf(par->codec_id);
-    description_.codecName = avcodec_get_name(par->codec_id);
-    description_.sampleRate = par->sample_rate > 0 ? par->sample_rate : impl_->rate;
-    description_.channels = par->ch_layout.nb_channels > 0 ? par->ch_layout.nb_channels
-                                                           : impl_->codec->ch_layout.nb_channels;
-    description_.bitsPerRawSample = std::max(par->bits_per_raw_sample, 0);
-    description_.bitsPerCodedSample = std::max(par->bits_per_coded_sample, 0);
-
-    AVRational perFrame{1, sampleRate_};
-    if (st->duration != AV_NOPTS_VALUE && st->duration > 0)
-        frames_ = av_rescale_q(st->duration, st->time_base, perFrame);
-    else if (impl_->format->duration != AV_NOPTS_VALUE && impl_->format->duration > 0)
-        frames_ = av_rescale_q(impl_->format->duration, AVRational{1, AV_TIME_BASE}, perFrame);
-    frames_ = std::max<int64_t>(frames_, 0);
-    lengthIsExact_ = impl_->format->duration_estimation_method != AVFMT_DURATION_FROM_BITRATE;
-}
-
-AudioDecoder::~AudioDecoder() = default;
-
-bool AudioDecoder::seek(int64_t frame) {
-    frame = std::max<int64_t>(frame, 0);
-    Impl& d = *impl_;
-    const int64_t preroll = d.needsPreroll ? d.rate / 10 : 0;
-    const int64_t from = frame - preroll;
-    int r = -1;
-    if (from > 0) {
-        int64_t ts = d.startTime + av_rescale_q(from, AVRational{1, d.rate}, d.timeBase);
-        r = av_seek_frame(d.format.get(), d.stream, ts, AVSEEK_FLAG_BACKWARD);
-        if (r < 0) r = avformat_seek_file(d.format.get(), d.stream, INT64_MIN, ts, ts, 0);
+// One open file: the decoder state, replaced whole when a seek has to start over.
+class Decoder final : public DecoderStream {
+public:
+    explicit Decoder(const std::string& path) : impl_(std::make_unique<Impl>()), path_(path) {
+        impl_->open(path);
     }
-    if (r >= 0) {
-        d.resetDecoding();
-        d.nextPosition = std::max<int64_t>(from, 0);
-        d.dropBefore = frame;
-        position_ = frame;
+
+    void describe(DecoderOpening& out) const {
+        AVStream* st = impl_->format->streams[impl_->stream];
+        const AVCodecParameters* par = st->codecpar;
+        out.sampleRate = impl_->rate;
+        out.outputChannels = impl_->outChannels;
+        auto& d = out.description;
+        d.codec = kindOf(par->codec_id);
+        d.codecName = avcodec_get_name(par->codec_id);
+        d.sampleRate = par->sample_rate > 0 ? par->sample_rate : impl_->rate;
+        d.channels = par->ch_layout.nb_channels > 0 ? par->ch_layout.nb_channels
+                                                    : impl_->codec->ch_layout.nb_channels;
+        d.bitsPerRawSample = std::max(par->bits_per_raw_sample, 0);
+        d.bitsPerCodedSample = std::max(par->bits_per_coded_sample, 0);
+
+        AVRational perFrame{1, impl_->rate};
+        int64_t frames = 0;
+        if (st->duration != AV_NOPTS_VALUE && st->duration > 0)
+            frames = av_rescale_q(st->duration, st->time_base, perFrame);
+        else if (impl_->format->duration != AV_NOPTS_VALUE && impl_->format->duration > 0)
+            frames = av_rescale_q(impl_->format->duration, AVRational{1, AV_TIME_BASE}, perFrame);
+        out.frames = std::max<int64_t>(frames, 0);
+        out.lengthIsExact =
+            impl_->format->duration_estimation_method != AVFMT_DURATION_FROM_BITRATE;
+    }
+
+    bool seek(int64_t frame) override {
+        Impl& d = *impl_;
+        const int64_t preroll = d.needsPreroll ? d.rate / 10 : 0;
+        const int64_t from = frame - preroll;
+        int r = -1;
+        if (from > 0) {
+            int64_t ts = d.startTime + av_rescale_q(from, AVRational{1, d.rate}, d.timeBase);
+            r = av_seek_frame(d.format.get(), d.stream, ts, AVSEEK_FLAG_BACKWARD);
+            if (r < 0) r = avformat_seek_file(d.format.get(), d.stream, INT64_MIN, ts, ts, 0);
+        }
+        if (r >= 0) {
+            d.resetDecoding();
+            d.nextPosition = std::max<int64_t>(from, 0);
+            d.dropBefore = frame;
+            return true;
+        }
+        // Near the start (decoders trim priming samples only on a fresh start, and
+        // demuxers treat a seek to the first timestamp specially), or on input that
+        // cannot seek: start over and count frames.
+        try {
+            auto fresh = std::make_unique<Impl>();
+            fresh->open(path_);
+            impl_ = std::move(fresh);
+        } catch (const AudioDecodeError&) {
+            impl_->finished = true;
+            return false;
+        }
+        impl_->dropCount = frame;
         return true;
     }
-    // Near the start (decoders trim priming samples only on a fresh start, and
-    // demuxers treat a seek to the first timestamp specially), or on input that
-    // cannot seek: start over and count frames.
-    try {
-        auto fresh = std::make_unique<Impl>();
-        fresh->open(path_);
-        impl_ = std::move(fresh);
-    } catch (const AudioDecodeError&) {
-        impl_->finished = true;
-        position_ = frame;
-        return false;
-    }
-    impl_->dropCount = frame;
-    position_ = frame;
-    return true;
-}
 
-std::size_t AudioDecoder::read(float* out, std::size_t maxFrames) {
-    Impl& d = *impl_;
-    std::size_t written = 0;
-    const auto ch = static_cast<std::size_t>(d.outChannels);
-    while (written < maxFrames) {
-        if (d.pendingOffset < d.pendingFrames) {
-            std::size_t n = std::min(maxFrames - written, d.pendingFrames - d.pendingOffset);
-            std::memcpy(out + written * ch, d.pending.data() + d.pendingOffset * ch,
-                        n * ch * sizeof(float));
-            d.pendingOffset += n;
-            written += n;
-            continue;
+    std::size_t read(float* out, std::size_t maxFrames) override {
+        Impl& d = *impl_;
+        std::size_t written = 0;
+        const auto ch = static_cast<std::size_t>(d.outChannels);
+        while (written < maxFrames) {
+            if (d.pendingOffset < d.pendingFrames) {
+                std::size_t n = std::min(maxFrames - written, d.pendingFrames - d.pendingOffset);
+                std::memcpy(out + written * ch, d.pending.data() + d.pendingOffset * ch,
+                            n * ch * sizeof(float));
+                d.pendingOffset += n;
+                written += n;
+                continue;
+            }
+            if (!d.decodeMore()) break;
         }
-        if (!d.decodeMore()) break;
+        return written;
     }
-    position_ += static_cast<int64_t>(written);
-    return written;
+
+private:
+    std::unique_ptr<Impl> impl_;
+    std::string path_;
+};
+
+} // namespace
+
+DecoderOpening ffmpeg::openDecoder(const std::string& path) {
+    silence();
+    DecoderOpening out;
+    try {
+        auto decoder = std::make_unique<Decoder>(path);
+        decoder->describe(out);
+        out.stream = std::move(decoder);
+    } catch (const AudioDecodeError& e) {
+        out.error = e.what();
+    }
+    return out;
 }
 
 } // namespace trovan

@@ -1,5 +1,6 @@
-#include "media/ImageDecoder.h"
-#include "media/FFmpegHandles.h"
+#include "media/ffmpeg/FfmpegCodecs.h"
+
+#include "media/ffmpeg/FFmpegHandles.h"
 
 extern "C" {
 #include <libavcodec/avcodec.h>
@@ -27,12 +28,6 @@ using namespace ffmpeg;
 
 // A pathological picture must not exhaust memory; real covers are far below this.
 constexpr std::int64_t maxPixels = 64LL * 1024 * 1024;
-
-void silenceLibraries() {
-    // FFmpeg's warnings would land in the middle of the full-screen session.
-    static std::once_flag once;
-    std::call_once(once, [] { av_log_set_level(AV_LOG_QUIET); });
-}
 
 bool startsWith(std::span<const std::uint8_t> b, std::size_t at, const char* magic, std::size_t n) {
     return b.size() >= at + n && std::memcmp(b.data() + at, magic, n) == 0;
@@ -65,7 +60,7 @@ bool transposes(int orientation) {
 }
 
 std::optional<Decoded> decode(std::span<const std::uint8_t> bytes) {
-    silenceLibraries();
+    silence();
     AVCodecID id = codecFor(bytes);
     if (id == AV_CODEC_ID_NONE || bytes.size() > static_cast<std::size_t>(INT32_MAX) / 2)
         return std::nullopt;
@@ -148,12 +143,12 @@ std::pair<int, int> sourceOf(int orientation, int x, int y, int inW, int inH) {
 
 } // namespace
 
-bool ImageDecoder::isImage(std::span<const std::uint8_t> bytes) {
+bool ffmpeg::isImage(std::span<const std::uint8_t> bytes) {
     return decode(bytes).has_value();
 }
 
-std::optional<RgbImage> ImageDecoder::decodeToFill(std::span<const std::uint8_t> bytes, int width,
-                                                   int height) {
+std::optional<RgbImage> ffmpeg::decodeToFill(std::span<const std::uint8_t> bytes, int width,
+                                             int height) {
     if (width < 1 || height < 1 || static_cast<std::int64_t>(width) * height > maxPixels)
         return std::nullopt;
     auto d = decode(bytes);
@@ -219,8 +214,8 @@ std::optional<RgbImage> ImageDecoder::decodeToFill(std::span<const std::uint8_t>
     return out;
 }
 
-std::optional<std::vector<std::uint8_t>> ImageDecoder::embeddedPicture(const std::string& path) {
-    silenceLibraries();
+std::optional<std::vector<std::uint8_t>> ffmpeg::embeddedPicture(const std::string& path) {
+    silence();
     AVFormatContext* raw = nullptr;
     if (avformat_open_input(&raw, path.c_str(), nullptr, nullptr) < 0) return std::nullopt;
     FormatPtr fmt(raw);

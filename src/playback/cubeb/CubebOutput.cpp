@@ -1,4 +1,4 @@
-#include "playback/CubebOutput.h"
+#include "playback/cubeb/CubebOutput.h"
 
 #include <cubeb/cubeb.h>
 
@@ -115,3 +115,19 @@ int64_t CubebOutput::playedFrames() const {
 }
 
 } // namespace trovan
+
+// The sound-server module's one exported symbol: a factory of cubeb streams. Used from
+// its owner's thread only. A context whose server went away cannot open streams any
+// more, so after a failure the next connection starts over.
+extern "C" __attribute__((visibility("default"))) trovan::OutputFactory* trovan_sound_server() {
+    using namespace trovan;
+    auto context = std::make_shared<std::shared_ptr<CubebContext>>();
+    return new OutputFactory([context](const OutputFormat& format, AudioRenderer& renderer,
+                                       OutputEvents events) -> std::unique_ptr<AudioOutput> {
+        if (!*context) *context = CubebContext::create("Trovan");
+        if (!*context) return nullptr;
+        if (auto out = CubebOutput::open(*context, format, renderer, events)) return out;
+        context->reset();
+        return nullptr;
+    });
+}
