@@ -47,7 +47,12 @@ TEST(AudioDecoderTest, FormatsDescribeThemselvesDecodeWholeAndSeekExactly) {
     for (const auto& c : cases) {
         auto path =
             testing::tone("dec-" + std::to_string(&c - cases) + "." + fixtures::extension(c.format),
-                          1.5, 330, c.rate, c.channels, c.format, c.depth);
+                          {.format = c.format,
+                           .frequency = 330,
+                           .seconds = 1.5,
+                           .sampleRate = c.rate,
+                           .channels = c.channels,
+                           .bitDepth = c.depth});
         SCOPED_TRACE(path);
         AudioDecoder linear(path);
         auto info = AudioFormatInfo::describe(linear.description(), path);

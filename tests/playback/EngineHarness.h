@@ -6,7 +6,6 @@
 #include "playback/NullOutput.h"
 #include "support/Fixtures.h"
 
-#include <deque>
 #include <mutex>
 #include <thread>
 #include <utility>
@@ -43,7 +42,7 @@ public:
 
 private:
     std::mutex mutex_;
-    std::deque<AudioEngine::Task> tasks_;
+    std::vector<AudioEngine::Task> tasks_;
 };
 
 // Hands out virtual-clock null outputs and remembers what it was asked for.
@@ -77,18 +76,9 @@ inline void advanceSeconds(AudioEngine& engine, VirtualOutputs& outputs, double 
     }
 }
 
-// A generated sine, cached for every test program.
-inline std::string tone(const std::string& name, double seconds, double frequency = 440,
-                        int rate = 44100, int channels = 2,
-                        fixtures::Format format = fixtures::Format::flac, int depth = 16) {
-    fixtures::Tone t;
-    t.seconds = seconds;
-    t.frequency = frequency;
-    t.sampleRate = rate;
-    t.channels = channels;
-    t.format = format;
-    t.bitDepth = depth;
-    return fixtures::cached(name, t).string();
+// A generated tone, cached for every test program.
+inline std::string tone(const std::string& name, const fixtures::Tone& tone) {
+    return fixtures::cached(name, tone).string();
 }
 
 } // namespace trovan::testing

@@ -20,7 +20,8 @@ protected:
             return it == library.end() ? std::nullopt : std::optional(it->second);
         };
         for (int i = 0; i < 3; ++i)
-            good.push_back(add(testing::tone("ctl-" + std::to_string(i) + ".flac", 5.0), "Pista"));
+            good.push_back(
+                add(testing::tone("ctl-" + std::to_string(i) + ".flac", {.seconds = 5}), "Pista"));
     }
 
     std::string add(const std::string& path, const std::string& title) {

@@ -17,11 +17,11 @@ std::string describe(const InputEvent& e) {
                                  "down",    "left",      "right",  "shiftUp", "shiftDown",
                                  "home",    "end",       "pageUp", "pageDown"};
     static const char* mice[] = {"press", "drag", "release", "scrollUp", "scrollDown"};
-    if (auto* k = std::get_if<Key>(&e)) {
-        std::string s = keys[static_cast<int>(k->kind)];
-        if (k->kind == Key::Kind::function) return s + std::to_string(k->number);
-        return k->text.empty() ? s : s + "(" + k->text + ")";
-    }
+    if (auto* k = std::get_if<Key>(&e))
+        return keys[static_cast<int>(k->kind)] + (k->kind == Key::Kind::function
+                                                      ? std::to_string(k->number)
+                                                  : k->text.empty() ? std::string()
+                                                                    : "(" + k->text + ")");
     if (auto* p = std::get_if<Paste>(&e)) return "paste(" + p->text + ")";
     const auto& m = std::get<MouseEvent>(e);
     return mice[static_cast<int>(m.kind)] + ("@" + std::to_string(m.x)) + "," + std::to_string(m.y);
@@ -37,15 +37,10 @@ V feed(const V& reads) {
     return out;
 }
 
-void expectTable(const std::vector<std::pair<std::string, V>>& cases) {
-    for (std::size_t i = 0; i < cases.size(); ++i)
-        EXPECT_EQ(feed({cases[i].first}), cases[i].second) << "case " << i;
-}
-
 } // namespace
 
 TEST(InputDecoder, KeysMouseReportsAndUnknownSequences) {
-    expectTable({
+    const std::pair<std::string, V> cases[] = {
         {"a\xC3\xB1\xE2\x82\xAC", {"char(a)", "char(\xC3\xB1)", "char(\xE2\x82\xAC)"}},
         {"\r\n\t\x7f\x08", {"enter", "enter", "tab", "backspace", "backspace"}},
         {"\x03\x01\x1a", {"ctrl(c)", "ctrl(a)", "ctrl(z)"}},
@@ -75,7 +70,9 @@ TEST(InputDecoder, KeysMouseReportsAndUnknownSequences) {
         {"\x1b[<2;1;1M\x1b[<4;1;1M\x1b[<35;1;1M\x1b[<0;1M\x1b[<0;1;2;3M", {}},
         // Non-numeric pieces are skipped, empty ones dropped.
         {"\x1b[<0;?;10;;5M", {"press@9,4"}},
-    });
+    };
+    for (const auto& [input, events] : cases)
+        EXPECT_EQ(feed({input}), events) << testing::PrintToString(input);
 }
 
 TEST(InputDecoder, BracketedPasteAcrossReads) {

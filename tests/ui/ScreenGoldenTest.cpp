@@ -3,6 +3,7 @@
 
 #include "Fixtures.h"
 
+#include "terminal/Palette.h"
 #include "ui/Screen.h"
 
 #include <gtest/gtest.h>
@@ -12,6 +13,7 @@
 #include <cstdlib>
 #include <fstream>
 #include <sstream>
+#include <vector>
 
 using namespace trovan;
 using namespace trovan::testing;
@@ -34,33 +36,29 @@ std::string trimmed(std::string s, char pad) {
 // in order of first appearance ("." is the empty frame's style) with a legend.
 std::string dump(const Frame& f) {
     const ScreenBuffer& b = f.buffer;
-    const Style base{{198, 202, 211}, {20, 22, 28}, false, false};
     const std::string letters =
-        "abcdefghijklmnopqrstuvwxyzABCDEFGHIJKLMNOPQRSTUVWXYZ0123456789@#$%&*+=?!";
-    std::vector<Style> seen;
-    std::ostringstream chars, styles, out;
+        ".abcdefghijklmnopqrstuvwxyzABCDEFGHIJKLMNOPQRSTUVWXYZ0123456789@#$%&*+=?!";
+    std::vector<Style> seen{palette::defaultStyle};
+    std::string chars, styles;
     for (int y = 0; y < b.height(); ++y) {
         std::string text, style;
         for (int x = 0; x < b.width(); ++x) {
             const Cell& c = b.at(x, y);
             text += c.ch.view(); // empty for the right half of a wide character
-            const auto i = static_cast<std::size_t>(std::find(seen.begin(), seen.end(), c.style) -
-                                                    seen.begin());
-            if (c.style != base && i == seen.size()) seen.push_back(c.style);
-            style += c.style == base ? '.' : i < letters.size() ? letters[i] : '~';
+            const auto i = std::find(seen.begin(), seen.end(), c.style) - seen.begin();
+            if (i == std::ssize(seen)) seen.push_back(c.style);
+            style += letters.at(static_cast<std::size_t>(i));
         }
-        chars << "|" << trimmed(text, ' ') << "\n";
-        styles << "|" << trimmed(style, '.') << "\n";
+        chars += "|" + trimmed(text, ' ') + "\n";
+        styles += "|" + trimmed(style, '.') + "\n";
     }
-    out << "size " << b.width() << "x" << b.height() << ", cursor ";
-    if (f.cursor)
-        out << f.cursor->x << "," << f.cursor->y;
-    else
-        out << "none";
-    out << "\n-- characters\n" << chars.str() << "-- styles\n. = " << describe(base) << "\n";
+    std::string out =
+        "size " + std::to_string(b.width()) + "x" + std::to_string(b.height()) + ", cursor " +
+        (f.cursor ? std::to_string(f.cursor->x) + "," + std::to_string(f.cursor->y) : "none") +
+        "\n-- characters\n" + chars + "-- styles\n";
     for (std::size_t i = 0; i < seen.size(); ++i)
-        out << (i < letters.size() ? letters[i] : '~') << " = " << describe(seen[i]) << "\n";
-    return out.str() + styles.str();
+        out += letters[i] + (" = " + describe(seen[i])) + "\n";
+    return out + styles;
 }
 
 // Compares the frame with tests/ui/golden/<name>-<width>x<height>.txt.
@@ -82,15 +80,6 @@ void golden(const std::string& name, const AppState& state, Size size, double el
 
 const Size small{60, 16}, medium{100, 40}, large{200, 60};
 
-// A 10 × 10 pixel cover: a diagonal split, warm above, cool below.
-std::vector<RGB> diagonalCover() {
-    std::vector<RGB> px;
-    for (int y = 0; y < 10; ++y)
-        for (int x = 0; x < 10; ++x)
-            px.push_back(x > y ? RGB{200, 80, 40} : RGB{40, 80, 200});
-    return px;
-}
-
 int rowOfTitle(const AppState& state, const std::string& title) {
     for (std::size_t i = 0; i < state.libraryRows.size(); ++i)
         if (const auto* t = state.libraryRows[i].get<LibraryRow::Track>())
@@ -111,7 +100,11 @@ AppState albumView(Size size) {
     s.playback.format = AudioFormatInfo{"MP3", 44100, std::nullopt, 2};
     const auto& air = s.index.artists[static_cast<std::size_t>(
         s.artistRows[static_cast<std::size_t>(*s.shownArtist)].get<ArtistRow::Artist>()->artist)];
-    s.albumCovers[CoverArt::albumKey(air, air.albums[0])] = CoverArt{"ms", diagonalCover()};
+    // A 10 × 10 pixel cover split along the diagonal, warm above, cool below.
+    std::vector<RGB> diagonal(100);
+    for (std::size_t i = 0; i < 100; ++i)
+        diagonal[i] = i % 10 > i / 10 ? RGB{200, 80, 40} : RGB{40, 80, 200};
+    s.albumCovers[CoverArt::albumKey(air, air.albums[0])] = CoverArt{"ms", diagonal};
     s.cover = CoverArt{"tw", std::nullopt};
     return s;
 }
@@ -167,9 +160,9 @@ TEST(ScreenGolden, PlayerPanel) {
     s.settings.shuffle = true;
     s.settings.repeatMode = RepeatMode::one;
     s.playback.format = AudioFormatInfo{"FLAC", 44100, 16, 2};
-    std::vector<RGB> px;
-    for (int i = 0; i < 100; ++i)
-        px.push_back(RGB{static_cast<std::uint8_t>(i * 2), 100, 50});
+    std::vector<RGB> px(100);
+    for (std::size_t i = 0; i < 100; ++i)
+        px[i] = RGB{static_cast<std::uint8_t>(i * 2), 100, 50};
     s.cover = CoverArt{"tw", px};
     golden("player-half", s, medium, 126.5);
     s.muted = true;
