@@ -1,18 +1,19 @@
 // Runs the real program with its standard descriptors pointed at pipes, files and
 // pseudo-terminals, for everything that happens before the full-screen session.
 
+#include "support/TempDir.h"
+
 #include <gtest/gtest.h>
 
 #include <cstdlib>
 #include <fcntl.h>
+#include <filesystem>
+#include <fstream>
 #include <pty.h>
-#include <spawn.h>
+#include <sstream>
 #include <string>
 #include <sys/wait.h>
 #include <unistd.h>
-#include <vector>
-
-extern char** environ;
 
 namespace {
 
@@ -27,87 +28,45 @@ const std::string kUsage =
 
 const std::string kNotATerminal = "trovan necesita una terminal interactiva\n";
 
-std::string readAll(int fd) {
-    std::string out;
-    char buf[4096];
-    ssize_t n;
-    while ((n = read(fd, buf, sizeof buf)) > 0)
-        out.append(buf, static_cast<std::size_t>(n));
-    return out;
-}
-
 struct Result {
     int status = -1;
     std::string out, err;
 };
 
-// Runs trovan with the given descriptors for stdin and stdout (-1: a pipe we read);
-// stderr is always a pipe.
-Result run(std::vector<std::string> args, int in, int out) {
-    int outPipe[2] = {-1, -1}, errPipe[2];
-    EXPECT_EQ(pipe(errPipe), 0);
-    if (out < 0) {
-        EXPECT_EQ(pipe(outPipe), 0);
-    }
-    posix_spawn_file_actions_t fa;
-    posix_spawn_file_actions_init(&fa);
-    posix_spawn_file_actions_adddup2(&fa, in, 0);
-    posix_spawn_file_actions_adddup2(&fa, out < 0 ? outPipe[1] : out, 1);
-    posix_spawn_file_actions_adddup2(&fa, errPipe[1], 2);
-    std::vector<char*> argv{const_cast<char*>(TROVAN_BINARY)};
-    for (auto& a : args)
-        argv.push_back(a.data());
-    argv.push_back(nullptr);
-    pid_t pid;
-    EXPECT_EQ(posix_spawn(&pid, TROVAN_BINARY, &fa, nullptr, argv.data(), environ), 0);
-    posix_spawn_file_actions_destroy(&fa);
-    close(errPipe[1]);
-    Result r;
-    if (out < 0) {
-        close(outPipe[1]);
-        r.out = readAll(outPipe[0]);
-        close(outPipe[0]);
-    }
-    r.err = readAll(errPipe[0]);
-    close(errPipe[0]);
-    int status = 0;
-    waitpid(pid, &status, 0);
-    r.status = WIFEXITED(status) ? WEXITSTATUS(status) : -1;
-    return r;
+std::string slurp(const std::filesystem::path& path) {
+    std::stringstream ss;
+    ss << std::ifstream(path).rdbuf();
+    return ss.str();
 }
 
-// Everything the master side of a pseudo-terminal has received so far.
-std::string drainMaster(int master) {
-    int flags = fcntl(master, F_GETFL);
-    fcntl(master, F_SETFL, flags | O_NONBLOCK);
-    return readAll(master);
+// Runs `trovan <args>` through the shell, standard output and error into files unless
+// `args` redirects them (descriptors the test opened are inherited).
+Result run(const std::string& args, const std::string& env = "") {
+    trovan::fixtures::TempDir dir("trovan-cli");
+    const int status = std::system((env + " " + TROVAN_BINARY + " >" + (dir / "out").string() +
+                                    " 2>" + (dir / "err").string() + " " + args)
+                                       .c_str());
+    return {WIFEXITED(status) ? WEXITSTATUS(status) : -1, slurp(dir / "out"), slurp(dir / "err")};
 }
 
 } // namespace
 
 TEST(CommandLine, HelpPrintsTheUsageAndNothingElse) {
-    int devnull = open("/dev/null", O_RDONLY);
-    for (const auto& args : {std::vector<std::string>{"-h"}, {"--help", "x"}, {"carpeta", "-h"}}) {
-        Result r = run(args, devnull, -1);
-        EXPECT_EQ(r.status, 0);
-        EXPECT_EQ(r.out, kUsage);
-        EXPECT_EQ(r.err, "");
+    for (const char* args : {"-h", "--help x", "carpeta -h"}) {
+        const Result r = run(std::string(args) + " </dev/null");
+        EXPECT_EQ(r.status, 0) << args;
+        EXPECT_EQ(r.out, kUsage) << args;
+        EXPECT_EQ(r.err, "") << args;
     }
-    // Only the exact spellings count.
-    Result r = run({"-help"}, devnull, -1);
+    const Result r = run("-help </dev/null"); // only the exact spellings count
     EXPECT_EQ(r.status, 1);
     EXPECT_EQ(r.out, "");
-    close(devnull);
 }
 
 // FFmpeg and the sound server's client bring some hundred and fifty libraries; they are
 // modules loaded after the first frame, never at start.
 TEST(CommandLine, StartsWithoutLoadingFFmpegOrTheSoundServer) {
-    int devnull = open("/dev/null", O_RDONLY);
-    setenv("LD_DEBUG", "files", 1);
-    Result r = run({"--help"}, devnull, -1);
-    unsetenv("LD_DEBUG");
-    close(devnull);
+    const Result r = run("--help </dev/null", "LD_DEBUG=files");
     EXPECT_EQ(r.status, 0);
     ASSERT_NE(r.err.find("libtag"), std::string::npos) << "no loader trace:\n" << r.err;
     for (const char* lib : {"libavcodec", "libavformat", "libswresample", "libcubeb"})
@@ -117,27 +76,18 @@ TEST(CommandLine, StartsWithoutLoadingFFmpegOrTheSoundServer) {
 TEST(CommandLine, RefusesToRunWithoutAnInteractiveTerminal) {
     int master, slave;
     ASSERT_EQ(openpty(&master, &slave, nullptr, nullptr, nullptr), 0);
-
-    // Input from /dev/null, output to a real terminal: the terminal is never touched.
-    int devnull = open("/dev/null", O_RDONLY);
-    Result r = run({}, devnull, slave);
-    EXPECT_EQ(r.status, 1);
-    EXPECT_EQ(r.err, kNotATerminal);
-    EXPECT_EQ(drainMaster(master), "");
-
-    // Input from a terminal, output to a file.
-    char path[] = "/tmp/trovan-out-XXXXXX";
-    int file = mkstemp(path);
-    ASSERT_GE(file, 0);
-    r = run({}, slave, file);
-    EXPECT_EQ(r.status, 1);
-    EXPECT_EQ(r.err, kNotATerminal);
-    lseek(file, 0, SEEK_SET);
-    EXPECT_EQ(readAll(file), "");
-    EXPECT_EQ(drainMaster(master), "");
-    close(file);
-    unlink(path);
-    close(devnull);
+    fcntl(master, F_SETFL, fcntl(master, F_GETFL) | O_NONBLOCK);
+    const std::string tty = " >&" + std::to_string(slave), fromTty = " <&" + std::to_string(slave);
+    // Input from /dev/null and output to a terminal, or input from a terminal and output
+    // to a file: the message, status 1, and the terminal never touched.
+    for (const std::string& redirections : {"</dev/null" + tty, fromTty}) {
+        const Result r = run(redirections);
+        EXPECT_EQ(r.status, 1) << redirections;
+        EXPECT_EQ(r.err, kNotATerminal) << redirections;
+        EXPECT_EQ(r.out, "") << redirections;
+        char c;
+        EXPECT_EQ(read(master, &c, 1), -1) << redirections << ": the terminal got output";
+    }
     close(slave);
     close(master);
 }

@@ -1,8 +1,7 @@
 #pragma once
 // A controller without a terminal: a private data folder and store, a real worker pool,
 // a main queue the test drains by hand, delayed tasks that wait until the test runs
-// them, a clock the test moves, and audio outputs on a virtual clock (nothing plays
-// unless a test advances it).
+// them, a clock the test moves, and audio outputs on a virtual clock.
 
 #include "app/AppController.h"
 #include "app/WorkerPool.h"
@@ -88,8 +87,7 @@ public:
             d.task();
     }
 
-    // Every status message shown so far (a report is recorded when the task that
-    // made it has run; call noteStatus() after driving the controller directly).
+    // Records the status message if it is a new one.
     void noteStatus() {
         const auto& s = controller->state().status;
         if (s && (reports.empty() || !(reports.back() == *s))) reports.push_back(*s);
@@ -122,7 +120,7 @@ public:
     WorkerPool pool{2};
     Clock::time_point clock = Clock::time_point(std::chrono::hours(24 * 365 * 50));
     std::vector<Delayed> delayed;
-    std::vector<StatusMessage> reports;
+    std::vector<StatusMessage> reports; // every status message shown, in order
     int renders = 0;
     std::unique_ptr<AppController> controller;
 
@@ -138,16 +136,12 @@ inline Track fakeTrack(const std::string& artist, const std::string& album, int 
     Track t;
     t.path = "/music/" + artist + "/" + album + "/" + std::to_string(disc) + "-" +
              std::to_string(number) + " " + title + ".flac";
-    t.mtime = 1;
-    t.size = 100;
     t.artist = artist;
     t.album = album;
     t.title = title;
     t.trackNumber = number;
     t.discNumber = disc;
     t.year = year;
-    t.durationMs = 60000;
-    t.codec = "FLAC";
     return t;
 }
 
@@ -163,6 +157,13 @@ inline std::string artistUnderCursor(const ControllerHarness& h) {
     const auto* a =
         s.artistRows.at(static_cast<std::size_t>(s.artists.cursor)).get<ArtistRow::Artist>();
     return a ? s.index.artists[static_cast<std::size_t>(a->artist)].name : "<letter>";
+}
+
+// The title under the library cursor, or what kind of row it is.
+inline std::string libraryRowName(const ControllerHarness& h) {
+    const auto& row = h.state().libraryRows.at(static_cast<std::size_t>(h.state().library.cursor));
+    if (const auto* t = row.get<LibraryRow::Track>()) return t->track.title;
+    return row.is<LibraryRow::Album>() ? "<album>" : "<other>";
 }
 
 } // namespace trovan::testing

@@ -7,7 +7,6 @@
 
 #include <gtest/gtest.h>
 
-#include <optional>
 #include <random>
 #include <tuple>
 
@@ -17,11 +16,10 @@ using namespace std::chrono_literals;
 
 namespace {
 
-const Key kUp(Key::Kind::up), kDown(Key::Kind::down), kEnter(Key::Kind::enter),
-    kEsc(Key::Kind::escape), kTab(Key::Kind::tab), kBackTab(Key::Kind::backTab),
-    kLeft(Key::Kind::left), kRight(Key::Kind::right), kHome(Key::Kind::home), kEnd(Key::Kind::end),
-    kPageDown(Key::Kind::pageDown), kPageUp(Key::Kind::pageUp), kShiftUp(Key::Kind::shiftUp),
-    kBackspace(Key::Kind::backspace);
+using K = Key::Kind;
+const Key kUp(K::up), kDown(K::down), kEnter(K::enter), kEsc(K::escape), kTab(K::tab),
+    kLeft(K::left), kRight(K::right), kHome(K::home), kEnd(K::end), kPageDown(K::pageDown),
+    kPageUp(K::pageUp), kShiftUp(K::shiftUp), kBackspace(K::backspace);
 
 Key ch(const char* c) {
     return Key::character(c);
@@ -39,46 +37,27 @@ void loadSmallLibrary(ControllerHarness& h) {
              fakeTrack("Cher", "Believe", 1, "Believe")});
 }
 
-std::string libraryRowName(const ControllerHarness& h) {
-    const auto& row = h.state().libraryRows.at(static_cast<std::size_t>(h.state().library.cursor));
-    if (const auto* t = row.get<LibraryRow::Track>()) return t->track.title;
-    return row.is<LibraryRow::Album>() ? "<album>" : "<other>";
-}
-
 } // namespace
 
 TEST(ControllerKeys, TheOpenOverlayDecidesWhereKeysGo) {
     ControllerHarness h;
     loadSmallLibrary(h);
-
-    // No overlay: the binding table; unknown keys do nothing.
     const AppState before = h.state();
-    h.key(ch("z"));
-    EXPECT_EQ(h.state().overlay, Overlay::none());
+    h.key(ch("z")); // unbound: nothing happens
     EXPECT_EQ(h.state().artists, before.artists);
     EXPECT_FALSE(h.state().status);
 
-    // Help: arrows scroll (not below 0), pages by ten, anything else closes.
-    h.key(ch("?"));
-    ASSERT_EQ(h.state().overlay, Overlay::help());
-    h.press({kUp});
+    // Help: arrows scroll (not below 0), pages by ten, anything else closes it.
+    h.press({ch("?"), kUp});
     EXPECT_EQ(h.state().helpOffset, 0);
     h.press({ch("j"), kPageDown});
     EXPECT_EQ(h.state().helpOffset, 11);
-    h.press({kPageUp, kPageUp});
-    EXPECT_EQ(h.state().helpOffset, 0);
     h.key(ch("q")); // closes the help, does not quit
     EXPECT_EQ(h.state().overlay, Overlay::none());
 
-    // The command line: an empty one does nothing; unknown commands are errors.
+    // Prompts: an empty command does nothing; Esc and Ctrl-C drop the typed text.
     h.type(":");
     EXPECT_FALSE(h.state().status);
-    h.type(":foo bar");
-    ASSERT_TRUE(h.state().status);
-    EXPECT_EQ(h.state().status->text, "Comando desconocido: foo (usa :help)");
-    EXPECT_TRUE(h.state().status->isError);
-
-    // Esc and Ctrl-C drop the typed text; the next prompt starts empty.
     h.keys(":abc");
     h.key(kEsc);
     EXPECT_EQ(h.state().overlay, Overlay::none());
@@ -86,59 +65,38 @@ TEST(ControllerKeys, TheOpenOverlayDecidesWhereKeysGo) {
     EXPECT_EQ(h.state().input.text, "");
     h.key(Key::ctrl('c'));
     EXPECT_EQ(h.state().overlay, Overlay::none());
-
     h.type("t1:xx"); // the time prompt
     EXPECT_EQ(h.state().status->text, "Tiempo inválido: usa 1:42");
 
-    // Pasting: dropped without a prompt, inserted into an open one without line breaks.
+    // Pastes: dropped without a prompt, inserted into an open one without line breaks.
     h.c().handlePaste("vol 20");
     EXPECT_EQ(h.state().overlay, Overlay::none());
     h.key(ch(":"));
     h.c().handlePaste("vol\n 2");
     h.c().handlePaste("0");
-    EXPECT_EQ(h.state().input.text, "vol 20");
     h.key(kEnter);
-    EXPECT_FLOAT_EQ(h.state().settings.volume, 0.2f);
     EXPECT_FLOAT_EQ(h.savedSettings().volume, 0.2f);
-}
 
-TEST(ControllerKeys, MusicFolderListKeys) {
-    ControllerHarness h;
+    // The folder list: j moves, x is ignored, d removes, a starts an "add " command.
     const auto a = h.home.subdir("a"), b = h.home.subdir("b");
     h.c().addRoot(a.string(), false);
     h.c().addRoot(b.string(), false);
     h.type(":paths");
-    ASSERT_EQ(h.state().overlay, Overlay::roots());
-    h.press({kUp});
-    EXPECT_EQ(h.state().rootsCursor, 0);
-    h.keys("jjx"); // x is ignored
-    EXPECT_EQ(h.state().rootsCursor, 1);
-    EXPECT_EQ(h.state().overlay, Overlay::roots());
-
-    h.key(ch("d"));
+    h.keys("jjxd");
     EXPECT_EQ(h.savedSettings().roots, std::vector<std::string>{a.string()});
     EXPECT_EQ(h.state().status->text, "Carpeta quitada: " + b.string());
-    EXPECT_EQ(h.state().rootsCursor, 0);
-
-    h.key(ch("a")); // a command line with "add " typed
+    h.key(ch("a"));
     EXPECT_EQ(h.state().overlay, Overlay::prompt(PromptKind::command));
     EXPECT_EQ(h.state().input.text, "add ");
-    EXPECT_EQ(h.state().input.cursor, 4);
-    h.type(b.string());
-    EXPECT_EQ(h.state().settings.roots.size(), 2u);
     h.settle();
 }
 
 TEST(ControllerKeys, EqualizerOverlayAndCommands) {
     ControllerHarness h;
-    h.key(ch("="));
-    ASSERT_EQ(h.state().overlay, Overlay::equalizer());
-    h.press({kLeft}); // wraps to the last band
+    h.press({ch("="), kLeft}); // wraps to the last band
     EXPECT_EQ(h.state().eqBand, 9);
     h.press({ch("l"), kUp, ch("k")});
     EXPECT_EQ(h.state().eqBand, 0);
-    EXPECT_EQ(h.savedSettings().eqPreset, "Personalizado");
-    EXPECT_FLOAT_EQ(h.state().settings.eqGains[0], 2.0f);
     EXPECT_FLOAT_EQ(h.c().playback().engine().equalizer().bandGain(0), 2.0f);
     for (int i = 0; i < 20; ++i)
         h.key(kUp);
@@ -154,11 +112,9 @@ TEST(ControllerKeys, EqualizerOverlayAndCommands) {
     h.key(ch("0")); // flat, and on again
     EXPECT_TRUE(h.state().settings.eqEnabled);
     EXPECT_EQ(h.state().settings.eqPreset, "Plano");
-
     h.press({ch("q"), ch("=")});
     EXPECT_EQ(h.state().eqBand, 0); // the band survives closing
     h.key(kEsc);
-    EXPECT_EQ(h.state().overlay, Overlay::none());
 
     h.type(":eq save mío");
     EXPECT_EQ(h.state().status->text, "Preset guardado: mío");
@@ -166,7 +122,6 @@ TEST(ControllerKeys, EqualizerOverlayAndCommands) {
     h.type(":eq save JAZZ"); // a built-in name
     EXPECT_TRUE(h.state().status->isError);
     h.type(":eq rock");
-    EXPECT_EQ(h.state().settings.eqPreset, "Rock");
     h.type(":eq nada");
     EXPECT_EQ(h.state().status->text.rfind("No existe el preset nada. Disponibles: Plano, Rock", 0),
               0u);
@@ -175,30 +130,18 @@ TEST(ControllerKeys, EqualizerOverlayAndCommands) {
     EXPECT_FALSE(h.savedSettings().eqEnabled);
 }
 
-TEST(ControllerNavigation, ArtistCursorSkipsLettersAndKeepsContext) {
+TEST(ControllerNavigation, CursorsSkipHeadingsKeepContextAndSearchJumps) {
     ControllerHarness h({100, 16}); // six visible rows in each list
     loadSmallLibrary(h);
-    ASSERT_EQ(h.state().artistRows.size(), 8u);
     EXPECT_EQ(artistUnderCursor(h), "Abba");
-    // Up from the first artist: it stays, and its letter stays in view.
-    h.key(kUp);
-    EXPECT_EQ(h.state().artists.cursor, 1);
-    EXPECT_EQ(h.state().artists.offset, 0);
-
-    h.press({kDown, ch("j")}); // skips the letter B
-    EXPECT_EQ(artistUnderCursor(h), "Beck");
-    // The library pane follows the artist under the cursor.
-    EXPECT_EQ(h.state().shownArtist, std::optional<int>(4));
-    EXPECT_EQ(AppController::trackPaths(h.state().libraryRows).size(), 1u);
-
-    // Each step: key, artist under the cursor, first visible row.
+    // Each step: key, artist under the cursor, first visible row (-1: any).
     const std::vector<std::tuple<Key, std::string, int>> steps = {
-        {kEnd, "Cher", 2},                   // the cursor on the last visible line
-        {kDown, "Cher", 2},                  // nothing below
-        {kUp, "Blur", 2},                    // over the letter C
-        {kUp, "Beck", 2},   {kUp, "Air", 1}, // over the letter B: one row of context stays above
-        {kHome, "Abba", 0}, {kPageDown, "Cher", -1},
-    };
+        {kUp, "Abba", 0},                         // nothing above; its letter stays in view
+        {kDown, "Air", 0},  {ch("j"), "Beck", 0}, // over the letter B
+        {kEnd, "Cher", 2},  {kDown, "Cher", 2},   // nothing below
+        {kUp, "Blur", 2},                         // over the letter C
+        {kUp, "Beck", 2},   {kUp, "Air", 1},      // over the letter B: one row of context above
+        {kHome, "Abba", 0}, {kPageDown, "Cher", -1}};
     for (const auto& [key, artist, offset] : steps) {
         h.key(key);
         EXPECT_EQ(artistUnderCursor(h), artist);
@@ -206,28 +149,19 @@ TEST(ControllerNavigation, ArtistCursorSkipsLettersAndKeepsContext) {
             EXPECT_EQ(h.state().artists.offset, offset) << artist;
         }
     }
-}
 
-TEST(ControllerNavigation, LibraryCursorLandsOnAlbumsAndTracksOnlyAndSearchJumps) {
-    ControllerHarness h;
-    loadSmallLibrary(h);
+    // The library pane shows the artist under the cursor. Blur's rows: Parklife, disc 1,
+    // Girls, Tracy, disc 2, Bank; a spacer; Think with its fillers up to five rows.
     h.c().jumpToArtist("blur");
-    ASSERT_EQ(artistUnderCursor(h), "Blur");
-    // Parklife: album, disc 1, Girls, Tracy, disc 2, Bank; a spacer; Think with its
-    // fillers up to five rows.
-    const auto& rows = h.state().libraryRows;
-    ASSERT_EQ(rows.size(), 6u + 1u + 5u);
-    EXPECT_TRUE(rows[1].is<LibraryRow::Disc>());
-    EXPECT_TRUE(rows[11].is<LibraryRow::Filler>());
-
+    ASSERT_EQ(h.state().libraryRows.size(), 6u + 1u + 5u);
     h.key(kEnter); // from the artist pane Enter moves to the library pane
     EXPECT_EQ(h.state().focus, Focus::library);
-    const std::vector<std::pair<Key, std::string>> steps = {
+    const std::vector<std::pair<Key, std::string>> rows = {
         {kEnd, "Ambulance"}, // the fillers below the last track cannot hold the cursor
         {kPageDown, "Ambulance"}, {kHome, "<album>"}, {kDown, "Girls"},   // over the disc
         {kDown, "Tracy"},         {kDown, "Bank"},    {kDown, "<album>"}, // over the spacer
     };
-    for (const auto& [key, name] : steps) {
+    for (const auto& [key, name] : rows) {
         h.key(key);
         EXPECT_EQ(libraryRowName(h), name);
     }
@@ -258,22 +192,17 @@ TEST(ControllerNavigation, FocusCycleAndPlayerButtons) {
     for (auto [key, focus] : std::vector<std::pair<Key, Focus>>{{kTab, Focus::library},
                                                                 {kTab, Focus::player},
                                                                 {kTab, Focus::artists},
-                                                                {kBackTab, Focus::player}}) {
+                                                                {Key(K::backTab), Focus::player}}) {
         h.key(key);
         EXPECT_EQ(h.state().focus, focus);
     }
 
-    // In the player pane ← → walk the buttons, wrapping at both ends.
+    // In the player pane ← → walk the buttons, wrapping at both ends; Enter presses one.
     EXPECT_EQ(h.state().playerButton, PlayerButton::playPause);
-    h.press({kRight, kRight});
-    EXPECT_EQ(h.state().playerButton, PlayerButton::repeatMode);
-    h.key(kRight);
+    h.press({kRight, kRight, kRight});
     EXPECT_EQ(h.state().playerButton, PlayerButton::shuffle);
-    h.key(kLeft);
+    h.press({kLeft, kEnter});
     EXPECT_EQ(h.state().playerButton, PlayerButton::repeatMode);
-
-    // Enter presses the button: repeat off → all → one → off, saved each time.
-    h.key(kEnter);
     EXPECT_EQ(h.savedSettings().repeatMode, RepeatMode::all);
     h.key(ch("r"));
     EXPECT_EQ(h.c().playback().queue().repeatMode, RepeatMode::one);
@@ -284,9 +213,7 @@ TEST(ControllerNavigation, FocusCycleAndPlayerButtons) {
     EXPECT_TRUE(h.savedSettings().shuffle);
 
     // ↑ ↓ change the volume here and unmute; pages do nothing.
-    h.key(ch("m"));
-    EXPECT_TRUE(h.state().muted);
-    h.key(kUp);
+    h.press({ch("m"), kUp});
     EXPECT_FALSE(h.state().muted);
     EXPECT_FLOAT_EQ(h.state().settings.volume, 0.85f);
     h.press({kDown, kDown});
@@ -322,7 +249,6 @@ TEST(ControllerSelection, MarksAndTargets) {
     EXPECT_TRUE(marked.empty());
     h.press({kDown, ch("x"), kHome, ch("x")});
     EXPECT_EQ(marked.size(), 3u);
-
     // Targets are the marks in list order whatever the cursor says.
     h.press({kEnd, ch("x")});
     EXPECT_EQ(h.c().targetPaths(), all);
@@ -337,10 +263,8 @@ TEST(ControllerSelection, MarksAndTargets) {
     // Shift+↑ paints a range (album rows, spacers and discs add nothing), never unmarks.
     h.key(kShiftUp); // Ambulance, onto the album Think
     EXPECT_EQ(marked, (std::set<std::string>{all[3]}));
-    h.press({kShiftUp, kShiftUp}); // onto Bank, then Tracy
+    h.press({kShiftUp, kShiftUp, Key(K::shiftDown)}); // onto Bank, Tracy, back to Bank
     EXPECT_EQ(marked, (std::set<std::string>{all[1], all[2], all[3]}));
-    h.key(Key(Key::Kind::shiftDown));
-    EXPECT_EQ(marked.size(), 3u);
 
     // Marked paths that are not shown go last.
     h.c().jumpToArtist("abba");
@@ -360,50 +284,49 @@ TEST(ControllerMouse, ClicksWheelButtonsAndDoubleClicks) {
     ControllerHarness h;
     loadSmallLibrary(h);
     const Layout& l = h.c().layout();
-    // A press after `gap` at a cell of the artist list (a) or library list (l).
-    auto click = [&](std::chrono::milliseconds gap, char pane, int x, int y) {
+    // A press after `gap` at a cell of a rectangle.
+    auto click = [&](std::chrono::milliseconds gap, const Rect& r, int x, int y) {
         h.clock += gap;
-        const Rect& r = pane == 'a' ? l.artistsList : l.libraryList;
         h.c().handleMouse({MouseEvent::Kind::press, r.x + x, r.y + y});
     };
+    const Rect& artists = l.artistsList;
 
-    // A click on an artist selects and shows it; on a letter it snaps forward; below
-    // the last row it takes the last artist.
+    // On an artist it selects and shows it; on a letter it snaps forward; below the last
+    // row it takes the last artist.
     for (auto [row, artist] :
          std::vector<std::pair<int, std::string>>{{5, "Blur"}, {3, "Beck"}, {20, "Cher"}}) {
-        click(1s, 'a', 3, row);
+        click(1s, artists, 3, row);
         EXPECT_EQ(artistUnderCursor(h), artist);
     }
 
-    // A double click (same row, under 3 columns apart, under 0.4 s) is Enter.
-    click(1s, 'a', 3, 4);
-    click(399ms, 'a', 5, 4);
+    // A double click (same row, under 3 columns apart, under 0.4 s) is Enter; too slow,
+    // too far or on another row they are single clicks.
+    click(1s, artists, 3, 4);
+    click(399ms, artists, 5, 4);
     EXPECT_EQ(h.state().focus, Focus::library);
-    // Too slow, too far, another row: single clicks.
-    click(1s, 'a', 3, 4);
-    click(400ms, 'a', 3, 4);
-    click(100ms, 'a', 6, 4);
-    click(100ms, 'a', 6, 1);
+    click(1s, artists, 3, 4);
+    click(400ms, artists, 3, 4);
+    click(100ms, artists, 6, 4);
+    click(100ms, artists, 6, 1);
     EXPECT_EQ(h.state().focus, Focus::artists);
     // A third quick click after a double click counts as another one.
-    click(1s, 'l', 20, 0);
-    click(100ms, 'l', 20, 0);
+    click(1s, l.libraryList, 20, 0);
+    click(100ms, l.libraryList, 20, 0);
     h.key(kTab);
     for (int i = 0; i < 3; ++i)
-        click(100ms, 'a', 1, 1);
+        click(100ms, artists, 1, 1);
     EXPECT_EQ(h.state().focus, Focus::library);
 
     // The search hint opens the search; with an overlay open the mouse does nothing.
-    h.clock += 1s;
-    h.c().handleMouse({MouseEvent::Kind::press, l.artistsSearch.x + 2, l.artistsSearch.y});
+    click(1s, l.artistsSearch, 2, 0);
     EXPECT_EQ(h.state().overlay, Overlay::prompt(PromptKind::search));
     const auto cursor = h.state().artists;
-    click(1s, 'a', 3, 7);
+    click(1s, artists, 3, 7);
     EXPECT_EQ(h.state().artists, cursor);
     h.key(kEsc);
 
     // The wheel moves the cursor of the pane under it and focuses it.
-    h.c().handleMouse({MouseEvent::Kind::scrollDown, l.artistsList.x, l.artistsList.y});
+    h.c().handleMouse({MouseEvent::Kind::scrollDown, artists.x, artists.y});
     EXPECT_EQ(h.state().focus, Focus::artists);
     EXPECT_EQ(artistUnderCursor(h), "Beck");
     h.c().handleMouse({MouseEvent::Kind::scrollDown, l.libraryList.x + 30, l.libraryList.y});
@@ -412,57 +335,42 @@ TEST(ControllerMouse, ClicksWheelButtonsAndDoubleClicks) {
     EXPECT_EQ(h.state().focus, Focus::library);
 
     // Buttons; below the minimum size nothing reacts.
-    auto pressShuffle = [&] {
-        const Rect b = h.c().layout().buttons.at(PlayerButton::shuffle);
-        h.clock += 1s;
-        h.c().handleMouse({MouseEvent::Kind::press, b.x + 1, b.y});
-    };
-    pressShuffle();
+    click(1s, h.c().layout().buttons.at(PlayerButton::shuffle), 1, 0);
     EXPECT_TRUE(h.state().settings.shuffle);
+    const Rect shuffle = h.c().layout().buttons.at(PlayerButton::shuffle);
     h.c().resize({59, 40});
-    pressShuffle();
+    click(1s, shuffle, 1, 0);
     EXPECT_TRUE(h.state().settings.shuffle);
 }
 
-TEST(ControllerStatus, MessagesExpireAndTheScreenIsRedrawn) {
+TEST(ControllerStatus, MessagesExpireAndTheScreenIsRedrawnAfterFourPointOneSeconds) {
     ControllerHarness h;
     const auto t0 = h.clock;
     h.c().report("Hola");
     ASSERT_TRUE(h.state().status);
-    EXPECT_FALSE(h.state().status->isError);
     EXPECT_TRUE(h.state().status->isShown(t0 + 3900ms));
     EXPECT_FALSE(h.state().status->isShown(t0 + 4s));
-
-    // The only pending redraw is the one 4.1 s later, and it asks for a frame.
     ASSERT_EQ(h.delayed.size(), 1u);
-    EXPECT_EQ(h.delayed[0].at, t0 + 4100ms);
     const int renders = h.renders;
-    h.clock = t0 + 4s;
-    h.runDue();
-    EXPECT_EQ(h.renders, renders);
-    h.clock = t0 + 4100ms;
-    h.runDue();
-    EXPECT_EQ(h.renders, renders + 1);
+    for (auto [at, frames] : {std::pair{4000ms, 0}, {4100ms, 1}}) {
+        h.clock = t0 + at;
+        h.runDue();
+        EXPECT_EQ(h.renders, renders + frames);
+    }
 }
 
 TEST(ControllerRobustness, RandomInputKeepsTheListsConsistent) {
     ControllerHarness h;
     loadSmallLibrary(h);
     std::mt19937 rng(1234);
-    using K = Key::Kind;
     std::vector<Key> keys = {Key::function(8), ch("é")};
-    for (K k : {K::up, K::down, K::enter, K::escape, K::tab, K::backTab, K::left, K::right, K::home,
-                K::end, K::pageDown, K::pageUp, K::shiftUp, K::shiftDown, K::backspace, K::delete_})
-        keys.emplace_back(k);
+    for (int k = static_cast<int>(K::enter); k <= static_cast<int>(K::pageDown); ++k)
+        keys.emplace_back(static_cast<K>(k));
     for (char c : std::string("auwc"))
         keys.push_back(Key::ctrl(c));
     for (char c : std::string("jkhlLx/:?=tabdpPrsm05+- eEnq\""))
         keys.push_back(Key::character(std::string(1, c)));
-    const std::vector<Size> sizes = {{100, 40}, {59, 20}, {80, 24}, {60, 16},
-                                     {200, 60}, {30, 5},  {81, 17}};
-    const MouseEvent::Kind kinds[] = {MouseEvent::Kind::press, MouseEvent::Kind::drag,
-                                      MouseEvent::Kind::release, MouseEvent::Kind::scrollUp,
-                                      MouseEvent::Kind::scrollDown};
+    const Size sizes[] = {{100, 40}, {59, 20}, {60, 16}, {200, 60}, {30, 5}, {81, 17}};
     const std::string pastes[] = {"", "a\nb", "Be", "\xff\xfe", "vol 200", "~/nada", "ch"};
 
     // Each list's cursor is in range, inside the viewport and on a row it may hold.
@@ -480,12 +388,13 @@ TEST(ControllerRobustness, RandomInputKeepsTheListsConsistent) {
                 h.key(keys[rng() % keys.size()]);
             } else if (what < 90) {
                 h.clock += std::chrono::milliseconds(rng() % 600);
-                h.c().handleMouse({kinds[rng() % 5], static_cast<int>(rng() % 220) - 10,
+                h.c().handleMouse({static_cast<MouseEvent::Kind>(rng() % 5),
+                                   static_cast<int>(rng() % 220) - 10,
                                    static_cast<int>(rng() % 70) - 5});
             } else if (what < 95) {
                 h.c().handlePaste(pastes[rng() % 7]);
             } else if (what < 97) {
-                h.c().resize(sizes[rng() % sizes.size()]);
+                h.c().resize(sizes[rng() % 6]);
             } else {
                 h.settle();
             }

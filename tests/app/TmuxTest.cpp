@@ -1,31 +1,42 @@
-// Drives the real program inside tmux, a real terminal emulator: what the screen shows,
-// resizing, and every way out, each time checking that the terminal is given back as
-// it was found.
+// The real program in tmux, a real terminal emulator, with a private data folder and a
+// generated music folder. There is no sound server here, so the engine plays into its
+// silent real-time output.
 
-#include "TmuxHelpers.h"
+#include "support/Fixtures.h"
 
 #include <gtest/gtest.h>
 
+#include <chrono>
 #include <csignal>
-#include <sys/stat.h>
-#include <unistd.h>
+#include <cstdio>
+#include <filesystem>
+#include <fstream>
+#include <functional>
+#include <sstream>
+#include <thread>
 #include <vector>
 
-using namespace trovan::testing;
+namespace fs = std::filesystem;
+using namespace trovan;
+using namespace std::chrono_literals;
 
 namespace {
 
+const auto npos = std::string::npos;
 const std::string kMessage = "Agranda la terminal (m\xC3\xADnimo 60\xC3\x97"
                              "16)";
 const std::string kBackground = "48;2;20;22;28";
+const std::string kError = "38;2;247;118;142";
 
-// Runs the program under a small shell wrapper that records the terminal modes before
-// and after, the exit status, and then reads one line from the terminal.
+// Runs the program once the test says go (so its output is recorded from the first
+// byte); records its pid, exit status, the terminal modes before and after, whether
+// standard input was left non-blocking, then one line read from the terminal.
 const char* kWrapper = R"(trap '' HUP
-dir=$1; bin=$2
+dir=$1; shift
 echo $$ > "$dir/wrapper.pid"
 stty -g > "$dir/before"
-sh -c 'echo $$ > "$1/pid.tmp" && mv "$1/pid.tmp" "$1/pid" && exec "$2"' sh "$dir" "$bin"
+while [ ! -e "$dir/go" ]; do sleep 0.01; done
+sh -c 'echo $$ > "$0/pid.tmp" && mv "$0/pid.tmp" "$0/pid" && exec "$@"' "$dir" "$@"
 echo $? > "$dir/status.tmp"; mv "$dir/status.tmp" "$dir/status"
 stty -g > "$dir/after" 2>/dev/null
 python3 -c 'import fcntl,os;print(fcntl.fcntl(0,fcntl.F_GETFL)&os.O_NONBLOCK)' > "$dir/nonblock" 2>/dev/null
@@ -35,50 +46,120 @@ mv "$dir/pasted.tmp" "$dir/pasted"
 exec sleep 600
 )";
 
+std::string shellQuote(const std::string& s) {
+    std::string out = "'";
+    for (char c : s)
+        out += c == '\'' ? std::string("'\\''") : std::string(1, c);
+    return out + "'";
+}
+
+std::string slurp(const fs::path& path) {
+    std::ifstream f(path, std::ios::binary);
+    std::stringstream ss;
+    ss << f.rdbuf();
+    return ss.str();
+}
+
 std::string trim(std::string s) {
     while (!s.empty() && (s.back() == '\n' || s.back() == ' '))
         s.pop_back();
     return s;
 }
 
-// A private tmux server (its own socket) with one session running the program.
+bool waitUntil(const std::function<bool()>& ready, std::chrono::milliseconds limit = 20s) {
+    const auto end = std::chrono::steady_clock::now() + limit;
+    for (; std::chrono::steady_clock::now() < end; std::this_thread::sleep_for(20ms))
+        if (ready()) return true;
+    return ready();
+}
+
+// The program in one window of a private tmux server; each start gets a new server and
+// a new folder for what the wrapper records, and keeps the data folder.
 class Session {
 public:
-    Session(int width, int height) {
+    Session() {
         char tmpl[] = "/tmp/trovan-e2e-XXXXXX";
         dir_ = mkdtemp(tmpl);
-        std::ofstream(dir_ + "/run.sh") << kWrapper;
-        mkdir((dir_ + "/home").c_str(), 0700);
+        fs::create_directories(home());
+    }
+    ~Session() {
+        stop();
+        fs::remove_all(dir_);
+    }
+
+    const fs::path& dir() const { return dir_; }
+    fs::path home() const { return dir_ / "home"; }
+    int pid() const { return pid_; }
+
+    void start(const std::vector<std::string>& args = {}, int width = 100, int height = 40) {
+        stop();
+        run_ = dir_ / ("run" + std::to_string(++runs_));
+        fs::create_directories(run_);
+        std::ofstream(run_ / "run.sh") << kWrapper;
+        std::string command = "sh " + shellQuote((run_ / "run.sh").string()) + " " +
+                              shellQuote(run_.string()) + " " + shellQuote(TROVAN_BINARY);
+        for (const auto& a : args)
+            command += " " + shellQuote(a);
         tmux("-f /dev/null new-session -d -s t -x " + std::to_string(width) + " -y " +
-             std::to_string(height) +
-             " -e COLORTERM=truecolor -e TROVAN_HOME=" + shellQuote(dir_ + "/home") + " " +
-             shellQuote("sh " + shellQuote(dir_ + "/run.sh") + " " + shellQuote(dir_) + " " +
-                        shellQuote(TROVAN_BINARY)));
+             std::to_string(height) + " -e COLORTERM=truecolor -e TROVAN_HOME=" +
+             shellQuote(home().string()) + " " + shellQuote(command));
+        tmux("pipe-pane -t t -o " + shellQuote("cat >> " + shellQuote((run_ / "out").string())));
+        std::ofstream(run_ / "go") << "";
         waitUntil([&] { return has("pid"); }, 10s);
         pid_ = std::atoi(file("pid").c_str());
     }
 
-    ~Session() {
-        for (const char* f : {"wrapper.pid", "pid"})
-            if (int pid = std::atoi(file(f).c_str()); pid > 0) kill(pid, SIGKILL);
-        tmux("kill-server 2>/dev/null");
-        std::system(("rm -rf " + shellQuote(dir_)).c_str());
+    std::string tmux(const std::string& args) {
+        std::string out;
+        if (FILE* p = popen(
+                ("tmux -S " + shellQuote((run_ / "sock").string()) + " " + args).c_str(), "r")) {
+            char buf[4096];
+            for (std::size_t n; (n = fread(buf, 1, sizeof buf, p)) > 0;)
+                out.append(buf, n);
+            pclose(p);
+        }
+        return out;
+    }
+    std::string file(const std::string& name) { return slurp(run_ / name); }
+    bool has(const std::string& name) { return fs::exists(run_ / name); }
+    // Everything the program has written in this run.
+    std::string output() { return file("out"); }
+    std::string config() { return slurp(home() / "config.json"); }
+
+    std::string screen(bool escapes = false) {
+        return tmux(std::string("capture-pane -p ") + (escapes ? "-e " : "") + "-t t");
+    }
+    std::string line(int y) {
+        std::stringstream ss(screen());
+        std::string l;
+        for (int i = 0; i <= y && std::getline(ss, l);)
+            ++i;
+        return l;
+    }
+    bool waitFor(const std::string& text, std::chrono::milliseconds limit = 20s) {
+        return waitUntil([&] { return screen().find(text) != npos; }, limit);
+    }
+    bool waitGone(const std::string& text, std::chrono::milliseconds limit = 20s) {
+        return waitUntil([&] { return screen().find(text) == npos; }, limit);
+    }
+    bool configHas(const std::string& text) {
+        return waitUntil([&] { return config().find(text) != npos; }, 5s);
     }
 
-    std::string tmux(const std::string& args) { return tmuxAt(dir_ + "/sock", args); }
-    std::string file(const std::string& name) { return slurp(dir_ + "/" + name); }
-    bool has(const std::string& name) {
-        struct stat st;
-        return ::stat((dir_ + "/" + name).c_str(), &st) == 0;
-    }
-
-    std::vector<std::string> screen(bool escapes = false) {
-        std::stringstream ss(
-            tmux(std::string("capture-pane -p ") + (escapes ? "-e " : "") + "-t t"));
-        std::vector<std::string> lines;
-        for (std::string line; std::getline(ss, line);)
-            lines.push_back(line);
-        return lines;
+    void keys(const std::string& names) { tmux("send-keys -t t " + names); }
+    void text(const std::string& literal) { tmux("send-keys -t t -l " + shellQuote(literal)); }
+    // A left click as the terminal reports it (SGR, 1-based cells), press and release.
+    void click(int x, int y) {
+        std::string hex;
+        for (char end : {'M', 'm'}) {
+            for (unsigned char c :
+                 "\x1b[<0;" + std::to_string(x + 1) + ";" + std::to_string(y + 1) + end) {
+                char b[4];
+                std::snprintf(b, sizeof b, " %02x", c);
+                hex += b;
+            }
+        }
+        tmux("send-keys -t t -H" + hex);
     }
 
     // Alternate screen, cursor shown, mouse button, SGR and any-motion reporting.
@@ -86,34 +167,21 @@ public:
         return trim(tmux("display -p -t t '#{alternate_on} #{cursor_flag} #{mouse_button_flag} "
                          "#{mouse_sgr_flag} #{mouse_any_flag}'"));
     }
-
-    // The full-screen session is up and the frame shows the background colour.
     bool waitForSession() {
-        return waitUntil([&] { return flags() == "1 0 1 1 1" && showsBackground(); }, 10s);
-    }
-    bool showsBackground() {
-        auto lines = screen(true);
-        return !lines.empty() && lines[0].find(kBackground) != std::string::npos;
+        return waitUntil(
+            [&] { return flags() == "1 0 1 1 1" && screen(true).find(kBackground) != npos; }, 10s);
     }
 
-    // /proc/<pid>/stat: state, and user plus system CPU ticks.
-    std::vector<std::string> procStat() {
-        std::string s = slurp("/proc/" + std::to_string(pid_) + "/stat");
-        std::vector<std::string> fields;
-        if (auto close = s.rfind(')'); close != std::string::npos) {
-            std::stringstream ss(s.substr(close + 2));
-            for (std::string f; ss >> f;)
-                fields.push_back(f);
-        }
-        return fields;
-    }
-    bool alive() {
-        auto f = procStat();
-        return !f.empty() && f[0] != "Z";
-    }
+    // User plus system CPU ticks (fields 14 and 15 of /proc/<pid>/stat).
     long cpuTicks() {
-        auto f = procStat();
-        return f.size() > 12 ? std::stol(f[11]) + std::stol(f[12]) : -1;
+        std::stringstream ss(slurp("/proc/" + std::to_string(pid_) + "/stat"));
+        std::string skip;
+        std::getline(ss, skip, ')');
+        for (int i = 0; i < 11; ++i)
+            ss >> skip;
+        long user = -1, system = -1;
+        ss >> user >> system;
+        return user + system;
     }
 
     // Waits for the program to end and checks it left the terminal as it found it.
@@ -126,88 +194,247 @@ public:
         EXPECT_EQ(flags(), "0 1 0 0 0");
     }
 
-    int pid() const { return pid_; }
-    const std::chrono::steady_clock::time_point started = std::chrono::steady_clock::now();
-
 private:
-    std::string dir_;
+    void stop() {
+        if (run_.empty()) return;
+        if (pid_ > 0 && !has("status")) kill(pid_, SIGKILL);
+        if (int wrapper = std::atoi(file("wrapper.pid").c_str()); wrapper > 0)
+            kill(wrapper, SIGKILL);
+        tmux("kill-server 2>/dev/null");
+    }
+
+    fs::path dir_, run_;
+    int runs_ = 0;
     int pid_ = 0;
 };
 
-// The message sits on row height/2, starting at column (width - 34) / 2.
-bool showsMessageAt(const std::vector<std::string>& lines, int row, int column) {
-    return static_cast<int>(lines.size()) > row &&
-           lines[row].rfind(std::string(column, ' ') + kMessage, 0) == 0;
+bool haveTmux() {
+    return std::system("command -v tmux >/dev/null 2>&1") == 0;
 }
 
-bool showsNoMessage(const std::vector<std::string>& lines) {
-    for (const auto& l : lines)
-        if (l.find("Agranda") != std::string::npos) return false;
-    return true;
+// Four 20-second tracks by three artists, two of them in one album.
+fs::path makeMusic(const fs::path& dir) {
+    const fs::path music = dir / "music";
+    fs::create_directories(music);
+    struct Song {
+        const char *file, *artist, *album, *title;
+        int number;
+        double hz;
+    };
+    for (const Song& s : {Song{"alfa-1.flac", "Alfa", "Primero", "Amanecer", 1, 330},
+                          Song{"alfa-2.flac", "Alfa", "Primero", "Brisa", 2, 392},
+                          Song{"beta-1.flac", "Beta", "Segundo", "Cometa", 1, 262},
+                          Song{"gamma-1.flac", "Gamma", "Tercero", "Duna", 1, 294}}) {
+        fixtures::Tone t;
+        t.seconds = 20;
+        t.frequency = s.hz;
+        t.tags = {{"ARTIST", {s.artist}},
+                  {"ALBUM", {s.album}},
+                  {"TITLE", {s.title}},
+                  {"TRACKNUMBER", {std::to_string(s.number)}},
+                  {"DATE", {"2020"}}};
+        fixtures::copyTo(fixtures::cached(std::string("e2e-") + s.file, t), music, s.file);
+    }
+    return music;
 }
 
 } // namespace
 
-#define REQUIRE_TMUX()                                                                             \
-    if (!haveTmux()) GTEST_SKIP() << "tmux is not installed"
+#define REQUIRE_TOOLS()                                                                            \
+    if (!haveTmux() || !fixtures::available()) GTEST_SKIP() << "tmux or ffmpeg missing"
 
-TEST(Tmux, FullSizeStaysIdleRedrawsOnResizeAndQuitsOnQ) {
-    REQUIRE_TMUX();
-    Session s(100, 40);
-    ASSERT_TRUE(s.waitForSession()) << s.flags();
-    EXPECT_TRUE(showsNoMessage(s.screen()));
+TEST(Tmux, QuitsOnSignalsAndWhenTheTerminalGoesAway) {
+    if (!haveTmux()) GTEST_SKIP() << "tmux is not installed";
+    Session s;
+    for (int sig : {SIGTERM, SIGINT, SIGHUP, 0}) {
+        SCOPED_TRACE(sig);
+        s.start();
+        ASSERT_TRUE(s.waitForSession()) << s.flags();
+        if (sig != 0) {
+            kill(s.pid(), sig);
+            s.expectCleanExit();
+            continue;
+        }
+        s.tmux("kill-session -t t"); // the terminal goes away
+        EXPECT_TRUE(waitUntil([&] { return s.has("status"); }, 2s)) << "still running";
+        EXPECT_EQ(trim(s.file("status")), "0");
+    }
+}
 
-    // Idle: no wake-ups, so no CPU time at all over a few seconds. Start-up is over
-    // first: the initial scan reports its result, and the header is drawn once more
-    // when that status message expires about four seconds later.
-    std::this_thread::sleep_until(s.started + 5s);
-    ASSERT_TRUE(s.alive());
+TEST(Tmux, PlaysSavesTheSettingsAndASecondStartFindsThem) {
+    REQUIRE_TOOLS();
+    Session s;
+    const fs::path music = makeMusic(s.dir());
+    s.start({music.string()});
+
+    ASSERT_TRUE(s.waitFor("Biblioteca al día: 4 archivos · 4 leídos · 0 quitados (")) << s.screen();
+    EXPECT_NE(s.output().find("Buscando archivos…"), npos);
+    // The artist pane: letter headings and artists.
+    EXPECT_EQ(s.line(4).substr(0, 3), "  A");
+    EXPECT_NE(s.line(5).find(" Alfa"), npos);
+    EXPECT_EQ(s.line(6).substr(0, 3), "  B");
+    EXPECT_NE(s.line(7).find(" Beta"), npos);
+    EXPECT_NE(s.screen().find("BIBLIOTECA · ALFA"), npos);
+    // Once the summary has gone the counts show.
+    EXPECT_TRUE(s.waitFor("4 canciones · 3 artistas", 10s)) << s.screen();
+
+    s.keys("Down");
+    ASSERT_TRUE(s.waitFor("BIBLIOTECA · BETA")) << s.screen();
+    s.keys("Up Enter Down Down Enter"); // to Alfa's second track, and play it
+    ASSERT_TRUE(s.waitFor("Brisa")) << s.screen();
+    ASSERT_TRUE(s.waitFor("FLAC · 44.1 kHz · 16 bit")) << s.screen();
+    ASSERT_TRUE(s.waitFor(" 0:01 ━")) << s.screen(); // the elapsed time moves
+    EXPECT_NE(s.line(38).find("❚❚"), npos);
+
+    s.keys("Space");
+    ASSERT_TRUE(s.waitFor("     ▶     ")) << s.line(38);
+    const std::string paused = s.line(39);
+    std::this_thread::sleep_for(1200ms);
+    EXPECT_EQ(s.line(39), paused); // paused: the time stands still
+    const std::pair<const char*, const char*> seeks[] = {
+        {"5", " 0:10 ━"}, {".", " 0:15 ━"}, {",", " 0:10 ━"}};
+    for (auto [key, time] : seeks) {
+        s.text(key);
+        EXPECT_TRUE(s.waitFor(time)) << key << s.line(39);
+    }
+
+    s.text("+");
+    EXPECT_TRUE(s.waitFor("Vol 85%"));
+    EXPECT_TRUE(s.configHas("\"volume\": 0.85"));
+    s.text("-");
+    EXPECT_TRUE(s.waitFor("Vol 80%"));
+    s.text(":vol 50");
+    s.keys("Enter");
+    EXPECT_TRUE(s.waitFor("Vol 50%"));
+    EXPECT_TRUE(s.configHas("\"volume\": 0.5"));
+    s.text("s");
+    EXPECT_TRUE(s.configHas("\"shuffle\": true"));
+    s.text("rr");
+    EXPECT_TRUE(s.waitFor("↻1"));
+    EXPECT_TRUE(s.configHas("\"repeatMode\": \"one\""));
+
+    s.text("=");
+    ASSERT_TRUE(s.waitFor("ECUALIZADOR · Plano · ON")) << s.screen();
+    s.keys("Up");
+    ASSERT_TRUE(s.waitFor("ECUALIZADOR · Personalizado · ON")) << s.screen();
+    EXPECT_TRUE(s.configHas("\"eqPreset\": \"Personalizado\""));
+    s.keys("Escape");
+    ASSERT_TRUE(s.waitGone("ECUALIZADOR"));
+
+    s.text("q");
+    s.expectCleanExit();
+    // Bracketed paste is off again: a paste arrives as plain text, no ESC [200~ around it.
+    s.tmux("set-buffer zz");
+    s.tmux("paste-buffer -p -t t");
+    s.keys("Enter");
+    EXPECT_TRUE(waitUntil([&] { return s.has("pasted"); }, 10s));
+    EXPECT_EQ(trim(s.file("pasted")), " 7a 7a");
+
+    // Again, with no folder named: the cache is shown first, the rescan reads nothing,
+    // and the settings and the folder are back.
+    s.start();
+    ASSERT_TRUE(s.waitFor("Biblioteca al día: 4 archivos · 0 leídos · 0 quitados")) << s.screen();
+    const std::string out = s.output();
+    ASSERT_NE(out.find("Alfa"), npos);
+    EXPECT_LT(out.find("Alfa"), out.find("Biblioteca al día"));
+    for (const char* shown : {"Vol 50%", "EQ Personalizado", "↻1"})
+        EXPECT_NE(s.screen().find(shown), npos) << shown << "\n" << s.screen();
+    s.text(":paths");
+    s.keys("Enter");
+    ASSERT_TRUE(s.waitFor("CARPETAS DE MÚSICA")) << s.screen();
+    EXPECT_NE(s.screen().find(music.string()), npos);
+    s.keys("Escape");
+
+    // A touched file is read again, and only that one.
+    const auto touched = music / "beta-1.flac";
+    fs::last_write_time(touched, fs::last_write_time(touched) + 10s);
+    s.text(":reindex");
+    s.keys("Enter");
+    ASSERT_TRUE(s.waitFor("Biblioteca al día: 4 archivos · 1 leídos · 0 quitados")) << s.screen();
+
+    // A marked file disappears: it leaves the library and the marks.
+    s.keys("Enter Down Down");
+    s.text("x");
+    ASSERT_TRUE(s.waitFor("BIBLIOTECA · ALFA · 1 marcadas")) << s.screen();
+    fs::remove(music / "alfa-2.flac");
+    s.text(":reindex");
+    s.keys("Enter");
+    ASSERT_TRUE(s.waitFor("Biblioteca al día: 3 archivos · 0 leídos · 1 quitados")) << s.screen();
+    EXPECT_EQ(s.screen().find("marcadas"), npos) << s.screen();
+    EXPECT_EQ(s.screen().find("Brisa"), npos) << s.screen();
+
+    // Quitting saves the settings this run loaded.
+    fs::remove(s.home() / "config.json");
+    s.text("q");
+    s.expectCleanExit();
+    EXPECT_NE(s.config().find("\"shuffle\": true"), npos) << s.config();
+    EXPECT_NE(s.config().find("\"repeatMode\": \"one\""), npos);
+}
+
+TEST(Tmux, SmallWindowPromptsOverlaysIdleMouseAndResize) {
+    REQUIRE_TOOLS();
+    Session s;
+    const fs::path music = makeMusic(s.dir());
+    s.start({music.string()}, 59, 20);
+    // Only the message, on row height / 2 from column (width - 34) / 2.
+    EXPECT_TRUE(
+        waitUntil([&] { return s.line(10).rfind(std::string(12, ' ') + kMessage, 0) == 0; }, 10s))
+        << s.screen();
+    EXPECT_EQ(s.flags(), "1 0 1 1 1");
+    s.tmux("resize-window -t t -x 100 -y 40");
+    ASSERT_TRUE(s.waitFor("4 canciones · 3 artistas")) << s.screen();
+    EXPECT_EQ(s.screen().find("Agranda"), npos);
+
+    // Search moves to the matching artist; Esc goes back.
+    s.text("/ga");
+    ASSERT_TRUE(s.waitFor("BIBLIOTECA · GAMMA")) << s.screen();
+    s.keys("Escape");
+    ASSERT_TRUE(s.waitFor("BIBLIOTECA · ALFA")) << s.screen();
+
+    // An unknown command: an error in the error colour that goes away by itself.
+    s.text(":foo");
+    s.keys("Enter");
+    ASSERT_TRUE(s.waitFor("Comando desconocido: foo (usa :help)")) << s.screen();
+    const auto shown = std::chrono::steady_clock::now();
+    EXPECT_NE(s.screen(true).find(kError + "m" + "Comando desconocido"), npos);
+    EXPECT_TRUE(s.waitGone("Comando desconocido", 10s));
+    const auto gone = std::chrono::steady_clock::now() - shown;
+    EXPECT_GT(gone, 3s);
+    EXPECT_LT(gone, 8s); // generous: the machine may be busy
+
+    // Idle, nothing playing and nothing pending: no wake-ups, so no CPU time at all.
     const long before = s.cpuTicks();
     std::this_thread::sleep_for(3s);
     EXPECT_EQ(s.cpuTicks(), before) << "the idle program used CPU time";
 
-    s.tmux("resize-window -t t -x 59 -y 20");
-    EXPECT_TRUE(waitUntil([&] { return showsMessageAt(s.screen(), 10, 12); }, 10s));
-    s.tmux("resize-window -t t -x 100 -y 40");
-    EXPECT_TRUE(waitUntil([&] { return showsNoMessage(s.screen()) && s.showsBackground(); }, 10s));
+    s.text("?");
+    ASSERT_TRUE(s.waitFor("AYUDA")) << s.screen();
+    EXPECT_NE(s.screen().find("Play / pausa"), npos);
+    s.text("x");
+    ASSERT_TRUE(s.waitGone("AYUDA"));
 
-    s.tmux("send-keys -t t q");
+    // Rows of both lists start on line 4; the artists are A, Alfa, B, Beta, G, Gamma.
+    s.click(5, 9);
+    ASSERT_TRUE(s.waitFor("BIBLIOTECA · GAMMA")) << s.screen();
+    s.click(50, 5); // a double click on Gamma's track plays it
+    s.click(50, 5);
+    ASSERT_TRUE(s.waitFor("Gamma · Tercero (2020)")) << s.screen();
+    EXPECT_NE(s.screen().find("Duna"), npos);
+    s.keys("Space");
+    ASSERT_TRUE(s.waitFor("     ▶     ")) << s.line(38);
+    // A click three quarters along the progress bar (columns 19 to 94 at 100 columns).
+    s.click(19 + 57, 39);
+    EXPECT_TRUE(s.waitFor(" 0:15 ━")) << s.line(39);
+
+    // A smaller window: everything is laid out again and the cursor stays.
+    s.tmux("resize-window -t t -x 80 -y 30");
+    ASSERT_TRUE(waitUntil([&] { return s.line(29).find("0:15 ━") != npos; })) << s.screen();
+    EXPECT_NE(s.screen().find("BIBLIOTECA · GAMMA"), npos) << s.screen();
+    std::string rule = "  ";
+    for (int i = 0; i < 76; ++i)
+        rule += "─";
+    EXPECT_EQ(s.line(1), rule) << s.screen();
+
+    s.keys("C-c");
     s.expectCleanExit();
-
-    // Bracketed paste is off again: a paste arrives as plain text.
-    s.tmux("set-buffer zz");
-    s.tmux("paste-buffer -p -t t");
-    s.tmux("send-keys -t t Enter");
-    EXPECT_TRUE(waitUntil([&] { return s.has("pasted"); }, 10s));
-    EXPECT_EQ(trim(s.file("pasted")), " 7a 7a"); // no ESC [200~ around it
-}
-
-TEST(Tmux, SmallTerminalShowsTheMessageAndQuitsOnCtrlC) {
-    REQUIRE_TMUX();
-    Session s(59, 20);
-    EXPECT_TRUE(waitUntil([&] { return showsMessageAt(s.screen(), 10, 12); }, 10s))
-        << s.screen().size();
-    s.tmux("send-keys -t t C-c");
-    s.expectCleanExit();
-}
-
-TEST(Tmux, QuitsOnTerminationSignals) {
-    REQUIRE_TMUX();
-    for (int sig : {SIGTERM, SIGINT, SIGHUP}) {
-        SCOPED_TRACE(sig);
-        Session s(100, 40);
-        ASSERT_TRUE(s.waitForSession());
-        kill(s.pid(), sig);
-        s.expectCleanExit();
-    }
-}
-
-TEST(Tmux, EndsWhenTheTerminalGoesAway) {
-    REQUIRE_TMUX();
-    Session s(100, 40);
-    ASSERT_TRUE(s.waitForSession());
-    s.tmux("kill-session -t t");
-    EXPECT_TRUE(waitUntil([&] { return !s.alive(); }, 2s)) << "still running after hang-up";
-    EXPECT_TRUE(waitUntil([&] { return s.has("status"); }, 10s));
-    EXPECT_EQ(trim(s.file("status")), "0");
 }
