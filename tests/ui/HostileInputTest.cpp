@@ -62,9 +62,14 @@ struct Chaos {
         const int rows = static_cast<int>(s.artistRows.size());
         s.artists = {between(-3, rows + 3), between(-3, rows + 3)};
         if (chance(80) && rows > 0) s.shownArtist = between(-2, rows + 2);
-        if (chance(70) && !s.index.artists.empty())
-            s.libraryRows = s.index.libraryRows(
-                between(0, static_cast<int>(s.index.artists.size()) - 1), between(-1, 8));
+        if (chance(70) && !s.index.artists.empty()) {
+            // Mostly the rows of the shown artist, as the controller builds them.
+            int artist = between(0, static_cast<int>(s.index.artists.size()) - 1);
+            if (s.shownArtist && *s.shownArtist >= 0 && *s.shownArtist < rows && chance(80))
+                if (const auto* a = s.artistRows[*s.shownArtist].get<ArtistRow::Artist>())
+                    artist = a->artist;
+            s.libraryRows = s.index.libraryRows(artist, between(-1, 8));
+        }
         const int lrows = static_cast<int>(s.libraryRows.size());
         s.library = {between(-3, lrows + 3), between(-3, lrows + 3)};
         for (const auto& t : tracks)
