@@ -35,7 +35,6 @@ TEST(TagLibFile, RoundTripsTagsAndPicturesOnEveryFormat) {
             ASSERT_TRUE(file);
             EXPECT_EQ(file->value("TITLE"), "Canción ñ 日本");
             EXPECT_EQ(file->value("ARTIST"), "Uno");
-            EXPECT_EQ(file->value("COMPOSER"), std::nullopt);
             EXPECT_EQ(file->properties()["ARTIST"], (std::vector<std::string>{"Uno", "Dos"}));
             EXPECT_EQ(file->picture(), (Picture{fx::image(covers[0]), "image/jpeg"}));
 
@@ -74,66 +73,53 @@ TEST(TagLibFile, RoundTripsTagsAndPicturesOnEveryFormat) {
         EXPECT_FALSE(TagLibFile::open(path.string())->picture());
         EXPECT_TRUE(fx::decodes(path));
     }
-}
 
-TEST(TagLibFile, UnreadableFilesGiveNothingFromEitherReader) {
-    if (!fx::available()) GTEST_SKIP() << "ffmpeg missing";
-    fx::TempDir dir;
-    // Missing, a folder, empty, garbage; CAF is a format only FFmpeg reads.
-    const std::vector<std::filesystem::path> paths = {
-        dir / "missing.flac",
-        dir.path(),
-        fx::writeBroken(dir.path(), "z.flac", fx::Broken::zeroBytes),
-        fx::writeBroken(dir.path(), "g.m4a", fx::Broken::garbage),
-        fx::writeBroken(dir.path(), "g.ogg", fx::Broken::garbage),
-        fx::writeBroken(dir.path(), "g.caf", fx::Broken::garbage)};
-    for (const auto& p : paths) {
-        SCOPED_TRACE(p);
-        EXPECT_FALSE(TagLibFile::open(p.string()));
-        EXPECT_FALSE(AudioFileProbe::read(p.string()));
-    }
-}
-
-TEST(TagLibFile, FormatsWithoutPicturesRefuseOneCleanly) {
-    if (!fx::available()) GTEST_SKIP() << "ffmpeg missing";
-    fx::TempDir dir;
-    auto path = dir / "tone.wv"; // WavPack: APE tags, no pictures in this program
+    // WavPack carries APE tags but no pictures here: a picture is refused, tags still saved.
+    auto wv = dir / "tone.wv";
     auto made = fx::runProcess({"ffmpeg", "-nostdin", "-v", "error", "-f", "lavfi", "-i",
-                                "sine=duration=0.5", "-c:a", "wavpack", "-f", "wv", path.string()});
+                                "sine=duration=0.5", "-c:a", "wavpack", wv.string()});
     ASSERT_EQ(made.status, 0) << made.errors;
-    {
-        auto file = TagLibFile::open(path.string());
-        ASSERT_TRUE(file);
-        EXPECT_FALSE(file->picture());
-        EXPECT_FALSE(file->setPicture(Picture{fx::image(fx::Cover{}), "image/jpeg"}));
-        file->set("TITLE", {"Sin portada"});
-        ASSERT_TRUE(file->save());
-    }
-    EXPECT_EQ(TagLibFile::open(path.string())->value("TITLE"), "Sin portada");
-    EXPECT_TRUE(fx::decodes(path));
+    auto file = TagLibFile::open(wv.string());
+    ASSERT_TRUE(file);
+    EXPECT_FALSE(file->picture());
+    EXPECT_FALSE(file->setPicture(Picture{fx::image(fx::Cover{}), "image/jpeg"}));
+    file->set("TITLE", {"Sin portada"});
+    ASSERT_TRUE(file->save());
+    file.reset();
+    EXPECT_EQ(TagLibFile::open(wv.string())->value("TITLE"), "Sin portada");
+    EXPECT_TRUE(fx::decodes(wv));
 }
 
-// The read-only opening goes through its own block cache; it must see exactly what the
-// stdio one sees, including tags larger than a cache block and damaged files.
+// The read-only opening goes through its own block cache: it must refuse what the stdio one
+// refuses, see exactly what it sees (tags larger than a cache block, damaged files), and
+// write nothing.
 TEST(TagLibFile, ReadingThroughTheBlockCacheSeesWhatStdioSees) {
     if (!fx::available()) GTEST_SKIP() << "ffmpeg missing";
     fx::TempDir dir;
-    const std::string lyrics(100'000, 'l'); // a tag well over one cached block
-    std::vector<std::filesystem::path> paths;
-    for (auto format : fx::taggableFormats()) {
-        fx::Tone tone{.format = format,
-                      .seconds = 0.3,
-                      .tags = {{"TITLE", {"Bloque"}}, {"ARTIST", {"Uno", "Dos"}}, {"LYRICS", {lyrics}}},
-                      .covers = {{fx::ImageKind::png, 64, 64, "blue"}}};
-        const auto name = std::to_string(paths.size()) + "." + fx::extension(format);
-        paths.push_back(fx::copyTo(fx::cached("big." + fx::extension(format), tone), dir.path(), name));
+    // Missing, a folder, empty, garbage; CAF is a format only FFmpeg reads.
+    for (const auto& p : {dir / "missing.flac", dir.path(),
+                          fx::writeBroken(dir.path(), "z.flac", fx::Broken::zeroBytes),
+                          fx::writeBroken(dir.path(), "g.m4a", fx::Broken::garbage),
+                          fx::writeBroken(dir.path(), "g.ogg", fx::Broken::garbage),
+                          fx::writeBroken(dir.path(), "g.caf", fx::Broken::garbage)}) {
+        EXPECT_FALSE(TagLibFile::open(p.string()) || TagLibFile::openForReading(p.string()) ||
+                     AudioFileProbe::read(p.string()))
+            << p;
     }
-    paths.push_back(fx::writeBroken(dir.path(), "cut.flac", fx::Broken::truncated));
-    paths.push_back(fx::writeBroken(dir.path(), "cut.mp3", fx::Broken::truncated, fx::Format::mp3));
-    paths.push_back(fx::writeBroken(dir.path(), "z.mp3", fx::Broken::zeroBytes));
-    paths.push_back(dir / "missing.mp3");
-    paths.push_back(dir.path());
-
+    const std::string lyrics(100'000, 'l'); // a tag well over one cached block
+    std::vector<std::filesystem::path> paths = {
+        fx::writeBroken(dir.path(), "cut.flac", fx::Broken::truncated),
+        fx::writeBroken(dir.path(), "cut.mp3", fx::Broken::truncated, fx::Format::mp3)};
+    for (auto format : fx::taggableFormats()) {
+        fx::Tone tone{
+            .format = format,
+            .seconds = 0.3,
+            .tags = {{"TITLE", {"Bloque"}}, {"ARTIST", {"Uno", "Dos"}}, {"LYRICS", {lyrics}}},
+            .covers = {{fx::ImageKind::png, 64, 64, "blue"}}};
+        const auto name = std::to_string(paths.size()) + "." + fx::extension(format);
+        paths.push_back(
+            fx::copyTo(fx::cached("big." + fx::extension(format), tone), dir.path(), name));
+    }
     for (const auto& path : paths) {
         SCOPED_TRACE(path);
         auto plain = TagLibFile::open(path.string());
@@ -145,17 +131,16 @@ TEST(TagLibFile, ReadingThroughTheBlockCacheSeesWhatStdioSees) {
         EXPECT_EQ(cached->picture(), plain->picture());
     }
 
-    // Nothing can be written through it.
     auto bytes = [](const std::filesystem::path& p) {
         std::ifstream in(p, std::ios::binary);
         return std::string(std::istreambuf_iterator<char>(in), {});
     };
-    const auto before = bytes(paths[0]);
-    auto file = TagLibFile::openForReading(paths[0].string());
+    const auto before = bytes(paths.back());
+    auto file = TagLibFile::openForReading(paths.back().string());
     ASSERT_TRUE(file);
     EXPECT_EQ(file->value("LYRICS"), lyrics);
     file->set("TITLE", {"Otro"});
     EXPECT_FALSE(file->save());
     file.reset();
-    EXPECT_EQ(bytes(paths[0]), before);
+    EXPECT_EQ(bytes(paths.back()), before);
 }

@@ -10,6 +10,7 @@ namespace trovan {
 namespace {
 
 using fixtures::Format;
+using fixtures::Wave;
 
 // Reads to the end in small pieces, as the engine's decoding thread does.
 std::vector<float> decodeAll(AudioDecoder& d) {
@@ -45,14 +46,9 @@ TEST(AudioDecoderTest, FormatsDescribeThemselvesDecodeWholeAndSeekExactly) {
         {Format::flac, 48000, 16, 6},
     };
     for (const auto& c : cases) {
-        auto path =
-            testing::tone("dec-" + std::to_string(&c - cases) + "." + fixtures::extension(c.format),
-                          {.format = c.format,
-                           .frequency = 330,
-                           .seconds = 1.5,
-                           .sampleRate = c.rate,
-                           .channels = c.channels,
-                           .bitDepth = c.depth});
+        const fixtures::Tone tone{c.format, Wave::sine, 330, 1.5, c.rate, c.channels, c.depth};
+        auto path = testing::tone(
+            "dec-" + std::to_string(&c - cases) + "." + fixtures::extension(c.format), tone);
         SCOPED_TRACE(path);
         AudioDecoder linear(path);
         auto info = AudioFormatInfo::describe(linear.description(), path);
