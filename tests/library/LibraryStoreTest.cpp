@@ -57,7 +57,6 @@ TEST(LibraryStore, KeepsEveryFieldAcrossReopeningAndAppliesInOrder) {
     }
     LibraryStore store(file);
     EXPECT_EQ(sorted(store.loadAll()), sorted(tracks));
-    EXPECT_EQ(store.stamps().size(), 4u);
     EXPECT_EQ(store.stamps().at("/a"), (FileStamp{1700000000.123456789, 5000000000LL}));
 
     // The later of two records for one path wins; upserts come before deletions.
@@ -81,10 +80,7 @@ TEST(LibraryStore, OtherSchemaVersionsAreRebuiltEmptyAndNullsReadAsEmpty) {
     auto old = dir / "old.sqlite";
     execRaw(old,
             "CREATE TABLE tracks(path TEXT, whatever INTEGER); INSERT INTO tracks VALUES('/x', 1)");
-    {
-        LibraryStore store(old);
-        EXPECT_TRUE(store.loadAll().empty());
-    }
+    EXPECT_TRUE(LibraryStore(old).loadAll().empty());
     // A row with only its key columns reads with every other field empty.
     execRaw(old, "INSERT INTO tracks(path, mtime, size) VALUES('/n', 1.5, 7)");
     EXPECT_EQ(LibraryStore(old).loadAll(),
