@@ -337,11 +337,13 @@ bool rootsOverlap(const std::vector<std::string>& roots) {
     return false;
 }
 
-// A run that rereads every file it finds (the first scan, or a forced one): the walk,
-// the reading and the storing overlap. The records are stored on the calling thread as
-// the readers hand them over, in one transaction.
+// A run that rereads every file it finds (the first scan, or a forced one): the walk and
+// the reading overlap. Into an empty cache the records are also stored as the readers
+// hand them over, on the calling thread, in one transaction that holds the store until
+// the run ends (nobody else has anything in it to wait for). A forced run over a filled
+// cache keeps the store free while it reads and writes everything at the end.
 IndexSummary readEverything(const std::vector<std::string>& roots, LibraryStore& store,
-                            bool force, const Indexer::Progress& progress) {
+                            bool cacheEmpty, const Indexer::Progress& progress) {
     std::vector<std::string> missingRoots;
     ProgressSteps steps(progress);
     Walk walk;
@@ -355,6 +357,7 @@ IndexSummary readEverything(const std::vector<std::string>& roots, LibraryStore&
         threads.emplace_back([&] { walk.worker(); });
 
     std::optional<LibraryStore::Batch> batch;
+    std::vector<Track> tracks; // kept for the end when not stored as they come
     int64_t readCount = 0;
     {
         std::unique_lock lock(walk.mutex);
@@ -365,32 +368,36 @@ IndexSummary readEverything(const std::vector<std::string>& roots, LibraryStore&
             std::vector<Track> chunk;
             chunk.swap(walk.records);
             lock.unlock();
-            // The store is held from the first records on, not during the walk before them.
-            if (!batch) batch.emplace(store);
-            batch->add(chunk);
             readCount += static_cast<int64_t>(chunk.size());
+            if (cacheEmpty) {
+                if (!batch) batch.emplace(store);
+                batch->add(chunk);
+            } else {
+                std::move(chunk.begin(), chunk.end(), std::back_inserter(tracks));
+            }
             lock.lock();
         }
     }
     for (auto& t : threads)
         t.join();
-    if (!batch) batch.emplace(store);
-
-    // An empty cache has nothing to remove; a forced run still removes what is gone.
-    std::vector<std::string> deletions;
-    if (force) {
-        std::vector<std::string_view> found;
-        found.reserve(walk.files.size());
-        for (const auto& entry : walk.files)
-            found.emplace_back(entry.first);
-        std::sort(found.begin(), found.end());
-        batch->forEachStamp([&](std::string_view path, const FileStamp&) {
-            if (!std::binary_search(found.begin(), found.end(), path) &&
-                !underAny(path, missingRoots))
-                deletions.emplace_back(path);
-        });
+    if (cacheEmpty) {
+        if (!batch) batch.emplace(store);
+        batch->commit({});
+        return {static_cast<int64_t>(walk.files.size()), readCount, 0};
     }
-    batch->commit(deletions);
+
+    // Everything cached that was not found is removed, except under a missing root.
+    std::vector<std::string_view> found;
+    found.reserve(walk.files.size());
+    for (const auto& entry : walk.files)
+        found.emplace_back(entry.first);
+    std::sort(found.begin(), found.end());
+    std::vector<std::string> deletions;
+    store.forEachStamp([&](std::string_view path, const FileStamp&) {
+        if (!std::binary_search(found.begin(), found.end(), path) && !underAny(path, missingRoots))
+            deletions.emplace_back(path);
+    });
+    store.apply(tracks, deletions);
     return {static_cast<int64_t>(walk.files.size()), readCount,
             static_cast<int64_t>(deletions.size())};
 }
@@ -399,8 +406,10 @@ IndexSummary readEverything(const std::vector<std::string>& roots, LibraryStore&
 
 IndexSummary Indexer::run(const std::vector<std::string>& roots, LibraryStore& store, bool force,
                           const Progress& progress) {
-    if ((force || store.isEmpty()) && !rootsOverlap(roots))
-        return readEverything(roots, store, force, progress);
+    if (!rootsOverlap(roots)) {
+        if (store.isEmpty()) return readEverything(roots, store, true, progress);
+        if (force) return readEverything(roots, store, false, progress);
+    }
 
     std::vector<std::string> missingRoots;
     FoundList found = walkRoots(roots, missingRoots);

@@ -38,9 +38,9 @@ public:
     // Scans, reads what changed (everything with `force`) and applies it to the store.
     // Tracks under a root that is currently missing stay in the store. Never throws
     // for file-system trouble. When every file is to be read (an empty cache, or
-    // `force`), reading starts while the walk goes on and records are stored as they
-    // come, in one transaction that holds the store until the run ends; `progress`
-    // then starts once the walk has counted the files.
+    // `force`), reading starts while the walk goes on, and `progress` starts once the
+    // walk has counted the files; into an empty cache the records are also stored as
+    // they come, in one transaction that holds the store until the run ends.
     static IndexSummary run(const std::vector<std::string>& roots, LibraryStore& store, bool force,
                             const Progress& progress = {});
 

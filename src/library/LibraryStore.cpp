@@ -158,11 +158,6 @@ std::unordered_map<std::string, FileStamp> LibraryStore::stamps() {
 void LibraryStore::forEachStamp(
     const std::function<void(std::string_view path, const FileStamp&)>& visit) {
     std::lock_guard lock(mutex_);
-    visitStamps(visit);
-}
-
-void LibraryStore::visitStamps(
-    const std::function<void(std::string_view path, const FileStamp&)>& visit) {
     auto s = prepare(db_.get(), kStamps);
     while (sqlite3_step(s.get()) == SQLITE_ROW) {
         auto* p = reinterpret_cast<const char*>(sqlite3_column_text(s.get(), 0));
@@ -190,11 +185,6 @@ LibraryStore::Batch::~Batch() {
 
 void LibraryStore::Batch::add(const std::vector<Track>& upserts) {
     store_.upsert(upserts);
-}
-
-void LibraryStore::Batch::forEachStamp(
-    const std::function<void(std::string_view path, const FileStamp&)>& visit) {
-    store_.visitStamps(visit);
 }
 
 void LibraryStore::Batch::commit(const std::vector<std::string>& deletions) {

@@ -74,9 +74,6 @@ public:
 
         // Inserts or replaces the records, in order.
         void add(const std::vector<Track>& upserts);
-        // As the store's forEachStamp, seeing the records added so far.
-        void forEachStamp(
-            const std::function<void(std::string_view path, const FileStamp&)>& visit);
         // Deletes the paths and commits. Nothing may be called afterwards.
         void commit(const std::vector<std::string>& deletions);
 
@@ -92,7 +89,6 @@ public:
 private:
     void upsert(const std::vector<Track>& upserts);
     void remove(const std::vector<std::string>& paths);
-    void visitStamps(const std::function<void(std::string_view path, const FileStamp&)>& visit);
 
     struct Closer {
         void operator()(sqlite3* db) const;

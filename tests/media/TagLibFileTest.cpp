@@ -4,8 +4,6 @@
 
 #include <gtest/gtest.h>
 
-#include <fstream>
-
 using namespace trovan;
 namespace fx = trovan::fixtures;
 
@@ -20,22 +18,36 @@ TEST(TagLibFile, RoundTripsTagsAndPicturesOnEveryFormat) {
     const Picture png{
         fx::image({.kind = fx::ImageKind::png, .width = 20, .height = 10, .color = "yellow"}),
         "image/png"};
+    const std::string lyrics(100'000, 'l'); // a tag well over one block of the read cache
     for (auto format : fx::taggableFormats()) {
         SCOPED_TRACE(fx::name(format));
         fx::Tone tone{.format = format,
                       .tags = {{"TITLE", {"Canción ñ 日本"}},
                                {"ARTIST", {"Uno", "Dos"}},
                                {"ALBUM", {"Álbum"}},
-                               {"GENRE", {"Rock"}}},
+                               {"GENRE", {"Rock"}},
+                               {"LYRICS", {lyrics}}},
                       .covers = covers};
         auto path = fx::copyTo(fx::cached("rich." + fx::extension(format), tone), dir.path());
+        {
+            // The read-only opening reads through a block cache: it sees what the stdio one
+            // sees, and writes nothing.
+            auto cached = TagLibFile::openForReading(path.string());
+            auto plain = TagLibFile::open(path.string());
+            ASSERT_TRUE(cached && plain);
+            EXPECT_EQ(cached->value("LYRICS"), lyrics);
+            EXPECT_EQ(cached->properties(), plain->properties());
+            EXPECT_EQ(cached->audioProperties(), plain->audioProperties());
+            EXPECT_EQ(cached->picture(), plain->picture());
+            cached->set("TITLE", {"Otro"});
+            EXPECT_FALSE(cached->save());
+        }
         ASSERT_EQ(fx::storedPictures(path).size(), 3u);
         {
             auto file = TagLibFile::open(path.string());
             ASSERT_TRUE(file);
             EXPECT_EQ(file->value("TITLE"), "Canción ñ 日本");
             EXPECT_EQ(file->value("ARTIST"), "Uno");
-            EXPECT_EQ(file->value("COMPOSER"), std::nullopt);
             EXPECT_EQ(file->properties()["ARTIST"], (std::vector<std::string>{"Uno", "Dos"}));
             EXPECT_EQ(file->picture(), (Picture{fx::image(covers[0]), "image/jpeg"}));
 
@@ -74,67 +86,41 @@ TEST(TagLibFile, RoundTripsTagsAndPicturesOnEveryFormat) {
         EXPECT_FALSE(TagLibFile::open(path.string())->picture());
         EXPECT_TRUE(fx::decodes(path));
     }
+
+    // WavPack carries APE tags but no pictures here: a picture is refused, tags still saved.
+    auto wv = dir / "tone.wv";
+    auto made = fx::runProcess({"ffmpeg", "-nostdin", "-v", "error", "-f", "lavfi", "-i",
+                                "sine=duration=0.5", "-c:a", "wavpack", wv.string()});
+    ASSERT_EQ(made.status, 0) << made.errors;
+    auto file = TagLibFile::open(wv.string());
+    ASSERT_TRUE(file);
+    EXPECT_FALSE(file->picture());
+    EXPECT_FALSE(file->setPicture(Picture{fx::image(fx::Cover{}), "image/jpeg"}));
+    file->set("TITLE", {"Sin portada"});
+    ASSERT_TRUE(file->save());
+    file.reset();
+    EXPECT_EQ(TagLibFile::open(wv.string())->value("TITLE"), "Sin portada");
+    EXPECT_TRUE(fx::decodes(wv));
 }
 
-TEST(TagLibFile, UnreadableFilesGiveNothingFromEitherReader) {
+// Files TagLib cannot read give nothing from either opening nor from the FFmpeg reader; damaged
+// ones read the same through the block cache as through stdio.
+TEST(TagLibFile, DamagedFilesReadTheSameThroughEitherOpening) {
     if (!fx::available()) GTEST_SKIP() << "ffmpeg missing";
     fx::TempDir dir;
     // Missing, a folder, empty, garbage; CAF is a format only FFmpeg reads.
-    const std::vector<std::filesystem::path> paths = {
-        dir / "missing.flac",
-        dir.path(),
-        fx::writeBroken(dir.path(), "z.flac", fx::Broken::zeroBytes),
-        fx::writeBroken(dir.path(), "g.m4a", fx::Broken::garbage),
-        fx::writeBroken(dir.path(), "g.ogg", fx::Broken::garbage),
-        fx::writeBroken(dir.path(), "g.caf", fx::Broken::garbage)};
-    for (const auto& p : paths) {
-        SCOPED_TRACE(p);
-        EXPECT_FALSE(TagLibFile::open(p.string()));
-        EXPECT_FALSE(AudioFileProbe::read(p.string()));
+    for (const auto& p : {dir / "missing.flac", dir.path(),
+                          fx::writeBroken(dir.path(), "z.flac", fx::Broken::zeroBytes),
+                          fx::writeBroken(dir.path(), "g.m4a", fx::Broken::garbage),
+                          fx::writeBroken(dir.path(), "g.ogg", fx::Broken::garbage),
+                          fx::writeBroken(dir.path(), "g.caf", fx::Broken::garbage)}) {
+        EXPECT_FALSE(TagLibFile::open(p.string()) || TagLibFile::openForReading(p.string()) ||
+                     AudioFileProbe::read(p.string()))
+            << p;
     }
-}
-
-TEST(TagLibFile, FormatsWithoutPicturesRefuseOneCleanly) {
-    if (!fx::available()) GTEST_SKIP() << "ffmpeg missing";
-    fx::TempDir dir;
-    auto path = dir / "tone.wv"; // WavPack: APE tags, no pictures in this program
-    auto made = fx::runProcess({"ffmpeg", "-nostdin", "-v", "error", "-f", "lavfi", "-i",
-                                "sine=duration=0.5", "-c:a", "wavpack", "-f", "wv", path.string()});
-    ASSERT_EQ(made.status, 0) << made.errors;
-    {
-        auto file = TagLibFile::open(path.string());
-        ASSERT_TRUE(file);
-        EXPECT_FALSE(file->picture());
-        EXPECT_FALSE(file->setPicture(Picture{fx::image(fx::Cover{}), "image/jpeg"}));
-        file->set("TITLE", {"Sin portada"});
-        ASSERT_TRUE(file->save());
-    }
-    EXPECT_EQ(TagLibFile::open(path.string())->value("TITLE"), "Sin portada");
-    EXPECT_TRUE(fx::decodes(path));
-}
-
-// The read-only opening goes through its own block cache; it must see exactly what the
-// stdio one sees, including tags larger than a cache block and damaged files.
-TEST(TagLibFile, ReadingThroughTheBlockCacheSeesWhatStdioSees) {
-    if (!fx::available()) GTEST_SKIP() << "ffmpeg missing";
-    fx::TempDir dir;
-    const std::string lyrics(100'000, 'l'); // a tag well over one cached block
-    std::vector<std::filesystem::path> paths;
-    for (auto format : fx::taggableFormats()) {
-        fx::Tone tone{.format = format,
-                      .seconds = 0.3,
-                      .tags = {{"TITLE", {"Bloque"}}, {"ARTIST", {"Uno", "Dos"}}, {"LYRICS", {lyrics}}},
-                      .covers = {{fx::ImageKind::png, 64, 64, "blue"}}};
-        const auto name = std::to_string(paths.size()) + "." + fx::extension(format);
-        paths.push_back(fx::copyTo(fx::cached("big." + fx::extension(format), tone), dir.path(), name));
-    }
-    paths.push_back(fx::writeBroken(dir.path(), "cut.flac", fx::Broken::truncated));
-    paths.push_back(fx::writeBroken(dir.path(), "cut.mp3", fx::Broken::truncated, fx::Format::mp3));
-    paths.push_back(fx::writeBroken(dir.path(), "z.mp3", fx::Broken::zeroBytes));
-    paths.push_back(dir / "missing.mp3");
-    paths.push_back(dir.path());
-
-    for (const auto& path : paths) {
+    for (auto format : {fx::Format::flac, fx::Format::mp3, fx::Format::aac}) {
+        auto path = fx::writeBroken(dir.path(), "cut." + fx::extension(format),
+                                    fx::Broken::truncated, format);
         SCOPED_TRACE(path);
         auto plain = TagLibFile::open(path.string());
         auto cached = TagLibFile::openForReading(path.string());
@@ -144,18 +130,4 @@ TEST(TagLibFile, ReadingThroughTheBlockCacheSeesWhatStdioSees) {
         EXPECT_EQ(cached->audioProperties(), plain->audioProperties());
         EXPECT_EQ(cached->picture(), plain->picture());
     }
-
-    // Nothing can be written through it.
-    auto bytes = [](const std::filesystem::path& p) {
-        std::ifstream in(p, std::ios::binary);
-        return std::string(std::istreambuf_iterator<char>(in), {});
-    };
-    const auto before = bytes(paths[0]);
-    auto file = TagLibFile::openForReading(paths[0].string());
-    ASSERT_TRUE(file);
-    EXPECT_EQ(file->value("LYRICS"), lyrics);
-    file->set("TITLE", {"Otro"});
-    EXPECT_FALSE(file->save());
-    file.reset();
-    EXPECT_EQ(bytes(paths[0]), before);
 }

@@ -4,10 +4,77 @@
 
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <map>
+#include <numeric>
 
 namespace trovan {
 namespace {
+
+PlaybackQueue queueOf(int n, int startAt, RepeatMode mode = RepeatMode::off) {
+    std::mt19937_64 rng(1);
+    PlaybackQueue q;
+    q.repeatMode = mode;
+    std::vector<std::string> paths;
+    for (int i = 0; i < n; ++i)
+        paths.push_back("/m/" + std::to_string(i));
+    q.replace(paths, startAt, rng);
+    return q;
+}
+
+bool isPermutation(const PlaybackQueue& q) {
+    std::vector<int> ids(q.paths.size());
+    std::iota(ids.begin(), ids.end(), 0);
+    return std::is_permutation(q.order.begin(), q.order.end(), ids.begin(), ids.end());
+}
+
+TEST(PlaybackQueueTest, RepeatModesAtTheEndsAndOutOfRangeStarts) {
+    for (auto [n, start] : {std::pair{3, 3}, {3, -1}, {0, 0}}) {
+        auto q = queueOf(n, start);
+        EXPECT_FALSE(q.position || q.advance(false) || q.retreat()) << n << " " << start;
+    }
+    auto off = queueOf(3, 1);
+    EXPECT_EQ(off.advance(true), "/m/2");
+    EXPECT_FALSE(off.advance(false)); // the user's next at the end stays put
+    EXPECT_EQ(off.position, 2);
+    EXPECT_FALSE(off.advance(true)); // the last track ended by itself: the queue is over
+    EXPECT_FALSE(off.position);
+    auto all = queueOf(3, 2, RepeatMode::all);
+    EXPECT_EQ(all.advance(true), "/m/0");
+    EXPECT_EQ(all.retreat(), "/m/2");
+    auto one = queueOf(3, 2, RepeatMode::one);
+    EXPECT_EQ(one.advance(true), "/m/2"); // the same track again
+    EXPECT_EQ(one.advance(false),
+              "/m/0"); // the user's next still moves on, and wraps
+}
+
+TEST(PlaybackQueueTest, ShuffleKeepsTheCurrentTrackFirstAndOffRestoresItsPlace) {
+    std::mt19937_64 rng(42);
+    auto q = queueOf(20, 7);
+    q.setShuffle(true, rng);
+    EXPECT_EQ(q.position, 0);
+    EXPECT_EQ(q.order.front(), 7);
+    EXPECT_TRUE(isPermutation(q));
+    auto shuffled = q.order;
+    q.reshuffle(rng);
+    EXPECT_EQ(q.order.front(), 7);
+    EXPECT_NE(q.order, shuffled); // of 19! orders, the same one again means no shuffle
+    ASSERT_TRUE(q.advance(false));
+    int current = q.order[static_cast<std::size_t>(*q.position)];
+    q.setShuffle(false, rng);
+    EXPECT_EQ(q.position, current);
+
+    // With no current track the whole order is shuffled; the setting survives a new list.
+    auto none = queueOf(20, 99);
+    none.setShuffle(true, rng);
+    EXPECT_FALSE(none.position);
+    EXPECT_TRUE(isPermutation(none));
+    EXPECT_FALSE(std::is_sorted(none.order.begin(), none.order.end()));
+    none.replace({"/a", "/b", "/c", "/d", "/e"}, 4, rng);
+    EXPECT_EQ(none.order.front(), 4);
+    none.setShuffle(false, rng);
+    EXPECT_EQ(none.position, 4);
+}
 
 class PlaybackControllerTest : public ::testing::Test {
 protected:
@@ -84,24 +151,23 @@ TEST_F(PlaybackControllerTest, RepeatOffEndsTheQueueWithTheLastTrackLoaded) {
 }
 
 TEST_F(PlaybackControllerTest, PreviousRestartsAfterThreeSecondsAndRepeatOneReplays) {
-    controller.play(good, 0);
-    controller.previous(); // first track, repeat off: back to its start
-    EXPECT_EQ(current(), good[0]);
-    controller.setRepeatMode(RepeatMode::all);
-    controller.previous();
-    EXPECT_EQ(current(), good[2]); // wraps to the last
+    controller.play(good, 1);
     controller.seek(3.5);
-    controller.previous();
-    EXPECT_EQ(current(), good[2]); // restarted instead
+    controller.previous(); // more than 3 s played: restarts instead
+    EXPECT_EQ(current(), good[1]);
     EXPECT_DOUBLE_EQ(engine().currentTime(), 0.0);
     controller.seek(2.5);
     controller.previous();
-    EXPECT_EQ(current(), good[1]);
+    EXPECT_EQ(current(), good[0]);
+    controller.seek(1.0);
+    controller.previous(); // first track, repeat off: back to its start
+    EXPECT_EQ(current(), good[0]);
+    EXPECT_DOUBLE_EQ(engine().currentTime(), 0.0);
 
     controller.setRepeatMode(RepeatMode::one);
     advance(1.0);
     controller.trackEnded();
-    EXPECT_EQ(current(), good[1]);
+    EXPECT_EQ(current(), good[0]);
     EXPECT_DOUBLE_EQ(engine().currentTime(), 0.0);
     EXPECT_TRUE(controller.state().isPlaying);
 }
@@ -112,14 +178,13 @@ TEST_F(PlaybackControllerTest, ShuffleTogglePlayVolumeAndTagRefresh) {
     EXPECT_FALSE(controller.state().track);
     controller.play(good, 1);
     advance(0.5);
-    controller.setShuffle(true); // the current track keeps playing, first in the order
-    EXPECT_EQ(controller.queue().order.front(), 1);
-    controller.togglePlay();
+    controller.setShuffle(true); // the current track keeps playing, where it was
     controller.setShuffle(false);
-    EXPECT_EQ(controller.queue().position, 1);
+    controller.togglePlay(); // so this pauses it
     EXPECT_FALSE(controller.state().isPlaying);
     controller.togglePlay();
     EXPECT_TRUE(controller.state().isPlaying);
+    EXPECT_EQ(current(), good[1]);
     EXPECT_NEAR(engine().currentTime(), 0.5, 1e-9);
 
     int before = changes;

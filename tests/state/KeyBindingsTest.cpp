@@ -53,14 +53,10 @@ TEST(KeyBindings, EveryKeyOfTheTableLeadsToItsAction) {
                   Action::seekFraction(d / 10.0));
     // The rows themselves say what they mean.
     const std::pair<Key, Action> pairs[] = {{Key::character("k"), Action::move(-1)},
-
                                             {Key::character(" "), A::togglePlay},
-
                                             {Key::ctrl('c'), A::quit},
-
                                             {Key::character("L"), A::editLyrics},
                                             {Key::character("+"), Action::volumeBy(0.05f)},
-
                                             {Key(K::backTab), A::focusPrevious}};
     for (const auto& [key, act] : pairs)
         EXPECT_EQ(KeyBindings::lookup(key), act) << KeyBindings::label(key);

@@ -17,7 +17,6 @@
 #include <taglib/wavfile.h>
 #include <taglib/xiphcomment.h>
 
-#include <cctype>
 #include <cstdlib>
 #include <fstream>
 #include <mutex>
@@ -31,32 +30,17 @@ namespace trovan::fixtures {
 
 namespace {
 
-// "a b c" -> {"a", "b", "c"}
-std::vector<std::string> words(const std::string& text) {
-    std::istringstream in(text);
-    std::vector<std::string> out;
-    for (std::string w; in >> w;)
-        out.push_back(w);
-    return out;
-}
-
-void runChecked(const std::vector<std::string>& argv) {
-    auto r = runProcess(argv);
-    if (r.status == 0) return;
-    std::string cmd;
-    for (const auto& a : argv)
-        cmd += a + " ";
-    throw std::runtime_error("fixture command failed: " + cmd + "\n" + r.errors);
-}
-
-// Runs ffmpeg on a generated input (lavfi source) and writes `out`.
+// Runs ffmpeg on a generated input (lavfi source) with space-separated options.
 void ffmpeg(const std::string& source, const std::string& options, const fs::path& out) {
-    auto argv = words("ffmpeg -nostdin -v error -y -f lavfi -i");
-    argv.push_back(source);
-    for (auto& w : words(options))
+    std::vector<std::string> argv = {"ffmpeg", "-nostdin", "-v", "error", "-y",
+                                     "-f",     "lavfi",    "-i", source};
+    std::istringstream words(options);
+    for (std::string w; words >> w;)
         argv.push_back(w);
     argv.push_back(out.string());
-    runChecked(argv);
+    auto r = runProcess(argv);
+    if (r.status != 0)
+        throw std::runtime_error("ffmpeg failed on " + out.string() + "\n" + r.errors);
 }
 
 std::string number(double v) {
@@ -72,35 +56,35 @@ std::vector<uint8_t> readAll(const fs::path& p) {
 }
 
 // Per format: extension, readable name, encoder options for 16 and 24 bit (none: the
-// same for both), and the default bitrate of lossy encoders.
+// same for both).
 struct FormatInfo {
-    Format format;
     const char *extension, *name, *options, *deepOptions;
-    int kbps;
 };
 const FormatInfo kFormats[] = {
-    {Format::flac, "flac", "flac", "-c:a flac -sample_fmt s16 -f flac",
-     "-c:a flac -sample_fmt s32 -bits_per_raw_sample 24 -f flac", 0},
-    {Format::mp3, "mp3", "mp3", "-c:a libmp3lame -id3v2_version 0 -write_id3v1 0 -f mp3", 0, 128},
-    {Format::aac, "m4a", "aac", "-c:a aac -f ipod", 0, 128},
-    {Format::alac, "m4a", "alac", "-c:a alac -sample_fmt s16p -f ipod",
-     "-c:a alac -sample_fmt s32p -f ipod", 0},
-    {Format::adts, "aac", "adts", "-c:a aac -f adts", 0, 128},
-    {Format::wav, "wav", "wav", "-c:a pcm_s16le -f wav", "-c:a pcm_s24le -f wav", 0},
-    {Format::aiff, "aiff", "aiff", "-c:a pcm_s16be -f aiff", "-c:a pcm_s24be -f aiff", 0},
-    // Little-endian PCM makes it AIFF-C ("sowt").
-    {Format::aifc, "aifc", "aifc", "-c:a pcm_s16le -f aiff", 0, 0},
-    {Format::caf, "caf", "caf", "-c:a pcm_s16le -f caf", "-c:a pcm_s24le -f caf", 0},
-    {Format::vorbis, "ogg", "vorbis", "-c:a libvorbis -f ogg", 0, 96},
-    {Format::opus, "opus", "opus", "-c:a libopus -f opus", 0, 64},
-    {Format::oggFlac, "oga", "oggflac", "-c:a flac -sample_fmt s16 -f ogg", 0, 0}};
+    {"flac", "flac", "-c:a flac -sample_fmt s16 -f flac",
+     "-c:a flac -sample_fmt s32 -bits_per_raw_sample 24 -f flac"},
+    {"mp3", "mp3", "-c:a libmp3lame -id3v2_version 0 -write_id3v1 0 -f mp3 -b:a 128k"},
+    {"m4a", "aac", "-c:a aac -f ipod -b:a 128k"},
+    {"m4a", "alac", "-c:a alac -sample_fmt s16p -f ipod", "-c:a alac -sample_fmt s32p -f ipod"},
+    {"aac", "adts", "-c:a aac -f adts -b:a 128k"},
+    {"wav", "wav", "-c:a pcm_s16le -f wav", "-c:a pcm_s24le -f wav"},
+    {"aiff", "aiff", "-c:a pcm_s16be -f aiff", "-c:a pcm_s24be -f aiff"},
+    {"aifc", "aifc", "-c:a pcm_s16le -f aiff"}, // little-endian PCM makes it AIFF-C ("sowt")
+    {"caf", "caf", "-c:a pcm_s16le -f caf", "-c:a pcm_s24le -f caf"},
+    {"ogg", "vorbis", "-c:a libvorbis -f ogg -b:a 96k"},
+    {"opus", "opus", "-c:a libopus -f opus -b:a 64k"},
+    {"oga", "oggflac", "-c:a flac -sample_fmt s16 -f ogg"}};
 
-std::string encoderOptions(const Tone& t) {
+// The ffmpeg source and output options that make the tone's audio.
+std::pair<std::string, std::string> recipe(const Tone& t) {
     const auto& f = kFormats[static_cast<int>(t.format)];
-    std::string options = t.bitDepth > 16 && f.deepOptions ? f.deepOptions : f.options;
-    if (f.kbps)
-        options += " -b:a " + std::to_string(t.bitrateKbps > 0 ? t.bitrateKbps : f.kbps) + "k";
-    return options;
+    auto rate = std::to_string(t.sampleRate), length = number(t.seconds);
+    return {t.wave == Wave::noise
+                ? "anoisesrc=sample_rate=" + rate + ":amplitude=0.8:seed=7:duration=" + length
+                : "sine=frequency=" + number(t.frequency) + ":sample_rate=" + rate +
+                      ":duration=" + length,
+            "-ac " + std::to_string(t.channels) + " -map_metadata -1 -fflags +bitexact " +
+                (t.bitDepth > 16 && f.deepOptions ? f.deepOptions : f.options)};
 }
 
 std::string mimeOf(const Cover& c) {
@@ -160,75 +144,69 @@ void tagId3(TagLib::ID3v2::Tag* tag, const Tone& t) {
     }
 }
 
-template <class File> bool saveXiph(const fs::path& p, const Tone& t) {
+// Opens a valid file, lets `change` edit it and throws unless it saves.
+template <class File, class Change> void edit(const fs::path& p, Change change) {
     File f(p.c_str());
-    auto* tag = tagged(opened(f, p).tag(), t);
-    for (const auto& c : t.covers)
-        tag->addPicture(flacPicture(c));
-    return f.save();
+    if (!change(opened(f, p))) throw std::runtime_error("TagLib cannot save fixture " + p.string());
 }
 
 void writeTags(const fs::path& p, const Tone& t) {
     if (t.tags.empty() && t.covers.empty()) return;
-    bool saved = false;
+    auto xiph = [&](auto& f) {
+        auto* tag = tagged(f.tag(), t);
+        for (const auto& c : t.covers)
+            tag->addPicture(flacPicture(c));
+        return f.save();
+    };
     switch (t.format) {
-    case Format::flac: {
-        TagLib::FLAC::File f(p.c_str());
-        tagged(opened(f, p).xiphComment(true), t);
-        for (const auto& c : t.covers)
-            f.addPicture(flacPicture(c));
-        saved = f.save();
-        break;
-    }
-    case Format::mp3: {
-        TagLib::MPEG::File f(p.c_str());
-        tagId3(opened(f, p).ID3v2Tag(true), t);
-        saved = f.save(TagLib::MPEG::File::ID3v2, TagLib::File::StripOthers, TagLib::ID3v2::v4,
-                       TagLib::File::DoNotDuplicate);
-        break;
-    }
+    case Format::flac:
+        return edit<TagLib::FLAC::File>(p, [&](auto& f) {
+            tagged(f.xiphComment(true), t);
+            for (const auto& c : t.covers)
+                f.addPicture(flacPicture(c));
+            return f.save();
+        });
+    case Format::mp3:
+        return edit<TagLib::MPEG::File>(p, [&](auto& f) {
+            tagId3(f.ID3v2Tag(true), t);
+            return f.save(TagLib::MPEG::File::ID3v2, TagLib::File::StripOthers, TagLib::ID3v2::v4,
+                          TagLib::File::DoNotDuplicate);
+        });
     case Format::aac:
-    case Format::alac: {
-        TagLib::MP4::File f(p.c_str());
-        TagLib::MP4::CoverArtList list;
-        for (const auto& c : t.covers)
-            list.append({mimeOf(c) == "image/png"    ? TagLib::MP4::CoverArt::PNG
-                         : mimeOf(c) == "image/jpeg" ? TagLib::MP4::CoverArt::JPEG
-                                                     : TagLib::MP4::CoverArt::Unknown,
-                         bytesOf(c)});
-        tagged(opened(f, p).tag(), t);
-        if (!list.isEmpty()) f.tag()->setItem("covr", TagLib::MP4::Item(list));
-        saved = f.save();
-        break;
-    }
-    case Format::wav: {
-        TagLib::RIFF::WAV::File f(p.c_str());
-        tagId3(opened(f, p).ID3v2Tag(), t);
-        saved =
-            f.save(TagLib::RIFF::WAV::File::ID3v2, TagLib::File::StripOthers, TagLib::ID3v2::v4);
-        break;
-    }
+    case Format::alac:
+        return edit<TagLib::MP4::File>(p, [&](auto& f) {
+            TagLib::MP4::CoverArtList list;
+            for (const auto& c : t.covers)
+                list.append({mimeOf(c) == "image/png"    ? TagLib::MP4::CoverArt::PNG
+                             : mimeOf(c) == "image/jpeg" ? TagLib::MP4::CoverArt::JPEG
+                                                         : TagLib::MP4::CoverArt::Unknown,
+                             bytesOf(c)});
+            tagged(f.tag(), t);
+            if (!list.isEmpty()) f.tag()->setItem("covr", TagLib::MP4::Item(list));
+            return f.save();
+        });
+    case Format::wav:
+        return edit<TagLib::RIFF::WAV::File>(p, [&](auto& f) {
+            tagId3(f.ID3v2Tag(), t);
+            return f.save(TagLib::RIFF::WAV::File::ID3v2, TagLib::File::StripOthers,
+                          TagLib::ID3v2::v4);
+        });
     case Format::aiff:
-    case Format::aifc: {
-        TagLib::RIFF::AIFF::File f(p.c_str());
-        tagId3(opened(f, p).tag(), t);
-        saved = f.save();
-        break;
-    }
+    case Format::aifc:
+        return edit<TagLib::RIFF::AIFF::File>(p, [&](auto& f) {
+            tagId3(f.tag(), t);
+            return f.save();
+        });
     case Format::vorbis:
-        saved = saveXiph<TagLib::Ogg::Vorbis::File>(p, t);
-        break;
+        return edit<TagLib::Ogg::Vorbis::File>(p, xiph);
     case Format::opus:
-        saved = saveXiph<TagLib::Ogg::Opus::File>(p, t);
-        break;
+        return edit<TagLib::Ogg::Opus::File>(p, xiph);
     case Format::oggFlac:
-        saved = saveXiph<TagLib::Ogg::FLAC::File>(p, t);
-        break;
+        return edit<TagLib::Ogg::FLAC::File>(p, xiph);
     case Format::adts:
     case Format::caf:
         throw std::runtime_error("fixture format " + name(t.format) + " cannot carry tags");
     }
-    if (!saved) throw std::runtime_error("TagLib cannot save fixture " + p.string());
 }
 
 std::vector<uint8_t> bytes(const TagLib::ByteVector& v) {
@@ -250,16 +228,6 @@ void addPictures(const TagLib::List<TagLib::FLAC::Picture*>& list,
 }
 
 } // namespace
-
-const std::vector<Format>& allFormats() {
-    static const std::vector<Format> all = [] {
-        std::vector<Format> out;
-        for (const auto& f : kFormats)
-            out.push_back(f.format);
-        return out;
-    }();
-    return all;
-}
 
 const std::vector<Format>& taggableFormats() {
     static const std::vector<Format> formats = {Format::flac, Format::mp3,    Format::aac,
@@ -299,14 +267,8 @@ std::vector<uint8_t> image(const Cover& c) {
 
 fs::path write(const fs::path& dir, const std::string& fileName, const Tone& t) {
     auto out = dir / fileName;
-    auto rate = std::to_string(t.sampleRate), length = number(t.seconds);
-    ffmpeg(t.wave == Wave::noise
-               ? "anoisesrc=sample_rate=" + rate + ":amplitude=0.8:seed=7:duration=" + length
-               : "sine=frequency=" + number(t.frequency) + ":sample_rate=" + rate +
-                     ":duration=" + length,
-           "-ac " + std::to_string(t.channels) + " -map_metadata -1 -fflags +bitexact " +
-               encoderOptions(t),
-           out);
+    auto [source, options] = recipe(t);
+    ffmpeg(source, options, out);
     writeTags(out, t);
     return out;
 }
@@ -344,11 +306,10 @@ const fs::path& sharedDir() {
 fs::path cached(const std::string& fileName, const Tone& t) {
     // Keyed by everything that shapes the file; bump the leading version when the
     // generator changes what it writes.
+    auto [source, options] = recipe(t);
     std::ostringstream key;
     key.imbue(std::locale::classic());
-    key << 1 << '|' << fileName << '|' << static_cast<int>(t.format) << '|'
-        << static_cast<int>(t.wave) << '|' << t.frequency << '|' << t.seconds << '|' << t.sampleRate
-        << '|' << t.channels << '|' << t.bitDepth << '|' << t.bitrateKbps;
+    key << 2 << '|' << fileName << '|' << source << '|' << options;
     for (const auto& [k, vs] : t.tags) {
         key << "|T" << k.size() << ':' << k;
         for (const auto& v : vs)
@@ -424,20 +385,13 @@ MpegTags mpegTags(const fs::path& p) {
 std::optional<Probe> probe(const fs::path& file) {
     auto r = runProcess({"ffprobe", "-v", "error", "-select_streams", "a:0", "-show_entries",
                          "stream=codec_name,sample_rate,channels:format=duration", "-of",
-                         "default=nw=1", file.string()});
-    std::optional<Probe> p;
-    std::istringstream lines(r.output);
-    for (std::string line; r.status == 0 && std::getline(lines, line);) {
-        auto eq = line.find('=');
-        auto key = line.substr(0, eq), value = line.substr(eq + 1);
-        if (key == "codec_name") p = Probe{value};
-        // "N/A" values stay 0.
-        if (!p || value.empty() || !std::isdigit(static_cast<unsigned char>(value[0]))) continue;
-        if (key == "sample_rate") p->sampleRate = std::stoi(value);
-        if (key == "channels") p->channels = std::stoi(value);
-        if (key == "duration") p->seconds = std::stod(value);
-    }
-    return p;
+                         "default=nw=1:nk=1", file.string()});
+    // One value a line, in ffprobe's own order; "N/A" reads as 0.
+    std::istringstream in(r.output);
+    std::string codec, rate, channels, seconds;
+    if (r.status != 0 || !(in >> codec >> rate >> channels >> seconds)) return std::nullopt;
+    return Probe{codec, std::atof(seconds.c_str()), std::atoi(rate.c_str()),
+                 std::atoi(channels.c_str())};
 }
 
 bool decodes(const fs::path& file) {

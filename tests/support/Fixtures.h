@@ -20,7 +20,6 @@ namespace trovan::fixtures {
 // tags; oggFlac (.oga) must get none either (TagLib 1.13 cannot reopen what it saves).
 enum class Format { flac, mp3, aac, alac, adts, wav, aiff, aifc, caf, vorbis, opus, oggFlac };
 
-const std::vector<Format>& allFormats();
 // Every format whose tags and pictures TagLib writes and reads back.
 const std::vector<Format>& taggableFormats();
 std::string extension(Format f); // without the dot; aac and alac are both "m4a"
@@ -49,7 +48,6 @@ struct Tone {
     int sampleRate = 44100;
     int channels = 2;
     int bitDepth = 16;
-    int bitrateKbps = 0; // lossy formats; 0 = the encoder's default here
     // TagLib property keys ("TITLE", "ARTIST"...); several values make a multi-valued tag.
     std::map<std::string, std::vector<std::string>> tags;
     std::vector<Cover> covers;

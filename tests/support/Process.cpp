@@ -15,13 +15,11 @@ namespace trovan::fixtures {
 
 namespace {
 
-// Everything written to an unnamed temporary file.
+// Everything written to an unnamed temporary file (its offset is shared with the child).
 std::string contents(FILE* f) {
-    std::string text;
+    std::string text(static_cast<std::size_t>(std::ftell(f)), '\0');
     std::rewind(f);
-    char buf[65536];
-    for (std::size_t n; (n = std::fread(buf, 1, sizeof buf, f)) > 0;)
-        text.append(buf, n);
+    text.resize(std::fread(text.data(), 1, text.size(), f));
     std::fclose(f);
     return text;
 }

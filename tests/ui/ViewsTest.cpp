@@ -6,7 +6,6 @@
 #include "ui/Drawing.h"
 #include "ui/Overlays.h"
 #include "ui/PlayerView.h"
-#include "ui/Screen.h"
 
 #include <gtest/gtest.h>
 
@@ -31,15 +30,6 @@ TEST(PlayerView, TimeFormat) {
     for (const auto& [seconds, text] : cases)
         EXPECT_EQ(PlayerView::format(seconds), text) << seconds;
     EXPECT_EQ(PlayerView::format(1e300), PlayerView::format(1e12));
-}
-
-TEST(HeaderView, StatusDisappearsWhenItExpires) {
-    const Layout layout({100, 40});
-    AppState s = libraryState(layout);
-    const ScreenBuffer plain = Screen::compose(s, layout, 0, kNow).buffer;
-    s.status = StatusMessage{"Guardado", false, kNow};
-    EXPECT_EQ(Screen::compose(s, layout, 0, kNow).buffer, plain);
-    EXPECT_NE(Screen::compose(s, layout, 0, kNow - std::chrono::milliseconds(1)).buffer, plain);
 }
 
 TEST(Drawing, InputScrollsToKeepTheCursorVisible) {
