@@ -402,6 +402,7 @@ TEST(Tmux, SmallWindowPromptsOverlaysIdleMouseAndResize) {
 
     // Idle, nothing playing and nothing pending: no wake-ups, so no CPU time at all.
     const long before = s.cpuTicks();
+    ASSERT_GE(before, 0) << "the program is gone";
     std::this_thread::sleep_for(3s);
     EXPECT_EQ(s.cpuTicks(), before) << "the idle program used CPU time";
 
