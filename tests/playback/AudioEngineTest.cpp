@@ -22,12 +22,6 @@ protected:
         engine.load(flac);
     }
     void advance(double seconds) { testing::advanceSeconds(engine, outputs, seconds); }
-    // Plays until the last frame has been heard and the end notice is queued.
-    void playOut() {
-        for (int i = 0; i < 400 && tasks.size() == 0; ++i)
-            advance(0.01);
-        ASSERT_TRUE(tasks.waitForTask());
-    }
 
     testing::TaskQueue tasks;
     testing::VirtualOutputs outputs;
@@ -110,7 +104,9 @@ TEST_F(AudioEngineTest, LateNoticeAfterPauseOrSeekIsIgnored) {
     for (bool bySeek : {false, true}) {
         engine.seek(1.9);
         engine.play();
-        playOut(); // the finished segment's notice is queued...
+        for (int i = 0; i < 400 && tasks.size() == 0; ++i)
+            advance(0.01);
+        ASSERT_TRUE(tasks.waitForTask()); // the finished segment's notice is queued...
         bySeek ? engine.seek(0.5) : engine.pause();
         tasks.runPending(); // ...and must not end the track
         EXPECT_EQ(ended, 0);
