@@ -12,12 +12,7 @@ TEST(TrackRead, EveryFormatMatchesTheProbe) {
     if (!fx::available()) GTEST_SKIP() << "ffmpeg missing";
     // Rates and layouts vary across formats; Opus always runs at 48 kHz, and FFmpeg
     // stores 2 channels for AAC in MP4. ALAC of noise lies well above 400 kb/s.
-    struct Case {
-        fx::Format format;
-        const char* codec;
-        int rate, channels;
-    };
-    const Case cases[] = {
+    const std::tuple<fx::Format, const char*, int, int> cases[] = {
         {fx::Format::flac, "FLAC", 44100, 2}, {fx::Format::mp3, "MP3", 48000, 1},
         {fx::Format::aac, "AAC", 32000, 2},   {fx::Format::alac, "ALAC", 48000, 2},
         {fx::Format::adts, "AAC", 48000, 1},  {fx::Format::wav, "WAV", 32000, 2},
@@ -28,15 +23,15 @@ TEST(TrackRead, EveryFormatMatchesTheProbe) {
                             int64_t, int64_t, int64_t>;
     const Tags tags = {"Canción de prueba", "Ñandú", "Varios", "Álbum ☃", "Jazz", 1999, 3, 2};
     const auto& taggable = fx::taggableFormats();
-    for (const auto& c : cases) {
-        SCOPED_TRACE(fx::name(c.format));
-        const bool tagged = std::count(taggable.begin(), taggable.end(), c.format) > 0;
-        fx::Tone tone{.format = c.format,
-                      .wave = c.format == fx::Format::alac ? fx::Wave::noise : fx::Wave::sine,
+    for (const auto& [format, codec, rate, channels] : cases) {
+        SCOPED_TRACE(fx::name(format));
+        const bool tagged = std::count(taggable.begin(), taggable.end(), format) > 0;
+        fx::Tone tone{.format = format,
+                      .wave = format == fx::Format::alac ? fx::Wave::noise : fx::Wave::sine,
                       .seconds = 2.5,
-                      .sampleRate = c.rate,
-                      .channels = c.channels,
-                      .bitDepth = c.format == fx::Format::flac ? 24 : 16};
+                      .sampleRate = rate,
+                      .channels = channels,
+                      .bitDepth = format == fx::Format::flac ? 24 : 16};
         if (tagged)
             tone.tags = {{"TITLE", {"Canción de prueba"}},
                          {"ARTIST", {"Ñandú", "Otro"}},
@@ -47,8 +42,8 @@ TEST(TrackRead, EveryFormatMatchesTheProbe) {
                          {"TRACKNUMBER", {"3/12"}},
                          {"DISCNUMBER", {" 2 "}}};
         // An upper-case extension reads like a lower-case one.
-        auto path = fx::cached(c.format == fx::Format::mp3 ? std::string("TONE.MP3")
-                                                           : "tone." + fx::extension(c.format),
+        auto path = fx::cached(format == fx::Format::mp3 ? std::string("TONE.MP3")
+                                                         : "tone." + fx::extension(format),
                                tone);
         auto probe = fx::probe(path);
         auto track = Track::read(path.string());
@@ -57,7 +52,7 @@ TEST(TrackRead, EveryFormatMatchesTheProbe) {
         EXPECT_EQ(track->size, static_cast<int64_t>(std::filesystem::file_size(path)));
         EXPECT_GT(track->mtime, 1.0e9);
         EXPECT_EQ(std::tie(track->codec, track->sampleRate, track->channels),
-                  std::make_tuple(c.codec, int64_t(probe->sampleRate), int64_t(probe->channels)));
+                  std::make_tuple(codec, int64_t(probe->sampleRate), int64_t(probe->channels)));
         EXPECT_GT(track->durationMs, 0);
         EXPECT_LT(std::abs(track->durationMs / 1000.0 - probe->seconds), 1.0);
         // Formats TagLib cannot open are read through FFmpeg alone: no tags, no bitrate.
