@@ -348,20 +348,27 @@ void BM_KeyPressLibraryPane(benchmark::State& state) {
 BENCHMARK(BM_KeyPressArtistPane)->Unit(benchmark::kMicrosecond);
 BENCHMARK(BM_KeyPressLibraryPane)->Unit(benchmark::kMicrosecond);
 
+// Waits for the scan of the small home, then plays its one track; false (and the
+// benchmark skipped) when either does not happen.
+bool playFirstTrack(Running& app, benchmark::State& state) {
+    if (!app.waitFor("Biblioteca al día", std::chrono::seconds(20))) {
+        state.SkipWithError("no scan summary");
+        return false;
+    }
+    app.send("\r\x1b[B\r");
+    if (!app.waitFor("\xE2\x9D\x9A\xE2\x9D\x9A", std::chrono::seconds(10))) { // ❚❚
+        state.SkipWithError("did not play");
+        return false;
+    }
+    return true;
+}
+
 void BM_PausedWakeups(benchmark::State& state) {
     const fs::path home = smallHome();
     for (auto _ : state) {
         Running app(home, {(home / "music").string()});
         // Play, then pause, so the audio side has been through a whole cycle.
-        if (!app.waitFor("Biblioteca al día", std::chrono::seconds(20))) {
-            state.SkipWithError("no scan summary");
-            return;
-        }
-        app.send("\r\x1b[B\r");
-        if (!app.waitFor("\xE2\x9D\x9A\xE2\x9D\x9A", std::chrono::seconds(10))) { // ❚❚
-            state.SkipWithError("did not play");
-            return;
-        }
+        if (!playFirstTrack(app, state)) return;
         app.send(" ");
         std::this_thread::sleep_for(std::chrono::seconds(5)); // the status message expires
         app.drain(std::chrono::milliseconds(10));
@@ -378,15 +385,7 @@ void BM_PlayingCpu(benchmark::State& state) {
     const fs::path home = smallHome();
     for (auto _ : state) {
         Running app(home, {(home / "music").string()});
-        if (!app.waitFor("Biblioteca al día", std::chrono::seconds(20))) {
-            state.SkipWithError("no scan summary");
-            return;
-        }
-        app.send("\r\x1b[B\r");
-        if (!app.waitFor("\xE2\x9D\x9A\xE2\x9D\x9A", std::chrono::seconds(10))) { // ❚❚
-            state.SkipWithError("did not play");
-            return;
-        }
+        if (!playFirstTrack(app, state)) return;
         std::this_thread::sleep_for(std::chrono::seconds(1));
         const double cpu0 = app.cpuSeconds();
         const auto t0 = Clock::now();

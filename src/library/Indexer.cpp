@@ -148,11 +148,6 @@ struct Walk {
     bool walked() const { return folders.empty() && listing == 0; }
     bool reading() const { return progress != nullptr; }
 
-    // Once the roots' own entries are in.
-    void start() {
-        if (reading() && walked()) progress->setTotal(static_cast<int64_t>(files.size()));
-    }
-
     void worker() {
         std::vector<std::string> subfolders;
         FoundList listed;
@@ -237,6 +232,8 @@ struct Walk {
         }
         for (auto& entry : listed)
             files.push_back(std::move(entry));
+        // Roots without sub-folders: the walk is already over.
+        if (reading() && walked()) progress->setTotal(static_cast<int64_t>(files.size()));
     }
 };
 
@@ -349,7 +346,6 @@ IndexSummary readEverything(const std::vector<std::string>& roots, LibraryStore&
     Walk walk;
     walk.progress = &steps;
     walk.listRoots(roots, missingRoots);
-    walk.start();
     const int workers = Indexer::activeCores();
     walk.readersLeft = workers;
     std::vector<std::thread> threads;

@@ -300,8 +300,7 @@ std::unique_ptr<TagLibFile> TagLibFile::open(const std::string& path) {
     configure();
     auto impl = std::make_unique<Impl>();
     impl->ref = TagLib::FileRef(path.c_str(), true, TagLib::AudioProperties::Average);
-    if (impl->ref.isNull() || !impl->file()->isValid()) return nullptr;
-    return std::unique_ptr<TagLibFile>(new TagLibFile(path, std::move(impl)));
+    return adopt(path, std::move(impl));
 }
 
 std::unique_ptr<TagLibFile> TagLibFile::openForReading(const std::string& path) {
@@ -310,6 +309,10 @@ std::unique_ptr<TagLibFile> TagLibFile::openForReading(const std::string& path) 
     impl->stream = CachedReadStream::open(path);
     if (!impl->stream) return nullptr;
     impl->ref = TagLib::FileRef(impl->stream.get(), true, TagLib::AudioProperties::Average);
+    return adopt(path, std::move(impl));
+}
+
+std::unique_ptr<TagLibFile> TagLibFile::adopt(const std::string& path, std::unique_ptr<Impl> impl) {
     if (impl->ref.isNull() || !impl->file()->isValid()) return nullptr;
     return std::unique_ptr<TagLibFile>(new TagLibFile(path, std::move(impl)));
 }

@@ -77,6 +77,8 @@ public:
 private:
     struct Impl;
     TagLibFile(std::string path, std::unique_ptr<Impl> impl);
+    // The file TagLib opened, or none when it could not or found it invalid.
+    static std::unique_ptr<TagLibFile> adopt(const std::string& path, std::unique_ptr<Impl> impl);
     std::string path_;
     std::unique_ptr<Impl> impl_;
 };
