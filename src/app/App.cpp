@@ -72,6 +72,12 @@ int App::main(const std::vector<std::string>& arguments) {
             return 0;
         }
     }
+    for (const auto& a : arguments) {
+        if (a == "-V" || a == "--version") {
+            std::puts("trovan " TROVAN_VERSION);
+            return 0;
+        }
+    }
     if (!isatty(0) || !isatty(1)) {
         std::fputs("trovan necesita una terminal interactiva\n", stderr);
         return 1;

@@ -6,9 +6,10 @@
 
 namespace trovan::module {
 
-// Loads the module `fileName` (looked for beside the executable, then in the build's
-// own output folder) and returns the address of its symbol `entry`. On failure returns
-// null and sets `error`. A module stays loaded until the process ends.
+// Loads the module `fileName` (from the build's output folder when the program runs from
+// its build tree, else from the installed private folder) and returns the address of its
+// symbol `entry`. On failure returns null and sets `error`. A module stays loaded until
+// the process ends.
 void* load(const std::string& fileName, const char* entry, std::string& error);
 
 } // namespace trovan::module

@@ -15,6 +15,7 @@
 #include <filesystem>
 #include <fstream>
 #include <pty.h>
+#include <regex>
 #include <sstream>
 #include <string>
 #include <sys/wait.h>
@@ -171,16 +172,23 @@ TEST(AppLoop, RenderRequestsAreCoalescedAndTheTickerRunsOnlyWhilePlaying) {
     EXPECT_EQ(pump([&] { app.controller().needsRender(); }), "");
 }
 
-TEST(CommandLine, HelpPrintsTheUsageAndNothingElse) {
-    for (const char* args : {"-h", "--help x", "carpeta -h"}) {
+TEST(CommandLine, HelpAndVersionPrintAndNothingElse) {
+    const std::string version = "trovan " TROVAN_VERSION "\n";
+    const std::pair<const char*, const std::string&> cases[] = {
+        {"-h", kUsage},       {"--help x", kUsage}, {"carpeta -h", kUsage},
+        {"-V -h", kUsage},    {"-V", version},      {"carpeta --version", version}};
+    for (const auto& [args, expected] : cases) {
         const Result r = run(std::string(args) + " </dev/null");
         EXPECT_EQ(r.status, 0) << args;
-        EXPECT_EQ(r.out, kUsage) << args;
+        EXPECT_EQ(r.out, expected) << args;
         EXPECT_EQ(r.err, "") << args;
     }
-    const Result r = run("-help </dev/null"); // only the exact spellings count
-    EXPECT_EQ(r.status, 1);
-    EXPECT_EQ(r.out, "");
+    EXPECT_TRUE(std::regex_match(version, std::regex("trovan [0-9]+\\.[0-9]+\\.[0-9]+\n")));
+    for (const char* args : {"-help", "-v", "--versión"}) { // only the exact spellings count
+        const Result r = run(std::string(args) + " </dev/null");
+        EXPECT_EQ(r.status, 1) << args;
+        EXPECT_EQ(r.out, "") << args;
+    }
 }
 
 // FFmpeg and the sound server's client bring some hundred and fifty libraries; they are
