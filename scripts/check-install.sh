@@ -57,9 +57,11 @@ cmake --install "$build" --prefix "$prefix" >"$work/install.log"
 while read -r file; do
   [[ $file == "$prefix"/* ]] || fail "instalado fuera del prefijo: $file"
 done <"$build/install_manifest.txt"
+modules=$(dirname "$(find "$prefix/lib" -name trovan-ffmpeg.so -print -quit)")
+[[ $modules == "$prefix"/lib/*trovan ]] || fail "no hay módulos en $prefix/lib"
 expected="bin/trovan
-lib/trovan/trovan-cubeb.so
-lib/trovan/trovan-ffmpeg.so
+${modules#"$prefix"/}/trovan-cubeb.so
+${modules#"$prefix"/}/trovan-ffmpeg.so
 share/applications/trovan.desktop
 share/doc/trovan/changelog.gz
 share/doc/trovan/copyright
@@ -67,7 +69,7 @@ share/man/man1/trovan.1.gz"
 installed=$(cd "$prefix" && find . -type f -printf '%P\n' | LC_ALL=C sort)
 [[ $installed == "$expected" ]] || fail "archivos instalados inesperados:
 $installed"
-for elf in "$prefix/bin/trovan" "$prefix"/lib/trovan/*.so; do
+for elf in "$prefix/bin/trovan" "$modules"/*.so; do
   if readelf -d "$elf" | grep -qE 'R(UN)?PATH'; then fail "$elf lleva una ruta de búsqueda"; fi
 done
 warnings=$(LC_ALL=C.UTF-8 MANWIDTH=80 man --warnings -l "$prefix/share/man/man1/trovan.1.gz" 2>&1 >/dev/null)
@@ -122,7 +124,7 @@ shown=$(pixels)
 # Both modules are mapped, and from the prefix only.
 maps=$(grep -oE '/[^ ]*trovan-(ffmpeg|cubeb)\.so' "/proc/$pid/maps" | sort -u)
 for module in trovan-ffmpeg.so trovan-cubeb.so; do
-  grep -qx "$prefix/lib/trovan/$module" <<<"$maps" || fail "$module no se cargó del prefijo:
+  grep -qx "$modules/$module" <<<"$maps" || fail "$module no se cargó del prefijo:
 $maps"
 done
 [[ $(wc -l <<<"$maps") -eq 2 ]] || fail "módulos cargados de otro sitio:
@@ -135,4 +137,4 @@ for _ in $(seq 100); do
 done
 ! kill -0 "$pid" 2>/dev/null || fail "trovan no terminó con q"
 [[ -f $work/home/library.sqlite && -f $work/home/config.json ]] || fail "faltan los datos en TROVAN_HOME"
-echo "check-install: correcto ($version, módulos de $prefix/lib/trovan, $shown píxeles de carátula)"
+echo "check-install: correcto ($version, módulos de $modules, $shown píxeles de carátula)"

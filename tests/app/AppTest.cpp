@@ -175,8 +175,8 @@ TEST(AppLoop, RenderRequestsAreCoalescedAndTheTickerRunsOnlyWhilePlaying) {
 TEST(CommandLine, HelpAndVersionPrintAndNothingElse) {
     const std::string version = "trovan " TROVAN_VERSION "\n";
     const std::pair<const char*, const std::string&> cases[] = {
-        {"-h", kUsage},       {"--help x", kUsage}, {"carpeta -h", kUsage},
-        {"-V -h", kUsage},    {"-V", version},      {"carpeta --version", version}};
+        {"-h", kUsage},    {"--help x", kUsage}, {"carpeta -h", kUsage},
+        {"-V -h", kUsage}, {"-V", version},      {"carpeta --version", version}};
     for (const auto& [args, expected] : cases) {
         const Result r = run(std::string(args) + " </dev/null");
         EXPECT_EQ(r.status, 0) << args;

@@ -103,8 +103,8 @@ TEST(KeyBindings, ManualPageListsWhatTheHelpLists) {
     ASSERT_EQ(listed.size(), KeyBindings::helpLines().size());
     for (std::size_t i = 0; i < listed.size(); ++i) {
         const HelpLine& help = KeyBindings::helpLines()[i];
-        EXPECT_EQ(listed[i], help) << "help line " << i << ": " << help.label << " | "
-                                   << help.description << "\nmanual: " << listed[i].label
-                                   << " | " << listed[i].description;
+        EXPECT_EQ(listed[i], help)
+            << "help line " << i << ": " << help.label << " | " << help.description
+            << "\nmanual: " << listed[i].label << " | " << listed[i].description;
     }
 }
