@@ -16,7 +16,11 @@ fail() {
   exit 1
 }
 [[ $(id -u) -eq 0 ]] || fail "hace falta root (debootstrap y chroot)"
-command -v debootstrap >/dev/null || fail "falta debootstrap"
+# Tools for this check only; the test suite does not need them.
+for tool in debootstrap lintian; do
+  command -v "$tool" >/dev/null ||
+    DEBIAN_FRONTEND=noninteractive apt-get install -y -qq --no-install-recommends "$tool" >/dev/null
+done
 
 deb=${1:-}
 if [[ -z $deb ]]; then
@@ -31,6 +35,9 @@ if [[ -z $deb ]]; then
   deb=$(ls -t "$build"/trovan_*.deb | head -n 1)
 fi
 [[ -f $deb ]] || fail "no existe el paquete $deb"
+
+# Debian's own package checker: errors fail, the rest is shown.
+lintian --fail-on error "$deb" 2>/dev/null || fail "lintian encuentra errores en $deb"
 
 target=$(mktemp -d /var/tmp/trovan-bookworm-XXXXXX)
 cleanup() {
@@ -54,8 +61,10 @@ if in_chroot dpkg -i /tmp/trovan.deb >"$target/tmp/dpkg.log" 2>&1; then
 fi
 grep -q "dependency problems" "$target/tmp/dpkg.log" || fail "dpkg -i falló por otra razón:
 $(cat "$target/tmp/dpkg.log")"
-in_chroot apt-get update -qq
-in_chroot apt-get -f install -y -qq --no-install-recommends >/dev/null
+in_chroot apt-get update -qq >"$target/tmp/apt.log" 2>&1 || fail "apt-get update: $(cat "$target/tmp/apt.log")"
+in_chroot apt-get -f install -y --no-install-recommends >"$target/tmp/apt.log" 2>&1 ||
+  fail "apt-get -f install: $(tail -n 20 "$target/tmp/apt.log")"
+pulled=$(grep -c '^Setting up ' "$target/tmp/apt.log" || true)
 status=$(in_chroot dpkg-query -W -f='${Status}' trovan)
 [[ $status == "install ok installed" ]] || fail "trovan quedó en estado: $status"
 version=$(in_chroot trovan --version)
@@ -63,4 +72,5 @@ version=$(in_chroot trovan --version)
 # The modules' libraries came with the Depends too: nothing they need is missing.
 missing=$(in_chroot sh -c 'ldd /usr/bin/trovan /usr/lib/*/trovan/*.so' | grep "not found" || true)
 [[ -z $missing ]] || fail "bibliotecas que faltan: $missing"
-echo "check-deb: correcto: $(basename "$deb") instalado en Debian $(cat "$target/etc/debian_version"); $version"
+echo "check-deb: correcto: $(basename "$deb") instalado en Debian $(cat "$target/etc/debian_version")" \
+  "con $pulled paquetes traídos por apt-get -f install; $version"
