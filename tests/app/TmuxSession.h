@@ -192,6 +192,22 @@ public:
             [&] { return flags() == "1 0 1 1 1" && screen(true).find(kBackground) != npos; }, 10s);
     }
 
+    // True when the program's media player is on the session bus it was given.
+    bool playerPublished() {
+        std::string out;
+        const std::string cmd = "DBUS_SESSION_BUS_ADDRESS=" + shellQuote(busAddress) +
+                                " dbus-send --session --print-reply --dest=org.freedesktop.DBus "
+                                "/ org.freedesktop.DBus.NameHasOwner "
+                                "string:org.mpris.MediaPlayer2.trovan 2>/dev/null";
+        if (FILE* p = popen(cmd.c_str(), "r")) {
+            char buf[512];
+            for (std::size_t n; (n = fread(buf, 1, sizeof buf, p)) > 0;)
+                out.append(buf, n);
+            pclose(p);
+        }
+        return out.find("boolean true") != npos;
+    }
+
     // User plus system CPU ticks (fields 14 and 15 of /proc/<pid>/stat).
     long cpuTicks() {
         std::stringstream ss(slurp("/proc/" + std::to_string(pid_) + "/stat"));
