@@ -407,7 +407,12 @@ void BM_PausedWakeups(benchmark::State& state) {
         state.counters["wakeups_in_3s"] = static_cast<double>(wakeups);
     }
 }
-BENCHMARK(BM_PausedWakeups)->Arg(0)->Arg(1)->UseManualTime()->Iterations(1)->Unit(benchmark::kSecond);
+BENCHMARK(BM_PausedWakeups)
+    ->Arg(0)
+    ->Arg(1)
+    ->UseManualTime()
+    ->Iterations(1)
+    ->Unit(benchmark::kSecond);
 
 // The first frame with no session bus (arg 0), a private one (1), and one whose socket
 // accepts connections but never answers (2): the bus must not delay it.

@@ -66,7 +66,8 @@ public:
     std::function<void()> needsRender;        // schedule a frame (coalesced)
     std::function<void()> screenInvalidated;  // the next frame must be drawn in full
     std::function<void(bool)> playingChanged; // playback started or stopped
-    std::function<void(LoopSource&)> serveBus; // watch the session bus connection
+    // Watch the session bus connection from the main loop.
+    std::function<void(LoopSource&)> serveBus;
 
     const AppState& state() const { return state_; }
     const Layout& layout() const { return layout_; }

@@ -4,8 +4,8 @@
 #include "app/AppController.h"
 
 #include "app/WorkerPool.h"
-#include "playback/NowPlayingBridge.h"
 #include "media/TagLibFile.h"
+#include "playback/NowPlayingBridge.h"
 #include "ui/CoverArtRenderer.h"
 
 #include <algorithm>

@@ -296,8 +296,8 @@ void NowPlayingBridge::update(const PlaybackState& s) {
         info.hasTrack = true;
         info.status = s.isPlaying ? "Playing" : "Paused";
         info.trackId = trackId(t.path);
-        info.lengthUs = toMicroseconds(s.duration > 0 ? s.duration
-                                                      : static_cast<double>(t.durationMs) / 1e3);
+        info.lengthUs =
+            toMicroseconds(s.duration > 0 ? s.duration : static_cast<double>(t.durationMs) / 1e3);
         info.canSeek = s.duration > 0;
         info.title = t.displayTitle();
         info.artists = {t.displayArtist()};

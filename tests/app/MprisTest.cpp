@@ -128,16 +128,24 @@ Library makeLibrary(const fs::path& dir) {
     };
     l.uno = put("alfa", "uno.flac",
                 tone(330,
-                     {{"ARTIST", {"Alfa"}}, {"ALBUMARTIST", {"Alfa Trío"}}, {"ALBUM", {"Primero"}},
-                      {"TITLE", {"Uno"}}, {"TRACKNUMBER", {"1"}}, {"DISCNUMBER", {"2"}}},
+                     {{"ARTIST", {"Alfa"}},
+                      {"ALBUMARTIST", {"Alfa Trío"}},
+                      {"ALBUM", {"Primero"}},
+                      {"TITLE", {"Uno"}},
+                      {"TRACKNUMBER", {"1"}},
+                      {"DISCNUMBER", {"2"}}},
                      {fixtures::Cover{}}));
     fixtures::Cover blue;
     blue.kind = fixtures::ImageKind::png;
     blue.color = "blue";
     l.dos = put("alfa", "dos.flac",
                 tone(392,
-                     {{"ARTIST", {"Alfa"}}, {"ALBUMARTIST", {"Alfa Trío"}}, {"ALBUM", {"Primero"}},
-                      {"TITLE", {"Dos"}}, {"TRACKNUMBER", {"2"}}, {"DISCNUMBER", {"2"}}},
+                     {{"ARTIST", {"Alfa"}},
+                      {"ALBUMARTIST", {"Alfa Trío"}},
+                      {"ALBUM", {"Primero"}},
+                      {"TITLE", {"Dos"}},
+                      {"TRACKNUMBER", {"2"}},
+                      {"DISCNUMBER", {"2"}}},
                      {blue}));
     l.tres = put("beta", "tres.flac", tone(262, {{"ARTIST", {"Beta"}}, {"TITLE", {"Tres"}}}, {}));
     l.cuatro = put("gamma", "cuatro.flac",
@@ -390,9 +398,10 @@ TEST(Mpris, BadCallsGetAnErrorOrAClampAndAFloodIsAnswered) {
     EXPECT_EQ(c.call("Seek", {"int64:9223372036854775807"}).status, 0);
     EXPECT_EQ(c.meta("xesam:title"), "Uno"); // at the end of its queue, still loaded
 
-    for (const std::string& uri : std::vector<std::string>{"http://example.com/a.flac", "file:///no/existe.flac", fileUrl(lib.music / "gamma" / "cover.jpg"),
-          "file://" + lib.music.string(), "file:///%zz", "file:///a%00b.flac", "",
-          "file://otra-maquina" + lib.uno.string()}) {
+    for (const std::string& uri : std::vector<std::string>{
+             "http://example.com/a.flac", "file:///no/existe.flac",
+             fileUrl(lib.music / "gamma" / "cover.jpg"), "file://" + lib.music.string(),
+             "file:///%zz", "file:///a%00b.flac", "", "file://otra-maquina" + lib.uno.string()}) {
         const auto r = c.call("OpenUri", {"string:" + uri});
         EXPECT_TRUE(invalid(r)) << uri << r.errors;
     }

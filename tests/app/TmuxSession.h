@@ -24,10 +24,9 @@ namespace trovan::e2e {
 namespace fs = std::filesystem;
 using namespace std::chrono_literals;
 
-
 inline const auto npos = std::string::npos;
 inline const std::string kMessage = "Agranda la terminal (m\xC3\xADnimo 60\xC3\x97"
-                             "16)";
+                                    "16)";
 inline const std::string kBackground = "48;2;20;22;28";
 inline const std::string kError = "38;2;247;118;142";
 
@@ -116,9 +115,9 @@ public:
         for (const auto& a : args)
             command += " " + shellQuote(a);
         tmux("-f /dev/null new-session -d -s t -x " + std::to_string(width) + " -y " +
-             std::to_string(height) + " -e COLORTERM=truecolor -e TROVAN_HOME=" +
-             shellQuote(home().string()) + " -e DBUS_SESSION_BUS_ADDRESS=" +
-             shellQuote(busAddress) + " " + shellQuote(command));
+             std::to_string(height) +
+             " -e COLORTERM=truecolor -e TROVAN_HOME=" + shellQuote(home().string()) +
+             " -e DBUS_SESSION_BUS_ADDRESS=" + shellQuote(busAddress) + " " + shellQuote(command));
         tmux("pipe-pane -t t -o " + shellQuote("cat >> " + shellQuote((run_ / "out").string())));
         std::ofstream(run_ / "go") << "";
         waitUntil([&] { return has("pid"); }, 10s);
@@ -273,6 +272,5 @@ inline fs::path makeMusic(const fs::path& dir) {
     }
     return music;
 }
-
 
 } // namespace trovan::e2e

@@ -3,8 +3,8 @@
 #include "support/Process.h"
 
 #include <cerrno>
-#include <csignal>
 #include <chrono>
+#include <csignal>
 #include <cstdlib>
 #include <stdexcept>
 #include <thread>
@@ -21,8 +21,8 @@ SessionBus::SessionBus() {
     dir_ = tmpl;
     address_ = "unix:path=" + (dir_ / "bus").string();
     // --fork returns once the daemon listens.
-    const ProcessResult r = runProcess(
-        {"dbus-daemon", "--session", "--fork", "--nopidfile", "--address=" + address_, "--print-pid"});
+    const ProcessResult r = runProcess({"dbus-daemon", "--session", "--fork", "--nopidfile",
+                                        "--address=" + address_, "--print-pid"});
     pid_ = std::atoi(r.output.c_str());
     if (r.status != 0 || pid_ <= 0) {
         std::filesystem::remove_all(dir_);

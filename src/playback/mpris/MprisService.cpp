@@ -27,11 +27,10 @@ const char* const kFailed = "org.freedesktop.DBus.Error.Failed";
 
 // What we decode, by the names desktops use for it.
 const std::vector<std::string> kMimeTypes = {
-    "audio/flac",        "audio/x-flac", "audio/mpeg",        "audio/mp4",
-    "audio/x-m4a",       "audio/aac",    "audio/x-aac",       "audio/wav",
-    "audio/x-wav",       "audio/aiff",   "audio/x-aiff",      "audio/x-caf",
-    "audio/ogg",         "audio/opus",   "audio/x-vorbis+ogg", "audio/x-opus+ogg",
-    "audio/x-flac+ogg"};
+    "audio/flac",       "audio/x-flac",    "audio/mpeg", "audio/mp4",   "audio/x-m4a",
+    "audio/aac",        "audio/x-aac",     "audio/wav",  "audio/x-wav", "audio/aiff",
+    "audio/x-aiff",     "audio/x-caf",     "audio/ogg",  "audio/opus",  "audio/x-vorbis+ogg",
+    "audio/x-opus+ogg", "audio/x-flac+ogg"};
 
 // Runs a client's request; whatever goes wrong becomes an error reply, never an
 // exception through the bus library's C callbacks.
@@ -96,8 +95,8 @@ public:
         w.readable = (poll.events & POLLIN) != 0;
         w.writable = (poll.events & POLLOUT) != 0;
         if (poll.timeout_usec != UINT64_MAX)
-            w.deadline = std::chrono::steady_clock::time_point(
-                std::chrono::microseconds(poll.timeout_usec));
+            w.deadline =
+                std::chrono::steady_clock::time_point(std::chrono::microseconds(poll.timeout_usec));
         return w;
     }
 
@@ -157,44 +156,45 @@ private:
         o.registerProperty("CanQuit").onInterface(kRoot).withGetter([] { return true; });
         o.registerProperty("CanRaise").onInterface(kRoot).withGetter([] { return false; });
         o.registerProperty("HasTrackList").onInterface(kRoot).withGetter([] { return false; });
-        o.registerProperty("Identity").onInterface(kRoot).withGetter(
-            [] { return std::string("Trovan"); });
-        o.registerProperty("DesktopEntry").onInterface(kRoot).withGetter(
-            [] { return std::string("trovan"); });
-        o.registerProperty("SupportedUriSchemes").onInterface(kRoot).withGetter(
-            [] { return std::vector<std::string>{"file"}; });
-        o.registerProperty("SupportedMimeTypes").onInterface(kRoot).withGetter(
-            [] { return kMimeTypes; });
+        o.registerProperty("Identity").onInterface(kRoot).withGetter([] {
+            return std::string("Trovan");
+        });
+        o.registerProperty("DesktopEntry").onInterface(kRoot).withGetter([] {
+            return std::string("trovan");
+        });
+        o.registerProperty("SupportedUriSchemes").onInterface(kRoot).withGetter([] {
+            return std::vector<std::string>{"file"};
+        });
+        o.registerProperty("SupportedMimeTypes").onInterface(kRoot).withGetter([] {
+            return kMimeTypes;
+        });
     }
 
     void registerPlayer() {
         auto& o = *object_;
         using Remote = NowPlayingRemote;
         const std::pair<const char*, void (Remote::*)()> commands[] = {
-            {"Next", &Remote::next}, {"Previous", &Remote::previous},
+            {"Next", &Remote::next},   {"Previous", &Remote::previous},
             {"Pause", &Remote::pause}, {"PlayPause", &Remote::playPause},
-            {"Stop", &Remote::stop}, {"Play", &Remote::play}};
+            {"Stop", &Remote::stop},   {"Play", &Remote::play}};
         for (auto [name, command] : commands)
             o.registerMethod(name).onInterface(kPlayer).implementedAs(
                 [this, command = command] { answer([&] { (remote_.*command)(); }); });
-        o.registerMethod("Seek")
-            .onInterface(kPlayer)
-            .withInputParamNames("Offset")
-            .implementedAs([this](int64_t offset) { answer([&] { remote_.seek(offset); }); });
+        o.registerMethod("Seek").onInterface(kPlayer).withInputParamNames("Offset").implementedAs(
+            [this](int64_t offset) { answer([&] { remote_.seek(offset); }); });
         o.registerMethod("SetPosition")
             .onInterface(kPlayer)
             .withInputParamNames("TrackId", "Position")
             .implementedAs([this](const sdbus::ObjectPath& track, int64_t position) {
                 answer([&] { remote_.setPosition(track, position); });
             });
-        o.registerMethod("OpenUri")
-            .onInterface(kPlayer)
-            .withInputParamNames("Uri")
-            .implementedAs([this](const std::string& uri) { answer([&] { remote_.openUri(uri); }); });
+        o.registerMethod("OpenUri").onInterface(kPlayer).withInputParamNames("Uri").implementedAs(
+            [this](const std::string& uri) { answer([&] { remote_.openUri(uri); }); });
         o.registerSignal("Seeked").onInterface(kPlayer).withParameters<int64_t>("Position");
 
-        o.registerProperty("PlaybackStatus").onInterface(kPlayer).withGetter(
-            [this] { return info().status; });
+        o.registerProperty("PlaybackStatus").onInterface(kPlayer).withGetter([this] {
+            return info().status;
+        });
         o.registerProperty("LoopStatus")
             .onInterface(kPlayer)
             .withGetter([this] { return info().loopStatus; })
@@ -211,8 +211,9 @@ private:
             .onInterface(kPlayer)
             .withGetter([this] { return info().shuffle; })
             .withSetter([this](bool on) { answer([&] { remote_.setShuffle(on); }); });
-        o.registerProperty("Metadata").onInterface(kPlayer).withGetter(
-            [this] { return metadata(info()); });
+        o.registerProperty("Metadata").onInterface(kPlayer).withGetter([this] {
+            return metadata(info());
+        });
         o.registerProperty("Volume")
             .onInterface(kPlayer)
             .withGetter([this] { return info().volume; })
