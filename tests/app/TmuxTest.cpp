@@ -166,8 +166,9 @@ TEST(Tmux, SmallWindowPromptsOverlaysIdleMouseAndResize) {
 
     // Idle, nothing playing and nothing pending: no wake-ups, so no CPU time at all,
     // also while serving a session bus.
-    if (std::getenv("TROVAN_E2E_BUS"))
+    if (std::getenv("TROVAN_E2E_BUS")) {
         ASSERT_TRUE(waitUntil([&] { return s.playerPublished(); }, 10s));
+    }
     const long before = s.cpuTicks();
     ASSERT_GE(before, 0) << "the program is gone";
     std::this_thread::sleep_for(3s);
