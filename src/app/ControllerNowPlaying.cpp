@@ -30,6 +30,7 @@ void AppController::connectNowPlaying() {
 }
 
 void AppController::publishSettings() {
+    if (!nowPlaying_) return; // settings saved while the controller is being built
     const Settings& s = state_.settings;
     nowPlaying_->updateSettings(s.volume, s.shuffle, s.repeatMode);
 }

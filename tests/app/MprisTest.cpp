@@ -74,27 +74,28 @@ struct Clients {
     }
 };
 
-// Every Seeked signal on the bus, one line each, recorded by dbus-monitor.
-class SeekedLog {
+// Every signal of the player object, as dbus-monitor prints them.
+class SignalLog {
 public:
-    SeekedLog(const std::string& address, const fs::path& file) : file_(file) {
+    SignalLog(const std::string& address, const fs::path& file) : file_(file) {
         const fs::path pid = file.string() + ".pid";
         std::system(("dbus-monitor --address " + shellQuote(address) +
-                     " \"type='signal',member='Seeked'\" > " + shellQuote(file.string()) +
-                     " 2>/dev/null & echo $! > " + shellQuote(pid.string()))
+                     " \"type='signal',path='/org/mpris/MediaPlayer2'\" > " +
+                     shellQuote(file.string()) + " 2>/dev/null & echo $! > " +
+                     shellQuote(pid.string()))
                         .c_str());
         waitUntil([&] { return fs::exists(pid) && fs::file_size(pid) > 0; }, 5s);
         pid_ = std::atoi(slurp(pid).c_str());
         // It is listening once it has written its own connection's greeting.
         waitUntil([&] { return fs::exists(file) && fs::file_size(file) > 0; }, 5s);
     }
-    ~SeekedLog() {
+    ~SignalLog() {
         if (pid_ > 0) kill(pid_, SIGTERM);
     }
-    int count() {
+    int count(const std::string& text) {
         const std::string log = slurp(file_);
         int n = 0;
-        for (auto p = log.find("member=Seeked"); p != npos; p = log.find("member=Seeked", p + 1))
+        for (auto p = log.find(text); p != npos; p = log.find(text, p + 1))
             ++n;
         return n;
     }
@@ -179,7 +180,7 @@ TEST(Mpris, PublishesPlaybackAndFollowsTheDesktopsCommands) {
     Session s;
     s.busAddress = bus.address();
     const Library lib = makeLibrary(s.dir());
-    SeekedLog seeked(bus.address(), s.dir() / "seeked.log");
+    SignalLog signals(bus.address(), s.dir() / "signals.log");
     s.start({lib.music.string()});
     ASSERT_TRUE(s.waitFor("4 canciones")) << s.screen();
     ASSERT_TRUE(c.waitStatus("Stopped"));
@@ -200,9 +201,13 @@ TEST(Mpris, PublishesPlaybackAndFollowsTheDesktopsCommands) {
     ASSERT_TRUE(waitUntil([&] { return !c.meta("mpris:artUrl").empty(); }, 10s));
     const std::string unoArt = c.meta("mpris:artUrl");
     expectArt(unoArt, fixtures::storedPictures(lib.uno).at(0).data);
+    // Clients that only listen learn of it too.
+    EXPECT_TRUE(waitUntil([&] { return signals.count(unoArt) > 0; }, 5s));
 
+    const int statusChanges = signals.count("\"PlaybackStatus\"");
     c.ctl({"play-pause"});
     ASSERT_TRUE(c.waitStatus("Paused"));
+    EXPECT_TRUE(waitUntil([&] { return signals.count("\"PlaybackStatus\"") > statusChanges; }, 5s));
     EXPECT_TRUE(s.waitFor("     ▶     ")) << s.line(38);
     c.ctl({"play-pause"});
     ASSERT_TRUE(c.waitStatus("Playing"));
@@ -222,7 +227,7 @@ TEST(Mpris, PublishesPlaybackAndFollowsTheDesktopsCommands) {
     // announced; a stale track id or a position past the end is ignored.
     c.ctl({"pause"});
     ASSERT_TRUE(c.waitStatus("Paused"));
-    const int seeksBefore = seeked.count();
+    const int seeksBefore = signals.count("member=Seeked");
     c.ctl({"position", "3"});
     EXPECT_TRUE(waitUntil([&] { return std::fabs(c.position() - 3) < 0.05; }, 5s));
     c.ctl({"position", "1-"});
@@ -233,8 +238,8 @@ TEST(Mpris, PublishesPlaybackAndFollowsTheDesktopsCommands) {
     c.call("SetPosition", {"objpath:" + unoId, "int64:6000000"});
     s.text("0"); // the key for the start of the track
     EXPECT_TRUE(waitUntil([&] { return c.position() < 0.05; }, 5s)) << c.position();
-    EXPECT_TRUE(waitUntil([&] { return seeked.count() == seeksBefore + 4; }, 5s))
-        << seeked.count() - seeksBefore;
+    EXPECT_TRUE(waitUntil([&] { return signals.count("member=Seeked") == seeksBefore + 4; }, 5s))
+        << signals.count("member=Seeked") - seeksBefore;
 
     // Volume, shuffle and loop from outside: on screen and saved; keys show up outside.
     c.ctl({"volume", "0.3"});
