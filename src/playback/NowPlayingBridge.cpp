@@ -161,6 +161,17 @@ struct NowPlayingBridge::Impl final : NowPlayingRemote {
         });
     }
 
+    // Once connected: the cover waiting to be written, or a clean folder (a cover
+    // left by an earlier run is nobody's).
+    void syncArt() {
+        if (artBytes) {
+            writeArt();
+        } else if (env.background) {
+            env.background(
+                [art = art, generation = art->latest.load()] { art->clear(generation); });
+        }
+    }
+
     void clearArt() {
         const int generation = ++art->latest;
         artBytes.reset();
@@ -268,7 +279,7 @@ void NowPlayingBridge::connect(std::function<void(LoopSource&)> serve) {
                 impl->service = service;
                 if (serve) serve(*service);
                 impl->publish();
-                impl->writeArt();
+                impl->syncArt();
             });
         } catch (...) {
             // No bus, no player: the program goes on without it.
