@@ -466,11 +466,18 @@ BENCHMARK(BM_FirstFrameAndBus)
     ->Iterations(10)
     ->Unit(benchmark::kMillisecond);
 
+// Arg 1: with the player published on a private session bus.
 void BM_PlayingCpu(benchmark::State& state) {
     const fs::path home = smallHome();
+    std::unique_ptr<fixtures::SessionBus> bus;
+    if (state.range(0)) bus = std::make_unique<fixtures::SessionBus>();
     for (auto _ : state) {
-        Running app(home, {(home / "music").string()});
+        Running app(home, {(home / "music").string()}, bus ? bus->address() : kNoBus);
         if (!playFirstTrack(app, state)) return;
+        if (bus && !playerPublished(bus->address())) {
+            state.SkipWithError("the player is not on the bus");
+            return;
+        }
         std::this_thread::sleep_for(std::chrono::seconds(1));
         const double cpu0 = app.cpuSeconds();
         const auto t0 = Clock::now();
@@ -483,6 +490,6 @@ void BM_PlayingCpu(benchmark::State& state) {
         state.counters["cpu_percent_of_one_core"] = 100 * cpu / wall;
     }
 }
-BENCHMARK(BM_PlayingCpu)->UseManualTime()->Iterations(1)->Unit(benchmark::kSecond);
+BENCHMARK(BM_PlayingCpu)->Arg(0)->Arg(1)->UseManualTime()->Iterations(1)->Unit(benchmark::kSecond);
 
 } // namespace
