@@ -428,7 +428,7 @@ TEST(Mpris, BadCallsGetAnErrorOrAClampAndAFloodIsAnswered) {
     s.expectCleanExit();
 }
 
-TEST(Mpris, ABusThatNeverAnswersDelaysNeitherStartNorQuit) {
+TEST(Mpris, ABusThatNeverAnswersOrGoesAwayCostsNothing) {
     REQUIRE_BUS_TOOLS();
     Session s;
     const fs::path path = s.dir() / "silent-bus";
@@ -437,6 +437,20 @@ TEST(Mpris, ABusThatNeverAnswersDelaysNeitherStartNorQuit) {
     s.busAddress = "unix:path=" + path.string();
     s.start();
     ASSERT_TRUE(s.waitForSession()) << s.screen();
+    s.text("q");
+    s.expectCleanExit();
+
+    // The bus stops under a running program: it goes on, idle, without it.
+    auto bus = std::make_unique<fixtures::SessionBus>();
+    s.busAddress = bus->address();
+    s.start();
+    ASSERT_TRUE(s.waitForSession()) << s.screen();
+    ASSERT_TRUE(waitUntil([&] { return s.playerPublished(); }, 10s));
+    bus.reset();
+    std::this_thread::sleep_for(500ms);
+    const long before = s.cpuTicks();
+    std::this_thread::sleep_for(2s);
+    EXPECT_EQ(s.cpuTicks(), before) << "the program used CPU time after the bus left";
     s.text("q");
     s.expectCleanExit();
 }
