@@ -1,9 +1,9 @@
 #include "playback/NowPlayingBridge.h"
 
-#include "library/AppPaths.h"
 #include "library/Track.h"
-#include "media/ImageDecoder.h"
 #include "media/Module.h"
+#include "playback/ArtworkCache.h"
+#include "playback/Fingerprint.h"
 #include "playback/NowPlayingService.h"
 
 #include <algorithm>
@@ -23,89 +23,11 @@ namespace fs = std::filesystem;
 namespace {
 
 const char* const kUnknownAlbum = "\xC3\x81lbum desconocido";
-const char* const kArtPrefix = "cover-";
-
-uint64_t fnv1a(std::string_view bytes) {
-    uint64_t h = 14695981039346656037ull;
-    for (unsigned char c : bytes) {
-        h ^= c;
-        h *= 1099511628211ull;
-    }
-    return h;
-}
-
-std::string hex(uint64_t v) {
-    static const char digits[] = "0123456789abcdef";
-    std::string s(16, '0');
-    for (int i = 15; i >= 0; --i, v >>= 4)
-        s[static_cast<std::size_t>(i)] = digits[v & 15];
-    return s;
-}
-
-// Desktops pick a loader by the file's extension as often as by its content.
-std::string imageExtension(const std::vector<std::uint8_t>& b) {
-    auto starts = [&](std::string_view magic, std::size_t at = 0) {
-        return b.size() >= at + magic.size() &&
-               std::equal(magic.begin(), magic.end(), b.begin() + static_cast<long>(at),
-                          [](char m, std::uint8_t c) { return static_cast<std::uint8_t>(m) == c; });
-    };
-    if (starts("\xFF\xD8\xFF")) return ".jpg";
-    if (starts("\x89PNG")) return ".png";
-    if (starts("GIF8")) return ".gif";
-    if (starts("BM")) return ".bmp";
-    if (starts("RIFF") && starts("WEBP", 8)) return ".webp";
-    if (starts("II*") || starts("MM")) return ".tif";
-    return ".img";
-}
 
 int64_t toMicroseconds(double seconds) {
     if (!std::isfinite(seconds) || seconds <= 0) return 0;
     return static_cast<int64_t>(std::min(seconds * 1e6, 9e18));
 }
-
-// Covers written for the bus, one file at a time. Writes happen off the main thread
-// and may overlap, so each one holds the lock and gives up when a newer cover (or
-// none) has been asked for meanwhile.
-struct ArtStore {
-    fs::path folder;
-    std::mutex lock;
-    std::atomic<int> latest{0};
-
-    // Removes every cover but `keep`.
-    void prune(const fs::path& keep) {
-        std::error_code ec;
-        for (fs::directory_iterator it(folder, ec), end; !ec && it != end; it.increment(ec)) {
-            const fs::path& p = it->path();
-            if (p != keep && p.filename().string().rfind(kArtPrefix, 0) == 0) {
-                std::error_code ignored;
-                fs::remove(p, ignored);
-            }
-        }
-    }
-
-    // The file now holding `bytes`, or none when they are not a picture or cannot be
-    // written.
-    std::optional<fs::path> write(int generation, const std::vector<std::uint8_t>& bytes) {
-        if (!ImageDecoder::isImage(bytes)) {
-            clear(generation);
-            return std::nullopt;
-        }
-        const std::string_view view(reinterpret_cast<const char*>(bytes.data()), bytes.size());
-        const fs::path file = folder / (kArtPrefix + hex(fnv1a(view)) + imageExtension(bytes));
-        std::lock_guard guard(lock);
-        if (generation != latest) return std::nullopt;
-        std::error_code ec;
-        const bool same = fs::file_size(file, ec) == bytes.size() && !ec;
-        if (!same && !AppPaths::writeAtomically(file, view)) return std::nullopt;
-        prune(file);
-        return file;
-    }
-
-    void clear(int generation) {
-        std::lock_guard guard(lock);
-        if (generation == latest) prune({});
-    }
-};
 
 // What the connecting thread hands over, guarded against the bridge going away.
 struct Handoff {
@@ -118,9 +40,8 @@ struct Handoff {
 
 struct NowPlayingBridge::Impl final : NowPlayingRemote {
     explicit Impl(Environment e)
-        : env(std::move(e)), art(std::make_shared<ArtStore>()),
+        : env(std::move(e)), art(std::make_shared<ArtworkCache>(env.artFolder)),
           handoff(std::make_shared<Handoff>()) {
-        art->folder = env.artFolder;
         handoff->post = env.post;
     }
 
@@ -130,7 +51,7 @@ struct NowPlayingBridge::Impl final : NowPlayingRemote {
     std::string trackPath;
     std::shared_ptr<NowPlayingService> service;
     bool connecting = false;
-    std::shared_ptr<ArtStore> art;
+    std::shared_ptr<ArtworkCache> art;
     std::shared_ptr<const std::vector<std::uint8_t>> artBytes; // waiting for a connection
     std::shared_ptr<Handoff> handoff;
     std::shared_ptr<char> alive = std::make_shared<char>(0);
@@ -148,13 +69,13 @@ struct NowPlayingBridge::Impl final : NowPlayingRemote {
     // still the one wanted.
     void writeArt() {
         if (!service || !artBytes || !env.background) return;
-        const int generation = art->latest;
+        const int generation = art->latest();
         env.background([art = art, bytes = artBytes, generation, post = env.post,
                         alive = std::weak_ptr<char>(alive), this] {
             auto file = art->write(generation, *bytes);
             if (!file) return;
             post([alive, this, art, generation, url = fileUrl(file->string())] {
-                if (!alive.lock() || generation != art->latest) return;
+                if (!alive.lock() || generation != art->latest()) return;
                 state.artUrl = url;
                 publish();
             });
@@ -167,13 +88,12 @@ struct NowPlayingBridge::Impl final : NowPlayingRemote {
         if (artBytes) {
             writeArt();
         } else if (env.background) {
-            env.background(
-                [art = art, generation = art->latest.load()] { art->clear(generation); });
+            env.background([art = art, generation = art->latest()] { art->clear(generation); });
         }
     }
 
     void clearArt() {
-        const int generation = ++art->latest;
+        const int generation = art->next();
         artBytes.reset();
         state.artUrl.clear();
         if (service && env.background)
@@ -357,7 +277,7 @@ void NowPlayingBridge::seeked() {
 }
 
 std::string NowPlayingBridge::trackId(const std::string& path) {
-    return "/org/trovan/Trovan/track/t" + hex(fnv1a(path));
+    return "/org/trovan/Trovan/track/t" + fingerprint(path);
 }
 
 std::string NowPlayingBridge::fileUrl(const std::string& path) {
