@@ -1,7 +1,6 @@
 #include "app/App.h"
 
 #include "app/BusLoop.h"
-
 #include "library/AppPaths.h"
 #include "library/LibraryStore.h"
 #include "library/SettingsStore.h"
