@@ -6,6 +6,7 @@
 #include <chrono>
 #include <csignal>
 #include <cstdlib>
+#include <fstream>
 #include <stdexcept>
 #include <thread>
 
@@ -32,8 +33,17 @@ SessionBus::SessionBus() {
 
 SessionBus::~SessionBus() {
     if (pid_ > 0 && kill(pid_, SIGTERM) == 0) {
-        // Not our child (it forked away): wait for it to be gone.
-        for (int i = 0; i < 200 && kill(pid_, 0) == 0; ++i)
+        // Not our child (it forked away), and whoever adopted it may never reap it: gone
+        // means no process or a zombie.
+        const std::string stat = "/proc/" + std::to_string(pid_) + "/stat";
+        auto running = [&] {
+            std::ifstream in(stat);
+            std::string line;
+            std::getline(in, line);
+            const auto close = line.rfind(')');
+            return close != std::string::npos && close + 2 < line.size() && line[close + 2] != 'Z';
+        };
+        for (int i = 0; i < 200 && running(); ++i)
             std::this_thread::sleep_for(std::chrono::milliseconds(10));
     }
     std::error_code ignored;
