@@ -11,6 +11,7 @@
 #include "library/SettingsStore.h"
 #include "playback/NullOutput.h"
 #include "support/Fixtures.h"
+#include "support/SessionBus.h"
 #include "terminal/Renderer.h"
 
 #include <benchmark/benchmark.h>
@@ -28,6 +29,8 @@
 #include <pty.h>
 #include <sstream>
 #include <string>
+#include <sys/socket.h>
+#include <sys/un.h>
 #include <sys/wait.h>
 #include <thread>
 #include <unistd.h>
@@ -102,7 +105,9 @@ const fs::path& smallHome() {
 // The real program on a 100 × 40 pseudo-terminal.
 class Running {
 public:
-    Running(const fs::path& home, const std::vector<std::string>& args) {
+    // `bus`: the session bus address the program sees; empty keeps ours.
+    Running(const fs::path& home, const std::vector<std::string>& args,
+            const std::string& bus = {}) {
         struct winsize ws {};
         ws.ws_col = 100;
         ws.ws_row = 40;
@@ -111,6 +116,7 @@ public:
         if (pid_ == 0) {
             setenv("TROVAN_HOME", home.c_str(), 1);
             setenv("COLORTERM", "truecolor", 1);
+            if (!bus.empty()) setenv("DBUS_SESSION_BUS_ADDRESS", bus.c_str(), 1);
             std::vector<char*> argv{const_cast<char*>(TROVAN_BINARY)};
             for (const auto& a : args)
                 argv.push_back(const_cast<char*>(a.c_str()));
@@ -202,6 +208,21 @@ private:
 };
 
 const std::string kFrameEnd = "\x1b[?2026l";
+// A session bus address where nothing listens.
+const std::string kNoBus = "unix:path=/nonexistent/trovan-no-bus";
+
+// True once the program's media player owns its name on the bus at `address`.
+bool playerPublished(const std::string& address) {
+    setenv("DBUS_SESSION_BUS_ADDRESS", address.c_str(), 1);
+    for (int i = 0; i < 100; ++i) {
+        const auto r = fixtures::runProcess(
+            {"dbus-send", "--session", "--print-reply", "--dest=org.freedesktop.DBus", "/",
+             "org.freedesktop.DBus.NameHasOwner", "string:org.mpris.MediaPlayer2.trovan"});
+        if (r.output.find("boolean true") != std::string::npos) return true;
+        std::this_thread::sleep_for(std::chrono::milliseconds(50));
+    }
+    return false;
+}
 
 void BM_StartOnCachedLibrary(benchmark::State& state) {
     const fs::path home = bigHome();
@@ -363,12 +384,19 @@ bool playFirstTrack(Running& app, benchmark::State& state) {
     return true;
 }
 
+// Arg 1: with the player published on a private session bus.
 void BM_PausedWakeups(benchmark::State& state) {
     const fs::path home = smallHome();
+    std::unique_ptr<fixtures::SessionBus> bus;
+    if (state.range(0)) bus = std::make_unique<fixtures::SessionBus>();
     for (auto _ : state) {
-        Running app(home, {(home / "music").string()});
+        Running app(home, {(home / "music").string()}, bus ? bus->address() : kNoBus);
         // Play, then pause, so the audio side has been through a whole cycle.
         if (!playFirstTrack(app, state)) return;
+        if (bus && !playerPublished(bus->address())) {
+            state.SkipWithError("the player is not on the bus");
+            return;
+        }
         app.send(" ");
         std::this_thread::sleep_for(std::chrono::seconds(5)); // the status message expires
         app.drain(std::chrono::milliseconds(10));
@@ -379,13 +407,77 @@ void BM_PausedWakeups(benchmark::State& state) {
         state.counters["wakeups_in_3s"] = static_cast<double>(wakeups);
     }
 }
-BENCHMARK(BM_PausedWakeups)->UseManualTime()->Iterations(1)->Unit(benchmark::kSecond);
+BENCHMARK(BM_PausedWakeups)
+    ->Arg(0)
+    ->Arg(1)
+    ->UseManualTime()
+    ->Iterations(1)
+    ->Unit(benchmark::kSecond);
 
+// The first frame with no session bus (arg 0), a private one (1), and one whose socket
+// accepts connections but never answers (2): the bus must not delay it.
+void BM_FirstFrameAndBus(benchmark::State& state) {
+    const fs::path home = fixtures::sharedDir() / "bus-home";
+    fs::create_directories(home);
+    std::unique_ptr<fixtures::SessionBus> bus;
+    std::string address = kNoBus;
+    int silent = -1;
+    if (state.range(0) == 1) {
+        bus = std::make_unique<fixtures::SessionBus>();
+        address = bus->address();
+    } else if (state.range(0) == 2) {
+        const fs::path path = home / "silent-bus";
+        fs::remove(path);
+        silent = socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0);
+        sockaddr_un addr{};
+        addr.sun_family = AF_UNIX;
+        std::snprintf(addr.sun_path, sizeof addr.sun_path, "%s", path.c_str());
+        if (bind(silent, reinterpret_cast<sockaddr*>(&addr), sizeof addr) != 0 ||
+            listen(silent, 64) != 0) {
+            state.SkipWithError("no socket");
+            close(silent);
+            return;
+        }
+        address = "unix:path=" + path.string();
+    }
+    double sum = 0, cpuSum = 0;
+    for (auto _ : state) {
+        Running app(home, {}, address);
+        auto first = app.waitFor(kFrameEnd, std::chrono::seconds(10));
+        const double cpu = app.mainThreadCpuSeconds();
+        if (!first) {
+            state.SkipWithError("no frame");
+            break;
+        }
+        sum += *first;
+        cpuSum += cpu;
+        state.SetIterationTime(*first);
+    }
+    if (silent >= 0) close(silent);
+    const double n = static_cast<double>(state.iterations());
+    state.counters["first_frame_ms"] = 1000 * sum / n;
+    state.counters["first_frame_cpu_ms"] = 1000 * cpuSum / n;
+}
+BENCHMARK(BM_FirstFrameAndBus)
+    ->Arg(0)
+    ->Arg(1)
+    ->Arg(2)
+    ->UseManualTime()
+    ->Iterations(10)
+    ->Unit(benchmark::kMillisecond);
+
+// Arg 1: with the player published on a private session bus.
 void BM_PlayingCpu(benchmark::State& state) {
     const fs::path home = smallHome();
+    std::unique_ptr<fixtures::SessionBus> bus;
+    if (state.range(0)) bus = std::make_unique<fixtures::SessionBus>();
     for (auto _ : state) {
-        Running app(home, {(home / "music").string()});
+        Running app(home, {(home / "music").string()}, bus ? bus->address() : kNoBus);
         if (!playFirstTrack(app, state)) return;
+        if (bus && !playerPublished(bus->address())) {
+            state.SkipWithError("the player is not on the bus");
+            return;
+        }
         std::this_thread::sleep_for(std::chrono::seconds(1));
         const double cpu0 = app.cpuSeconds();
         const auto t0 = Clock::now();
@@ -398,6 +490,6 @@ void BM_PlayingCpu(benchmark::State& state) {
         state.counters["cpu_percent_of_one_core"] = 100 * cpu / wall;
     }
 }
-BENCHMARK(BM_PlayingCpu)->UseManualTime()->Iterations(1)->Unit(benchmark::kSecond);
+BENCHMARK(BM_PlayingCpu)->Arg(0)->Arg(1)->UseManualTime()->Iterations(1)->Unit(benchmark::kSecond);
 
 } // namespace

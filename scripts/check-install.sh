@@ -62,6 +62,7 @@ modules=$(dirname "$(find "$prefix/lib" -name trovan-ffmpeg.so -print -quit)")
 expected="bin/trovan
 ${modules#"$prefix"/}/trovan-cubeb.so
 ${modules#"$prefix"/}/trovan-ffmpeg.so
+${modules#"$prefix"/}/trovan-mpris.so
 share/applications/trovan.desktop
 share/doc/trovan/changelog.gz
 share/doc/trovan/copyright

@@ -12,7 +12,7 @@ packages=(
   libcubeb-dev nlohmann-json3-dev libasio-dev libsdbus-c++-dev libsystemd-dev
   # tests and benchmarks
   libgtest-dev libgmock-dev libbenchmark-dev clang libclang-rt-14-dev
-  ffmpeg tmux pulseaudio pulseaudio-utils dbus python3-numpy procps man-db
+  ffmpeg tmux pulseaudio pulseaudio-utils dbus playerctl python3-numpy procps man-db
 )
 
 missing=()

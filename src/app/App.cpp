@@ -1,5 +1,6 @@
 #include "app/App.h"
 
+#include "app/BusLoop.h"
 #include "library/AppPaths.h"
 #include "library/LibraryStore.h"
 #include "library/SettingsStore.h"
@@ -99,6 +100,7 @@ int App::main(const std::vector<std::string>& arguments) {
     app.controller().start(arguments);
     app.render();
     app.preloadModules();
+    app.controller().connectNowPlaying();
     io.run();
     // The loop only runs dry if every source failed: leave as on end of input.
     app.controller().quit();
@@ -127,6 +129,9 @@ App::App(asio::io_context& io, std::shared_ptr<LibraryStore> store)
         scheduleRender();
     };
     controller_->playingChanged = [this](bool playing) { setTicking(playing); };
+    controller_->serveBus = [this](LoopSource& source) {
+        bus_ = std::make_unique<BusLoop>(io_, source);
+    };
 }
 
 App::~App() {

@@ -21,6 +21,7 @@ class io_context;
 
 namespace trovan {
 
+class BusLoop;
 class LibraryStore;
 
 // The program's spine: command line, terminal check, and the single-threaded main loop
@@ -77,6 +78,7 @@ private:
     bool renderScheduled_ = false;
     std::thread::id mainThread_;
     std::unique_ptr<AppController> controller_;
+    std::unique_ptr<BusLoop> bus_; // the session bus, once connected
     std::thread preload_;
 };
 

@@ -3,6 +3,7 @@
 #include "app/WorkerPool.h"
 #include "library/LibraryStore.h"
 #include "playback/AudioEngine.h"
+#include "playback/NowPlayingBridge.h"
 #include "playback/PlaybackController.h"
 
 #include <cstdio>
@@ -35,6 +36,7 @@ AppController::AppController(Terminal& terminal, Size size, SettingsStore settin
     playback_->setShuffle(s.shuffle);
     playback_->setRepeatMode(s.repeatMode);
     applyEqualizer();
+    createNowPlaying();
 }
 
 AppController::~AppController() {
@@ -64,6 +66,7 @@ void AppController::report(const std::string& text, bool error) {
 
 void AppController::saveSettings() {
     settingsStore_.save(state_.settings);
+    publishSettings();
 }
 
 void AppController::resize(Size size) {
@@ -83,6 +86,7 @@ void AppController::playbackChanged() {
     const bool trackChanged = (fresh.track ? fresh.track->path : std::string()) !=
                               (state_.playback.track ? state_.playback.track->path : std::string());
     state_.playback = fresh;
+    nowPlaying_->update(fresh);
     if (trackChanged) {
         if (fresh.track) {
             loadCover(*fresh.track, false);

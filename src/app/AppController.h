@@ -5,7 +5,8 @@
 // the loop's post. The implementation is split by concern: input routing
 // (ControllerInput.cpp), navigation and selection (ControllerNavigation.cpp), library
 // flows (ControllerLibrary.cpp), playback and settings (ControllerPlayback.cpp), the
-// equalizer (ControllerEqualizer.cpp) and covers and lyrics (ControllerCovers.cpp).
+// equalizer (ControllerEqualizer.cpp), covers and lyrics (ControllerCovers.cpp) and the
+// desktop's media controls (ControllerNowPlaying.cpp).
 
 #include "library/LibraryIndex.h"
 #include "library/SettingsStore.h"
@@ -30,7 +31,10 @@
 namespace trovan {
 
 class LibraryStore;
+class LoopSource;
+class NowPlayingBridge;
 class PlaybackController;
+struct RemoteCommand;
 class WorkerPool;
 
 class AppController {
@@ -62,6 +66,8 @@ public:
     std::function<void()> needsRender;        // schedule a frame (coalesced)
     std::function<void()> screenInvalidated;  // the next frame must be drawn in full
     std::function<void(bool)> playingChanged; // playback started or stopped
+    // Watch the session bus connection from the main loop.
+    std::function<void(LoopSource&)> serveBus;
 
     const AppState& state() const { return state_; }
     const Layout& layout() const { return layout_; }
@@ -119,6 +125,7 @@ public:
     void toggleMute();
     void toggleShuffle();
     void cycleRepeat();
+    void setRepeatMode(RepeatMode mode);
     void seekTo(double seconds);
     void press(PlayerButton button);
     void movePlayerButton(int d);
@@ -140,7 +147,17 @@ public:
     void toggleLyrics();
     void loadLyrics();
 
+    // --- Desktop media controls (ControllerNowPlaying.cpp)
+    // Publishes the player on the session bus, in the background; called once the first
+    // frame is out.
+    void connectNowPlaying();
+    NowPlayingBridge& nowPlaying() { return *nowPlaying_; }
+    void handleRemote(const RemoteCommand& command);
+
 private:
+    void createNowPlaying();
+    void publishSettings();
+
     void requestRender() {
         if (needsRender) needsRender();
     }
@@ -168,6 +185,7 @@ private:
     AppState state_;
     Layout layout_;
     std::unique_ptr<PlaybackController> playback_;
+    std::unique_ptr<NowPlayingBridge> nowPlaying_;
 
     bool scanning_ = false;
     std::optional<bool> pendingReindex_;

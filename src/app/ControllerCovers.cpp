@@ -5,6 +5,7 @@
 
 #include "app/WorkerPool.h"
 #include "media/TagLibFile.h"
+#include "playback/NowPlayingBridge.h"
 #include "ui/CoverArtRenderer.h"
 
 #include <algorithm>
@@ -50,10 +51,15 @@ void AppController::loadCover(const Track& track, bool force) {
     const int columns = layout_.cover.width, rows = layout_.cover.height;
     pool_.submit([post = host_.post, alive = std::weak_ptr<char>(alive_), this, path = track.path,
                   columns, rows] {
-        auto pixels = decodeCover({path}, columns, rows);
-        post([alive, this, path, pixels = std::move(pixels)] {
+        auto data = CoverArtRenderer::imageData(path);
+        std::optional<std::vector<RGB>> pixels;
+        if (data) pixels = CoverArtRenderer::pixels(*data, columns, rows);
+        // Bytes that do not decode here are no cover for the desktop either.
+        if (!pixels) data.reset();
+        post([alive, this, path, pixels = std::move(pixels), data = std::move(data)]() mutable {
             if (!alive.lock() || coverPath_ != path) return;
             state_.cover = CoverArt{path, pixels};
+            nowPlaying_->setArtwork(std::move(data));
             requestRender();
         });
     });

@@ -32,8 +32,12 @@ void AppController::toggleShuffle() {
 }
 
 void AppController::cycleRepeat() {
-    state_.settings.repeatMode = nextRepeatMode(state_.settings.repeatMode);
-    playback_->setRepeatMode(state_.settings.repeatMode);
+    setRepeatMode(nextRepeatMode(state_.settings.repeatMode));
+}
+
+void AppController::setRepeatMode(RepeatMode mode) {
+    state_.settings.repeatMode = mode;
+    playback_->setRepeatMode(mode);
     saveSettings();
 }
 

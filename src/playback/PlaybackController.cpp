@@ -65,10 +65,12 @@ void PlaybackController::resume() {
         }
         return;
     }
-    if (engine_->currentTime() >= state_.duration - endTolerance) engine_->seek(0);
+    const bool restart = engine_->currentTime() >= state_.duration - endTolerance;
+    if (restart) engine_->seek(0);
     engine_->play();
     state_.isPlaying = engine_->isPlaying();
     changed();
+    if (restart && onSeek) onSeek();
 }
 
 void PlaybackController::pause() {
@@ -89,6 +91,7 @@ void PlaybackController::seek(double seconds) {
     engine_->seek(seconds);
     state_.isPlaying = engine_->isPlaying();
     changed();
+    if (onSeek) onSeek();
 }
 
 void PlaybackController::next() {

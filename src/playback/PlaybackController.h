@@ -32,6 +32,8 @@ public:
     // Library look-up of a path; when it has nothing the file's own tags are read.
     std::function<std::optional<Track>(const std::string&)> lookup;
     std::function<void()> onChange;
+    // The position jumped: a seek, a restart, a resume from the end.
+    std::function<void()> onSeek;
     std::function<void(const std::string&)> onError;
 
     // Replaces the queue and starts paths[startAt] (nothing when out of range).

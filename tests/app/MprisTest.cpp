@@ -1,0 +1,456 @@
+// The real program on a private session bus, driven by real media-player clients
+// (playerctl, dbus-send, dbus-monitor) and by a flood of raw calls.
+
+#include "app/TmuxSession.h"
+
+#include <systemd/sd-bus.h>
+
+#include <algorithm>
+#include <cmath>
+#include <sys/socket.h>
+#include <sys/un.h>
+#include <unistd.h>
+
+using namespace trovan;
+using namespace trovan::e2e;
+
+namespace {
+
+const char* const kName = "org.mpris.MediaPlayer2.trovan";
+const char* const kPath = "/org/mpris/MediaPlayer2";
+const char* const kPlayer = "org.mpris.MediaPlayer2.Player";
+
+bool haveTools() {
+    return haveTmux() && fixtures::available() && fixtures::SessionBus::available() &&
+           fixtures::onPath("playerctl") && fixtures::onPath("dbus-send") &&
+           fixtures::onPath("dbus-monitor");
+}
+
+#define REQUIRE_BUS_TOOLS()                                                                        \
+    if (!haveTools()) GTEST_SKIP() << "tmux, ffmpeg, dbus-daemon, playerctl or dbus-send missing"
+
+// Clients of the private bus (they find it through the environment).
+struct Clients {
+    explicit Clients(const std::string& address) {
+        setenv("DBUS_SESSION_BUS_ADDRESS", address.c_str(), 1);
+    }
+    std::string ctl(std::vector<std::string> args) {
+        args.insert(args.begin(), {"playerctl", "-p", "trovan"});
+        return trim(fixtures::runProcess(args).output);
+    }
+    std::string meta(const std::string& key) { return ctl({"metadata", key}); }
+    std::string trackId() {
+        std::string id = meta("mpris:trackid"); // quoted by playerctl
+        id.erase(std::remove(id.begin(), id.end(), '\''), id.end());
+        return id;
+    }
+    double position() { return std::atof(ctl({"position"}).c_str()); }
+    // A call with dbus-send's typed arguments ("string:x", "int64:5").
+    fixtures::ProcessResult send(const std::string& member, std::vector<std::string> args = {}) {
+        args.insert(args.begin(), {"dbus-send", "--session", "--print-reply",
+                                   std::string("--dest=") + kName, kPath, member});
+        return fixtures::runProcess(args);
+    }
+    fixtures::ProcessResult call(const std::string& method, std::vector<std::string> args = {}) {
+        return send(std::string(kPlayer) + "." + method, std::move(args));
+    }
+    fixtures::ProcessResult set(const std::string& property, const std::string& value) {
+        return send("org.freedesktop.DBus.Properties.Set",
+                    {std::string("string:") + kPlayer, "string:" + property, "variant:" + value});
+    }
+    // The value as dbus-send prints it, e.g. "double 1".
+    std::string get(const std::string& property) {
+        const std::string out = send("org.freedesktop.DBus.Properties.Get",
+                                     {std::string("string:") + kPlayer, "string:" + property})
+                                    .output;
+        const auto at = out.find("variant");
+        return at == npos ? out : trim(out.substr(out.find_first_not_of(' ', at + 7)));
+    }
+    bool waitMeta(const std::string& key, const std::string& value) {
+        return waitUntil([&] { return meta(key) == value; }, 10s);
+    }
+    bool waitStatus(const std::string& status) {
+        return waitUntil([&] { return ctl({"status"}) == status; }, 10s);
+    }
+};
+
+// Every signal of the player object, as dbus-monitor prints them.
+class SignalLog {
+public:
+    SignalLog(const std::string& address, const fs::path& file) : file_(file) {
+        const fs::path pid = file.string() + ".pid";
+        std::system(("dbus-monitor --address " + shellQuote(address) +
+                     " \"type='signal',path='/org/mpris/MediaPlayer2'\" > " +
+                     shellQuote(file.string()) + " 2>/dev/null & echo $! > " +
+                     shellQuote(pid.string()))
+                        .c_str());
+        waitUntil([&] { return fs::exists(pid) && fs::file_size(pid) > 0; }, 5s);
+        pid_ = std::atoi(slurp(pid).c_str());
+        // It is listening once it has written its own connection's greeting.
+        waitUntil([&] { return fs::exists(file) && fs::file_size(file) > 0; }, 5s);
+    }
+    ~SignalLog() {
+        if (pid_ > 0) kill(pid_, SIGTERM);
+    }
+    int count(const std::string& text) {
+        const std::string log = slurp(file_);
+        int n = 0;
+        for (auto p = log.find(text); p != npos; p = log.find(text, p + 1))
+            ++n;
+        return n;
+    }
+
+private:
+    fs::path file_;
+    int pid_ = 0;
+};
+
+struct Library {
+    fs::path music, uno, dos, tres, cuatro;
+};
+
+// Alfa's album of two tracks with different embedded covers; Beta's track without album
+// or cover; Gamma's track whose folder cover is not a picture. Five seconds each.
+Library makeLibrary(const fs::path& dir) {
+    Library l;
+    l.music = dir / "music";
+    auto tone = [](double hz, std::map<std::string, std::vector<std::string>> tags,
+                   std::vector<fixtures::Cover> covers) {
+        fixtures::Tone t;
+        t.seconds = 5;
+        t.frequency = hz;
+        t.tags = std::move(tags);
+        t.covers = std::move(covers);
+        return t;
+    };
+    auto put = [&](const std::string& sub, const std::string& name, const fixtures::Tone& t) {
+        fs::create_directories(l.music / sub);
+        return fixtures::copyTo(fixtures::cached("mpris-" + name, t), l.music / sub, name);
+    };
+    l.uno = put("alfa", "uno.flac",
+                tone(330,
+                     {{"ARTIST", {"Alfa"}},
+                      {"ALBUMARTIST", {"Alfa Trío"}},
+                      {"ALBUM", {"Primero"}},
+                      {"TITLE", {"Uno"}},
+                      {"TRACKNUMBER", {"1"}},
+                      {"DISCNUMBER", {"2"}}},
+                     {fixtures::Cover{}}));
+    fixtures::Cover blue;
+    blue.kind = fixtures::ImageKind::png;
+    blue.color = "blue";
+    l.dos = put("alfa", "dos.flac",
+                tone(392,
+                     {{"ARTIST", {"Alfa"}},
+                      {"ALBUMARTIST", {"Alfa Trío"}},
+                      {"ALBUM", {"Primero"}},
+                      {"TITLE", {"Dos"}},
+                      {"TRACKNUMBER", {"2"}},
+                      {"DISCNUMBER", {"2"}}},
+                     {blue}));
+    l.tres = put("beta", "tres.flac", tone(262, {{"ARTIST", {"Beta"}}, {"TITLE", {"Tres"}}}, {}));
+    l.cuatro = put("gamma", "cuatro.flac",
+                   tone(294, {{"ARTIST", {"Gamma"}}, {"ALBUM", {"X"}}, {"TITLE", {"Cuatro"}}}, {}));
+    std::ofstream(l.music / "gamma" / "cover.jpg") << "no soy una imagen";
+    return l;
+}
+
+std::string fileUrl(const fs::path& p) {
+    return "file://" + p.string(); // the generated paths need no escaping
+}
+
+std::string bytes(const std::vector<uint8_t>& v) {
+    return std::string(v.begin(), v.end());
+}
+
+// The file an artUrl names, checked to hold `expected`.
+void expectArt(const std::string& url, const std::vector<uint8_t>& expected) {
+    ASSERT_EQ(url.rfind("file://", 0), 0u) << url;
+    const fs::path file = url.substr(7);
+    EXPECT_TRUE(fs::is_regular_file(file)) << file;
+    EXPECT_EQ(slurp(file), bytes(expected)) << file;
+}
+
+} // namespace
+
+TEST(Mpris, PublishesPlaybackAndFollowsTheDesktopsCommands) {
+    REQUIRE_BUS_TOOLS();
+    fixtures::SessionBus bus;
+    Clients c(bus.address());
+    Session s;
+    s.busAddress = bus.address();
+    const Library lib = makeLibrary(s.dir());
+    SignalLog signals(bus.address(), s.dir() / "signals.log");
+    s.start({lib.music.string()});
+    ASSERT_TRUE(s.waitFor("4 canciones")) << s.screen();
+    ASSERT_TRUE(c.waitStatus("Stopped"));
+
+    // Alfa's album from its first track, with the keys.
+    s.keys("Enter Enter");
+    ASSERT_TRUE(c.waitMeta("xesam:title", "Uno")) << s.screen();
+    EXPECT_EQ(c.ctl({"status"}), "Playing");
+    EXPECT_EQ(c.meta("xesam:artist"), "Alfa");
+    EXPECT_EQ(c.meta("xesam:album"), "Primero");
+    EXPECT_EQ(c.meta("xesam:albumArtist"), "Alfa Trío");
+    EXPECT_EQ(c.meta("xesam:trackNumber"), "1");
+    EXPECT_EQ(c.meta("xesam:discNumber"), "2");
+    EXPECT_EQ(c.meta("xesam:url"), fileUrl(lib.uno));
+    EXPECT_NEAR(std::atof(c.meta("mpris:length").c_str()), 5e6, 1e5);
+    const std::string unoId = c.trackId();
+    EXPECT_NE(unoId.find("/org/trovan/"), npos) << unoId;
+    ASSERT_TRUE(waitUntil([&] { return !c.meta("mpris:artUrl").empty(); }, 10s));
+    const std::string unoArt = c.meta("mpris:artUrl");
+    expectArt(unoArt, fixtures::storedPictures(lib.uno).at(0).data);
+    // Clients that only listen learn of it too.
+    EXPECT_TRUE(waitUntil([&] { return signals.count(unoArt) > 0; }, 5s));
+
+    const int statusChanges = signals.count("\"PlaybackStatus\"");
+    c.ctl({"play-pause"});
+    ASSERT_TRUE(c.waitStatus("Paused"));
+    EXPECT_TRUE(waitUntil([&] { return signals.count("\"PlaybackStatus\"") > statusChanges; }, 5s));
+    EXPECT_TRUE(s.waitFor("     ▶     ")) << s.line(38);
+    c.ctl({"play-pause"});
+    ASSERT_TRUE(c.waitStatus("Playing"));
+
+    // Next: another track, another cover file; the old one is gone.
+    c.ctl({"next"});
+    ASSERT_TRUE(c.waitMeta("xesam:title", "Dos"));
+    EXPECT_NE(c.trackId(), unoId);
+    ASSERT_TRUE(waitUntil([&] { return !c.meta("mpris:artUrl").empty(); }, 10s));
+    expectArt(c.meta("mpris:artUrl"), fixtures::storedPictures(lib.dos).at(0).data);
+    EXPECT_TRUE(waitUntil([&] { return !fs::exists(unoArt.substr(7)); }, 5s));
+    c.ctl({"previous"}); // within three seconds: the previous track
+    ASSERT_TRUE(c.waitMeta("xesam:title", "Uno"));
+    EXPECT_EQ(c.trackId(), unoId);
+
+    // Seeks from the bus (absolute, relative, by track id) and from a key: each one is
+    // announced; a stale track id or a position past the end is ignored.
+    c.ctl({"pause"});
+    ASSERT_TRUE(c.waitStatus("Paused"));
+    const int seeksBefore = signals.count("member=Seeked");
+    c.ctl({"position", "3"});
+    EXPECT_TRUE(waitUntil([&] { return std::fabs(c.position() - 3) < 0.05; }, 5s));
+    c.ctl({"position", "1-"});
+    EXPECT_TRUE(waitUntil([&] { return std::fabs(c.position() - 2) < 0.05; }, 5s));
+    EXPECT_EQ(c.call("SetPosition", {"objpath:" + unoId, "int64:4000000"}).status, 0);
+    EXPECT_TRUE(waitUntil([&] { return std::fabs(c.position() - 4) < 0.05; }, 5s));
+    c.call("SetPosition", {"objpath:/org/trovan/Trovan/track/t0", "int64:1000000"});
+    c.call("SetPosition", {"objpath:" + unoId, "int64:6000000"});
+    s.text("0"); // the key for the start of the track
+    EXPECT_TRUE(waitUntil([&] { return c.position() < 0.05; }, 5s)) << c.position();
+    EXPECT_TRUE(waitUntil([&] { return signals.count("member=Seeked") == seeksBefore + 4; }, 5s))
+        << signals.count("member=Seeked") - seeksBefore;
+
+    // Volume, shuffle and loop from outside: on screen and saved; keys show up outside.
+    c.ctl({"volume", "0.3"});
+    EXPECT_TRUE(s.waitFor("Vol 30%"));
+    EXPECT_TRUE(s.configHas("\"volume\": 0.3"));
+    c.ctl({"shuffle", "On"});
+    EXPECT_TRUE(s.configHas("\"shuffle\": true"));
+    c.ctl({"loop", "Track"});
+    EXPECT_TRUE(s.waitFor("↻1"));
+    EXPECT_TRUE(s.configHas("\"repeatMode\": \"one\""));
+    c.ctl({"loop", "Playlist"});
+    EXPECT_TRUE(s.configHas("\"repeatMode\": \"all\""));
+    s.text("sr");
+    EXPECT_TRUE(waitUntil([&] { return c.ctl({"shuffle"}) == "Off"; }, 5s));
+    EXPECT_TRUE(waitUntil([&] { return c.ctl({"loop"}) == "Track"; }, 5s));
+    s.text("r");
+    EXPECT_TRUE(waitUntil([&] { return c.ctl({"loop"}) == "None"; }, 5s));
+
+    // A track with no album and no cover, opened from outside as a queue of one; played
+    // to its end it stays loaded, paused at the end.
+    c.ctl({"open", fileUrl(lib.tres)});
+    ASSERT_TRUE(c.waitMeta("xesam:title", "Tres"));
+    EXPECT_EQ(c.meta("xesam:album"), "Álbum desconocido");
+    c.ctl({"position", "4.8"});
+    ASSERT_TRUE(c.waitStatus("Paused")) << c.ctl({"status"});
+    EXPECT_EQ(c.meta("xesam:title"), "Tres");
+    EXPECT_EQ(c.meta("mpris:artUrl"), "");
+    // A cover that is not a picture is no cover.
+    c.ctl({"open", fileUrl(lib.cuatro)});
+    ASSERT_TRUE(c.waitMeta("xesam:title", "Cuatro"));
+    std::this_thread::sleep_for(500ms); // the cover has been looked at by then
+    EXPECT_EQ(c.meta("mpris:artUrl"), "");
+
+    // A second Trovan finds the name taken: it runs as usual without it.
+    Session other;
+    other.busAddress = bus.address();
+    other.start();
+    ASSERT_TRUE(other.waitForSession());
+    other.text("q");
+    other.expectCleanExit();
+    EXPECT_EQ(c.meta("xesam:title"), "Cuatro");
+
+    c.ctl({"stop"}); // pauses
+    EXPECT_TRUE(c.waitStatus("Paused"));
+    EXPECT_EQ(c.send("org.mpris.MediaPlayer2.Quit").status, 0);
+    s.expectCleanExit();
+}
+
+namespace {
+
+// Sends `count` calls at once on one connection and waits for every answer. Returns
+// how many were answered (with a reply or an error).
+int flood(const std::string& address, int count) {
+    sd_bus* raw = nullptr;
+    if (sd_bus_new(&raw) < 0) return -1;
+    std::unique_ptr<sd_bus, decltype(&sd_bus_flush_close_unref)> bus(raw, sd_bus_flush_close_unref);
+    if (sd_bus_set_address(raw, address.c_str()) < 0 || sd_bus_set_bus_client(raw, 1) < 0 ||
+        sd_bus_start(raw) < 0)
+        return -1;
+    int answered = 0;
+    auto counted = [](sd_bus_message*, void* n, sd_bus_error*) {
+        ++*static_cast<int*>(n);
+        return 0;
+    };
+    const double volumes[] = {0.5, NAN, INFINITY, 10, -3, 0.25};
+    for (int i = 0; i < count; ++i) {
+        sd_bus_message* m = nullptr;
+        int r = 0;
+        switch (i % 4) {
+        case 0:
+            r = sd_bus_message_new_method_call(raw, &m, kName, kPath,
+                                               "org.freedesktop.DBus.Properties", "Set");
+            if (r >= 0)
+                r = sd_bus_message_append(m, "ssv", kPlayer, "Volume", "d", volumes[i / 4 % 6]);
+            break;
+        case 1:
+            r = sd_bus_message_new_method_call(raw, &m, kName, kPath, kPlayer, "Seek");
+            if (r >= 0) r = sd_bus_message_append(m, "x", (i % 8 == 1 ? -1 : 1) * int64_t(7e17));
+            break;
+        case 2:
+            r = sd_bus_message_new_method_call(raw, &m, kName, kPath, kPlayer, "PlayPause");
+            break;
+        case 3:
+            r = sd_bus_message_new_method_call(raw, &m, kName, kPath, kPlayer, "OpenUri");
+            if (r >= 0) r = sd_bus_message_append(m, "s", "file:///no/existe.flac");
+            break;
+        }
+        if (r >= 0) r = sd_bus_call_async(raw, nullptr, m, counted, &answered, 30'000'000);
+        sd_bus_message_unref(m);
+        if (r < 0) return -1;
+    }
+    const auto end = std::chrono::steady_clock::now() + 60s;
+    while (answered < count && std::chrono::steady_clock::now() < end) {
+        if (sd_bus_process(raw, nullptr) > 0) continue;
+        sd_bus_wait(raw, 100'000);
+    }
+    return answered;
+}
+
+// A listening socket that never accepts: connecting works, nothing ever answers.
+class SilentSocket {
+public:
+    explicit SilentSocket(const fs::path& path) {
+        fd_ = socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0);
+        sockaddr_un addr{};
+        addr.sun_family = AF_UNIX;
+        std::snprintf(addr.sun_path, sizeof addr.sun_path, "%s", path.c_str());
+        ok_ = fd_ >= 0 && bind(fd_, reinterpret_cast<sockaddr*>(&addr), sizeof addr) == 0 &&
+              listen(fd_, 16) == 0;
+    }
+    ~SilentSocket() {
+        if (fd_ >= 0) close(fd_);
+    }
+    bool ok() const { return ok_; }
+
+private:
+    int fd_ = -1;
+    bool ok_ = false;
+};
+
+} // namespace
+
+TEST(Mpris, BadCallsGetAnErrorOrAClampAndAFloodIsAnswered) {
+    REQUIRE_BUS_TOOLS();
+    fixtures::SessionBus bus;
+    Clients c(bus.address());
+    Session s;
+    s.busAddress = bus.address();
+    const Library lib = makeLibrary(s.dir());
+    s.start({lib.music.string()});
+    ASSERT_TRUE(s.waitFor("4 canciones")) << s.screen();
+    ASSERT_TRUE(c.waitStatus("Stopped"));
+    c.ctl({"open", fileUrl(lib.uno)});
+    ASSERT_TRUE(c.waitMeta("xesam:title", "Uno"));
+    c.ctl({"pause"});
+
+    // Wrong types and values: an error reply naming the fault.
+    auto invalid = [](const fixtures::ProcessResult& r) {
+        return r.status != 0 && r.errors.find("org.freedesktop.DBus.Error.InvalidArgs") != npos;
+    };
+    EXPECT_TRUE(invalid(c.set("Volume", "double:nan")));
+    EXPECT_TRUE(invalid(c.set("Volume", "string:alto")));
+    EXPECT_EQ(c.set("Volume", "double:10").status, 0);
+    EXPECT_EQ(c.get("Volume"), "double 1");
+    EXPECT_EQ(c.set("Volume", "double:-inf").status, 0);
+    EXPECT_EQ(c.get("Volume"), "double 0");
+    EXPECT_EQ(c.set("Volume", "double:inf").status, 0);
+    EXPECT_EQ(c.get("Volume"), "double 1");
+    EXPECT_TRUE(s.waitFor("Vol 100%"));
+    EXPECT_TRUE(invalid(c.set("LoopStatus", "string:Siempre")));
+    EXPECT_EQ(c.ctl({"loop"}), "None");
+    EXPECT_TRUE(invalid(c.set("Shuffle", "string:si")));
+
+    EXPECT_TRUE(invalid(c.call("Seek", {"string:10"})));
+    EXPECT_TRUE(invalid(c.call("SetPosition", {"string:/x", "int64:1"})));
+    EXPECT_TRUE(invalid(c.call("Seek")));
+    EXPECT_EQ(c.call("Seek", {"int64:-9223372036854775808"}).status, 0);
+    EXPECT_LT(c.position(), 0.05);
+    c.call("SetPosition", {"objpath:" + c.trackId(), "int64:-5000000"});
+    EXPECT_LT(c.position(), 0.05);
+    EXPECT_EQ(c.call("Seek", {"int64:9223372036854775807"}).status, 0);
+    EXPECT_EQ(c.meta("xesam:title"), "Uno"); // at the end of its queue, still loaded
+
+    for (const std::string& uri : std::vector<std::string>{
+             "http://example.com/a.flac", "file:///no/existe.flac",
+             fileUrl(lib.music / "gamma" / "cover.jpg"), "file://" + lib.music.string(),
+             "file:///%zz", "file:///a%00b.flac", "", "file://otra-maquina" + lib.uno.string()}) {
+        const auto r = c.call("OpenUri", {"string:" + uri});
+        EXPECT_TRUE(invalid(r)) << uri << r.errors;
+    }
+    EXPECT_EQ(c.meta("xesam:title"), "Uno");
+
+    EXPECT_EQ(flood(bus.address(), 1000), 1000);
+    // Still answering, still drawing, and the settings hold only clamped values.
+    EXPECT_EQ(c.meta("xesam:title"), "Uno");
+    EXPECT_EQ(c.get("Volume"), "double 1"); // the last volume of the flood was 10
+    s.text("-");
+    EXPECT_TRUE(s.waitFor("Vol 95%")) << s.screen();
+    EXPECT_TRUE(s.configHas("\"volume\": 0.95"));
+    const std::string config = s.config();
+    const auto at = config.find("\"volume\": ");
+    ASSERT_NE(at, npos) << config;
+    const double saved = std::atof(config.c_str() + at + 10);
+    EXPECT_TRUE(saved >= 0 && saved <= 1) << config;
+    s.text("q");
+    s.expectCleanExit();
+}
+
+TEST(Mpris, ABusThatNeverAnswersOrGoesAwayCostsNothing) {
+    REQUIRE_BUS_TOOLS();
+    Session s;
+    const fs::path path = s.dir() / "silent-bus";
+    SilentSocket silent(path);
+    ASSERT_TRUE(silent.ok());
+    s.busAddress = "unix:path=" + path.string();
+    s.start();
+    ASSERT_TRUE(s.waitForSession()) << s.screen();
+    s.text("q");
+    s.expectCleanExit();
+
+    // The bus stops under a running program: it goes on, idle, without it.
+    auto bus = std::make_unique<fixtures::SessionBus>();
+    s.busAddress = bus->address();
+    s.start();
+    ASSERT_TRUE(s.waitForSession()) << s.screen();
+    ASSERT_TRUE(waitUntil([&] { return s.playerPublished(); }, 10s));
+    bus.reset();
+    std::this_thread::sleep_for(500ms);
+    const long before = s.cpuTicks();
+    std::this_thread::sleep_for(2s);
+    EXPECT_EQ(s.cpuTicks(), before) << "the program used CPU time after the bus left";
+    s.text("q");
+    s.expectCleanExit();
+}

@@ -1,0 +1,276 @@
+#pragma once
+// The real program in a private tmux server, a real terminal emulator, with a private
+// data folder; shared by the end-to-end tests.
+
+#include "support/Fixtures.h"
+#include "support/SessionBus.h"
+
+#include <gtest/gtest.h>
+
+#include <chrono>
+#include <csignal>
+#include <cstdio>
+#include <cstdlib>
+#include <filesystem>
+#include <fstream>
+#include <functional>
+#include <sstream>
+#include <string>
+#include <thread>
+#include <vector>
+
+namespace trovan::e2e {
+
+namespace fs = std::filesystem;
+using namespace std::chrono_literals;
+
+inline const auto npos = std::string::npos;
+inline const std::string kMessage = "Agranda la terminal (m\xC3\xADnimo 60\xC3\x97"
+                                    "16)";
+inline const std::string kBackground = "48;2;20;22;28";
+inline const std::string kError = "38;2;247;118;142";
+
+// Runs the program once the test says go (so its output is recorded from the first
+// byte); records its pid, exit status, the terminal modes before and after, whether
+// standard input was left non-blocking, then one line read from the terminal.
+inline const char* kWrapper = R"(trap '' HUP
+dir=$1; shift
+echo $$ > "$dir/wrapper.pid"
+stty -g > "$dir/before"
+while [ ! -e "$dir/go" ]; do sleep 0.01; done
+sh -c 'echo $$ > "$0/pid.tmp" && mv "$0/pid.tmp" "$0/pid" && exec "$@"' "$dir" "$@"
+echo $? > "$dir/status.tmp"; mv "$dir/status.tmp" "$dir/status"
+stty -g > "$dir/after" 2>/dev/null
+python3 -c 'import fcntl,os;print(fcntl.fcntl(0,fcntl.F_GETFL)&os.O_NONBLOCK)' > "$dir/nonblock" 2>/dev/null
+echo > "$dir/done"
+IFS= read -r line && printf '%s' "$line" | od -An -tx1 > "$dir/pasted.tmp"
+mv "$dir/pasted.tmp" "$dir/pasted"
+exec sleep 600
+)";
+
+inline std::string shellQuote(const std::string& s) {
+    std::string out = "'";
+    for (char c : s)
+        out += c == '\'' ? std::string("'\\''") : std::string(1, c);
+    return out + "'";
+}
+
+inline std::string slurp(const fs::path& path) {
+    std::ifstream f(path, std::ios::binary);
+    std::stringstream ss;
+    ss << f.rdbuf();
+    return ss.str();
+}
+
+inline std::string trim(std::string s) {
+    while (!s.empty() && (s.back() == '\n' || s.back() == ' '))
+        s.pop_back();
+    return s;
+}
+
+inline bool waitUntil(const std::function<bool()>& ready, std::chrono::milliseconds limit = 20s) {
+    const auto end = std::chrono::steady_clock::now() + limit;
+    for (; std::chrono::steady_clock::now() < end; std::this_thread::sleep_for(20ms))
+        if (ready()) return true;
+    return ready();
+}
+
+// The session bus the program sees: none, unless the suite runs with TROVAN_E2E_BUS=1,
+// when it is a private bus shared by the whole test program.
+inline std::string defaultBusAddress() {
+    const char* wanted = std::getenv("TROVAN_E2E_BUS");
+    if (!wanted || std::string(wanted) != "1") return "unix:path=/nonexistent/trovan-no-bus";
+    static fixtures::SessionBus bus;
+    return bus.address();
+}
+
+// The program in one window of a private tmux server; each start gets a new server and
+// a new folder for what the wrapper records, and keeps the data folder.
+class Session {
+public:
+    Session() {
+        char tmpl[] = "/tmp/trovan-e2e-XXXXXX";
+        dir_ = mkdtemp(tmpl);
+        fs::create_directories(home());
+    }
+    ~Session() {
+        stop();
+        fs::remove_all(dir_);
+    }
+
+    // DBUS_SESSION_BUS_ADDRESS for the next start.
+    std::string busAddress = defaultBusAddress();
+
+    const fs::path& dir() const { return dir_; }
+    fs::path home() const { return dir_ / "home"; }
+    int pid() const { return pid_; }
+
+    void start(const std::vector<std::string>& args = {}, int width = 100, int height = 40) {
+        stop();
+        run_ = dir_ / ("run" + std::to_string(++runs_));
+        fs::create_directories(run_);
+        std::ofstream(run_ / "run.sh") << kWrapper;
+        std::string command = "sh " + shellQuote((run_ / "run.sh").string()) + " " +
+                              shellQuote(run_.string()) + " " + shellQuote(TROVAN_BINARY);
+        for (const auto& a : args)
+            command += " " + shellQuote(a);
+        tmux("-f /dev/null new-session -d -s t -x " + std::to_string(width) + " -y " +
+             std::to_string(height) +
+             " -e COLORTERM=truecolor -e TROVAN_HOME=" + shellQuote(home().string()) +
+             " -e DBUS_SESSION_BUS_ADDRESS=" + shellQuote(busAddress) + " " + shellQuote(command));
+        tmux("pipe-pane -t t -o " + shellQuote("cat >> " + shellQuote((run_ / "out").string())));
+        std::ofstream(run_ / "go") << "";
+        waitUntil([&] { return has("pid"); }, 10s);
+        pid_ = std::atoi(file("pid").c_str());
+    }
+
+    std::string tmux(const std::string& args) {
+        std::string out;
+        if (FILE* p = popen(
+                ("tmux -S " + shellQuote((run_ / "sock").string()) + " " + args).c_str(), "r")) {
+            char buf[4096];
+            for (std::size_t n; (n = fread(buf, 1, sizeof buf, p)) > 0;)
+                out.append(buf, n);
+            pclose(p);
+        }
+        return out;
+    }
+    std::string file(const std::string& name) { return slurp(run_ / name); }
+    bool has(const std::string& name) { return fs::exists(run_ / name); }
+    // Everything the program has written in this run.
+    std::string output() { return file("out"); }
+    std::string config() { return slurp(home() / "config.json"); }
+
+    std::string screen(bool escapes = false) {
+        return tmux(std::string("capture-pane -p ") + (escapes ? "-e " : "") + "-t t");
+    }
+    std::string line(int y) {
+        std::stringstream ss(screen());
+        std::string l;
+        for (int i = 0; i <= y && std::getline(ss, l);)
+            ++i;
+        return l;
+    }
+    bool waitFor(const std::string& text, std::chrono::milliseconds limit = 20s) {
+        return waitUntil([&] { return screen().find(text) != npos; }, limit);
+    }
+    bool waitGone(const std::string& text, std::chrono::milliseconds limit = 20s) {
+        return waitUntil([&] { return screen().find(text) == npos; }, limit);
+    }
+    bool configHas(const std::string& text) {
+        return waitUntil([&] { return config().find(text) != npos; }, 5s);
+    }
+
+    void keys(const std::string& names) { tmux("send-keys -t t " + names); }
+    void command(const std::string& line) {
+        text(line);
+        keys("Enter");
+    }
+    void text(const std::string& literal) { tmux("send-keys -t t -l " + shellQuote(literal)); }
+    // A left click as the terminal reports it (SGR, 1-based cells), press and release.
+    void click(int x, int y) {
+        std::string hex;
+        for (char end : {'M', 'm'}) {
+            for (unsigned char c :
+                 "\x1b[<0;" + std::to_string(x + 1) + ";" + std::to_string(y + 1) + end) {
+                char b[4];
+                std::snprintf(b, sizeof b, " %02x", c);
+                hex += b;
+            }
+        }
+        tmux("send-keys -t t -H" + hex);
+    }
+
+    // Alternate screen, cursor shown, mouse button, SGR and any-motion reporting.
+    std::string flags() {
+        return trim(tmux("display -p -t t '#{alternate_on} #{cursor_flag} #{mouse_button_flag} "
+                         "#{mouse_sgr_flag} #{mouse_any_flag}'"));
+    }
+    bool waitForSession() {
+        return waitUntil(
+            [&] { return flags() == "1 0 1 1 1" && screen(true).find(kBackground) != npos; }, 10s);
+    }
+
+    // True when the program's media player is on the session bus it was given.
+    bool playerPublished() {
+        std::string out;
+        const std::string cmd = "DBUS_SESSION_BUS_ADDRESS=" + shellQuote(busAddress) +
+                                " dbus-send --session --print-reply --dest=org.freedesktop.DBus "
+                                "/ org.freedesktop.DBus.NameHasOwner "
+                                "string:org.mpris.MediaPlayer2.trovan 2>/dev/null";
+        if (FILE* p = popen(cmd.c_str(), "r")) {
+            char buf[512];
+            for (std::size_t n; (n = fread(buf, 1, sizeof buf, p)) > 0;)
+                out.append(buf, n);
+            pclose(p);
+        }
+        return out.find("boolean true") != npos;
+    }
+
+    // User plus system CPU ticks (fields 14 and 15 of /proc/<pid>/stat).
+    long cpuTicks() {
+        std::stringstream ss(slurp("/proc/" + std::to_string(pid_) + "/stat"));
+        std::string skip;
+        std::getline(ss, skip, ')');
+        for (int i = 0; i < 11; ++i)
+            ss >> skip;
+        long user = -1, system = -1;
+        ss >> user >> system;
+        return user + system;
+    }
+
+    // Waits for the program to end and checks it left the terminal as it found it.
+    void expectCleanExit() {
+        ASSERT_TRUE(waitUntil([&] { return has("done"); }, 10s)) << "program did not end";
+        EXPECT_EQ(trim(file("status")), "0");
+        EXPECT_FALSE(file("before").empty());
+        EXPECT_EQ(file("after"), file("before")) << "terminal modes not restored";
+        EXPECT_EQ(trim(file("nonblock")), "0") << "standard input left non-blocking";
+        EXPECT_EQ(flags(), "0 1 0 0 0");
+    }
+
+private:
+    void stop() {
+        if (run_.empty()) return;
+        if (pid_ > 0 && !has("status")) kill(pid_, SIGKILL);
+        if (int wrapper = std::atoi(file("wrapper.pid").c_str()); wrapper > 0)
+            kill(wrapper, SIGKILL);
+        tmux("kill-server 2>/dev/null");
+    }
+
+    fs::path dir_, run_;
+    int runs_ = 0;
+    int pid_ = 0;
+};
+
+inline bool haveTmux() {
+    return std::system("command -v tmux >/dev/null 2>&1") == 0;
+}
+
+// Four 20-second tracks by three artists, two of them in one album.
+inline fs::path makeMusic(const fs::path& dir) {
+    const fs::path music = dir / "music";
+    fs::create_directories(music);
+    struct Song {
+        const char *file, *artist, *album, *title;
+        int number;
+        double hz;
+    };
+    for (const Song& s : {Song{"alfa-1.flac", "Alfa", "Primero", "Amanecer", 1, 330},
+                          Song{"alfa-2.flac", "Alfa", "Primero", "Brisa", 2, 392},
+                          Song{"beta-1.flac", "Beta", "Segundo", "Cometa", 1, 262},
+                          Song{"gamma-1.flac", "Gamma", "Tercero", "Duna", 1, 294}}) {
+        fixtures::Tone t;
+        t.seconds = 20;
+        t.frequency = s.hz;
+        t.tags = {{"ARTIST", {s.artist}},
+                  {"ALBUM", {s.album}},
+                  {"TITLE", {s.title}},
+                  {"TRACKNUMBER", {std::to_string(s.number)}},
+                  {"DATE", {"2020"}}};
+        fixtures::copyTo(fixtures::cached(std::string("e2e-") + s.file, t), music, s.file);
+    }
+    return music;
+}
+
+} // namespace trovan::e2e
