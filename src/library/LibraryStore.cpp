@@ -137,6 +137,54 @@ std::vector<Track> LibraryStore::loadAll() {
     return tracks;
 }
 
+TrackTable LibraryStore::loadTable() {
+    std::lock_guard lock(mutex_);
+    auto s = prepare(db_.get(), kLoadAll);
+    auto* st = s.get();
+    auto view = [st](int column) {
+        auto* p = reinterpret_cast<const char*>(sqlite3_column_text(st, column));
+        return p ? std::string_view(p, static_cast<std::size_t>(sqlite3_column_bytes(st, column)))
+                 : std::string_view{};
+    };
+    TrackTable table;
+    TrackTable::Fields f;
+    while (sqlite3_step(st) == SQLITE_ROW) {
+        f.path = view(0);
+        f.mtime = sqlite3_column_double(st, 1);
+        f.size = sqlite3_column_int64(st, 2);
+        f.title = view(3);
+        f.artist = view(4);
+        f.albumArtist = view(5);
+        f.album = view(6);
+        f.genre = view(7);
+        f.year = sqlite3_column_int64(st, 8);
+        f.trackNumber = sqlite3_column_int64(st, 9);
+        f.discNumber = sqlite3_column_int64(st, 10);
+        f.durationMs = sqlite3_column_int64(st, 11);
+        f.codec = view(12);
+        f.sampleRate = sqlite3_column_int64(st, 13);
+        f.bitrate = sqlite3_column_int64(st, 14);
+        f.channels = sqlite3_column_int64(st, 15);
+        table.add(f);
+    }
+    rowsHint_ = table.size();
+    return table;
+}
+
+void LibraryStore::checkpoint() {
+    std::unique_lock lock(mutex_, std::try_to_lock);
+    if (!lock || !db_) return;
+    sqlite3_wal_checkpoint_v2(db_.get(), nullptr, SQLITE_CHECKPOINT_TRUNCATE, nullptr, nullptr);
+}
+
+void LibraryStore::close() {
+    std::unique_lock lock(mutex_, std::try_to_lock);
+    if (!lock || !db_) return;
+    sqlite3_wal_checkpoint_v2(db_.get(), nullptr, SQLITE_CHECKPOINT_TRUNCATE, nullptr, nullptr);
+    // The last connection to close removes the log.
+    if (sqlite3_close(db_.get()) == SQLITE_OK) db_.release();
+}
+
 bool LibraryStore::isEmpty() {
     std::lock_guard lock(mutex_);
     auto s = prepare(db_.get(), "SELECT 1 FROM tracks LIMIT 1");

@@ -1,0 +1,175 @@
+#include "library/TrackTable.h"
+
+#include <cstring>
+#include <functional>
+#include <stdexcept>
+
+namespace trovan {
+
+namespace {
+
+constexpr std::size_t kChunkBytes = std::size_t{4} << 20;
+constexpr TrackTable::Id kNone = UINT32_MAX;
+
+std::size_t hashOf(std::string_view s) {
+    return std::hash<std::string_view>{}(s);
+}
+
+} // namespace
+
+TrackTable::TrackTable() {
+    names_.emplace_back();
+    nameIds_.emplace(std::string_view{}, 0);
+}
+
+TrackTable::~TrackTable() = default;
+TrackTable::TrackTable(TrackTable&&) noexcept = default;
+TrackTable& TrackTable::operator=(TrackTable&&) noexcept = default;
+
+const char* TrackTable::store(std::string_view a, std::string_view b) {
+    const std::size_t n = a.size() + b.size();
+    if (n == 0) return nullptr;
+    char* at;
+    if (n > kChunkBytes / 8) {
+        // A huge text gets a block of its own, so the shared one is not cut short.
+        chunks_.push_back(std::make_unique_for_overwrite<char[]>(n));
+        at = chunks_.back().get();
+        // Keep filling the shared block, now one before the last.
+        if (chunks_.size() > 1 && chunkSize_ > 0) std::swap(chunks_.back(), chunks_.end()[-2]);
+    } else {
+        if (chunkSize_ - chunkUsed_ < n) {
+            chunks_.push_back(std::make_unique_for_overwrite<char[]>(kChunkBytes));
+            chunkSize_ = kChunkBytes;
+            chunkUsed_ = 0;
+        }
+        at = chunks_.back().get() + chunkUsed_;
+        chunkUsed_ += n;
+    }
+    if (!a.empty()) std::memcpy(at, a.data(), a.size());
+    if (!b.empty()) std::memcpy(at + a.size(), b.data(), b.size());
+    arenaBytes_ += n;
+    return at;
+}
+
+TrackTable::NameId TrackTable::intern(std::string_view s) {
+    if (s.empty()) return 0;
+    auto it = nameIds_.find(s);
+    if (it != nameIds_.end()) return it->second;
+    if (names_.size() >= kNone) throw std::length_error("too many names");
+    const std::string_view kept(store(s, {}), s.size());
+    const auto id = static_cast<NameId>(names_.size());
+    names_.push_back(kept);
+    nameIds_.emplace(kept, id);
+    return id;
+}
+
+TrackTable::Id TrackTable::add(const Fields& f) {
+    if (count_ >= kNone - 1) throw std::length_error("too many tracks");
+    // Lengths are kept in 32 bits; nothing real comes near, a damaged cache is cut.
+    const auto path = f.path.substr(0, UINT32_MAX);
+    const auto title = f.title.substr(0, UINT32_MAX - path.size());
+    const auto id = static_cast<Id>(count_);
+    if (id % kRecordsPerBlock == 0) blocks_.push_back(std::make_unique<Record[]>(kRecordsPerBlock));
+    Record& r = blocks_.back()[id % kRecordsPerBlock];
+    r.text = store(path, title);
+    r.pathLength = static_cast<uint32_t>(path.size());
+    r.titleLength = static_cast<uint32_t>(title.size());
+    r.mtime = f.mtime;
+    r.size = f.size;
+    r.names[kArtist] = intern(f.artist);
+    r.names[kAlbumArtist] = intern(f.albumArtist);
+    r.names[kAlbum] = intern(f.album);
+    r.names[kGenre] = intern(f.genre);
+    r.names[kCodec] = intern(f.codec);
+    const int64_t numbers[kNumberFields] = {f.year,       f.trackNumber, f.discNumber, f.durationMs,
+                                            f.sampleRate, f.bitrate,     f.channels};
+    for (int i = 0; i < kNumberFields; ++i) {
+        const int64_t v = numbers[i];
+        if (v > INT32_MIN && v <= INT32_MAX) {
+            r.numbers[i] = static_cast<int32_t>(v);
+        } else {
+            r.numbers[i] = kWide;
+            wide_[wideKey(id, static_cast<NumberField>(i))] = v;
+        }
+    }
+    ++count_;
+    return id;
+}
+
+TrackTable::Id TrackTable::add(const Track& t) {
+    return add(Fields{t.path, t.title, t.artist, t.albumArtist, t.album, t.genre, t.codec, t.mtime,
+                      t.size, t.year, t.trackNumber, t.discNumber, t.durationMs, t.sampleRate,
+                      t.bitrate, t.channels});
+}
+
+void TrackTable::seal() {
+    nameIds_ = {};
+    std::size_t capacity = 16;
+    while (capacity < count_ * 2)
+        capacity *= 2;
+    byPath_.assign(capacity, kNone);
+    const std::size_t mask = capacity - 1;
+    for (Id id = 0; id < count_; ++id) {
+        const auto p = path(id);
+        for (std::size_t slot = hashOf(p) & mask;; slot = (slot + 1) & mask) {
+            if (byPath_[slot] == kNone) {
+                byPath_[slot] = id;
+                break;
+            }
+            if (path(byPath_[slot]) == p) break; // the first one stays
+        }
+    }
+}
+
+std::optional<TrackTable::Id> TrackTable::find(std::string_view p) const {
+    if (byPath_.empty()) return std::nullopt;
+    const std::size_t mask = byPath_.size() - 1;
+    for (std::size_t slot = hashOf(p) & mask; byPath_[slot] != kNone; slot = (slot + 1) & mask)
+        if (path(byPath_[slot]) == p) return byPath_[slot];
+    return std::nullopt;
+}
+
+std::string_view TrackTable::path(Id id) const {
+    const Record& r = record(id);
+    return {r.text, r.pathLength};
+}
+
+std::string_view TrackTable::title(Id id) const {
+    const Record& r = record(id);
+    return r.titleLength ? std::string_view(r.text + r.pathLength, r.titleLength)
+                         : std::string_view{};
+}
+
+std::string_view TrackTable::displayTitle(Id id) const {
+    return Track::displayTitleOf(path(id), title(id));
+}
+
+Track TrackTable::track(Id id) const {
+    const Record& r = record(id);
+    Track t;
+    t.path = path(id);
+    t.mtime = r.mtime;
+    t.size = r.size;
+    t.title = title(id);
+    t.artist = names_[r.names[kArtist]];
+    t.albumArtist = names_[r.names[kAlbumArtist]];
+    t.album = names_[r.names[kAlbum]];
+    t.genre = names_[r.names[kGenre]];
+    t.codec = names_[r.names[kCodec]];
+    t.year = number(id, kYear);
+    t.trackNumber = number(id, kTrackNumber);
+    t.discNumber = number(id, kDiscNumber);
+    t.durationMs = number(id, kDurationMs);
+    t.sampleRate = number(id, kSampleRate);
+    t.bitrate = number(id, kBitrate);
+    t.channels = number(id, kChannels);
+    return t;
+}
+
+std::size_t TrackTable::bytes() const {
+    return blocks_.size() * kRecordsPerBlock * sizeof(Record) + chunks_.size() * kChunkBytes +
+           names_.capacity() * sizeof(std::string_view) + byPath_.capacity() * sizeof(Id) +
+           wide_.size() * 32;
+}
+
+} // namespace trovan

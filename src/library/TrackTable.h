@@ -1,0 +1,120 @@
+#pragma once
+// Every track of the library in compact form, for collections of a million files: one
+// fixed-size record per track, path and title bytes in a shared arena, artist, album,
+// genre and codec names stored once and referred to by number, and numbers packed to
+// 32 bits (the rare value that does not fit is kept aside, so nothing is lost). A Track
+// value is made on demand. Filled once, then only read (safe from several threads).
+
+#include "library/Track.h"
+
+#include <cstddef>
+#include <cstdint>
+#include <memory>
+#include <optional>
+#include <string_view>
+#include <unordered_map>
+#include <vector>
+
+namespace trovan {
+
+class TrackTable {
+public:
+    using Id = uint32_t;
+    using NameId = uint32_t; // 0 is the empty name
+
+    // A record's fields as borrowed text, so a loader can add rows without building a
+    // Track first.
+    struct Fields {
+        std::string_view path, title, artist, albumArtist, album, genre, codec;
+        double mtime = 0;
+        int64_t size = 0, year = 0, trackNumber = 0, discNumber = 0, durationMs = 0, sampleRate = 0,
+                bitrate = 0, channels = 0;
+    };
+
+    TrackTable();
+    ~TrackTable();
+    TrackTable(TrackTable&&) noexcept;
+    TrackTable& operator=(TrackTable&&) noexcept;
+    TrackTable(const TrackTable&) = delete;
+    TrackTable& operator=(const TrackTable&) = delete;
+
+    Id add(const Fields& fields);
+    Id add(const Track& track);
+    // Ends filling: drops what only adding needs and builds the path lookup.
+    void seal();
+
+    std::size_t size() const { return count_; }
+    bool empty() const { return count_ == 0; }
+
+    Track track(Id id) const;
+    std::string_view path(Id id) const;
+    std::string_view title(Id id) const;
+    // Title, else the file name without its extension.
+    std::string_view displayTitle(Id id) const;
+    NameId artist(Id id) const { return record(id).names[kArtist]; }
+    NameId albumArtist(Id id) const { return record(id).names[kAlbumArtist]; }
+    NameId album(Id id) const { return record(id).names[kAlbum]; }
+    NameId codec(Id id) const { return record(id).names[kCodec]; }
+    int64_t year(Id id) const { return number(id, kYear); }
+    int64_t trackNumber(Id id) const { return number(id, kTrackNumber); }
+    int64_t discNumber(Id id) const { return number(id, kDiscNumber); }
+    int64_t durationMs(Id id) const { return number(id, kDurationMs); }
+
+    std::string_view name(NameId id) const { return names_[id]; }
+    std::size_t nameCount() const { return names_.size(); }
+
+    // The first track added with this path; none after seal() only.
+    std::optional<Id> find(std::string_view path) const;
+
+    // Bytes held, roughly (for the benchmarks).
+    std::size_t bytes() const;
+
+private:
+    enum NameField { kArtist, kAlbumArtist, kAlbum, kGenre, kCodec, kNameFields };
+    enum NumberField {
+        kYear,
+        kTrackNumber,
+        kDiscNumber,
+        kDurationMs,
+        kSampleRate,
+        kBitrate,
+        kChannels,
+        kNumberFields
+    };
+    struct Record {
+        const char* text = nullptr; // path bytes, then title bytes
+        uint32_t pathLength = 0;
+        uint32_t titleLength = 0;
+        double mtime = 0;
+        int64_t size = 0;
+        NameId names[kNameFields] = {};
+        int32_t numbers[kNumberFields] = {}; // kWide: the value is in wide_
+    };
+    static constexpr int32_t kWide = INT32_MIN;
+    static constexpr std::size_t kRecordsPerBlock = 1 << 14;
+
+    const Record& record(Id id) const {
+        return blocks_[id / kRecordsPerBlock][id % kRecordsPerBlock];
+    }
+    int64_t number(Id id, NumberField field) const {
+        const int32_t v = record(id).numbers[field];
+        return v == kWide ? wide_.at(wideKey(id, field)) : v;
+    }
+    static uint64_t wideKey(Id id, NumberField field) {
+        return uint64_t{id} * kNumberFields + field;
+    }
+    const char* store(std::string_view a, std::string_view b);
+    NameId intern(std::string_view s);
+
+    std::vector<std::unique_ptr<Record[]>> blocks_;
+    std::size_t count_ = 0;
+    std::vector<std::unique_ptr<char[]>> chunks_; // the arena
+    std::size_t chunkUsed_ = 0, chunkSize_ = 0;
+    std::size_t arenaBytes_ = 0;
+    std::vector<std::string_view> names_;                  // into the arena
+    std::unordered_map<std::string_view, NameId> nameIds_; // while filling only
+    std::unordered_map<uint64_t, int64_t> wide_;           // numbers beyond 32 bits
+    std::vector<Id> byPath_; // open addressing on the path's hash; kNone when free
+};
+
+} // namespace trovan
