@@ -109,7 +109,7 @@ void AppController::runScan(bool force) {
         const IndexSummary summary = Indexer::run(roots, *store, force, progress);
         post([alive, this, summary, started] {
             if (!alive.lock()) return;
-            reloadLibrary([this, summary, started] {
+            auto finish = [this, summary, started] {
                 state_.indexing.reset();
                 const double seconds =
                     std::chrono::duration<double>(std::chrono::steady_clock::now() - started)
@@ -125,7 +125,12 @@ void AppController::runScan(bool force) {
                     pendingReindex_.reset();
                     reindex(pending);
                 }
-            });
+            };
+            // Nothing read and nothing removed: the cache is as loaded, no reload needed.
+            if (summary.readCount == 0 && summary.removedCount == 0)
+                finish();
+            else
+                reloadLibrary(std::move(finish));
         });
     });
 }

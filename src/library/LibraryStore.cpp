@@ -26,6 +26,7 @@ using Statement = std::unique_ptr<sqlite3_stmt, Finalizer>;
 
 // The statements are fixed text; failing to prepare one means the database is damaged.
 Statement prepare(sqlite3* db, const std::string& sql) {
+    if (!db) throw std::runtime_error("SQLite cannot prepare \"" + sql + "\": closed");
     sqlite3_stmt* raw = nullptr;
     if (sqlite3_prepare_v2(db, sql.c_str(), -1, &raw, nullptr) != SQLITE_OK) {
         sqlite3_finalize(raw);
@@ -172,8 +173,8 @@ TrackTable LibraryStore::loadTable() {
 }
 
 void LibraryStore::checkpoint() {
-    std::unique_lock lock(mutex_, std::try_to_lock);
-    if (!lock || !db_) return;
+    std::lock_guard lock(mutex_);
+    if (!db_) return;
     sqlite3_wal_checkpoint_v2(db_.get(), nullptr, SQLITE_CHECKPOINT_TRUNCATE, nullptr, nullptr);
 }
 

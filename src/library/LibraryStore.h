@@ -87,8 +87,7 @@ public:
     };
 
     // Moves everything in the write-ahead log into the database and empties the log, so
-    // the next start has nothing to replay. Quietly does nothing while another caller
-    // holds the store (a scan still writing).
+    // the next start has nothing to replay.
     void checkpoint();
     // Checkpoints and closes the connection, unless another caller holds the store; for
     // leaving the program without running destructors. Nothing may be called afterwards.
