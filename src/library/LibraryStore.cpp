@@ -109,32 +109,11 @@ LibraryStore::LibraryStore(const std::filesystem::path& url) {
 LibraryStore::~LibraryStore() = default;
 
 std::vector<Track> LibraryStore::loadAll() {
-    std::lock_guard lock(mutex_);
-    auto s = prepare(db_.get(), kLoadAll);
+    const TrackTable table = loadTable();
     std::vector<Track> tracks;
-    tracks.reserve(rowsHint_);
-    while (sqlite3_step(s.get()) == SQLITE_ROW) {
-        auto* st = s.get();
-        Track t;
-        t.path = text(st, 0);
-        t.mtime = sqlite3_column_double(st, 1);
-        t.size = sqlite3_column_int64(st, 2);
-        t.title = text(st, 3);
-        t.artist = text(st, 4);
-        t.albumArtist = text(st, 5);
-        t.album = text(st, 6);
-        t.genre = text(st, 7);
-        t.year = sqlite3_column_int64(st, 8);
-        t.trackNumber = sqlite3_column_int64(st, 9);
-        t.discNumber = sqlite3_column_int64(st, 10);
-        t.durationMs = sqlite3_column_int64(st, 11);
-        t.codec = text(st, 12);
-        t.sampleRate = sqlite3_column_int64(st, 13);
-        t.bitrate = sqlite3_column_int64(st, 14);
-        t.channels = sqlite3_column_int64(st, 15);
-        tracks.push_back(std::move(t));
-    }
-    rowsHint_ = tracks.size();
+    tracks.reserve(table.size());
+    for (TrackTable::Id id = 0; id < table.size(); ++id)
+        tracks.push_back(table.track(id));
     return tracks;
 }
 

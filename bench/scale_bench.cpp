@@ -1,0 +1,223 @@
+// The largest libraries: caches of 100,000 and 1,000,000 tracks written straight into
+// SQLite under a root that does not exist (so a rescan keeps them cached). The real
+// program on a pseudo-terminal gives the time to the first frame and to the artist list,
+// the resident memory once idle, and a forced rescan's peak and what stays after it; in
+// process, the time to answer a key on each pane and a search keystroke.
+
+#include "library/Indexer.h"
+#include "support/Fixtures.h"
+
+#include "BenchHarness.h"
+
+#include <benchmark/benchmark.h>
+#include <sqlite3.h>
+
+#include <cstring>
+#include <map>
+#include <thread>
+
+using namespace trovan;
+using namespace trovan::bench;
+
+namespace {
+
+const std::string kRoot = "/nonexistent/trovan-scale";
+
+// Ten albums of ten tracks per artist; artists named "Artista 000000" on.
+void writeCache(const fs::path& file, int tracks) {
+    { LibraryStore store(file); } // creates the table
+    sqlite3* db = nullptr;
+    if (sqlite3_open(file.c_str(), &db) != SQLITE_OK) throw std::runtime_error("cannot open");
+    sqlite3_exec(db, "BEGIN", nullptr, nullptr, nullptr);
+    sqlite3_stmt* insert = nullptr;
+    sqlite3_prepare_v2(db,
+                       "INSERT INTO tracks(path, mtime, size, title, artist, album_artist, album, "
+                       "genre, year, track, disc, duration_ms, codec, sample_rate, bitrate, "
+                       "channels) VALUES(?,1700000000.5,?,?,?,'',?,'Rock',?,?,1,?,'FLAC',44100,"
+                       "900,2)",
+                       -1, &insert, nullptr);
+    char artist[32], album[48], title[64];
+    for (int i = 0; i < tracks; ++i) {
+        const int a = i / 100, b = i / 10 % 10, t = i % 10 + 1;
+        std::snprintf(artist, sizeof artist, "Artista %06d", a);
+        std::snprintf(album, sizeof album, "Disco %d de %s", b, artist);
+        std::snprintf(title, sizeof title, "Canción número %d del disco %d", t, b);
+        const std::string path =
+            kRoot + "/" + artist + "/" + album + "/" + std::to_string(t) + " " + title + ".flac";
+        sqlite3_bind_text(insert, 1, path.c_str(), -1, SQLITE_TRANSIENT);
+        sqlite3_bind_int64(insert, 2, 30'000'000 + i);
+        sqlite3_bind_text(insert, 3, title, -1, SQLITE_TRANSIENT);
+        sqlite3_bind_text(insert, 4, artist, -1, SQLITE_TRANSIENT);
+        sqlite3_bind_text(insert, 5, album, -1, SQLITE_TRANSIENT);
+        sqlite3_bind_int(insert, 6, 1960 + b);
+        sqlite3_bind_int(insert, 7, t);
+        sqlite3_bind_int(insert, 8, 180'000 + i % 1000);
+        if (sqlite3_step(insert) != SQLITE_DONE) throw std::runtime_error(sqlite3_errmsg(db));
+        sqlite3_reset(insert);
+    }
+    sqlite3_finalize(insert);
+    sqlite3_exec(db, "COMMIT", nullptr, nullptr, nullptr);
+    sqlite3_close(db);
+}
+
+// A data folder with the generated cache, plus a music folder holding one real track
+// (already cached) so that a forced rescan has something to read and reloads.
+const fs::path& cachedHome(int tracks) {
+    static std::map<int, fs::path> homes;
+    auto& home = homes[tracks];
+    if (!home.empty()) return home;
+    const fs::path dir = fixtures::sharedDir() / ("scale-" + std::to_string(tracks));
+    fs::create_directories(dir / "music");
+    fixtures::Tone tone;
+    tone.seconds = 1;
+    tone.tags = {{"ARTIST", {"Banco"}}, {"TITLE", {"Prueba"}}};
+    fixtures::copyTo(fixtures::cached("scale-one.flac", tone), dir / "music", "one.flac");
+    writeCache(dir / "library.sqlite", tracks);
+    Settings settings;
+    settings.roots = {kRoot, (dir / "music").string()};
+    {
+        LibraryStore store(dir / "library.sqlite");
+        Indexer::run(settings.roots, store, false);
+        store.close();
+    }
+    SettingsStore(dir / "config.json").save(settings);
+    home = dir;
+    return home;
+}
+
+// A line of /proc/<pid>/status, in megabytes ("VmRSS", "VmHWM").
+double statusMB(pid_t pid, const std::string& field) {
+    std::ifstream in("/proc/" + std::to_string(pid) + "/status");
+    for (std::string line; std::getline(in, line);)
+        if (line.rfind(field + ":", 0) == 0)
+            return std::atof(line.c_str() + field.size() + 1) / 1024;
+    return 0;
+}
+
+const std::string kFrameEnd = "\x1b[?2026l";
+const std::string kFirstArtist = "Artista 000000";
+const std::string kScanDone = "Biblioteca al día";
+
+void BM_StartOnLargeCache(benchmark::State& state) {
+    const fs::path& home = cachedHome(static_cast<int>(state.range(0)));
+    std::map<std::string, std::vector<double>> figures;
+    for (auto _ : state) {
+        Running app(home, {});
+        auto first = app.waitFor(kFrameEnd, std::chrono::seconds(10));
+        const double firstCpu = app.mainThreadCpuSeconds();
+        auto shown = app.waitFor(kFirstArtist, std::chrono::seconds(60));
+        const double shownCpu = app.cpuSeconds();
+        if (!first || !shown || !app.waitFor(kScanDone, std::chrono::seconds(60))) {
+            state.SkipWithError("the program did not draw the library");
+            return;
+        }
+        std::this_thread::sleep_for(std::chrono::seconds(2));
+        figures["first_frame_ms"].push_back(1000 * *first);
+        figures["first_frame_cpu_ms"].push_back(1000 * firstCpu);
+        figures["library_shown_ms"].push_back(1000 * *shown);
+        figures["library_shown_cpu_ms"].push_back(1000 * shownCpu);
+        figures["idle_rss_MB"].push_back(statusMB(app.pid(), "VmRSS"));
+        state.SetIterationTime(*shown);
+    }
+    for (auto& [name, values] : figures) { // medians
+        std::sort(values.begin(), values.end());
+        state.counters[name] = values[values.size() / 2];
+    }
+}
+BENCHMARK(BM_StartOnLargeCache)
+    ->Arg(100'000)
+    ->Arg(1'000'000)
+    ->UseManualTime()
+    ->Iterations(5)
+    ->Unit(benchmark::kMillisecond);
+
+// A forced rescan: every cached track is compared, the one real file reread, and the
+// library reloaded beside the one on screen. Peak and resident memory after it.
+void BM_ForcedRescan(benchmark::State& state) {
+    const fs::path& home = cachedHome(static_cast<int>(state.range(0)));
+    for (auto _ : state) {
+        Running app(home, {});
+        if (!app.waitFor(kScanDone, std::chrono::seconds(60))) {
+            state.SkipWithError("no scan summary");
+            return;
+        }
+        std::this_thread::sleep_for(std::chrono::seconds(5)); // the summary goes away
+        app.drain(std::chrono::milliseconds(10));
+        const double before = statusMB(app.pid(), "VmRSS");
+        std::ofstream(("/proc/" + std::to_string(app.pid()) + "/clear_refs").c_str()) << "5";
+        const auto t0 = Clock::now();
+        app.send(":reindexar!\r");
+        if (!app.waitFor(kScanDone, std::chrono::seconds(60))) {
+            state.SkipWithError("no rescan summary");
+            return;
+        }
+        state.SetIterationTime(std::chrono::duration<double>(Clock::now() - t0).count());
+        std::this_thread::sleep_for(std::chrono::seconds(2));
+        state.counters["rss_before_MB"] = before;
+        state.counters["peak_MB"] = statusMB(app.pid(), "VmHWM");
+        state.counters["rss_after_MB"] = statusMB(app.pid(), "VmRSS");
+    }
+}
+BENCHMARK(BM_ForcedRescan)
+    ->Arg(100'000)
+    ->Arg(1'000'000)
+    ->UseManualTime()
+    ->Iterations(1)
+    ->Unit(benchmark::kMillisecond);
+
+// One key and the frame it draws, on the loaded library; covers of the newly shown
+// artist are decoded (and fail: the files do not exist) outside the timing.
+void answerKeys(benchmark::State& state, const std::vector<Key>& setup,
+                const std::vector<Key>& cycle) {
+    InProcess app(cachedHome(static_cast<int>(state.range(0))));
+    if (app.controller->state().index.trackCount < state.range(0)) {
+        state.SkipWithError("library not loaded");
+        return;
+    }
+    for (const auto& k : setup)
+        app.controller->handleKey(k);
+    app.frame();
+    app.settle();
+    std::size_t n = 0;
+    for (auto _ : state) {
+        app.controller->handleKey(cycle[n++ % cycle.size()]);
+        benchmark::DoNotOptimize(app.frame());
+        state.PauseTiming();
+        app.settle();
+        state.ResumeTiming();
+    }
+}
+
+// Down twenty times, then up twenty times, so the cursor stays in the same region.
+std::vector<Key> downsAndUps() {
+    std::vector<Key> keys(20, Key(Key::Kind::down));
+    keys.insert(keys.end(), 20, Key(Key::Kind::up));
+    return keys;
+}
+
+void BM_KeyArtistPane(benchmark::State& state) {
+    answerKeys(state, {Key(Key::Kind::end)}, downsAndUps());
+}
+void BM_KeyLibraryPane(benchmark::State& state) {
+    answerKeys(state, {Key(Key::Kind::tab)}, downsAndUps());
+}
+void BM_KeyPlayerPane(benchmark::State& state) {
+    answerKeys(state, {Key(Key::Kind::tab), Key(Key::Kind::tab)},
+               {Key(Key::Kind::left), Key(Key::Kind::right)});
+}
+// Typing an artist near the end of the list, then deleting it, one key at a time.
+void BM_SearchKeystroke(benchmark::State& state) {
+    std::vector<Key> keys;
+    char name[32];
+    std::snprintf(name, sizeof name, "artista %06d", static_cast<int>(state.range(0) / 100 - 1));
+    for (const char* c = name; *c; ++c)
+        keys.push_back(Key::character(std::string(1, *c)));
+    keys.insert(keys.end(), std::strlen(name), Key(Key::Kind::backspace));
+    answerKeys(state, {Key::character("/")}, keys);
+}
+BENCHMARK(BM_KeyArtistPane)->Arg(1'000'000)->Unit(benchmark::kMicrosecond);
+BENCHMARK(BM_KeyLibraryPane)->Arg(1'000'000)->Unit(benchmark::kMicrosecond);
+BENCHMARK(BM_KeyPlayerPane)->Arg(1'000'000)->Unit(benchmark::kMicrosecond);
+BENCHMARK(BM_SearchKeystroke)->Arg(1'000'000)->Unit(benchmark::kMicrosecond);
+
+} // namespace
