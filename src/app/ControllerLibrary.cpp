@@ -183,7 +183,7 @@ void AppController::setLibrary(LibraryIndex index) {
     if (trackPath) {
         for (std::size_t i = 0; i < state_.libraryRows.size(); ++i) {
             const auto* t = state_.libraryRows[i].get<LibraryRow::Track>();
-            if (t && state_.index.table().path(t->id) == *trackPath) {
+            if (t && state_.index.table().hasPath(t->id, *trackPath)) {
                 state_.library.cursor = static_cast<int>(i);
                 state_.library.scrollToCursor(listHeight(Focus::library));
                 break;

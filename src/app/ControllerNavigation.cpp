@@ -146,8 +146,7 @@ std::vector<std::string> AppController::targetPathsUnderCursor() const {
         const int c = state_.library.cursor;
         if (c < 0 || c >= static_cast<int>(state_.libraryRows.size())) return {};
         const LibraryRow& row = state_.libraryRows[static_cast<std::size_t>(c)];
-        if (const auto* t = row.get<LibraryRow::Track>())
-            return {std::string(state_.index.table().path(t->id))};
+        if (const auto* t = row.get<LibraryRow::Track>()) return {state_.index.table().path(t->id)};
         if (const auto* a = row.get<LibraryRow::Album>()) {
             std::vector<std::string> paths;
             for (const auto& r : state_.libraryRows)

@@ -11,8 +11,17 @@ namespace {
 constexpr std::size_t kChunkBytes = std::size_t{4} << 20;
 constexpr TrackTable::Id kNone = UINT32_MAX;
 
-std::size_t hashOf(std::string_view s) {
-    return std::hash<std::string_view>{}(s);
+// A path split after its last "/": the folder (kept once for all its files) and the
+// file name. No "/" at all: the whole path is the name.
+std::pair<std::string_view, std::string_view> split(std::string_view path) {
+    const auto slash = path.rfind('/');
+    if (slash == std::string_view::npos) return {{}, path};
+    return {path.substr(0, slash + 1), path.substr(slash + 1)};
+}
+
+std::size_t hashOf(std::string_view folder, std::string_view name) {
+    const std::hash<std::string_view> h;
+    return h(folder) * 31 + h(name);
 }
 
 } // namespace
@@ -66,13 +75,14 @@ TrackTable::NameId TrackTable::intern(std::string_view s) {
 TrackTable::Id TrackTable::add(const Fields& f) {
     if (count_ >= kNone - 1) throw std::length_error("too many tracks");
     // Lengths are kept in 32 bits; nothing real comes near, a damaged cache is cut.
-    const auto path = f.path.substr(0, UINT32_MAX);
-    const auto title = f.title.substr(0, UINT32_MAX - path.size());
+    const auto [folder, fileName] = split(f.path);
+    const auto name = fileName.substr(0, UINT32_MAX);
+    const auto title = f.title.substr(0, UINT32_MAX - name.size());
     const auto id = static_cast<Id>(count_);
     if (id % kRecordsPerBlock == 0) blocks_.push_back(std::make_unique<Record[]>(kRecordsPerBlock));
     Record& r = blocks_.back()[id % kRecordsPerBlock];
-    r.text = store(path, title);
-    r.pathLength = static_cast<uint32_t>(path.size());
+    r.text = store(name, title);
+    r.nameLength = static_cast<uint32_t>(name.size());
     r.titleLength = static_cast<uint32_t>(title.size());
     r.mtime = f.mtime;
     r.size = f.size;
@@ -81,6 +91,7 @@ TrackTable::Id TrackTable::add(const Fields& f) {
     r.names[kAlbum] = intern(f.album);
     r.names[kGenre] = intern(f.genre);
     r.names[kCodec] = intern(f.codec);
+    r.names[kFolder] = intern(folder);
     const int64_t numbers[kNumberFields] = {f.year,       f.trackNumber, f.discNumber, f.durationMs,
                                             f.sampleRate, f.bitrate,     f.channels};
     for (int i = 0; i < kNumberFields; ++i) {
@@ -110,13 +121,16 @@ void TrackTable::seal() {
     byPath_.assign(capacity, kNone);
     const std::size_t mask = capacity - 1;
     for (Id id = 0; id < count_; ++id) {
-        const auto p = path(id);
-        for (std::size_t slot = hashOf(p) & mask;; slot = (slot + 1) & mask) {
-            if (byPath_[slot] == kNone) {
+        const auto folder = record(id).names[kFolder];
+        const auto name = fileName(id);
+        for (std::size_t slot = hashOf(names_[folder], name) & mask;; slot = (slot + 1) & mask) {
+            const Id other = byPath_[slot];
+            if (other == kNone) {
                 byPath_[slot] = id;
                 break;
             }
-            if (path(byPath_[slot]) == p) break; // the first one stays
+            // The first one of a path stays.
+            if (record(other).names[kFolder] == folder && fileName(other) == name) break;
         }
     }
 }
@@ -124,24 +138,41 @@ void TrackTable::seal() {
 std::optional<TrackTable::Id> TrackTable::find(std::string_view p) const {
     if (byPath_.empty()) return std::nullopt;
     const std::size_t mask = byPath_.size() - 1;
-    for (std::size_t slot = hashOf(p) & mask; byPath_[slot] != kNone; slot = (slot + 1) & mask)
-        if (path(byPath_[slot]) == p) return byPath_[slot];
+    const auto [folder, name] = split(p);
+    for (std::size_t slot = hashOf(folder, name) & mask; byPath_[slot] != kNone;
+         slot = (slot + 1) & mask)
+        if (hasPath(byPath_[slot], p)) return byPath_[slot];
     return std::nullopt;
 }
 
-std::string_view TrackTable::path(Id id) const {
+std::string_view TrackTable::fileName(Id id) const {
     const Record& r = record(id);
-    return {r.text, r.pathLength};
+    return {r.text, r.nameLength};
+}
+
+std::string TrackTable::path(Id id) const {
+    const auto folder = names_[record(id).names[kFolder]];
+    const auto name = fileName(id);
+    std::string out;
+    out.reserve(folder.size() + name.size());
+    out.append(folder).append(name);
+    return out;
+}
+
+bool TrackTable::hasPath(Id id, std::string_view p) const {
+    const auto folder = names_[record(id).names[kFolder]];
+    const auto name = fileName(id);
+    return p.size() == folder.size() + name.size() && p.starts_with(folder) && p.ends_with(name);
 }
 
 std::string_view TrackTable::title(Id id) const {
     const Record& r = record(id);
-    return r.titleLength ? std::string_view(r.text + r.pathLength, r.titleLength)
+    return r.titleLength ? std::string_view(r.text + r.nameLength, r.titleLength)
                          : std::string_view{};
 }
 
 std::string_view TrackTable::displayTitle(Id id) const {
-    return Track::displayTitleOf(path(id), title(id));
+    return Track::displayTitleOf(fileName(id), title(id));
 }
 
 Track TrackTable::track(Id id) const {

@@ -1,7 +1,8 @@
 #pragma once
 // Every track of the library in compact form, for collections of a million files: one
-// fixed-size record per track, path and title bytes in a shared arena, artist, album,
-// genre and codec names stored once and referred to by number, and numbers packed to
+// fixed-size record per track, file name and title bytes in a shared arena, folder,
+// artist, album, genre and codec names stored once and referred to by number, and
+// numbers packed to
 // 32 bits (the rare value that does not fit is kept aside, so nothing is lost). A Track
 // value is made on demand. Filled once, then only read (safe from several threads).
 
@@ -47,7 +48,8 @@ public:
     bool empty() const { return count_ == 0; }
 
     Track track(Id id) const;
-    std::string_view path(Id id) const;
+    std::string path(Id id) const;
+    bool hasPath(Id id, std::string_view path) const;
     std::string_view title(Id id) const;
     // Title, else the file name without its extension.
     std::string_view displayTitle(Id id) const;
@@ -55,6 +57,8 @@ public:
     NameId albumArtist(Id id) const { return record(id).names[kAlbumArtist]; }
     NameId album(Id id) const { return record(id).names[kAlbum]; }
     NameId codec(Id id) const { return record(id).names[kCodec]; }
+    NameId folder(Id id) const { return record(id).names[kFolder]; } // with its final "/"
+    std::string_view fileName(Id id) const;
     int64_t year(Id id) const { return number(id, kYear); }
     int64_t trackNumber(Id id) const { return number(id, kTrackNumber); }
     int64_t discNumber(Id id) const { return number(id, kDiscNumber); }
@@ -70,7 +74,7 @@ public:
     std::size_t bytes() const;
 
 private:
-    enum NameField { kArtist, kAlbumArtist, kAlbum, kGenre, kCodec, kNameFields };
+    enum NameField { kArtist, kAlbumArtist, kAlbum, kGenre, kCodec, kFolder, kNameFields };
     enum NumberField {
         kYear,
         kTrackNumber,
@@ -82,8 +86,8 @@ private:
         kNumberFields
     };
     struct Record {
-        const char* text = nullptr; // path bytes, then title bytes
-        uint32_t pathLength = 0;
+        const char* text = nullptr; // file name bytes, then title bytes
+        uint32_t nameLength = 0;
         uint32_t titleLength = 0;
         double mtime = 0;
         int64_t size = 0;
