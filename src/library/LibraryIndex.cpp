@@ -5,7 +5,9 @@
 #include <algorithm>
 #include <climits>
 #include <map>
+#include <exception>
 #include <span>
+#include <thread>
 #include <unordered_map>
 
 namespace trovan {
@@ -140,9 +142,18 @@ std::optional<Track> LibraryIndex::find(std::string_view path) const {
 }
 
 LibraryIndex::LibraryIndex(TrackTable source) {
-    source.seal();
-    auto shared = std::make_shared<const TrackTable>(std::move(source));
+    source.finishAdding();
+    auto shared = std::make_shared<TrackTable>(std::move(source));
     table_ = shared;
+    // The path lookup is built beside the grouping below, which only reads the records.
+    std::exception_ptr lookupFailed;
+    std::jthread lookup([&shared, &lookupFailed] {
+        try {
+            shared->buildLookup();
+        } catch (...) {
+            lookupFailed = std::current_exception();
+        }
+    });
     const TrackTable& table = *shared;
     const std::size_t n = table.size();
     trackCount = static_cast<int>(n);
@@ -246,6 +257,8 @@ LibraryIndex::LibraryIndex(TrackTable source) {
         if (ha != hb) return hb;
         return text::compareNumeric(a.key, b.key) < 0;
     });
+    lookup.join();
+    if (lookupFailed) std::rethrow_exception(lookupFailed);
 }
 
 std::string LibraryIndex::letterFor(std::string_view key) {

@@ -19,9 +19,12 @@ std::pair<std::string_view, std::string_view> split(std::string_view path) {
     return {path.substr(0, slash + 1), path.substr(slash + 1)};
 }
 
-std::size_t hashOf(std::string_view folder, std::string_view name) {
-    const std::hash<std::string_view> h;
-    return h(folder) * 31 + h(name);
+std::size_t folderHashOf(std::string_view folder) {
+    return std::hash<std::string_view>{}(folder) * 0x9e3779b97f4a7c15ULL;
+}
+
+std::size_t combine(std::size_t folderHash, std::string_view name) {
+    return folderHash ^ std::hash<std::string_view>{}(name);
 }
 
 } // namespace
@@ -60,7 +63,14 @@ const char* TrackTable::store(std::string_view a, std::string_view b) {
     return at;
 }
 
-TrackTable::NameId TrackTable::intern(std::string_view s) {
+TrackTable::NameId TrackTable::intern(std::string_view s, NameField field) {
+    NameId& last = lastName_[field];
+    if (names_[last] == s) return last;
+    last = internAnew(s);
+    return last;
+}
+
+TrackTable::NameId TrackTable::internAnew(std::string_view s) {
     if (s.empty()) return 0;
     auto it = nameIds_.find(s);
     if (it != nameIds_.end()) return it->second;
@@ -86,12 +96,12 @@ TrackTable::Id TrackTable::add(const Fields& f) {
     r.titleLength = static_cast<uint32_t>(title.size());
     r.mtime = f.mtime;
     r.size = f.size;
-    r.names[kArtist] = intern(f.artist);
-    r.names[kAlbumArtist] = intern(f.albumArtist);
-    r.names[kAlbum] = intern(f.album);
-    r.names[kGenre] = intern(f.genre);
-    r.names[kCodec] = intern(f.codec);
-    r.names[kFolder] = intern(folder);
+    r.names[kArtist] = intern(f.artist, kArtist);
+    r.names[kAlbumArtist] = intern(f.albumArtist, kAlbumArtist);
+    r.names[kAlbum] = intern(f.album, kAlbum);
+    r.names[kGenre] = intern(f.genre, kGenre);
+    r.names[kCodec] = intern(f.codec, kCodec);
+    r.names[kFolder] = intern(folder, kFolder);
     const int64_t numbers[kNumberFields] = {f.year,       f.trackNumber, f.discNumber, f.durationMs,
                                             f.sampleRate, f.bitrate,     f.channels};
     for (int i = 0; i < kNumberFields; ++i) {
@@ -113,8 +123,14 @@ TrackTable::Id TrackTable::add(const Track& t) {
                       t.bitrate, t.channels});
 }
 
-void TrackTable::seal() {
+void TrackTable::finishAdding() {
     nameIds_ = {};
+}
+
+void TrackTable::buildLookup() {
+    // A folder's hash is worked out once for all its files.
+    std::vector<std::size_t> folderHash(names_.size(), 0);
+    std::vector<bool> hashed(names_.size(), false);
     std::size_t capacity = 16;
     while (capacity < count_ * 2)
         capacity *= 2;
@@ -123,7 +139,12 @@ void TrackTable::seal() {
     for (Id id = 0; id < count_; ++id) {
         const auto folder = record(id).names[kFolder];
         const auto name = fileName(id);
-        for (std::size_t slot = hashOf(names_[folder], name) & mask;; slot = (slot + 1) & mask) {
+        if (!hashed[folder]) {
+            folderHash[folder] = folderHashOf(names_[folder]);
+            hashed[folder] = true;
+        }
+        for (std::size_t slot = combine(folderHash[folder], name) & mask;;
+             slot = (slot + 1) & mask) {
             const Id other = byPath_[slot];
             if (other == kNone) {
                 byPath_[slot] = id;
@@ -139,7 +160,7 @@ std::optional<TrackTable::Id> TrackTable::find(std::string_view p) const {
     if (byPath_.empty()) return std::nullopt;
     const std::size_t mask = byPath_.size() - 1;
     const auto [folder, name] = split(p);
-    for (std::size_t slot = hashOf(folder, name) & mask; byPath_[slot] != kNone;
+    for (std::size_t slot = combine(folderHashOf(folder), name) & mask; byPath_[slot] != kNone;
          slot = (slot + 1) & mask)
         if (hasPath(byPath_[slot], p)) return byPath_[slot];
     return std::nullopt;

@@ -42,7 +42,14 @@ public:
     Id add(const Fields& fields);
     Id add(const Track& track);
     // Ends filling: drops what only adding needs and builds the path lookup.
-    void seal();
+    void seal() {
+        finishAdding();
+        buildLookup();
+    }
+    // The two halves of seal(). Once adding is finished, building the lookup may run on
+    // one thread while others read the records.
+    void finishAdding();
+    void buildLookup();
 
     std::size_t size() const { return count_; }
     bool empty() const { return count_ == 0; }
@@ -108,7 +115,8 @@ private:
         return uint64_t{id} * kNumberFields + field;
     }
     const char* store(std::string_view a, std::string_view b);
-    NameId intern(std::string_view s);
+    NameId intern(std::string_view s, NameField field);
+    NameId internAnew(std::string_view s);
 
     std::vector<std::unique_ptr<Record[]>> blocks_;
     std::size_t count_ = 0;
@@ -117,6 +125,7 @@ private:
     std::size_t arenaBytes_ = 0;
     std::vector<std::string_view> names_;                  // into the arena
     std::unordered_map<std::string_view, NameId> nameIds_; // while filling only
+    NameId lastName_[kNameFields] = {}; // neighbouring rows mostly repeat their names
     std::unordered_map<uint64_t, int64_t> wide_;           // numbers beyond 32 bits
     std::vector<Id> byPath_; // open addressing on the path's hash; kNone when free
 };
