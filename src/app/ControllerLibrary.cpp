@@ -166,6 +166,7 @@ void AppController::setLibrary(LibraryIndex index) {
     // The old index goes away off the main thread (a million records take a while to
     // free), and what it held goes back to the system rather than staying in the heap.
     auto old = std::make_shared<LibraryIndex>(std::move(state_.index));
+    state_.libraryRows.clear(); // its rows name tracks of the old index
     state_.index = std::move(index);
     pool_.submit([old = std::move(old)]() mutable {
         old.reset();
