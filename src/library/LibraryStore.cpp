@@ -148,6 +148,8 @@ TrackTable LibraryStore::loadTable() {
         table.add(f);
     }
     rowsHint_ = table.size();
+    // The pages read on the way are not needed again soon.
+    sqlite3_db_release_memory(db_.get());
     return table;
 }
 

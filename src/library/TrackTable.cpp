@@ -20,7 +20,7 @@ std::pair<std::string_view, std::string_view> split(std::string_view path) {
 }
 
 std::size_t folderHashOf(std::string_view folder) {
-    return std::hash<std::string_view>{}(folder) * 0x9e3779b97f4a7c15ULL;
+    return std::hash<std::string_view>{}(folder)*0x9e3779b97f4a7c15ULL;
 }
 
 std::size_t combine(std::size_t folderHash, std::string_view name) {
@@ -89,29 +89,32 @@ TrackTable::Id TrackTable::add(const Fields& f) {
     const auto name = fileName.substr(0, UINT32_MAX);
     const auto title = f.title.substr(0, UINT32_MAX - name.size());
     const auto id = static_cast<Id>(count_);
-    if (id % kRecordsPerBlock == 0) blocks_.push_back(std::make_unique<Record[]>(kRecordsPerBlock));
+    // Not zeroed: the pages of a block are only touched as records fill it.
+    if (id % kRecordsPerBlock == 0)
+        blocks_.push_back(std::make_unique_for_overwrite<Record[]>(kRecordsPerBlock));
     Record& r = blocks_.back()[id % kRecordsPerBlock];
     r.text = store(name, title);
     r.nameLength = static_cast<uint32_t>(name.size());
     r.titleLength = static_cast<uint32_t>(title.size());
     r.mtime = f.mtime;
-    r.size = f.size;
     r.names[kArtist] = intern(f.artist, kArtist);
     r.names[kAlbumArtist] = intern(f.albumArtist, kAlbumArtist);
     r.names[kAlbum] = intern(f.album, kAlbum);
     r.names[kGenre] = intern(f.genre, kGenre);
     r.names[kCodec] = intern(f.codec, kCodec);
     r.names[kFolder] = intern(folder, kFolder);
-    const int64_t numbers[kNumberFields] = {f.year,       f.trackNumber, f.discNumber, f.durationMs,
-                                            f.sampleRate, f.bitrate,     f.channels};
+    const int64_t numbers[kNumberFields] = {f.size, f.durationMs,  f.sampleRate, f.bitrate,
+                                            f.year, f.trackNumber, f.discNumber, f.channels};
     for (int i = 0; i < kNumberFields; ++i) {
         const int64_t v = numbers[i];
-        if (v > INT32_MIN && v <= INT32_MAX) {
-            r.numbers[i] = static_cast<int32_t>(v);
-        } else {
-            r.numbers[i] = kWide;
-            wide_[wideKey(id, static_cast<NumberField>(i))] = v;
-        }
+        const bool large = i < kLargeFields;
+        const bool fits = large ? v > INT32_MIN && v <= INT32_MAX : v > INT16_MIN && v <= INT16_MAX;
+        const int64_t kept = fits ? v : large ? INT32_MIN : INT16_MIN;
+        if (large)
+            r.large[i] = static_cast<int32_t>(kept);
+        else
+            r.small[i - kLargeFields] = static_cast<int16_t>(kept);
+        if (!fits) wide_[wideKey(id, static_cast<NumberField>(i))] = v;
     }
     ++count_;
     return id;
@@ -201,7 +204,7 @@ Track TrackTable::track(Id id) const {
     Track t;
     t.path = path(id);
     t.mtime = r.mtime;
-    t.size = r.size;
+    t.size = number(id, kSize);
     t.title = title(id);
     t.artist = names_[r.names[kArtist]];
     t.albumArtist = names_[r.names[kAlbumArtist]];
@@ -216,12 +219,6 @@ Track TrackTable::track(Id id) const {
     t.bitrate = number(id, kBitrate);
     t.channels = number(id, kChannels);
     return t;
-}
-
-std::size_t TrackTable::bytes() const {
-    return blocks_.size() * kRecordsPerBlock * sizeof(Record) + chunks_.size() * kChunkBytes +
-           names_.capacity() * sizeof(std::string_view) + byPath_.capacity() * sizeof(Id) +
-           wide_.size() * 32;
 }
 
 } // namespace trovan

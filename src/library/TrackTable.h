@@ -77,39 +77,45 @@ public:
     // The first track added with this path; none after seal() only.
     std::optional<Id> find(std::string_view path) const;
 
-    // Bytes held, roughly (for the benchmarks).
-    std::size_t bytes() const;
-
 private:
     enum NameField { kArtist, kAlbumArtist, kAlbum, kGenre, kCodec, kFolder, kNameFields };
+    // Numbers in 32 bits, then those that are small in 16.
     enum NumberField {
-        kYear,
-        kTrackNumber,
-        kDiscNumber,
+        kSize,
         kDurationMs,
         kSampleRate,
         kBitrate,
+        kYear,
+        kTrackNumber,
+        kDiscNumber,
         kChannels,
         kNumberFields
     };
+    static constexpr int kLargeFields = kYear;
+    // Filled field by field by add(); left uninitialised until then.
     struct Record {
-        const char* text = nullptr; // file name bytes, then title bytes
-        uint32_t nameLength = 0;
-        uint32_t titleLength = 0;
-        double mtime = 0;
-        int64_t size = 0;
-        NameId names[kNameFields] = {};
-        int32_t numbers[kNumberFields] = {}; // kWide: the value is in wide_
+        const char* text; // file name bytes, then title bytes
+        uint32_t nameLength;
+        uint32_t titleLength;
+        double mtime;
+        NameId names[kNameFields];
+        int32_t large[kLargeFields];                 // INT32_MIN: the value is in wide_
+        int16_t small[kNumberFields - kLargeFields]; // INT16_MIN: the value is in wide_
     };
-    static constexpr int32_t kWide = INT32_MIN;
+    static_assert(sizeof(Record) == 72);
     static constexpr std::size_t kRecordsPerBlock = 1 << 14;
 
     const Record& record(Id id) const {
         return blocks_[id / kRecordsPerBlock][id % kRecordsPerBlock];
     }
     int64_t number(Id id, NumberField field) const {
-        const int32_t v = record(id).numbers[field];
-        return v == kWide ? wide_.at(wideKey(id, field)) : v;
+        const Record& r = record(id);
+        if (field < kLargeFields) {
+            const int32_t v = r.large[field];
+            return v == INT32_MIN ? wide_.at(wideKey(id, field)) : v;
+        }
+        const int16_t v = r.small[field - kLargeFields];
+        return v == INT16_MIN ? wide_.at(wideKey(id, field)) : v;
     }
     static uint64_t wideKey(Id id, NumberField field) {
         return uint64_t{id} * kNumberFields + field;
@@ -125,8 +131,8 @@ private:
     std::size_t arenaBytes_ = 0;
     std::vector<std::string_view> names_;                  // into the arena
     std::unordered_map<std::string_view, NameId> nameIds_; // while filling only
-    NameId lastName_[kNameFields] = {}; // neighbouring rows mostly repeat their names
-    std::unordered_map<uint64_t, int64_t> wide_;           // numbers beyond 32 bits
+    NameId lastName_[kNameFields] = {};          // neighbouring rows mostly repeat their names
+    std::unordered_map<uint64_t, int64_t> wide_; // numbers beyond 32 bits
     std::vector<Id> byPath_; // open addressing on the path's hash; kNone when free
 };
 
