@@ -1,10 +1,10 @@
 #pragma once
 // Every track of the library in compact form, for collections of a million files: one
-// fixed-size record per track, file name and title bytes in a shared arena, folder,
-// artist, album, genre and codec names stored once and referred to by number, and
-// numbers packed to
-// 32 bits (the rare value that does not fit is kept aside, so nothing is lost). A Track
-// value is made on demand. Filled once, then only read (safe from several threads).
+// record of 72 bytes per track, file name and title bytes in a shared arena, folder,
+// artist, album, genre and codec names stored once and referred to by number, numbers
+// packed to 32 or 16 bits (the rare value that does not fit is kept aside, so nothing is
+// lost). A Track value is made on demand. Filled once, then only read (safe from several
+// threads).
 
 #include "library/Track.h"
 
@@ -74,7 +74,7 @@ public:
     std::string_view name(NameId id) const { return names_[id]; }
     std::size_t nameCount() const { return names_.size(); }
 
-    // The first track added with this path; none after seal() only.
+    // The first track added with this path; always none before the lookup is built.
     std::optional<Id> find(std::string_view path) const;
 
 private:
