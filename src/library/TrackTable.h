@@ -64,7 +64,6 @@ public:
     NameId albumArtist(Id id) const { return record(id).names[kAlbumArtist]; }
     NameId album(Id id) const { return record(id).names[kAlbum]; }
     NameId codec(Id id) const { return record(id).names[kCodec]; }
-    NameId folder(Id id) const { return record(id).names[kFolder]; } // with its final "/"
     std::string_view fileName(Id id) const;
     int64_t year(Id id) const { return number(id, kYear); }
     int64_t trackNumber(Id id) const { return number(id, kTrackNumber); }
