@@ -42,11 +42,14 @@ public:
         if (pid_ == 0) {
             setenv("TROVAN_HOME", home.c_str(), 1);
             setenv("COLORTERM", "truecolor", 1);
-            std::vector<char*> argv{const_cast<char*>(TROVAN_BINARY)};
+            // TROVAN_BENCH_BINARY runs another build instead, to compare with.
+            const char* other = std::getenv("TROVAN_BENCH_BINARY");
+            const char* binary = other ? other : TROVAN_BINARY;
+            std::vector<char*> argv{const_cast<char*>(binary)};
             for (const auto& a : args)
                 argv.push_back(const_cast<char*>(a.c_str()));
             argv.push_back(nullptr);
-            execv(TROVAN_BINARY, argv.data());
+            execv(binary, argv.data());
             _exit(127);
         }
     }
