@@ -31,7 +31,6 @@ std::size_t combine(std::size_t folderHash, std::string_view name) {
 
 TrackTable::TrackTable() {
     names_.emplace_back();
-    nameIds_.emplace(std::string_view{}, 0);
 }
 
 TrackTable::~TrackTable() = default;
@@ -72,13 +71,31 @@ TrackTable::NameId TrackTable::intern(std::string_view s, NameField field) {
 
 TrackTable::NameId TrackTable::internAnew(std::string_view s) {
     if (s.empty()) return 0;
-    auto it = nameIds_.find(s);
-    if (it != nameIds_.end()) return it->second;
+    if (nameSlots_.empty()) nameSlots_.assign(1024, 0);
+    const auto hash = static_cast<uint32_t>(std::hash<std::string_view>{}(s) >> 32);
+    std::size_t mask = nameSlots_.size() - 1;
+    std::size_t slot = hash & mask;
+    for (; nameSlots_[slot] != 0; slot = (slot + 1) & mask) {
+        const uint64_t entry = nameSlots_[slot];
+        const auto id = static_cast<NameId>(entry);
+        if (entry >> 32 == hash && names_[id] == s) return id;
+    }
     if (names_.size() >= kNone) throw std::length_error("too many names");
-    const std::string_view kept(store(s, {}), s.size());
     const auto id = static_cast<NameId>(names_.size());
-    names_.push_back(kept);
-    nameIds_.emplace(kept, id);
+    names_.emplace_back(store(s, {}), s.size());
+    nameSlots_[slot] = uint64_t{hash} << 32 | id;
+    if (++namesHashed_ * 2 > nameSlots_.size()) {
+        std::vector<uint64_t> grown(nameSlots_.size() * 2, 0);
+        mask = grown.size() - 1;
+        for (const uint64_t entry : nameSlots_) {
+            if (entry == 0) continue;
+            std::size_t at = (entry >> 32) & mask;
+            while (grown[at] != 0)
+                at = (at + 1) & mask;
+            grown[at] = entry;
+        }
+        nameSlots_ = std::move(grown);
+    }
     return id;
 }
 
@@ -127,7 +144,8 @@ TrackTable::Id TrackTable::add(const Track& t) {
 }
 
 void TrackTable::finishAdding() {
-    nameIds_ = {};
+    nameSlots_ = {};
+    namesHashed_ = 0;
 }
 
 void TrackTable::buildLookup() {

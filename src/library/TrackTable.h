@@ -41,7 +41,8 @@ public:
 
     Id add(const Fields& fields);
     Id add(const Track& track);
-    // Ends filling: drops what only adding needs and builds the path lookup.
+    // Ends filling (nothing may be added afterwards): drops what only adding needs and
+    // builds the path lookup.
     void seal() {
         finishAdding();
         buildLookup();
@@ -128,10 +129,13 @@ private:
     std::vector<std::unique_ptr<char[]>> chunks_; // the arena
     std::size_t chunkUsed_ = 0, chunkSize_ = 0;
     std::size_t arenaBytes_ = 0;
-    std::vector<std::string_view> names_;                  // into the arena
-    std::unordered_map<std::string_view, NameId> nameIds_; // while filling only
+    std::vector<std::string_view> names_; // into the arena
+    // While filling only: open addressing on the names, each slot the upper half of the
+    // name's hash and its number (0: free).
+    std::vector<uint64_t> nameSlots_;
+    std::size_t namesHashed_ = 0;
     NameId lastName_[kNameFields] = {};          // neighbouring rows mostly repeat their names
-    std::unordered_map<uint64_t, int64_t> wide_; // numbers beyond 32 bits
+    std::unordered_map<uint64_t, int64_t> wide_; // numbers too wide for their packed field
     std::vector<Id> byPath_; // open addressing on the path's hash; kNone when free
 };
 
