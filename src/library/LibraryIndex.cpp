@@ -4,8 +4,8 @@
 
 #include <algorithm>
 #include <climits>
-#include <map>
 #include <exception>
+#include <map>
 #include <span>
 #include <thread>
 #include <unordered_map>
