@@ -80,6 +80,14 @@ public:
         scanned_ = out_.find(text, scanned_) + text.size();
         return std::chrono::duration<double>(Clock::now() - start_).count();
     }
+    // Reads what is pending and treats it as seen: waitFor looks only at what comes next.
+    void skipPending(std::chrono::milliseconds wait) {
+        for (std::size_t before = SIZE_MAX; before != out_.size();) {
+            before = out_.size();
+            drain(wait);
+        }
+        scanned_ = out_.size();
+    }
     void drain(std::chrono::milliseconds wait) {
         struct pollfd p {
             fd_, POLLIN, 0

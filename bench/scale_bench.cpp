@@ -135,6 +135,54 @@ BENCHMARK(BM_StartOnLargeCache)
     ->Iterations(5)
     ->Unit(benchmark::kMillisecond);
 
+// The real program, idle on the loaded library: from sending a key to the end of the
+// frame that answers it, on each pane and for search keystrokes (median and slowest).
+void BM_KeysOnTerminal(benchmark::State& state) {
+    const fs::path& home = cachedHome(static_cast<int>(state.range(0)));
+    const std::string down = "\x1b[B", up = "\x1b[A", tab = "\t", right = "\x1b[C", left = "\x1b[D",
+                      backspace = "\x7f";
+    for (auto _ : state) {
+        Running app(home, {});
+        if (!app.waitFor(kScanDone, std::chrono::seconds(60))) {
+            state.SkipWithError("no scan summary");
+            return;
+        }
+        std::this_thread::sleep_for(std::chrono::seconds(5)); // the summary goes away
+        app.drain(std::chrono::milliseconds(100));
+        double slowest = 0;
+        auto answer = [&](const std::string& key, const std::string& name) {
+            std::vector<double> ms;
+            for (int i = 0; i < 20; ++i) {
+                const std::string& k = name == "search" ? (i < 10 ? key : backspace)
+                                                        : (i % 2 ? key
+                                                                 : (key == down   ? up
+                                                                    : key == up   ? down
+                                                                    : key == left ? right
+                                                                                  : left));
+                app.skipPending(std::chrono::milliseconds(30));
+                const auto t0 = Clock::now();
+                app.send(k);
+                if (!app.waitFor(kFrameEnd, std::chrono::seconds(5))) return;
+                ms.push_back(std::chrono::duration<double, std::milli>(Clock::now() - t0).count());
+            }
+            std::sort(ms.begin(), ms.end());
+            state.counters[name + "_ms"] = ms[ms.size() / 2];
+            slowest = std::max(slowest, ms.back());
+        };
+        answer(down, "artists");
+        app.send(tab);
+        answer(down, "library");
+        app.send(tab);
+        answer(left, "player");
+        app.send(tab);
+        app.send("/");
+        answer("9", "search");
+        state.counters["slowest_ms"] = slowest;
+        state.SetIterationTime(1);
+    }
+}
+BENCHMARK(BM_KeysOnTerminal)->Arg(1'000'000)->UseManualTime()->Iterations(1);
+
 // A forced rescan: every cached track is compared, the one real file reread, and the
 // library reloaded beside the one on screen. Peak and resident memory after it.
 void BM_ForcedRescan(benchmark::State& state) {
