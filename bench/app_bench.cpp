@@ -14,6 +14,8 @@
 #include "support/SessionBus.h"
 #include "terminal/Renderer.h"
 
+#include "BenchHarness.h"
+
 #include <benchmark/benchmark.h>
 
 #include <chrono>
@@ -36,6 +38,7 @@
 #include <unistd.h>
 
 using namespace trovan;
+using namespace trovan::bench;
 namespace fs = std::filesystem;
 using Clock = std::chrono::steady_clock;
 
@@ -101,111 +104,6 @@ const fs::path& smallHome() {
     }();
     return home;
 }
-
-// The real program on a 100 × 40 pseudo-terminal.
-class Running {
-public:
-    // `bus`: the session bus address the program sees; empty keeps ours.
-    Running(const fs::path& home, const std::vector<std::string>& args,
-            const std::string& bus = {}) {
-        struct winsize ws {};
-        ws.ws_col = 100;
-        ws.ws_row = 40;
-        start_ = Clock::now();
-        pid_ = forkpty(&fd_, nullptr, nullptr, &ws);
-        if (pid_ == 0) {
-            setenv("TROVAN_HOME", home.c_str(), 1);
-            setenv("COLORTERM", "truecolor", 1);
-            if (!bus.empty()) setenv("DBUS_SESSION_BUS_ADDRESS", bus.c_str(), 1);
-            std::vector<char*> argv{const_cast<char*>(TROVAN_BINARY)};
-            for (const auto& a : args)
-                argv.push_back(const_cast<char*>(a.c_str()));
-            argv.push_back(nullptr);
-            execv(TROVAN_BINARY, argv.data());
-            _exit(127);
-        }
-    }
-    ~Running() {
-        send("q");
-        const auto end = Clock::now() + std::chrono::seconds(5);
-        int status = 0;
-        while (Clock::now() < end && waitpid(pid_, &status, WNOHANG) == 0) {
-            drain(std::chrono::milliseconds(10));
-        }
-        if (waitpid(pid_, &status, WNOHANG) == 0) {
-            kill(pid_, SIGKILL);
-            waitpid(pid_, &status, 0);
-        }
-        close(fd_);
-    }
-
-    void send(const std::string& bytes) {
-        if (write(fd_, bytes.data(), bytes.size()) < 0) return;
-    }
-    // Reads what the program writes until `text` shows up; the time since the start.
-    std::optional<double> waitFor(const std::string& text, std::chrono::milliseconds limit) {
-        const auto end = Clock::now() + limit;
-        while (out_.find(text, scanned_) == std::string::npos) {
-            if (Clock::now() > end) return std::nullopt;
-            drain(std::chrono::milliseconds(50));
-        }
-        scanned_ = out_.find(text, scanned_) + text.size();
-        return std::chrono::duration<double>(Clock::now() - start_).count();
-    }
-    void drain(std::chrono::milliseconds wait) {
-        struct pollfd p {
-            fd_, POLLIN, 0
-        };
-        if (poll(&p, 1, static_cast<int>(wait.count())) <= 0) return;
-        char buf[65536];
-        const ssize_t n = read(fd_, buf, sizeof buf);
-        if (n > 0) out_.append(buf, static_cast<std::size_t>(n));
-    }
-
-    // Context switches of every thread of the process so far.
-    long switches() const {
-        long total = 0;
-        forEachThread("status", [&](const std::string& text) {
-            std::istringstream in(text);
-            for (std::string line; std::getline(in, line);)
-                if (line.find("ctxt_switches:") != std::string::npos)
-                    total += std::atol(line.substr(line.find(':') + 1).c_str());
-        });
-        return total;
-    }
-    // CPU time of the main thread so far, in seconds.
-    double mainThreadCpuSeconds() const {
-        std::ifstream in("/proc/" + std::to_string(pid_) + "/task/" + std::to_string(pid_) +
-                         "/schedstat");
-        double ns = 0;
-        in >> ns;
-        return ns / 1e9;
-    }
-    // CPU time of every thread so far, in seconds.
-    double cpuSeconds() const {
-        double total = 0;
-        forEachThread("schedstat",
-                      [&](const std::string& text) { total += std::atof(text.c_str()) / 1e9; });
-        return total;
-    }
-
-private:
-    template <class F> void forEachThread(const char* file, F f) const {
-        const std::string dir = "/proc/" + std::to_string(pid_) + "/task";
-        for (const auto& entry : fs::directory_iterator(dir)) {
-            std::ifstream in(entry.path() / file);
-            std::stringstream ss;
-            ss << in.rdbuf();
-            f(ss.str());
-        }
-    }
-
-    pid_t pid_ = -1;
-    int fd_ = -1;
-    Clock::time_point start_;
-    std::string out_;
-    std::size_t scanned_ = 0;
-};
 
 const std::string kFrameEnd = "\x1b[?2026l";
 // A session bus address where nothing listens.
@@ -279,7 +177,7 @@ void BM_LoadAndIndex100k(benchmark::State& state) {
     double load = 0;
     for (auto _ : state) {
         const auto t0 = Clock::now();
-        auto tracks = store.loadAll();
+        auto tracks = store.loadTable();
         load += std::chrono::duration<double>(Clock::now() - t0).count();
         LibraryIndex index(std::move(tracks));
         benchmark::DoNotOptimize(index);
@@ -288,59 +186,8 @@ void BM_LoadAndIndex100k(benchmark::State& state) {
 }
 BENCHMARK(BM_LoadAndIndex100k)->Unit(benchmark::kMillisecond);
 
-// The controller in process with the 100,000-track cache loaded.
-struct InProcess {
-    InProcess() : store(std::make_shared<LibraryStore>(bigHome() / "library.sqlite")) {
-        AppController::Host host;
-        host.post = [this](AppController::Task t) {
-            std::lock_guard lock(mutex);
-            tasks.push_back(std::move(t));
-        };
-        host.postDelayed = [](std::chrono::milliseconds, AppController::Task) {};
-        host.outputs = [](const OutputFormat& f, AudioRenderer& r,
-                          OutputEvents) -> std::unique_ptr<AudioOutput> {
-            return std::make_unique<NullOutput>(f, r, NullOutput::Clock::virtualClock);
-        };
-        controller = std::make_unique<AppController>(terminal, Size{100, 40},
-                                                     SettingsStore(bigHome() / "config.json"),
-                                                     store, pool, std::move(host));
-        controller->reloadLibrary();
-        settle();
-        renderer.truecolor = true;
-    }
-    ~InProcess() {
-        pool.waitIdle();
-        controller.reset();
-    }
-    void settle() {
-        for (;;) {
-            pool.waitIdle();
-            std::deque<AppController::Task> batch;
-            {
-                std::lock_guard lock(mutex);
-                batch.swap(tasks);
-            }
-            if (batch.empty()) return;
-            for (auto& t : batch)
-                t();
-        }
-    }
-    std::string frame() {
-        auto f = App::composeFrame(*controller);
-        return renderer.render(std::move(f.buffer), f.cursor);
-    }
-
-    Terminal terminal;
-    WorkerPool pool{2};
-    std::shared_ptr<LibraryStore> store;
-    std::mutex mutex;
-    std::deque<AppController::Task> tasks;
-    std::unique_ptr<AppController> controller;
-    Renderer renderer;
-};
-
 void keyPresses(benchmark::State& state, bool libraryPane) {
-    InProcess app;
+    InProcess app(bigHome());
     if (app.controller->state().index.trackCount != kArtists * kAlbums * kTracks) {
         state.SkipWithError("library not loaded");
         return;

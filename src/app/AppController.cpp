@@ -24,9 +24,7 @@ AppController::AppController(Terminal& terminal, Size size, SettingsStore settin
         [post = host_.post](AudioEngine::Task task) { post(std::move(task)); }, host_.outputs);
     playback_ = std::make_unique<PlaybackController>(std::move(engine));
     playback_->lookup = [this](const std::string& path) -> std::optional<Track> {
-        auto it = state_.index.tracksByPath.find(path);
-        if (it == state_.index.tracksByPath.end()) return std::nullopt;
-        return it->second;
+        return state_.index.find(path);
     };
     playback_->onChange = [this] { playbackChanged(); };
     playback_->onError = [this](const std::string& message) { report(message, true); };
@@ -105,6 +103,7 @@ void AppController::playbackChanged() {
 
 void AppController::quit() {
     saveSettings();
+    if (store_) store_->close(); // leaves no write-ahead log behind for the next start
     if (playback_->engine().isPlaying()) playback_->engine().pause();
     if (terminal_.isActive) {
         restoreTerminal();

@@ -101,7 +101,8 @@ public:
     void clearSelection();
     void extendSelection(int n);
     // Paths of the track rows among `rows`, in order.
-    static std::vector<std::string> trackPaths(const std::vector<LibraryRow>& rows);
+    static std::vector<std::string> trackPaths(const LibraryIndex& index,
+                                               const std::vector<LibraryRow>& rows);
     std::vector<std::string> targetPathsUnderCursor() const;
     // Marked tracks in list order, else the tracks under the cursor, else the playing one.
     std::vector<std::string> targetPaths() const;

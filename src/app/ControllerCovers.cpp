@@ -82,8 +82,8 @@ void AppController::loadAlbumCovers() {
         std::string key = CoverArt::albumKey(artist, album);
         if (state_.albumCovers.count(key) || albumCoversLoading_.count(key)) continue;
         Job job{key, {}};
-        for (const auto& t : album.tracks())
-            job.paths.push_back(t.path);
+        for (auto id : album.tracks())
+            job.paths.emplace_back(state_.index.table().path(id));
         albumCoversLoading_.insert(key);
         jobs.push_back(std::move(job));
     }
@@ -129,7 +129,7 @@ void AppController::loadLyrics() {
     if (c >= 0 && c < static_cast<int>(state_.libraryRows.size()))
         if (const auto* t =
                 state_.libraryRows[static_cast<std::size_t>(c)].get<LibraryRow::Track>())
-            track = t->track;
+            track = state_.index.track(t->id);
     if (!track && state_.playback.track) {
         track = state_.playback.track;
         lyricsFollowPlayback_ = true;

@@ -13,6 +13,7 @@
 #include <cstdio>
 #include <cstdlib>
 #include <filesystem>
+#include <malloc.h>
 #include <system_error>
 
 namespace trovan {
@@ -108,7 +109,7 @@ void AppController::runScan(bool force) {
         const IndexSummary summary = Indexer::run(roots, *store, force, progress);
         post([alive, this, summary, started] {
             if (!alive.lock()) return;
-            reloadLibrary([this, summary, started] {
+            auto finish = [this, summary, started] {
                 state_.indexing.reset();
                 const double seconds =
                     std::chrono::duration<double>(std::chrono::steady_clock::now() - started)
@@ -124,7 +125,12 @@ void AppController::runScan(bool force) {
                     pendingReindex_.reset();
                     reindex(pending);
                 }
-            });
+            };
+            // Nothing read and nothing removed: the cache is as loaded, no reload needed.
+            if (summary.readCount == 0 && summary.removedCount == 0)
+                finish();
+            else
+                reloadLibrary(std::move(finish));
         });
     });
 }
@@ -132,7 +138,7 @@ void AppController::runScan(bool force) {
 void AppController::reloadLibrary(Task then) {
     pool_.submit([store = store_, post = host_.post, alive = std::weak_ptr<char>(alive_), this,
                   then = std::move(then)]() mutable {
-        auto index = std::make_shared<LibraryIndex>(store->loadAll());
+        auto index = std::make_shared<LibraryIndex>(store->loadTable());
         post([alive, this, index, then = std::move(then)] {
             if (!alive.lock()) return;
             setLibrary(std::move(*index));
@@ -155,11 +161,19 @@ void AppController::setLibrary(LibraryIndex index) {
     if (c >= 0 && c < static_cast<int>(state_.libraryRows.size()))
         if (const auto* t =
                 state_.libraryRows[static_cast<std::size_t>(c)].get<LibraryRow::Track>())
-            trackPath = t->track.path;
+            trackPath = state_.index.table().path(t->id);
 
+    // The old index goes away off the main thread (a million records take a while to
+    // free), and what it held goes back to the system rather than staying in the heap.
+    auto old = std::make_shared<LibraryIndex>(std::move(state_.index));
+    state_.libraryRows.clear(); // its rows name tracks of the old index
     state_.index = std::move(index);
+    pool_.submit([old = std::move(old)]() mutable {
+        old.reset();
+        malloc_trim(0);
+    });
     for (auto it = state_.marked.begin(); it != state_.marked.end();) {
-        if (state_.index.tracksByPath.count(*it))
+        if (state_.index.contains(*it))
             ++it;
         else
             it = state_.marked.erase(it);
@@ -170,7 +184,7 @@ void AppController::setLibrary(LibraryIndex index) {
     if (trackPath) {
         for (std::size_t i = 0; i < state_.libraryRows.size(); ++i) {
             const auto* t = state_.libraryRows[i].get<LibraryRow::Track>();
-            if (t && t->track.path == *trackPath) {
+            if (t && state_.index.table().hasPath(t->id, *trackPath)) {
                 state_.library.cursor = static_cast<int>(i);
                 state_.library.scrollToCursor(listHeight(Focus::library));
                 break;

@@ -128,27 +128,30 @@ void AppController::jumpToArtist(const std::string& prefix) {
     state_.searchMiss = true;
 }
 
-std::vector<std::string> AppController::trackPaths(const std::vector<LibraryRow>& rows) {
+std::vector<std::string> AppController::trackPaths(const LibraryIndex& index,
+                                                   const std::vector<LibraryRow>& rows) {
     std::vector<std::string> paths;
     for (const auto& row : rows)
-        if (const auto* t = row.get<LibraryRow::Track>()) paths.push_back(t->track.path);
+        if (const auto* t = row.get<LibraryRow::Track>())
+            paths.emplace_back(index.table().path(t->id));
     return paths;
 }
 
 std::vector<std::string> AppController::targetPathsUnderCursor() const {
     switch (state_.focus) {
     case Focus::artists:
-        return state_.shownArtist ? trackPaths(state_.libraryRows) : std::vector<std::string>{};
+        return state_.shownArtist ? trackPaths(state_.index, state_.libraryRows)
+                                  : std::vector<std::string>{};
     case Focus::library: {
         const int c = state_.library.cursor;
         if (c < 0 || c >= static_cast<int>(state_.libraryRows.size())) return {};
         const LibraryRow& row = state_.libraryRows[static_cast<std::size_t>(c)];
-        if (const auto* t = row.get<LibraryRow::Track>()) return {t->track.path};
+        if (const auto* t = row.get<LibraryRow::Track>()) return {state_.index.table().path(t->id)};
         if (const auto* a = row.get<LibraryRow::Album>()) {
             std::vector<std::string> paths;
             for (const auto& r : state_.libraryRows)
                 if (const auto* t = r.get<LibraryRow::Track>(); t && t->album == a->album)
-                    paths.push_back(t->track.path);
+                    paths.emplace_back(state_.index.table().path(t->id));
             return paths;
         }
         return {};
@@ -163,7 +166,7 @@ std::vector<std::string> AppController::targetPathsUnderCursor() const {
 std::vector<std::string> AppController::targetPaths() const {
     if (!state_.marked.empty()) {
         std::map<std::string, std::size_t> position;
-        const auto shown = trackPaths(state_.libraryRows);
+        const auto shown = trackPaths(state_.index, state_.libraryRows);
         for (std::size_t i = 0; i < shown.size(); ++i)
             position.emplace(shown[i], i);
         std::vector<std::string> paths(state_.marked.begin(), state_.marked.end());
@@ -210,7 +213,7 @@ void AppController::extendSelection(int n) {
         if (c < 0 || c >= static_cast<int>(state_.libraryRows.size())) return;
         if (const auto* t =
                 state_.libraryRows[static_cast<std::size_t>(c)].get<LibraryRow::Track>())
-            state_.marked.insert(t->track.path);
+            state_.marked.emplace(state_.index.table().path(t->id));
     };
     markUnderCursor();
     moveCursor(n);

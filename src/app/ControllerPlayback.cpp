@@ -85,14 +85,16 @@ void AppController::activate() {
         if (c < 0 || c >= static_cast<int>(state_.libraryRows.size())) return;
         const LibraryRow& row = state_.libraryRows[static_cast<std::size_t>(c)];
         if (const auto* t = row.get<LibraryRow::Track>()) {
-            auto paths = trackPaths(state_.libraryRows);
-            const auto at = std::find(paths.begin(), paths.end(), t->track.path) - paths.begin();
+            auto paths = trackPaths(state_.index, state_.libraryRows);
+            const auto at =
+                std::find(paths.begin(), paths.end(), state_.index.table().path(t->id)) -
+                paths.begin();
             playback_->play(std::move(paths), static_cast<int>(at));
         } else if (const auto* a = row.get<LibraryRow::Album>()) {
             std::vector<std::string> paths;
             for (const auto& r : state_.libraryRows)
                 if (const auto* t2 = r.get<LibraryRow::Track>(); t2 && t2->album == a->album)
-                    paths.push_back(t2->track.path);
+                    paths.emplace_back(state_.index.table().path(t2->id));
             if (!paths.empty()) playback_->play(std::move(paths), 0);
         }
         break;

@@ -8,11 +8,11 @@
 #include <condition_variable>
 #include <cstring>
 #include <deque>
-#include <optional>
 #include <dirent.h>
 #include <fcntl.h>
 #include <iterator>
 #include <mutex>
+#include <optional>
 #include <sched.h>
 #include <sys/stat.h>
 #include <thread>
@@ -131,16 +131,16 @@ private:
 // waiting (folders first, so the total is known early) and hand the records over in
 // chunks, to be stored while the rest are read.
 struct Walk {
-    static constexpr std::size_t kReadChunk = 8;    // files taken per visit to the lock
-    static constexpr std::size_t kHandOver = 256;   // records kept before handing them over
+    static constexpr std::size_t kReadChunk = 8;  // files taken per visit to the lock
+    static constexpr std::size_t kHandOver = 256; // records kept before handing them over
 
     std::mutex mutex;
     std::condition_variable wake;
-    std::vector<std::string> folders; // waiting to be listed
-    int listing = 0;                  // folders being listed right now
-    std::deque<Entry> files;          // every file found; a deque keeps taken entries in place
-    ProgressSteps* progress = nullptr;       // set: the walk reads the files too
-    std::size_t unread = 0;                  // first file no reader has taken
+    std::vector<std::string> folders;  // waiting to be listed
+    int listing = 0;                   // folders being listed right now
+    std::deque<Entry> files;           // every file found; a deque keeps taken entries in place
+    ProgressSteps* progress = nullptr; // set: the walk reads the files too
+    std::size_t unread = 0;            // first file no reader has taken
     std::condition_variable recordsReady;
     std::vector<Track> records; // read, waiting to be stored
     int readersLeft = 0;
@@ -191,7 +191,8 @@ struct Walk {
             lock.unlock();
             for (const auto* entry : taken) {
                 // The walk's stamp goes with the path, so no file is stat'ed a second time.
-                if (auto t = Track::read(entry->first, entry->second)) mine.push_back(std::move(*t));
+                if (auto t = Track::read(entry->first, entry->second))
+                    mine.push_back(std::move(*t));
                 progress->fileDone();
             }
             lock.lock();
@@ -402,6 +403,15 @@ IndexSummary readEverything(const std::vector<std::string>& roots, LibraryStore&
 
 IndexSummary Indexer::run(const std::vector<std::string>& roots, LibraryStore& store, bool force,
                           const Progress& progress) {
+    const IndexSummary summary = scanInto(roots, store, force, progress);
+    // A first scan writes the whole library in one transaction; the log it leaves would
+    // otherwise stay on disk and be replayed by every start until the next checkpoint.
+    if (summary.readCount > 0 || summary.removedCount > 0) store.checkpoint();
+    return summary;
+}
+
+IndexSummary Indexer::scanInto(const std::vector<std::string>& roots, LibraryStore& store,
+                               bool force, const Progress& progress) {
     if (!rootsOverlap(roots)) {
         if (store.isEmpty()) return readEverything(roots, store, true, progress);
         if (force) return readEverything(roots, store, false, progress);

@@ -57,6 +57,10 @@ public:
 
     // Number of processors this process may run on (at least 1).
     static int activeCores();
+
+private:
+    static IndexSummary scanInto(const std::vector<std::string>& roots, LibraryStore& store,
+                                 bool force, const Progress& progress);
 };
 
 } // namespace trovan

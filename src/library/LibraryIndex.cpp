@@ -4,122 +4,107 @@
 
 #include <algorithm>
 #include <climits>
+#include <exception>
 #include <map>
+#include <span>
+#include <thread>
+#include <unordered_map>
 
 namespace trovan {
 
 namespace {
 
-std::string_view groupArtistOf(const Track& t) {
-    if (!t.albumArtist.empty()) return t.albumArtist;
-    if (!t.artist.empty()) return t.artist;
-    return kUnknownArtist;
-}
-
-std::string_view albumTitleOf(const Track& t) {
-    return t.album.empty() ? kUnknownAlbum : std::string_view(t.album);
-}
-
-// Folding is the costly step of building; a library repeats the same artist and album
-// names over and over, so each distinct name is folded once.
-class FoldCache {
-public:
-    const std::string& operator()(std::string_view s) {
-        auto it = cache_.find(s);
-        if (it == cache_.end()) it = cache_.emplace(std::string(s), text::fold(s)).first;
-        return it->second;
-    }
-
-private:
-    struct Hash {
-        using is_transparent = void;
-        std::size_t operator()(std::string_view s) const noexcept {
-            return std::hash<std::string_view>{}(s);
-        }
-    };
-    std::unordered_map<std::string, std::string, Hash, std::equal_to<>> cache_;
-};
-
-template <class Key> struct Group {
-    Key key;
-    std::vector<std::size_t> members; // indices into the track list, input order
-};
-
-// Groups indices by key, groups in order of first appearance.
-template <class KeyOf> auto groupBy(const std::vector<std::size_t>& indices, KeyOf keyOf) {
-    using Key = std::decay_t<decltype(keyOf(std::size_t{}))>;
-    std::vector<Group<Key>> groups;
-    std::unordered_map<Key, std::size_t> where;
-    for (auto i : indices) {
-        auto key = keyOf(i);
-        auto [it, inserted] = where.try_emplace(key, groups.size());
-        if (inserted) groups.push_back({std::move(key), {}});
-        groups[it->second].members.push_back(i);
-    }
-    return groups;
-}
+using Id = TrackTable::Id;
 
 // Orders a disc's tracks by number, then by folded display title. Titles are folded
 // only for tracks that share a number with another.
-void sortDisc(std::vector<Track>& tracks) {
+void sortDisc(const TrackTable& table, std::vector<Id>& tracks) {
     std::stable_sort(tracks.begin(), tracks.end(),
-                     [](const Track& a, const Track& b) { return a.trackNumber < b.trackNumber; });
+                     [&](Id a, Id b) { return table.trackNumber(a) < table.trackNumber(b); });
+    std::vector<std::pair<std::string, Id>> run;
     for (std::size_t start = 0; start < tracks.size();) {
+        const int64_t number = table.trackNumber(tracks[start]);
         std::size_t end = start + 1;
-        while (end < tracks.size() && tracks[end].trackNumber == tracks[start].trackNumber)
+        while (end < tracks.size() && table.trackNumber(tracks[end]) == number)
             ++end;
         if (end - start > 1) {
-            std::vector<std::pair<std::string, Track>> run;
-            run.reserve(end - start);
+            run.clear();
             for (auto i = start; i < end; ++i)
-                run.emplace_back(text::fold(tracks[i].displayTitle()), std::move(tracks[i]));
+                run.emplace_back(text::fold(table.displayTitle(tracks[i])), tracks[i]);
             std::stable_sort(run.begin(), run.end(), [](const auto& a, const auto& b) {
                 return text::compareNumeric(a.first, b.first) < 0;
             });
             for (auto i = start; i < end; ++i)
-                tracks[i] = std::move(run[i - start].second);
+                tracks[i] = run[i - start].second;
         }
         start = end;
     }
 }
 
-LibraryIndex::Album makeAlbum(std::vector<Track>& all, const std::vector<std::size_t>& members) {
+LibraryIndex::Album makeAlbum(const TrackTable& table, std::span<const Id> members) {
     LibraryIndex::Album album;
-    album.title = std::string(albumTitleOf(all[members.front()]));
+    const Id first = members.front();
+    album.title = table.album(first) ? table.name(table.album(first)) : kUnknownAlbum;
 
     int64_t year = 0;
     bool oneCodec = true, oneDisc = true;
-    const std::string& firstCodec = all[members.front()].codec;
-    const int64_t firstDisc = std::max<int64_t>(all[members.front()].discNumber, 1);
+    const auto firstCodec = table.codec(first);
+    const int64_t firstDisc = std::max<int64_t>(table.discNumber(first), 1);
     for (auto i : members) {
-        const Track& t = all[i];
-        if (t.year > 0 && (year == 0 || t.year < year)) year = t.year;
-        oneCodec = oneCodec && t.codec == firstCodec;
-        oneDisc = oneDisc && std::max<int64_t>(t.discNumber, 1) == firstDisc;
+        const int64_t y = table.year(i);
+        if (y > 0 && (year == 0 || y < year)) year = y;
+        oneCodec = oneCodec && table.codec(i) == firstCodec;
+        oneDisc = oneDisc && std::max<int64_t>(table.discNumber(i), 1) == firstDisc;
     }
     album.year = year;
-    if (oneCodec) album.codec = firstCodec;
+    if (oneCodec) album.codec = table.name(firstCodec);
 
     if (oneDisc) { // the common case needs no grouping
-        LibraryIndex::Disc disc{firstDisc, {}};
-        disc.tracks.reserve(members.size());
-        for (auto i : members)
-            disc.tracks.push_back(std::move(all[i]));
-        sortDisc(disc.tracks);
+        LibraryIndex::Disc disc{firstDisc, {members.begin(), members.end()}};
+        sortDisc(table, disc.tracks);
         album.discs.push_back(std::move(disc));
         return album;
     }
-    std::map<int64_t, std::vector<Track>> discs;
-    for (auto i : members) {
-        auto number = std::max<int64_t>(all[i].discNumber, 1);
-        discs[number].push_back(std::move(all[i]));
-    }
+    std::map<int64_t, std::vector<Id>> discs;
+    for (auto i : members)
+        discs[std::max<int64_t>(table.discNumber(i), 1)].push_back(i);
     album.discs.reserve(discs.size());
     for (auto& [number, tracks] : discs) {
-        sortDisc(tracks);
+        sortDisc(table, tracks);
         album.discs.push_back({number, std::move(tracks)});
     }
     return album;
+}
+
+// Stable bucket sort of 0..keys.size()-1 by key (keys below `buckets`): the members of
+// each bucket in input order, and where each bucket starts (buckets + 1 entries).
+void bucket(const std::vector<uint32_t>& keys, std::size_t buckets, std::vector<Id>& order,
+            std::vector<std::size_t>& starts) {
+    starts.assign(buckets + 1, 0);
+    for (auto k : keys)
+        ++starts[k + 1];
+    for (std::size_t b = 0; b < buckets; ++b)
+        starts[b + 1] += starts[b];
+    order.resize(keys.size());
+    std::vector<std::size_t> next(starts.begin(), starts.end() - 1);
+    for (std::size_t i = 0; i < keys.size(); ++i)
+        order[next[keys[i]]++] = static_cast<Id>(i);
+}
+
+std::shared_ptr<const TrackTable> emptyTable() {
+    static const auto table = [] {
+        auto t = std::make_shared<TrackTable>();
+        t->seal();
+        return std::shared_ptr<const TrackTable>(std::move(t));
+    }();
+    return table;
+}
+
+TrackTable tableOf(const std::vector<Track>& tracks) {
+    TrackTable table;
+    for (const auto& t : tracks)
+        table.add(t);
+    return table;
 }
 
 } // namespace
@@ -135,8 +120,8 @@ std::optional<int> LibraryRow::albumIndex() const {
         value);
 }
 
-std::vector<Track> LibraryIndex::Album::tracks() const {
-    std::vector<Track> out;
+std::vector<LibraryIndex::TrackId> LibraryIndex::Album::tracks() const {
+    std::vector<TrackId> out;
     for (const auto& disc : discs)
         out.insert(out.end(), disc.tracks.begin(), disc.tracks.end());
     return out;
@@ -147,45 +132,124 @@ const LibraryIndex& LibraryIndex::empty() {
     return index;
 }
 
-LibraryIndex::LibraryIndex(std::vector<Track> tracks) {
-    trackCount = static_cast<int>(tracks.size());
-    tracksByPath.reserve(tracks.size());
-    for (const auto& t : tracks)
-        tracksByPath.emplace(t.path, t);
+LibraryIndex::LibraryIndex() : table_(emptyTable()) {}
 
-    FoldCache fold;
-    std::vector<std::size_t> all(tracks.size());
-    for (std::size_t i = 0; i < all.size(); ++i)
-        all[i] = i;
+LibraryIndex::LibraryIndex(const std::vector<Track>& tracks) : LibraryIndex(tableOf(tracks)) {}
 
-    auto artistGroups =
-        groupBy(all, [&](std::size_t i) -> std::string { return fold(groupArtistOf(tracks[i])); });
+std::optional<Track> LibraryIndex::find(std::string_view path) const {
+    if (auto id = table_->find(path)) return table_->track(*id);
+    return std::nullopt;
+}
 
-    artists.reserve(artistGroups.size());
-    for (auto& group : artistGroups) {
-        Artist artist;
-        artist.name = std::string(groupArtistOf(tracks[group.members.front()]));
-        artist.key = std::string(group.key);
-        artist.letter = letterFor(artist.key);
+LibraryIndex::LibraryIndex(TrackTable source) {
+    source.finishAdding();
+    auto shared = std::make_shared<TrackTable>(std::move(source));
+    table_ = shared;
+    // The path lookup is built beside the grouping below, which only reads the records.
+    std::exception_ptr lookupFailed;
+    std::jthread lookup([&shared, &lookupFailed] {
+        try {
+            shared->buildLookup();
+        } catch (...) {
+            lookupFailed = std::current_exception();
+        }
+    });
+    const TrackTable& table = *shared;
+    const std::size_t n = table.size();
+    trackCount = static_cast<int>(n);
 
-        auto albumGroups = groupBy(group.members, [&](std::size_t i) -> std::string_view {
-            return fold(albumTitleOf(tracks[i]));
-        });
+    // Folding is the costly step of building; a library repeats the same artist and
+    // album names over and over, so each distinct name is folded once. The pseudo-name
+    // `unknown` stands for a missing one.
+    const auto unknown = static_cast<TrackTable::NameId>(table.nameCount());
+    std::vector<int32_t> artistOfName(table.nameCount() + 1, -1);
+    std::vector<int32_t> albumOfName(table.nameCount() + 1, -1);
+    std::unordered_map<std::string, uint32_t> artistKeys, albumKeys;
+    std::vector<std::string_view> albumKeyText; // folded album titles, by key number
+
+    std::vector<uint32_t> artistOf(n), albumKeyOf(n);
+    for (Id i = 0; i < n; ++i) {
+        auto g = table.albumArtist(i) ? table.albumArtist(i) : table.artist(i);
+        if (!g) g = unknown;
+        int32_t& a = artistOfName[g];
+        if (a < 0) {
+            const std::string_view name = g == unknown ? kUnknownArtist : table.name(g);
+            auto [it, added] =
+                artistKeys.try_emplace(text::fold(name), static_cast<uint32_t>(artists.size()));
+            if (added) {
+                Artist artist;
+                artist.name = name;
+                artist.key = it->first;
+                artist.letter = letterFor(artist.key);
+                artists.push_back(std::move(artist));
+            }
+            a = static_cast<int32_t>(it->second);
+        }
+        artistOf[i] = static_cast<uint32_t>(a);
+
+        const auto al = table.album(i) ? table.album(i) : unknown;
+        int32_t& k = albumOfName[al];
+        if (k < 0) {
+            const std::string_view title = al == unknown ? kUnknownAlbum : table.name(al);
+            auto [it, added] = albumKeys.try_emplace(text::fold(title),
+                                                     static_cast<uint32_t>(albumKeyText.size()));
+            if (added) albumKeyText.push_back(it->first);
+            k = static_cast<int32_t>(it->second);
+        }
+        albumKeyOf[i] = static_cast<uint32_t>(k);
+    }
+    artistOfName = {};
+    albumOfName = {};
+
+    std::vector<Id> byArtist;
+    std::vector<std::size_t> artistStart;
+    bucket(artistOf, artists.size(), byArtist, artistStart);
+    artistOf = {};
+
+    // Per artist: albums in order of first appearance, then their members.
+    std::vector<int32_t> slotOfKey(albumKeyText.size(), -1);
+    std::vector<uint32_t> slotOf, groupKeys;
+    std::vector<Id> grouped;
+    std::vector<std::size_t> groupStart;
+    for (std::size_t a = 0; a < artists.size(); ++a) {
+        const std::span<const Id> members(byArtist.data() + artistStart[a],
+                                          artistStart[a + 1] - artistStart[a]);
+        groupKeys.clear();
+        slotOf.resize(members.size());
+        for (std::size_t m = 0; m < members.size(); ++m) {
+            const auto key = albumKeyOf[members[m]];
+            if (slotOfKey[key] < 0) {
+                slotOfKey[key] = static_cast<int32_t>(groupKeys.size());
+                groupKeys.push_back(key);
+            }
+            slotOf[m] = static_cast<uint32_t>(slotOfKey[key]);
+        }
+        for (auto key : groupKeys)
+            slotOfKey[key] = -1;
+        std::vector<Id> local;
+        bucket(slotOf, groupKeys.size(), local, groupStart);
+        grouped.resize(local.size());
+        for (std::size_t m = 0; m < local.size(); ++m)
+            grouped[m] = members[local[m]];
+
         // Folded title travels with each album for sorting.
         std::vector<std::pair<std::string_view, Album>> albums;
-        albums.reserve(albumGroups.size());
-        for (auto& ag : albumGroups)
-            albums.emplace_back(ag.key, makeAlbum(tracks, ag.members));
-        std::stable_sort(albums.begin(), albums.end(), [](const auto& a, const auto& b) {
-            auto ya = a.second.year == 0 ? INT64_MAX : a.second.year;
-            auto yb = b.second.year == 0 ? INT64_MAX : b.second.year;
-            if (ya != yb) return ya < yb;
-            return text::compareNumeric(a.first, b.first) < 0;
+        albums.reserve(groupKeys.size());
+        for (std::size_t g = 0; g < groupKeys.size(); ++g)
+            albums.emplace_back(
+                albumKeyText[groupKeys[g]],
+                makeAlbum(table, std::span<const Id>(grouped.data() + groupStart[g],
+                                                     groupStart[g + 1] - groupStart[g])));
+        std::stable_sort(albums.begin(), albums.end(), [](const auto& x, const auto& y) {
+            auto yx = x.second.year == 0 ? INT64_MAX : x.second.year;
+            auto yy = y.second.year == 0 ? INT64_MAX : y.second.year;
+            if (yx != yy) return yx < yy;
+            return text::compareNumeric(x.first, y.first) < 0;
         });
-        artist.albums.reserve(albums.size());
-        for (auto& a : albums)
-            artist.albums.push_back(std::move(a.second));
-        artists.push_back(std::move(artist));
+        auto& out = artists[a].albums;
+        out.reserve(albums.size());
+        for (auto& x : albums)
+            out.push_back(std::move(x.second));
     }
 
     std::stable_sort(artists.begin(), artists.end(), [](const Artist& a, const Artist& b) {
@@ -193,6 +257,8 @@ LibraryIndex::LibraryIndex(std::vector<Track> tracks) {
         if (ha != hb) return hb;
         return text::compareNumeric(a.key, b.key) < 0;
     });
+    lookup.join();
+    if (lookupFailed) std::rethrow_exception(lookupFailed);
 }
 
 std::string LibraryIndex::letterFor(std::string_view key) {
@@ -233,8 +299,8 @@ std::vector<LibraryRow> LibraryIndex::libraryRows(int artist, int minimumAlbumHe
         const auto& album = albums[a];
         for (const auto& disc : album.discs) {
             if (album.discs.size() > 1) rows.push_back(LibraryRow::disc(i, disc.number));
-            for (const auto& t : disc.tracks)
-                rows.push_back(LibraryRow::track(t, i));
+            for (auto id : disc.tracks)
+                rows.push_back(LibraryRow::track(id, i));
         }
         auto n = static_cast<int64_t>(rows.size() - blockStart);
         for (int64_t k = n; k < minimumAlbumHeight; ++k)

@@ -1,9 +1,13 @@
 #pragma once
 // The collection grouped as the screen shows it: artists, their albums, discs and
-// tracks, in display order, plus the flat rows of the artist and album panes.
+// tracks, in display order, plus the flat rows of the artist and album panes. Tracks are
+// numbers into the index's TrackTable and names are views into it; the index hands out a
+// Track value on demand.
 
 #include "library/Track.h"
+#include "library/TrackTable.h"
 
+#include <memory>
 #include <optional>
 #include <string>
 #include <unordered_map>
@@ -26,7 +30,7 @@ struct LibraryRow {
         bool operator==(const Disc&) const = default;
     };
     struct Track {
-        trovan::Track track;
+        TrackTable::Id id = 0; // the track, in the index that made the row
         int album = 0;
         bool operator==(const Track&) const = default;
     };
@@ -46,7 +50,7 @@ struct LibraryRow {
 
     static LibraryRow album(int album) { return {Album{album}}; }
     static LibraryRow disc(int album, int64_t number) { return {Disc{album, number}}; }
-    static LibraryRow track(trovan::Track t, int album) { return {Track{std::move(t), album}}; }
+    static LibraryRow track(TrackTable::Id id, int album) { return {Track{id, album}}; }
     static LibraryRow filler(int album) { return {Filler{album}}; }
     static LibraryRow spacer() { return {Spacer{}}; }
 
@@ -79,39 +83,45 @@ struct ArtistRow {
 };
 
 struct LibraryIndex {
+    using TrackId = TrackTable::Id;
     struct Disc {
         int64_t number = 1; // 1 or more
-        std::vector<trovan::Track> tracks;
+        std::vector<TrackId> tracks;
         bool operator==(const Disc&) const = default;
     };
     struct Album {
-        std::string title;
+        std::string_view title;
         int64_t year = 0; // 0 when unknown
         std::vector<Disc> discs;
-        std::optional<std::string> codec; // only when every track has the same codec
+        std::optional<std::string_view> codec; // only when every track has the same codec
         bool operator==(const Album&) const = default;
 
         // The tracks of every disc, in disc order.
-        std::vector<trovan::Track> tracks() const;
+        std::vector<TrackId> tracks() const;
     };
     struct Artist {
-        std::string name;   // as the first of its tracks spells it
-        std::string key;    // folded grouping key, unique in the index
-        std::string letter; // "A" to "Z" or "#"
+        std::string_view name; // as the first of its tracks spells it
+        std::string key;       // folded grouping key, unique in the index
+        std::string letter;    // "A" to "Z" or "#"
         std::vector<Album> albums;
         bool operator==(const Artist&) const = default;
     };
 
     std::vector<Artist> artists;
     int trackCount = 0;
-    std::unordered_map<std::string, trovan::Track> tracksByPath;
-
-    bool operator==(const LibraryIndex&) const = default;
 
     // The index with no artists.
-    LibraryIndex() = default;
-    explicit LibraryIndex(std::vector<trovan::Track> tracks);
+    LibraryIndex();
+    explicit LibraryIndex(const std::vector<trovan::Track>& tracks);
+    explicit LibraryIndex(TrackTable table);
     static const LibraryIndex& empty();
+
+    // The record of a track of this index.
+    trovan::Track track(TrackId id) const { return table_->track(id); }
+    const TrackTable& table() const { return *table_; }
+    // The track with this path, if the index has it.
+    std::optional<trovan::Track> find(std::string_view path) const;
+    bool contains(std::string_view path) const { return table_->find(path).has_value(); }
 
     // Rows of the album pane for artist `artist`; every album block is padded with
     // filler rows up to `minimumAlbumHeight` rows. Empty for an invalid index.
@@ -122,6 +132,9 @@ struct LibraryIndex {
     // Heading letter of a folded key: its first character upper-cased if that is A-Z,
     // otherwise "#".
     static std::string letterFor(std::string_view key);
+
+private:
+    std::shared_ptr<const TrackTable> table_;
 };
 
 inline constexpr std::string_view kUnknownAlbum = "Álbum desconocido";

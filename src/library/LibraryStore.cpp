@@ -26,6 +26,7 @@ using Statement = std::unique_ptr<sqlite3_stmt, Finalizer>;
 
 // The statements are fixed text; failing to prepare one means the database is damaged.
 Statement prepare(sqlite3* db, const std::string& sql) {
+    if (!db) throw std::runtime_error("SQLite cannot prepare \"" + sql + "\": closed");
     sqlite3_stmt* raw = nullptr;
     if (sqlite3_prepare_v2(db, sql.c_str(), -1, &raw, nullptr) != SQLITE_OK) {
         sqlite3_finalize(raw);
@@ -108,33 +109,62 @@ LibraryStore::LibraryStore(const std::filesystem::path& url) {
 LibraryStore::~LibraryStore() = default;
 
 std::vector<Track> LibraryStore::loadAll() {
+    const TrackTable table = loadTable();
+    std::vector<Track> tracks;
+    tracks.reserve(table.size());
+    for (TrackTable::Id id = 0; id < table.size(); ++id)
+        tracks.push_back(table.track(id));
+    return tracks;
+}
+
+TrackTable LibraryStore::loadTable() {
     std::lock_guard lock(mutex_);
     auto s = prepare(db_.get(), kLoadAll);
-    std::vector<Track> tracks;
-    tracks.reserve(rowsHint_);
-    while (sqlite3_step(s.get()) == SQLITE_ROW) {
-        auto* st = s.get();
-        Track t;
-        t.path = text(st, 0);
-        t.mtime = sqlite3_column_double(st, 1);
-        t.size = sqlite3_column_int64(st, 2);
-        t.title = text(st, 3);
-        t.artist = text(st, 4);
-        t.albumArtist = text(st, 5);
-        t.album = text(st, 6);
-        t.genre = text(st, 7);
-        t.year = sqlite3_column_int64(st, 8);
-        t.trackNumber = sqlite3_column_int64(st, 9);
-        t.discNumber = sqlite3_column_int64(st, 10);
-        t.durationMs = sqlite3_column_int64(st, 11);
-        t.codec = text(st, 12);
-        t.sampleRate = sqlite3_column_int64(st, 13);
-        t.bitrate = sqlite3_column_int64(st, 14);
-        t.channels = sqlite3_column_int64(st, 15);
-        tracks.push_back(std::move(t));
+    auto* st = s.get();
+    auto view = [st](int column) {
+        auto* p = reinterpret_cast<const char*>(sqlite3_column_text(st, column));
+        return p ? std::string_view(p, static_cast<std::size_t>(sqlite3_column_bytes(st, column)))
+                 : std::string_view{};
+    };
+    TrackTable table;
+    TrackTable::Fields f;
+    while (sqlite3_step(st) == SQLITE_ROW) {
+        f.path = view(0);
+        f.mtime = sqlite3_column_double(st, 1);
+        f.size = sqlite3_column_int64(st, 2);
+        f.title = view(3);
+        f.artist = view(4);
+        f.albumArtist = view(5);
+        f.album = view(6);
+        f.genre = view(7);
+        f.year = sqlite3_column_int64(st, 8);
+        f.trackNumber = sqlite3_column_int64(st, 9);
+        f.discNumber = sqlite3_column_int64(st, 10);
+        f.durationMs = sqlite3_column_int64(st, 11);
+        f.codec = view(12);
+        f.sampleRate = sqlite3_column_int64(st, 13);
+        f.bitrate = sqlite3_column_int64(st, 14);
+        f.channels = sqlite3_column_int64(st, 15);
+        table.add(f);
     }
-    rowsHint_ = tracks.size();
-    return tracks;
+    rowsHint_ = table.size();
+    // The pages read on the way are not needed again soon.
+    sqlite3_db_release_memory(db_.get());
+    return table;
+}
+
+void LibraryStore::checkpoint() {
+    std::lock_guard lock(mutex_);
+    if (!db_) return;
+    sqlite3_wal_checkpoint_v2(db_.get(), nullptr, SQLITE_CHECKPOINT_TRUNCATE, nullptr, nullptr);
+}
+
+void LibraryStore::close() {
+    std::unique_lock lock(mutex_, std::try_to_lock);
+    if (!lock || !db_) return;
+    sqlite3_wal_checkpoint_v2(db_.get(), nullptr, SQLITE_CHECKPOINT_TRUNCATE, nullptr, nullptr);
+    // The last connection to close removes the log.
+    if (sqlite3_close(db_.get()) == SQLITE_OK) db_.release();
 }
 
 bool LibraryStore::isEmpty() {

@@ -5,6 +5,7 @@
 
 #include "library/FileStamp.h"
 #include "library/Track.h"
+#include "library/TrackTable.h"
 
 #include <filesystem>
 #include <functional>
@@ -49,6 +50,8 @@ public:
 
     // Every cached track, in no particular order.
     std::vector<Track> loadAll();
+    // The same, straight into the compact form the library keeps in memory.
+    TrackTable loadTable();
     // Whether no track is cached (a first scan).
     bool isEmpty();
     // Path to stamp of every cached track.
@@ -82,6 +85,13 @@ public:
         std::unique_lock<std::mutex> lock_;
         bool open_ = true;
     };
+
+    // Moves everything in the write-ahead log into the database and empties the log, so
+    // the next start has nothing to replay.
+    void checkpoint();
+    // Checkpoints and closes the connection, unless another caller holds the store; for
+    // leaving the program without running destructors. Nothing may be called afterwards.
+    void close();
 
     // The schema script for a version: drops and recreates the table.
     static std::string schemaScript(int version);

@@ -51,11 +51,15 @@ int64_t probeDurationMs(const AudioFileProbe& probe) {
 } // namespace
 
 std::string Track::displayTitle() const {
+    return std::string(displayTitleOf(path, title));
+}
+
+std::string_view Track::displayTitleOf(std::string_view path, std::string_view title) {
     if (!title.empty()) return title;
     auto name = lastComponent(path);
     auto dot = name.rfind('.');
     if (dot != std::string_view::npos && dot > 0) name = name.substr(0, dot);
-    return std::string(name);
+    return name;
 }
 
 std::string Track::displayArtist() const {

@@ -37,6 +37,8 @@ struct Track {
 
     // title, else the file name without its extension.
     std::string displayTitle() const;
+    // The same for a record held elsewhere; a view into `path` or `title`.
+    static std::string_view displayTitleOf(std::string_view path, std::string_view title);
     // artist, else album artist, else "Artista desconocido" (what the player shows).
     std::string displayArtist() const;
     // album artist, else artist, else "Artista desconocido" (what the library groups by).

@@ -8,7 +8,9 @@
 #include <unicode/utf8.h>
 
 #include <algorithm>
+#include <array>
 #include <memory>
+#include <optional>
 
 namespace trovan::text {
 namespace {
@@ -135,7 +137,8 @@ Graphemes::Graphemes(std::string_view s) : s_(s), ascii_(allAscii(s)) {
 bool Graphemes::next(std::string_view& cluster) {
     if (ascii_) {
         if (pos_ >= s_.size()) return false;
-        std::size_t len = (s_[pos_] == '\r' && pos_ + 1 < s_.size() && s_[pos_ + 1] == '\n') ? 2 : 1;
+        std::size_t len =
+            (s_[pos_] == '\r' && pos_ + 1 < s_.size() && s_[pos_ + 1] == '\n') ? 2 : 1;
         cluster = s_.substr(pos_, len);
         pos_ += len;
         return true;
@@ -165,7 +168,8 @@ std::size_t graphemeCount(std::string_view s) {
     std::size_t n = 0;
     Graphemes g(s);
     std::string_view c;
-    while (g.next(c)) ++n;
+    while (g.next(c))
+        ++n;
     return n;
 }
 
@@ -187,15 +191,63 @@ int charWidth(std::string_view cluster) {
 int displayWidth(std::string_view s) {
     if (allAscii(s)) {
         int w = 0;
-        for (unsigned char c : s) w += (c >= 32 && c != 127) ? 1 : 0;
+        for (unsigned char c : s)
+            w += (c >= 32 && c != 127) ? 1 : 0;
         return w;
     }
     int w = 0;
     Graphemes g(s);
     std::string_view c;
-    while (g.next(c)) w += charWidth(c);
+    while (g.next(c))
+        w += charWidth(c);
     return w;
 }
+
+namespace {
+
+std::string foldFull(std::string_view s);
+
+// Folds of U+0080 to U+024F (the Latin supplements and extensions), each worked out once
+// by the full path. None of these depends on its neighbours, and no mark is among them,
+// so a string of ASCII and these characters folds piece by piece, without ICU.
+constexpr char32_t kLatinEnd = 0x250;
+
+const std::array<std::string, kLatinEnd - 0x80>& latinFolds() {
+    static const auto table = [] {
+        std::array<std::string, kLatinEnd - 0x80> t;
+        for (char32_t c = 0x80; c < kLatinEnd; ++c) {
+            const char utf8[] = {static_cast<char>(0xC0 | (c >> 6)),
+                                 static_cast<char>(0x80 | (c & 0x3F))};
+            t[c - 0x80] = foldFull(std::string_view(utf8, 2));
+        }
+        return t;
+    }();
+    return table;
+}
+
+// The fold of a string of ASCII and Latin letters; none for anything else.
+std::optional<std::string> foldLatin(std::string_view s) {
+    const auto& table = latinFolds();
+    std::string out;
+    out.reserve(s.size());
+    for (std::size_t i = 0; i < s.size(); ++i) {
+        const auto c = static_cast<unsigned char>(s[i]);
+        if (c < 0x80) {
+            out += c >= 'A' && c <= 'Z' ? static_cast<char>(c - 'A' + 'a') : static_cast<char>(c);
+            continue;
+        }
+        if ((c & 0xE0) != 0xC0 || i + 1 == s.size()) return std::nullopt;
+        const auto next = static_cast<unsigned char>(s[i + 1]);
+        if ((next & 0xC0) != 0x80) return std::nullopt;
+        const char32_t scalar = static_cast<char32_t>((c & 0x1F) << 6 | (next & 0x3F));
+        if (scalar < 0x80 || scalar >= kLatinEnd) return std::nullopt;
+        out += table[scalar - 0x80];
+        ++i;
+    }
+    return out;
+}
+
+} // namespace
 
 std::string fold(std::string_view s) {
     if (allAscii(s)) {
@@ -204,6 +256,13 @@ std::string fold(std::string_view s) {
             if (c >= 'A' && c <= 'Z') c = static_cast<char>(c - 'A' + 'a');
         return out;
     }
+    if (auto latin = foldLatin(s)) return std::move(*latin);
+    return foldFull(s);
+}
+
+namespace {
+
+std::string foldFull(std::string_view s) {
     UErrorCode status = U_ZERO_ERROR;
     const icu::Normalizer2* nfd = icu::Normalizer2::getNFDInstance(status);
     const icu::Normalizer2* nfc = icu::Normalizer2::getNFCInstance(status);
@@ -237,6 +296,8 @@ std::string fold(std::string_view s) {
     return toUtf8(composed);
 }
 
+} // namespace
+
 std::string upper(std::string_view s) {
     if (allAscii(s)) {
         std::string out(s);
@@ -267,11 +328,15 @@ int compareNumeric(std::string_view a, std::string_view b) {
     while (i < a.size() && j < b.size()) {
         if (isDigit(a[i]) && isDigit(b[j])) {
             std::size_t ia = i, jb = j;
-            while (ia < a.size() && a[ia] == '0') ++ia;
-            while (jb < b.size() && b[jb] == '0') ++jb;
+            while (ia < a.size() && a[ia] == '0')
+                ++ia;
+            while (jb < b.size() && b[jb] == '0')
+                ++jb;
             std::size_t ea = ia, eb = jb;
-            while (ea < a.size() && isDigit(a[ea])) ++ea;
-            while (eb < b.size() && isDigit(b[eb])) ++eb;
+            while (ea < a.size() && isDigit(a[ea]))
+                ++ea;
+            while (eb < b.size() && isDigit(b[eb]))
+                ++eb;
             std::size_t la = ea - ia, lb = eb - jb;
             if (la != lb) return la < lb ? -1 : 1;
             if (int c = a.substr(ia, la).compare(b.substr(jb, lb)); c != 0) return c < 0 ? -1 : 1;

@@ -37,10 +37,11 @@ struct RowPainter {
         if (!a) return;
         std::int64_t totalMs = 0;
         std::size_t count = 0;
+        const TrackTable& table = state.index.table();
         for (const auto& disc : a->discs) {
             count += disc.tracks.size();
-            for (const auto& t : disc.tracks)
-                totalMs += std::max<std::int64_t>(t.durationMs, 0);
+            for (auto id : disc.tracks)
+                totalMs += std::max<std::int64_t>(table.durationMs(id), 0);
         }
         std::string info =
             std::to_string(count) + " canciones · " + std::to_string(totalMs / 60000) + " min";
@@ -48,7 +49,7 @@ struct RowPainter {
 
         std::string heading = text::upper(a->title);
         if (a->year > 0) heading += " · " + std::to_string(a->year);
-        if (a->codec && !a->codec->empty()) heading += " · " + *a->codec;
+        if (a->codec && !a->codec->empty()) heading += " · " + std::string(*a->codec);
         buffer.text(heading, x + 1, y, infoStart - 3 - (x + 1),
                     on(cursor ? palette::white : palette::dim, true));
     }
@@ -163,8 +164,9 @@ void LibraryView::draw(const AppState& state, const Layout& layout, ScreenBuffer
             paint.albumRow(y, a->album);
         else if (const auto* d = row.get<LibraryRow::Disc>())
             paint.discRow(y, d->number);
-        else if (const auto* t = row.get<LibraryRow::Track>())
-            paint.trackRow(y, t->track);
+        else if (const auto* t = row.get<LibraryRow::Track>();
+                 t && t->id < state.index.table().size())
+            paint.trackRow(y, state.index.track(t->id));
 
         if (!covers) continue;
         const auto albumIndex = row.albumIndex();

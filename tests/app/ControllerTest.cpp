@@ -144,13 +144,14 @@ std::string artistUnderCursor(const ControllerHarness& h) {
     const auto& s = h.state();
     const auto* a =
         s.artistRows.at(static_cast<std::size_t>(s.artists.cursor)).get<ArtistRow::Artist>();
-    return a ? s.index.artists[static_cast<std::size_t>(a->artist)].name : "<letter>";
+    return a ? std::string(s.index.artists[static_cast<std::size_t>(a->artist)].name) : "<letter>";
 }
 
 // The title under the library cursor, or what kind of row it is.
 std::string libraryRowName(const ControllerHarness& h) {
     const auto& row = h.state().libraryRows.at(static_cast<std::size_t>(h.state().library.cursor));
-    if (const auto* t = row.get<LibraryRow::Track>()) return t->track.title;
+    if (const auto* t = row.get<LibraryRow::Track>())
+        return std::string(h.state().index.table().title(t->id));
     return row.is<LibraryRow::Album>() ? "<album>" : "<other>";
 }
 
@@ -364,7 +365,7 @@ TEST(ControllerSelection, MarksAndTargets) {
     ControllerHarness h;
     loadSmallLibrary(h);
     h.c().jumpToArtist("blur");
-    const auto all = AppController::trackPaths(h.state().libraryRows);
+    const auto all = AppController::trackPaths(h.state().index, h.state().libraryRows);
     ASSERT_EQ(all.size(), 4u);
     const auto& marked = h.state().marked;
 

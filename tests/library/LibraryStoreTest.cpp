@@ -1,4 +1,5 @@
 #include "library/LibraryStore.h"
+#include "library/LibraryIndex.h"
 #include "support/TempDir.h"
 
 #include <gtest/gtest.h>
@@ -118,4 +119,56 @@ TEST(LibraryStore, SerialisesCallsFromSeveralThreads) {
     for (auto& t : threads)
         t.join();
     EXPECT_EQ(store.stamps().size(), 100u);
+}
+
+TEST(LibraryStore, HostileRowsLoadWholeAndIndex) {
+    fx::TempDir dir;
+    auto file = dir / "library.sqlite";
+    { LibraryStore store(file); }
+    const std::string huge(1 << 20, 'h');
+    // Empty, huge, broken UTF-8 and NUL-holding texts; numbers at both ends of 64 bits and
+    // at the edge of 32; one path spelled twice with different case; an empty path.
+    execRaw(file, "INSERT INTO tracks VALUES('/m/A.flac', -1e300, -5, '" + huge +
+                      "', '', '', '', '', -9223372036854775808, 9223372036854775807, -2147483648, "
+                      "2147483648, '', -1, 0, 0);"
+                      "INSERT INTO tracks VALUES('/m/a.flac', 0, 0, CAST(X'FFC300' AS TEXT), "
+                      "CAST(X'4100FF' AS TEXT), '', 'x', '', 0, 0, 0, 0, 'FLAC', 0, 0, 0);"
+                      "INSERT INTO tracks(path, mtime, size) VALUES('', 0, 0);");
+    LibraryStore store(file);
+    auto tracks = sorted(store.loadAll());
+    ASSERT_EQ(tracks.size(), 3u);
+    EXPECT_EQ(tracks[1].title, huge);
+    EXPECT_EQ(std::tie(tracks[1].year, tracks[1].trackNumber, tracks[1].discNumber,
+                       tracks[1].durationMs, tracks[1].size, tracks[1].sampleRate),
+              std::make_tuple(INT64_MIN, INT64_MAX, int64_t{INT32_MIN}, int64_t{INT32_MAX} + 1,
+                              int64_t{-5}, int64_t{-1}));
+    EXPECT_EQ(tracks[2].title, std::string("\xFF\xC3\0", 3));
+    EXPECT_EQ(tracks[2].artist, std::string("A\0\xFF", 3));
+
+    LibraryIndex index(store.loadTable());
+    EXPECT_EQ(index.trackCount, 3);
+    EXPECT_EQ(index.find("/m/A.flac")->title, huge);
+    EXPECT_EQ(index.find("/m/a.flac")->artist, std::string("A\0\xFF", 3));
+    std::size_t rows = 0;
+    for (std::size_t a = 0; a < index.artists.size(); ++a)
+        rows += index.libraryRows(static_cast<int>(a), 0).size();
+    EXPECT_EQ(rows, 5u); // two artists with an album each, three tracks
+}
+
+TEST(LibraryStore, LeavesNoLogAfterCheckpointOrClose) {
+    fx::TempDir dir;
+    auto file = dir / "library.sqlite";
+    auto wal = dir / "library.sqlite-wal";
+    LibraryStore store(file);
+    std::vector<Track> tracks;
+    for (int i = 0; i < 5000; ++i)
+        tracks.push_back(sample("/m/" + std::to_string(i), std::string(200, 't')));
+    store.apply(tracks, {});
+    EXPECT_GT(std::filesystem::file_size(wal), 1000000u);
+    store.checkpoint();
+    EXPECT_EQ(std::filesystem::file_size(wal), 0u);
+    store.apply({sample("/late")}, {});
+    store.close();
+    EXPECT_FALSE(std::filesystem::exists(wal));
+    EXPECT_EQ(LibraryStore(file).stamps().size(), 5001u);
 }

@@ -72,6 +72,18 @@ TEST(Fold, IgnoresCaseDiacriticsAndWidth) {
     for (const auto& [text, folded] : cases)
         EXPECT_EQ(fold(text), folded) << text;
     EXPECT_EQ(fold("\uFF71"), fold("\u30A2")); // half-width katakana
+
+    // Latin text folds without ICU; a trailing ideograph sends the same text through ICU,
+    // and both must agree, for every Latin letter beside ASCII and beside each other.
+    std::string latin;
+    for (char32_t c = 0x80; c < 0x250; ++c) {
+        const std::string letter{static_cast<char>(0xC0 | (c >> 6)),
+                                 static_cast<char>(0x80 | (c & 0x3F))};
+        latin += letter;
+        for (const std::string& s : {letter, "Ab" + letter + "9Z", latin})
+            EXPECT_EQ(fold(s + "\u65E5"), fold(s) + "\u65E5") << s;
+    }
+    EXPECT_EQ(fold("\xC3"), "\xEF\xBF\xBD"); // cut short: ICU's replacement character
     EXPECT_EQ(upper("\u00E1b"), "\u00C1B");
     EXPECT_EQ(lower("CANCI\u00D3N"), "canci\u00F3n");
 }

@@ -83,7 +83,7 @@ const Size small{60, 16}, medium{100, 40}, large{200, 60};
 int rowOfTitle(const AppState& state, const std::string& title) {
     for (std::size_t i = 0; i < state.libraryRows.size(); ++i)
         if (const auto* t = state.libraryRows[i].get<LibraryRow::Track>())
-            if (t->track.displayTitle() == title) return static_cast<int>(i);
+            if (state.index.table().displayTitle(t->id) == title) return static_cast<int>(i);
     return -1;
 }
 
@@ -94,7 +94,7 @@ AppState albumView(Size size) {
     s.focus = Focus::library;
     s.library.cursor = rowOfTitle(s, "Sexy Boy");
     s.marked = {"/m/air/tw/1-02.mp3", "/m/air/ms/03.flac"};
-    s.playback.track = s.index.tracksByPath.at("/m/air/tw/2-01.mp3");
+    s.playback.track = s.index.find("/m/air/tw/2-01.mp3");
     s.playback.isPlaying = true;
     s.playback.duration = 253;
     s.playback.format = AudioFormatInfo{"MP3", 44100, std::nullopt, 2};
@@ -122,7 +122,7 @@ TEST(ScreenGolden, EmptyLibraryAndTooSmallTerminals) {
 
 TEST(ScreenGolden, ArtistsWithHeadingsCursorAndNowPlaying) {
     AppState s = libraryState(Layout(medium), "Björk");
-    s.playback.track = s.index.tracksByPath.at("/m/abba/01.mp3");
+    s.playback.track = s.index.find("/m/abba/01.mp3");
     s.playback.duration = 231;
     golden("artists", s, medium, 12);
     // Focus elsewhere: the cursor row keeps a quieter highlight.
