@@ -141,8 +141,12 @@ App::~App() {
 void App::preloadModules() {
     if (preload_.joinable()) return;
     preload_ = std::thread([] {
-        (void)codecs();
-        preloadSoundServer();
+        // Only a head start: whatever fails here fails again, with its message, on first use.
+        try {
+            (void)codecs();
+            preloadSoundServer();
+        } catch (...) {
+        }
     });
 }
 

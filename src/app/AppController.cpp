@@ -35,6 +35,14 @@ AppController::AppController(Terminal& terminal, Size size, SettingsStore settin
     playback_->setRepeatMode(s.repeatMode);
     applyEqualizer();
     createNowPlaying();
+    // Last line of defence: a background job that throws is named in the header instead
+    // of ending the program. The flows catch what they expect themselves.
+    pool_.onFailure = [post = host_.post, alive = std::weak_ptr<char>(alive_),
+                       this](const std::string& what) {
+        post([alive, this, what] {
+            if (alive.lock()) report("Error en segundo plano: " + what, true);
+        });
+    };
 }
 
 AppController::~AppController() {

@@ -177,6 +177,8 @@ private:
     void playbackChanged();
     void applyEqualizer();
     void runScan(bool force);
+    // The scan is over (done or failed): run the one requested meanwhile, if any.
+    void scanEnded();
 
     Terminal& terminal_;
     SettingsStore settingsStore_;

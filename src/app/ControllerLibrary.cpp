@@ -106,11 +106,22 @@ void AppController::runScan(bool force) {
     };
     pool_.submit([store = store_, roots = state_.settings.roots, force, progress, post = host_.post,
                   alive = std::weak_ptr<char>(alive_), this, started] {
-        const IndexSummary summary = Indexer::run(roots, *store, force, progress);
-        post([alive, this, summary, started] {
+        IndexSummary summary;
+        std::string failure;
+        try {
+            summary = Indexer::run(roots, *store, force, progress);
+        } catch (const std::exception& e) {
+            failure = e.what();
+        }
+        post([alive, this, summary, started, failure] {
             if (!alive.lock()) return;
+            if (!failure.empty()) {
+                // The cache keeps what it had; the next rescan tries again.
+                report("No se pudo actualizar la biblioteca: " + failure, true);
+                scanEnded();
+                return;
+            }
             auto finish = [this, summary, started] {
-                state_.indexing.reset();
                 const double seconds =
                     std::chrono::duration<double>(std::chrono::steady_clock::now() - started)
                         .count();
@@ -119,12 +130,7 @@ void AppController::runScan(bool force) {
                 report("Biblioteca al día: " + std::to_string(summary.fileCount) + " archivos · " +
                        std::to_string(summary.readCount) + " leídos · " +
                        std::to_string(summary.removedCount) + " quitados (" + elapsed + " s)");
-                scanning_ = false;
-                if (pendingReindex_) {
-                    const bool pending = *pendingReindex_;
-                    pendingReindex_.reset();
-                    reindex(pending);
-                }
+                scanEnded();
             };
             // Nothing read and nothing removed: the cache is as loaded, no reload needed.
             if (summary.readCount == 0 && summary.removedCount == 0)
@@ -135,13 +141,33 @@ void AppController::runScan(bool force) {
     });
 }
 
+void AppController::scanEnded() {
+    state_.indexing.reset();
+    scanning_ = false;
+    if (pendingReindex_) {
+        const bool pending = *pendingReindex_;
+        pendingReindex_.reset();
+        reindex(pending);
+    }
+}
+
 void AppController::reloadLibrary(Task then) {
     pool_.submit([store = store_, post = host_.post, alive = std::weak_ptr<char>(alive_), this,
                   then = std::move(then)]() mutable {
-        auto index = std::make_shared<LibraryIndex>(store->loadTable());
-        post([alive, this, index, then = std::move(then)] {
+        std::shared_ptr<LibraryIndex> index;
+        std::string failure;
+        try {
+            index = std::make_shared<LibraryIndex>(store->loadTable());
+        } catch (const std::exception& e) {
+            failure = e.what();
+        }
+        post([alive, this, index, failure, then = std::move(then)] {
             if (!alive.lock()) return;
-            setLibrary(std::move(*index));
+            // Unreadable: the library shown stays as it was.
+            if (index)
+                setLibrary(std::move(*index));
+            else
+                report("No se pudo leer la biblioteca: " + failure, true);
             if (then) then();
         });
     });

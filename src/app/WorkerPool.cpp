@@ -1,5 +1,6 @@
 #include "app/WorkerPool.h"
 
+#include <exception>
 #include <sched.h>
 
 namespace trovan {
@@ -53,7 +54,13 @@ void WorkerPool::run() {
         jobs_.pop_front();
         ++busy_;
         lock.unlock();
-        job();
+        try {
+            job();
+        } catch (const std::exception& e) {
+            if (onFailure) onFailure(e.what());
+        } catch (...) {
+            if (onFailure) onFailure("error desconocido");
+        }
         job = nullptr; // release what the job captured before reporting idle
         lock.lock();
         --busy_;

@@ -7,6 +7,7 @@
 #include <deque>
 #include <functional>
 #include <mutex>
+#include <string>
 #include <thread>
 #include <vector>
 
@@ -24,6 +25,9 @@ public:
     WorkerPool& operator=(const WorkerPool&) = delete;
 
     void submit(Job job);
+    // Called on the worker with a short description when a job throws; the pool goes on.
+    // Set before the first job is submitted.
+    std::function<void(const std::string&)> onFailure;
     int size() const { return static_cast<int>(threads_.size()); }
     // Blocks until the queue is empty and no job runs (tests and benchmarks).
     void waitIdle();

@@ -61,11 +61,12 @@ bool AppPaths::writeAtomically(const std::filesystem::path& target, std::string_
     if (ok && ::rename(name.data(), target.c_str()) == 0) {
         // Make the rename itself durable.
         int dirFd = ::open(folder.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC);
-        if (dirFd >= 0) {
-            fsync(dirFd);
-            ::close(dirFd);
-        }
-        return true;
+        if (dirFd < 0) return true;
+        // Some file systems cannot sync a folder (EINVAL); only an I/O error means the
+        // new file may not survive a crash.
+        const bool lost = ::fsync(dirFd) != 0 && errno == EIO;
+        ::close(dirFd);
+        return !lost;
     }
     ::unlink(name.data());
     return false;

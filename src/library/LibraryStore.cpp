@@ -24,15 +24,36 @@ struct Finalizer {
 };
 using Statement = std::unique_ptr<sqlite3_stmt, Finalizer>;
 
+// What a failed call on the cache throws: the flows show it after their own words.
+[[noreturn]] void fail(sqlite3* db, const char* what) {
+    throw std::runtime_error(std::string(what) + " (" + (db ? sqlite3_errmsg(db) : "cerrada") +
+                             ")");
+}
+
+// Runs a statement with no result rows (BEGIN, COMMIT, a script).
+void exec(sqlite3* db, const char* sql, const char* what) {
+    if (sqlite3_exec(db, sql, nullptr, nullptr, nullptr) != SQLITE_OK) fail(db, what);
+}
+
 // The statements are fixed text; failing to prepare one means the database is damaged.
 Statement prepare(sqlite3* db, const std::string& sql) {
-    if (!db) throw std::runtime_error("SQLite cannot prepare \"" + sql + "\": closed");
+    if (!db) fail(db, "la base de datos está cerrada");
     sqlite3_stmt* raw = nullptr;
     if (sqlite3_prepare_v2(db, sql.c_str(), -1, &raw, nullptr) != SQLITE_OK) {
         sqlite3_finalize(raw);
-        throw std::runtime_error("SQLite cannot prepare \"" + sql + "\": " + sqlite3_errmsg(db));
+        fail(db, "la base de datos está dañada");
     }
     return Statement(raw);
+}
+
+// Steps a statement to its end; false when the row could not be written. A failure
+// that ended the transaction (a full disk, an I/O error) is thrown: nothing after it
+// would be kept.
+bool stepToEnd(sqlite3* db, sqlite3_stmt* s) {
+    const int rc = sqlite3_step(s);
+    if (sqlite3_reset(s) == SQLITE_OK && rc == SQLITE_DONE) return true;
+    if (sqlite3_get_autocommit(db)) fail(db, "no se pudo escribir en la base de datos");
+    return false;
 }
 
 std::string text(sqlite3_stmt* s, int column) {
@@ -89,7 +110,11 @@ LibraryStore::LibraryStore(const std::filesystem::path& url) {
         throw LibraryStoreError(LibraryStoreError::Kind::open,
                                 raw ? sqlite3_errmsg(raw) : url.string());
 
-    sqlite3_exec(db_.get(), kSetup, nullptr, nullptr, nullptr);
+    // Another Trovan writing the same cache holds it only for a moment: wait for it.
+    sqlite3_busy_timeout(db_.get(), 5000);
+    // Without the write-ahead log (a file system that cannot map it) SQLite keeps its
+    // rollback journal: slower, equally safe, so a failure here is not one.
+    static_cast<void>(sqlite3_exec(db_.get(), kSetup, nullptr, nullptr, nullptr));
 
     // SQLite opens any file lazily; the version read is the first real look at it, so a
     // file that is not a database (or is damaged) fails here, as an open failure.
@@ -103,7 +128,9 @@ LibraryStore::LibraryStore(const std::filesystem::path& url) {
     version.reset();
     if (stepped == SQLITE_ROW && current == kSchemaVersion) return;
     // Any other version: the cache is thrown away whole and rebuilt by the next scan.
-    sqlite3_exec(db_.get(), schemaScript(kSchemaVersion).c_str(), nullptr, nullptr, nullptr);
+    if (sqlite3_exec(db_.get(), schemaScript(kSchemaVersion).c_str(), nullptr, nullptr,
+                     nullptr) != SQLITE_OK)
+        throw LibraryStoreError(LibraryStoreError::Kind::open, sqlite3_errmsg(db_.get()));
 }
 
 LibraryStore::~LibraryStore() = default;
@@ -128,7 +155,8 @@ TrackTable LibraryStore::loadTable() {
     };
     TrackTable table;
     TrackTable::Fields f;
-    while (sqlite3_step(st) == SQLITE_ROW) {
+    int rc;
+    while ((rc = sqlite3_step(st)) == SQLITE_ROW) {
         f.path = view(0);
         f.mtime = sqlite3_column_double(st, 1);
         f.size = sqlite3_column_int64(st, 2);
@@ -147,6 +175,7 @@ TrackTable LibraryStore::loadTable() {
         f.channels = sqlite3_column_int64(st, 15);
         table.add(f);
     }
+    if (rc != SQLITE_DONE) fail(db_.get(), "no se pudo leer la biblioteca");
     rowsHint_ = table.size();
     // The pages read on the way are not needed again soon.
     sqlite3_db_release_memory(db_.get());
@@ -156,13 +185,17 @@ TrackTable LibraryStore::loadTable() {
 void LibraryStore::checkpoint() {
     std::lock_guard lock(mutex_);
     if (!db_) return;
-    sqlite3_wal_checkpoint_v2(db_.get(), nullptr, SQLITE_CHECKPOINT_TRUNCATE, nullptr, nullptr);
+    // A checkpoint that cannot finish (a reader in another process) leaves the log for
+    // the next one; everything in it is committed and kept.
+    static_cast<void>(sqlite3_wal_checkpoint_v2(db_.get(), nullptr, SQLITE_CHECKPOINT_TRUNCATE,
+                                                nullptr, nullptr));
 }
 
 void LibraryStore::close() {
     std::unique_lock lock(mutex_, std::try_to_lock);
     if (!lock || !db_) return;
-    sqlite3_wal_checkpoint_v2(db_.get(), nullptr, SQLITE_CHECKPOINT_TRUNCATE, nullptr, nullptr);
+    static_cast<void>(sqlite3_wal_checkpoint_v2(db_.get(), nullptr, SQLITE_CHECKPOINT_TRUNCATE,
+                                                nullptr, nullptr));
     // The last connection to close removes the log.
     if (sqlite3_close(db_.get()) == SQLITE_OK) db_.release();
 }
@@ -170,7 +203,9 @@ void LibraryStore::close() {
 bool LibraryStore::isEmpty() {
     std::lock_guard lock(mutex_);
     auto s = prepare(db_.get(), "SELECT 1 FROM tracks LIMIT 1");
-    return sqlite3_step(s.get()) != SQLITE_ROW;
+    const int rc = sqlite3_step(s.get());
+    if (rc != SQLITE_ROW && rc != SQLITE_DONE) fail(db_.get(), "no se pudo leer la biblioteca");
+    return rc == SQLITE_DONE;
 }
 
 std::unordered_map<std::string, FileStamp> LibraryStore::stamps() {
@@ -178,9 +213,11 @@ std::unordered_map<std::string, FileStamp> LibraryStore::stamps() {
     auto s = prepare(db_.get(), kStamps);
     std::unordered_map<std::string, FileStamp> out;
     out.reserve(rowsHint_);
-    while (sqlite3_step(s.get()) == SQLITE_ROW)
+    int rc;
+    while ((rc = sqlite3_step(s.get())) == SQLITE_ROW)
         out.insert_or_assign(text(s.get(), 0), FileStamp{sqlite3_column_double(s.get(), 1),
                                                          sqlite3_column_int64(s.get(), 2)});
+    if (rc != SQLITE_DONE) fail(db_.get(), "no se pudo leer la biblioteca");
     rowsHint_ = out.size();
     return out;
 }
@@ -189,13 +226,15 @@ void LibraryStore::forEachStamp(
     const std::function<void(std::string_view path, const FileStamp&)>& visit) {
     std::lock_guard lock(mutex_);
     auto s = prepare(db_.get(), kStamps);
-    while (sqlite3_step(s.get()) == SQLITE_ROW) {
+    int rc;
+    while ((rc = sqlite3_step(s.get())) == SQLITE_ROW) {
         auto* p = reinterpret_cast<const char*>(sqlite3_column_text(s.get(), 0));
         std::string_view path =
             p ? std::string_view(p, static_cast<std::size_t>(sqlite3_column_bytes(s.get(), 0)))
               : std::string_view{};
         visit(path, FileStamp{sqlite3_column_double(s.get(), 1), sqlite3_column_int64(s.get(), 2)});
     }
+    if (rc != SQLITE_DONE) fail(db_.get(), "no se pudo leer la biblioteca");
 }
 
 void LibraryStore::apply(const std::vector<Track>& upserts,
@@ -206,11 +245,14 @@ void LibraryStore::apply(const std::vector<Track>& upserts,
 }
 
 LibraryStore::Batch::Batch(LibraryStore& store) : store_(store), lock_(store.mutex_) {
-    sqlite3_exec(store_.db_.get(), "BEGIN", nullptr, nullptr, nullptr);
+    exec(store_.db_.get(), "BEGIN", "no se pudo empezar a escribir en la base de datos");
 }
 
 LibraryStore::Batch::~Batch() {
-    if (open_) sqlite3_exec(store_.db_.get(), "ROLLBACK", nullptr, nullptr, nullptr);
+    // A failed rollback leaves nothing to undo: SQLite rolls back on its own when the
+    // transaction could not go on.
+    if (open_ && !sqlite3_get_autocommit(store_.db_.get()))
+        static_cast<void>(sqlite3_exec(store_.db_.get(), "ROLLBACK", nullptr, nullptr, nullptr));
 }
 
 void LibraryStore::Batch::add(const std::vector<Track>& upserts) {
@@ -219,7 +261,7 @@ void LibraryStore::Batch::add(const std::vector<Track>& upserts) {
 
 void LibraryStore::Batch::commit(const std::vector<std::string>& deletions) {
     store_.remove(deletions);
-    sqlite3_exec(store_.db_.get(), "COMMIT", nullptr, nullptr, nullptr);
+    exec(store_.db_.get(), "COMMIT", "no se pudo guardar la biblioteca");
     open_ = false;
     lock_.unlock();
 }
@@ -236,8 +278,7 @@ void LibraryStore::upsert(const std::vector<Track>& upserts) {
                        &t.album, &t.genre, int64_t{t.year}, int64_t{t.trackNumber},
                        int64_t{t.discNumber}, int64_t{t.durationMs}, &t.codec,
                        int64_t{t.sampleRate}, int64_t{t.bitrate}, int64_t{t.channels}});
-        sqlite3_step(s.get());
-        sqlite3_reset(s.get());
+        stepToEnd(db_.get(), s.get()); // a row that cannot be written is skipped
     }
 }
 
@@ -246,8 +287,7 @@ void LibraryStore::remove(const std::vector<std::string>& paths) {
     auto s = prepare(db_.get(), kDelete);
     for (const auto& path : paths) {
         bind(s.get(), {&path});
-        sqlite3_step(s.get());
-        sqlite3_reset(s.get());
+        stepToEnd(db_.get(), s.get());
     }
 }
 

@@ -80,7 +80,9 @@ std::optional<Track> Track::read(const std::string& path) {
     return read(path, FileStamp{FileStamp::seconds(st.st_mtim), static_cast<int64_t>(st.st_size)});
 }
 
-std::optional<Track> Track::read(const std::string& path, const FileStamp& stamp) {
+// TagLib and FFmpeg parse whatever the file holds; anything they throw (memory for an
+// absurd frame size) makes it a file that cannot be read, like any other.
+std::optional<Track> Track::read(const std::string& path, const FileStamp& stamp) try {
     Track t;
     t.path = path;
     t.mtime = stamp.mtime;
@@ -133,6 +135,8 @@ std::optional<Track> Track::read(const std::string& path, const FileStamp& stamp
     t.channels = probe->channels;
     t.codec = asciiUpper(ext);
     return t;
+} catch (const std::exception&) {
+    return std::nullopt;
 }
 
 int64_t Track::leadingInt(const std::optional<std::string>& value) {

@@ -600,6 +600,20 @@ TEST(ControllerLibrary, RequestsDuringAScanCollapseIntoOneForcedScan) {
               (std::vector<std::string>{"Biblioteca al día: 2 archivos · 2 leídos · 0 quitados",
                                         "Biblioteca al día: 2 archivos · 0 leídos · 0 quitados",
                                         "Biblioteca al día: 2 archivos · 2 leídos · 0 quitados"}));
+
+    // The cache breaks under the running program: the scan says so, in Spanish, and the
+    // flow comes back to rest (a later request still runs) instead of ending the program.
+    {
+        std::ofstream junk(h.home / "library.sqlite", std::ios::binary | std::ios::trunc);
+        junk << std::string(8192, 'x');
+    }
+    h.c().reindex(true);
+    h.settle();
+    EXPECT_FALSE(h.c().isScanning());
+    ASSERT_FALSE(h.reports.empty());
+    EXPECT_EQ(h.reports.back().text.rfind("No se pudo actualizar la biblioteca: ", 0), 0u)
+        << h.reports.back().text;
+    EXPECT_TRUE(h.reports.back().isError);
 }
 
 TEST(ControllerLibrary, ReloadKeepsTheArtistTheTrackAndOnlyLiveMarks) {
