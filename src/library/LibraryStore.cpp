@@ -128,8 +128,8 @@ LibraryStore::LibraryStore(const std::filesystem::path& url) {
     version.reset();
     if (stepped == SQLITE_ROW && current == kSchemaVersion) return;
     // Any other version: the cache is thrown away whole and rebuilt by the next scan.
-    if (sqlite3_exec(db_.get(), schemaScript(kSchemaVersion).c_str(), nullptr, nullptr,
-                     nullptr) != SQLITE_OK)
+    if (sqlite3_exec(db_.get(), schemaScript(kSchemaVersion).c_str(), nullptr, nullptr, nullptr) !=
+        SQLITE_OK)
         throw LibraryStoreError(LibraryStoreError::Kind::open, sqlite3_errmsg(db_.get()));
 }
 
