@@ -273,8 +273,8 @@ AudioEngine::~AudioEngine() {
 }
 
 void AudioEngine::bumpGeneration() {
-    if (generation_ == std::numeric_limits<int64_t>::max()) std::terminate();
-    ++generation_;
+    // Only equality matters: wrapping round after 2^63 stops cannot confuse anything.
+    generation_ = generation_ == std::numeric_limits<int64_t>::max() ? 0 : generation_ + 1;
 }
 
 void AudioEngine::stopStep() {
@@ -348,11 +348,14 @@ OutputEvents AudioEngine::outputEvents() {
 void AudioEngine::play() {
     if (!file_ || isPlaying_) return;
     const double rate = file_->format.sampleRate;
+    // The stop time is always within the file; should it ever not be, play from the
+    // start rather than from a nonsensical frame.
     const double product = stoppedAt_ * rate;
-    if (!std::isfinite(product) || product < 0 ||
-        product >= static_cast<double>(std::numeric_limits<int64_t>::max()))
-        std::terminate();
-    const auto startFrame = static_cast<int64_t>(product);
+    const bool valid = std::isfinite(product) && product >= 0;
+    const auto startFrame = !valid ? int64_t{0}
+                            : product >= static_cast<double>(file_->frames)
+                                ? file_->frames
+                                : static_cast<int64_t>(product);
     if (startFrame >= file_->frames) {
         finishTrack();
         return;
