@@ -231,7 +231,7 @@ private:
 };
 
 inline bool haveTmux() {
-    return std::system("command -v tmux >/dev/null 2>&1") == 0;
+    return fixtures::onPath("tmux");
 }
 
 // Four 20-second tracks by three artists, two of them in one album.
