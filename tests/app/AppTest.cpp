@@ -1,6 +1,6 @@
-// The program's spine: the small-window frame, colour depth, coalesced frames and the
-// ticker inside the process; and the real program started with its standard descriptors
-// pointed at pipes, files and pseudo-terminals, for what happens before the full screen.
+// The program's spine: colour depth, coalesced frames and the ticker inside the process;
+// and the real program started with its standard descriptors pointed at pipes, files and
+// pseudo-terminals, for what happens before the full screen.
 
 #include "app/App.h"
 #include "library/LibraryStore.h"
@@ -93,30 +93,6 @@ Result run(const std::string& args, const std::string& env = "") {
 }
 
 } // namespace
-
-TEST(AppFrame, BelowSixtyBySixteenOnlyTheCentredMessageShows) {
-    asio::io_context io;
-    App app(io, testStore());
-    auto row = [&](Size size, int y) {
-        app.controller().resize(size);
-        const App::Frame f = App::composeFrame(app.controller());
-        EXPECT_EQ(f.buffer.width(), size.width);
-        EXPECT_EQ(f.buffer.height(), size.height);
-        std::string s;
-        for (int x = 0; x < f.buffer.width() && y < f.buffer.height(); ++x)
-            s += f.buffer.at(x, y).ch.str();
-        return s;
-    };
-    const std::string message = "Agranda la terminal (m\xC3\xADnimo 60\xC3\x97"
-                                "16)";
-    EXPECT_EQ(row({59, 16}, 8), std::string(12, ' ') + message + std::string(13, ' '));
-    EXPECT_EQ(row({60, 15}, 7), std::string(13, ' ') + message + std::string(13, ' '));
-    EXPECT_EQ(row({10, 3}, 1), "Agranda l\xE2\x80\xA6"); // cut to the width
-    for (int y = 0; y < 16; ++y)
-        EXPECT_EQ(row({60, 16}, y).find("Agranda"), std::string::npos);
-    for (Size s : {Size{0, 0}, Size{1, 1}, Size{0, 30}, Size{300, 0}})
-        row(s, 0);
-}
 
 TEST(AppFrame, ColourDepthFollowsColorterm) {
     for (const char* yes : {"truecolor", "24bit", "x-truecolor-y"})

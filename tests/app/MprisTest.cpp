@@ -78,14 +78,12 @@ struct Clients {
 class SignalLog {
 public:
     SignalLog(const std::string& address, const fs::path& file) : file_(file) {
-        const fs::path pid = file.string() + ".pid";
-        std::system(("dbus-monitor --address " + shellQuote(address) +
-                     " \"type='signal',path='/org/mpris/MediaPlayer2'\" > " +
-                     shellQuote(file.string()) + " 2>/dev/null & echo $! > " +
-                     shellQuote(pid.string()))
-                        .c_str());
-        waitUntil([&] { return fs::exists(pid) && fs::file_size(pid) > 0; }, 5s);
-        pid_ = std::atoi(slurp(pid).c_str());
+        pid_ = std::atoi(
+            fixtures::runProcess({"sh", "-c",
+                                  "dbus-monitor --address " + shellQuote(address) +
+                                      " \"type='signal',path='/org/mpris/MediaPlayer2'\" > " +
+                                      shellQuote(file.string()) + " 2>/dev/null & echo $!"})
+                .output.c_str());
         // It is listening once it has written its own connection's greeting.
         waitUntil([&] { return fs::exists(file) && fs::file_size(file) > 0; }, 5s);
     }
@@ -114,43 +112,36 @@ struct Library {
 Library makeLibrary(const fs::path& dir) {
     Library l;
     l.music = dir / "music";
-    auto tone = [](double hz, std::map<std::string, std::vector<std::string>> tags,
-                   std::vector<fixtures::Cover> covers) {
+    auto put = [&](const std::string& sub, const std::string& name, double hz,
+                   std::map<std::string, std::vector<std::string>> tags,
+                   std::vector<fixtures::Cover> covers = {}) {
         fixtures::Tone t;
         t.seconds = 5;
         t.frequency = hz;
         t.tags = std::move(tags);
         t.covers = std::move(covers);
-        return t;
-    };
-    auto put = [&](const std::string& sub, const std::string& name, const fixtures::Tone& t) {
         fs::create_directories(l.music / sub);
         return fixtures::copyTo(fixtures::cached("mpris-" + name, t), l.music / sub, name);
     };
-    l.uno = put("alfa", "uno.flac",
-                tone(330,
-                     {{"ARTIST", {"Alfa"}},
-                      {"ALBUMARTIST", {"Alfa Trío"}},
-                      {"ALBUM", {"Primero"}},
-                      {"TITLE", {"Uno"}},
-                      {"TRACKNUMBER", {"1"}},
-                      {"DISCNUMBER", {"2"}}},
-                     {fixtures::Cover{}}));
+    auto alfa = [&](const std::string& name, double hz, const std::string& title,
+                    const std::string& number, const fixtures::Cover& cover) {
+        return put("alfa", name, hz,
+                   {{"ARTIST", {"Alfa"}},
+                    {"ALBUMARTIST", {"Alfa Trío"}},
+                    {"ALBUM", {"Primero"}},
+                    {"TITLE", {title}},
+                    {"TRACKNUMBER", {number}},
+                    {"DISCNUMBER", {"2"}}},
+                   {cover});
+    };
+    l.uno = alfa("uno.flac", 330, "Uno", "1", {});
     fixtures::Cover blue;
     blue.kind = fixtures::ImageKind::png;
     blue.color = "blue";
-    l.dos = put("alfa", "dos.flac",
-                tone(392,
-                     {{"ARTIST", {"Alfa"}},
-                      {"ALBUMARTIST", {"Alfa Trío"}},
-                      {"ALBUM", {"Primero"}},
-                      {"TITLE", {"Dos"}},
-                      {"TRACKNUMBER", {"2"}},
-                      {"DISCNUMBER", {"2"}}},
-                     {blue}));
-    l.tres = put("beta", "tres.flac", tone(262, {{"ARTIST", {"Beta"}}, {"TITLE", {"Tres"}}}, {}));
-    l.cuatro = put("gamma", "cuatro.flac",
-                   tone(294, {{"ARTIST", {"Gamma"}}, {"ALBUM", {"X"}}, {"TITLE", {"Cuatro"}}}, {}));
+    l.dos = alfa("dos.flac", 392, "Dos", "2", blue);
+    l.tres = put("beta", "tres.flac", 262, {{"ARTIST", {"Beta"}}, {"TITLE", {"Tres"}}});
+    l.cuatro = put("gamma", "cuatro.flac", 294,
+                   {{"ARTIST", {"Gamma"}}, {"ALBUM", {"X"}}, {"TITLE", {"Cuatro"}}});
     std::ofstream(l.music / "gamma" / "cover.jpg") << "no soy una imagen";
     return l;
 }
@@ -290,45 +281,29 @@ TEST(Mpris, PublishesPlaybackAndFollowsTheDesktopsCommands) {
 
 namespace {
 
-// Sends `count` calls at once on one connection and waits for every answer. Returns
-// how many were answered (with a reply or an error).
-int flood(const std::string& address, int count) {
+// Sends `count` calls at once on one connection to the bus of DBUS_SESSION_BUS_ADDRESS and
+// waits for every answer. Returns how many were answered (with a reply or an error).
+int flood(int count) {
     sd_bus* raw = nullptr;
-    if (sd_bus_new(&raw) < 0) return -1;
+    if (sd_bus_open_user(&raw) < 0) return -1;
     std::unique_ptr<sd_bus, decltype(&sd_bus_flush_close_unref)> bus(raw, sd_bus_flush_close_unref);
-    if (sd_bus_set_address(raw, address.c_str()) < 0 || sd_bus_set_bus_client(raw, 1) < 0 ||
-        sd_bus_start(raw) < 0)
-        return -1;
     int answered = 0;
     auto counted = [](sd_bus_message*, void* n, sd_bus_error*) {
         ++*static_cast<int*>(n);
         return 0;
     };
+    auto call = [&](const char* interface, const char* member, const char* types, auto... args) {
+        return sd_bus_call_method_async(raw, nullptr, kName, kPath, interface, member, counted,
+                                        &answered, types, args...);
+    };
     const double volumes[] = {0.5, NAN, INFINITY, 10, -3, 0.25};
     for (int i = 0; i < count; ++i) {
-        sd_bus_message* m = nullptr;
-        int r = 0;
-        switch (i % 4) {
-        case 0:
-            r = sd_bus_message_new_method_call(raw, &m, kName, kPath,
-                                               "org.freedesktop.DBus.Properties", "Set");
-            if (r >= 0)
-                r = sd_bus_message_append(m, "ssv", kPlayer, "Volume", "d", volumes[i / 4 % 6]);
-            break;
-        case 1:
-            r = sd_bus_message_new_method_call(raw, &m, kName, kPath, kPlayer, "Seek");
-            if (r >= 0) r = sd_bus_message_append(m, "x", (i % 8 == 1 ? -1 : 1) * int64_t(7e17));
-            break;
-        case 2:
-            r = sd_bus_message_new_method_call(raw, &m, kName, kPath, kPlayer, "PlayPause");
-            break;
-        case 3:
-            r = sd_bus_message_new_method_call(raw, &m, kName, kPath, kPlayer, "OpenUri");
-            if (r >= 0) r = sd_bus_message_append(m, "s", "file:///no/existe.flac");
-            break;
-        }
-        if (r >= 0) r = sd_bus_call_async(raw, nullptr, m, counted, &answered, 30'000'000);
-        sd_bus_message_unref(m);
+        const int r = i % 4 == 0 ? call("org.freedesktop.DBus.Properties", "Set", "ssv", kPlayer,
+                                        "Volume", "d", volumes[i / 4 % 6])
+                      : i % 4 == 1
+                          ? call(kPlayer, "Seek", "x", (i % 8 == 1 ? -1 : 1) * int64_t(7e17))
+                      : i % 4 == 2 ? call(kPlayer, "PlayPause", "")
+                                   : call(kPlayer, "OpenUri", "s", "file:///no/existe.flac");
         if (r < 0) return -1;
     }
     const auto end = std::chrono::steady_clock::now() + 60s;
@@ -338,27 +313,6 @@ int flood(const std::string& address, int count) {
     }
     return answered;
 }
-
-// A listening socket that never accepts: connecting works, nothing ever answers.
-class SilentSocket {
-public:
-    explicit SilentSocket(const fs::path& path) {
-        fd_ = socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0);
-        sockaddr_un addr{};
-        addr.sun_family = AF_UNIX;
-        std::snprintf(addr.sun_path, sizeof addr.sun_path, "%s", path.c_str());
-        ok_ = fd_ >= 0 && bind(fd_, reinterpret_cast<sockaddr*>(&addr), sizeof addr) == 0 &&
-              listen(fd_, 16) == 0;
-    }
-    ~SilentSocket() {
-        if (fd_ >= 0) close(fd_);
-    }
-    bool ok() const { return ok_; }
-
-private:
-    int fd_ = -1;
-    bool ok_ = false;
-};
 
 } // namespace
 
@@ -382,12 +336,11 @@ TEST(Mpris, BadCallsGetAnErrorOrAClampAndAFloodIsAnswered) {
     };
     EXPECT_TRUE(invalid(c.set("Volume", "double:nan")));
     EXPECT_TRUE(invalid(c.set("Volume", "string:alto")));
-    EXPECT_EQ(c.set("Volume", "double:10").status, 0);
-    EXPECT_EQ(c.get("Volume"), "double 1");
-    EXPECT_EQ(c.set("Volume", "double:-inf").status, 0);
-    EXPECT_EQ(c.get("Volume"), "double 0");
-    EXPECT_EQ(c.set("Volume", "double:inf").status, 0);
-    EXPECT_EQ(c.get("Volume"), "double 1");
+    for (const auto& [value, clamped] :
+         {std::pair{"10", "double 1"}, {"-inf", "double 0"}, {"inf", "double 1"}}) {
+        EXPECT_EQ(c.set("Volume", std::string("double:") + value).status, 0) << value;
+        EXPECT_EQ(c.get("Volume"), clamped) << value;
+    }
     EXPECT_TRUE(s.waitFor("Vol 100%"));
     EXPECT_TRUE(invalid(c.set("LoopStatus", "string:Siempre")));
     EXPECT_EQ(c.ctl({"loop"}), "None");
@@ -412,18 +365,13 @@ TEST(Mpris, BadCallsGetAnErrorOrAClampAndAFloodIsAnswered) {
     }
     EXPECT_EQ(c.meta("xesam:title"), "Uno");
 
-    EXPECT_EQ(flood(bus.address(), 1000), 1000);
+    EXPECT_EQ(flood(1000), 1000);
     // Still answering, still drawing, and the settings hold only clamped values.
     EXPECT_EQ(c.meta("xesam:title"), "Uno");
     EXPECT_EQ(c.get("Volume"), "double 1"); // the last volume of the flood was 10
     s.text("-");
     EXPECT_TRUE(s.waitFor("Vol 95%")) << s.screen();
     EXPECT_TRUE(s.configHas("\"volume\": 0.95"));
-    const std::string config = s.config();
-    const auto at = config.find("\"volume\": ");
-    ASSERT_NE(at, npos) << config;
-    const double saved = std::atof(config.c_str() + at + 10);
-    EXPECT_TRUE(saved >= 0 && saved <= 1) << config;
     s.text("q");
     s.expectCleanExit();
 }
@@ -431,14 +379,20 @@ TEST(Mpris, BadCallsGetAnErrorOrAClampAndAFloodIsAnswered) {
 TEST(Mpris, ABusThatNeverAnswersOrGoesAwayCostsNothing) {
     REQUIRE_BUS_TOOLS();
     Session s;
+    // A listening socket that never accepts: connecting works, nothing ever answers.
+    sockaddr_un addr{};
+    addr.sun_family = AF_UNIX;
     const fs::path path = s.dir() / "silent-bus";
-    SilentSocket silent(path);
-    ASSERT_TRUE(silent.ok());
+    std::snprintf(addr.sun_path, sizeof addr.sun_path, "%s", path.c_str());
+    const int silent = socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0);
+    ASSERT_EQ(bind(silent, reinterpret_cast<sockaddr*>(&addr), sizeof addr), 0);
+    ASSERT_EQ(listen(silent, 16), 0);
     s.busAddress = "unix:path=" + path.string();
     s.start();
     ASSERT_TRUE(s.waitForSession()) << s.screen();
     s.text("q");
     s.expectCleanExit();
+    close(silent);
 
     // The bus stops under a running program: it goes on, idle, without it.
     auto bus = std::make_unique<fixtures::SessionBus>();

@@ -125,15 +125,9 @@ public:
     }
 
     std::string tmux(const std::string& args) {
-        std::string out;
-        if (FILE* p = popen(
-                ("tmux -S " + shellQuote((run_ / "sock").string()) + " " + args).c_str(), "r")) {
-            char buf[4096];
-            for (std::size_t n; (n = fread(buf, 1, sizeof buf, p)) > 0;)
-                out.append(buf, n);
-            pclose(p);
-        }
-        return out;
+        return fixtures::runProcess(
+                   {"sh", "-c", "tmux -S " + shellQuote((run_ / "sock").string()) + " " + args})
+            .output;
     }
     std::string file(const std::string& name) { return slurp(run_ / name); }
     bool has(const std::string& name) { return fs::exists(run_ / name); }
@@ -193,18 +187,11 @@ public:
 
     // True when the program's media player is on the session bus it was given.
     bool playerPublished() {
-        std::string out;
-        const std::string cmd = "DBUS_SESSION_BUS_ADDRESS=" + shellQuote(busAddress) +
-                                " dbus-send --session --print-reply --dest=org.freedesktop.DBus "
-                                "/ org.freedesktop.DBus.NameHasOwner "
-                                "string:org.mpris.MediaPlayer2.trovan 2>/dev/null";
-        if (FILE* p = popen(cmd.c_str(), "r")) {
-            char buf[512];
-            for (std::size_t n; (n = fread(buf, 1, sizeof buf, p)) > 0;)
-                out.append(buf, n);
-            pclose(p);
-        }
-        return out.find("boolean true") != npos;
+        return fixtures::runProcess({"env", "DBUS_SESSION_BUS_ADDRESS=" + busAddress, "dbus-send",
+                                     "--session", "--print-reply", "--dest=org.freedesktop.DBus",
+                                     "/", "org.freedesktop.DBus.NameHasOwner",
+                                     "string:org.mpris.MediaPlayer2.trovan"})
+                   .output.find("boolean true") != npos;
     }
 
     // User plus system CPU ticks (fields 14 and 15 of /proc/<pid>/stat).
@@ -244,7 +231,7 @@ private:
 };
 
 inline bool haveTmux() {
-    return std::system("command -v tmux >/dev/null 2>&1") == 0;
+    return fixtures::onPath("tmux");
 }
 
 // Four 20-second tracks by three artists, two of them in one album.
