@@ -167,13 +167,14 @@ TEST(CommandLine, HelpAndVersionPrintAndNothingElse) {
     }
 }
 
-// FFmpeg and the sound server's client bring some hundred and fifty libraries; they are
-// modules loaded after the first frame, never at start.
+// FFmpeg, the sound server's client and the session bus bring some hundred and fifty
+// libraries; they are modules loaded after the first frame, never at start.
 TEST(CommandLine, StartsWithoutLoadingFFmpegOrTheSoundServer) {
     const Result r = run("--help </dev/null", "LD_DEBUG=files");
     EXPECT_EQ(r.status, 0);
     ASSERT_NE(r.err.find("libtag"), std::string::npos) << "no loader trace:\n" << r.err;
-    for (const char* lib : {"libavcodec", "libavformat", "libswresample", "libcubeb"})
+    for (const char* lib :
+         {"libavcodec", "libavformat", "libswresample", "libcubeb", "libsdbus", "libsystemd"})
         EXPECT_EQ(r.err.find(lib), std::string::npos) << lib;
 }
 
@@ -192,6 +193,16 @@ TEST(CommandLine, RefusesToRunWithoutAnInteractiveTerminal) {
         char c;
         EXPECT_EQ(read(master, &c, 1), -1) << redirections << ": the terminal got output";
     }
+    // On a terminal, a cache that is not a database: one line, status 1, the terminal
+    // left alone.
+    fixtures::TempDir home("trovan-junk-home");
+    std::ofstream(home / "library.sqlite") << std::string(4096, 'x');
+    // (A program that started anyway would wait for keys: the timeout ends it.)
+    const Result r = run(fromTty + tty, "TROVAN_HOME=" + home.path().string() + " timeout 10");
+    EXPECT_EQ(r.status, 1);
+    EXPECT_EQ(r.err.rfind("No se pudo abrir la biblioteca: ", 0), 0u) << r.err;
+    char c;
+    EXPECT_EQ(read(master, &c, 1), -1) << "the terminal got output";
     close(slave);
     close(master);
 }
