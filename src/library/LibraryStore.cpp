@@ -67,8 +67,10 @@ using Value = std::variant<const std::string*, int64_t, double>;
 void bind(sqlite3_stmt* s, std::initializer_list<Value> values) {
     int index = 1;
     for (const auto& v : values) {
+        // With its length, so a value holding a NUL is stored whole.
         if (auto* str = std::get_if<const std::string*>(&v))
-            sqlite3_bind_text(s, index, (*str)->c_str(), -1, SQLITE_TRANSIENT);
+            sqlite3_bind_text64(s, index, (*str)->data(), (*str)->size(), SQLITE_TRANSIENT,
+                                SQLITE_UTF8);
         else if (auto* i = std::get_if<int64_t>(&v))
             sqlite3_bind_int64(s, index, *i);
         else

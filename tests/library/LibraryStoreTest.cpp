@@ -49,7 +49,9 @@ int64_t execRaw(const std::filesystem::path& file, const std::string& sql) {
 TEST(LibraryStore, KeepsEveryFieldAcrossReopeningAndAppliesInOrder) {
     fx::TempDir dir;
     auto file = dir / "a" / "b" / "library.sqlite"; // folders are created
+    // A tag may hold a NUL: it is kept whole.
     std::vector<Track> tracks = {sample("/a"), sample("/b", "日本語"), sample("/c"),
+                                 sample("/n", std::string("antes\0después", 15)),
                                  Track{.path = "/m/empty.mp3", .mtime = -0.0}};
     {
         LibraryStore store(file);
@@ -62,7 +64,7 @@ TEST(LibraryStore, KeepsEveryFieldAcrossReopeningAndAppliesInOrder) {
 
     // The later of two records for one path wins; upserts come before deletions.
     store.apply({sample("/a", "first"), sample("/a", "second"), sample("/d")},
-                {"/d", "/b", "/zz", "/m/empty.mp3"});
+                {"/d", "/b", "/zz", "/m/empty.mp3", "/n"});
     const std::vector<Track> expected = {sample("/a", "second"), sample("/c")};
     EXPECT_EQ(sorted(store.loadAll()), expected);
     store.apply({}, {});
