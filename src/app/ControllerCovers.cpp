@@ -54,7 +54,8 @@ void AppController::loadCover(const Track& track, bool force) {
         auto data = CoverArtRenderer::imageData(path);
         std::optional<std::vector<RGB>> pixels;
         if (data) pixels = CoverArtRenderer::pixels(*data, columns, rows);
-        // Bytes that do not decode here are no cover for the desktop either.
+        // Bytes that do not decode here are no cover for the desktop either; those that do
+        // go to it as they are, decoded once.
         if (!pixels) data.reset();
         post([alive, this, path, pixels = std::move(pixels), data = std::move(data)]() mutable {
             if (!alive.lock() || coverPath_ != path) return;

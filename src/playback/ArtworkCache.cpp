@@ -1,7 +1,6 @@
 #include "playback/ArtworkCache.h"
 
 #include "library/AppPaths.h"
-#include "media/ImageDecoder.h"
 #include "playback/Fingerprint.h"
 
 #include <algorithm>
@@ -47,10 +46,6 @@ void ArtworkCache::prune(const fs::path& keep) {
 
 std::optional<fs::path> ArtworkCache::write(int generation,
                                             const std::vector<std::uint8_t>& bytes) {
-    if (!ImageDecoder::isImage(bytes)) {
-        clear(generation);
-        return std::nullopt;
-    }
     const std::string_view view(reinterpret_cast<const char*>(bytes.data()), bytes.size());
     // Named by content: a client that keeps a picture per URL never shows an old one.
     const fs::path file = folder_ / (kPrefix + fingerprint(view) + imageExtension(bytes));

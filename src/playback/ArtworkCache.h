@@ -20,8 +20,8 @@ public:
     int next() { return ++latest_; }
     int latest() const { return latest_; }
 
-    // Writes `bytes` atomically (when they are a picture) and removes every other cover.
-    // None when the bytes are not a picture, cannot be written, or the generation is stale.
+    // Writes `bytes` (a picture known to decode) atomically and removes every other cover.
+    // None when they cannot be written or the generation is stale.
     std::optional<std::filesystem::path> write(int generation,
                                                const std::vector<std::uint8_t>& bytes);
     // Removes every cover, unless the generation is stale.

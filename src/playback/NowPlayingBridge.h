@@ -77,8 +77,9 @@ public:
     // when they need it.
     void update(const PlaybackState& state);
     void updateSettings(float volume, bool shuffle, RepeatMode repeatMode);
-    // The current track's encoded cover (embedded or folder image), or none. Published
-    // once it is known to decode and has been written where clients can read it.
+    // The current track's encoded cover (embedded or folder image), or none. The caller
+    // passes only bytes it has decoded (the player panel draws them), so they are not
+    // decoded again; published once written where clients can read it.
     void setArtwork(std::optional<std::vector<std::uint8_t>> data);
     // The position jumped.
     void seeked();
