@@ -103,6 +103,8 @@ public:
     // Paths of the track rows among `rows`, in order.
     static std::vector<std::string> trackPaths(const LibraryIndex& index,
                                                const std::vector<LibraryRow>& rows);
+    // Paths of the shown album `album`'s track rows, in order.
+    std::vector<std::string> albumPaths(int album) const;
     std::vector<std::string> targetPathsUnderCursor() const;
     // Marked tracks in list order, else the tracks under the cursor, else the playing one.
     std::vector<std::string> targetPaths() const;

@@ -137,6 +137,14 @@ std::vector<std::string> AppController::trackPaths(const LibraryIndex& index,
     return paths;
 }
 
+std::vector<std::string> AppController::albumPaths(int album) const {
+    std::vector<std::string> paths;
+    for (const auto& r : state_.libraryRows)
+        if (const auto* t = r.get<LibraryRow::Track>(); t && t->album == album)
+            paths.emplace_back(state_.index.table().path(t->id));
+    return paths;
+}
+
 std::vector<std::string> AppController::targetPathsUnderCursor() const {
     switch (state_.focus) {
     case Focus::artists:
@@ -147,13 +155,7 @@ std::vector<std::string> AppController::targetPathsUnderCursor() const {
         if (c < 0 || c >= static_cast<int>(state_.libraryRows.size())) return {};
         const LibraryRow& row = state_.libraryRows[static_cast<std::size_t>(c)];
         if (const auto* t = row.get<LibraryRow::Track>()) return {state_.index.table().path(t->id)};
-        if (const auto* a = row.get<LibraryRow::Album>()) {
-            std::vector<std::string> paths;
-            for (const auto& r : state_.libraryRows)
-                if (const auto* t = r.get<LibraryRow::Track>(); t && t->album == a->album)
-                    paths.emplace_back(state_.index.table().path(t->id));
-            return paths;
-        }
+        if (const auto* a = row.get<LibraryRow::Album>()) return albumPaths(a->album);
         return {};
     }
     case Focus::player:

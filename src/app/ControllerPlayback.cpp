@@ -91,10 +91,7 @@ void AppController::activate() {
                 paths.begin();
             playback_->play(std::move(paths), static_cast<int>(at));
         } else if (const auto* a = row.get<LibraryRow::Album>()) {
-            std::vector<std::string> paths;
-            for (const auto& r : state_.libraryRows)
-                if (const auto* t2 = r.get<LibraryRow::Track>(); t2 && t2->album == a->album)
-                    paths.emplace_back(state_.index.table().path(t2->id));
+            auto paths = albumPaths(a->album);
             if (!paths.empty()) playback_->play(std::move(paths), 0);
         }
         break;
