@@ -135,6 +135,18 @@ BENCHMARK(BM_StartOnLargeCache)
     ->Iterations(5)
     ->Unit(benchmark::kMillisecond);
 
+// The real program, idle on the loaded library: after the start-up rescan's summary has
+// gone away. False (the benchmark skipped) when no summary comes.
+bool settled(Running& app, benchmark::State& state) {
+    if (!app.waitFor(kScanDone, std::chrono::seconds(60))) {
+        state.SkipWithError("no scan summary");
+        return false;
+    }
+    std::this_thread::sleep_for(std::chrono::seconds(5));
+    app.drain(std::chrono::milliseconds(100));
+    return true;
+}
+
 // The real program, idle on the loaded library: from sending a key to the end of the
 // frame that answers it, on each pane and for search keystrokes (median and slowest).
 void BM_KeysOnTerminal(benchmark::State& state) {
@@ -143,12 +155,7 @@ void BM_KeysOnTerminal(benchmark::State& state) {
                       backspace = "\x7f";
     for (auto _ : state) {
         Running app(home, {});
-        if (!app.waitFor(kScanDone, std::chrono::seconds(60))) {
-            state.SkipWithError("no scan summary");
-            return;
-        }
-        std::this_thread::sleep_for(std::chrono::seconds(5)); // the summary goes away
-        app.drain(std::chrono::milliseconds(100));
+        if (!settled(app, state)) return;
         double slowest = 0;
         auto answer = [&](const std::string& key, const std::string& name) {
             std::vector<double> ms;
@@ -189,12 +196,7 @@ void BM_ForcedRescan(benchmark::State& state) {
     const fs::path& home = cachedHome(static_cast<int>(state.range(0)));
     for (auto _ : state) {
         Running app(home, {});
-        if (!app.waitFor(kScanDone, std::chrono::seconds(60))) {
-            state.SkipWithError("no scan summary");
-            return;
-        }
-        std::this_thread::sleep_for(std::chrono::seconds(5)); // the summary goes away
-        app.drain(std::chrono::milliseconds(10));
+        if (!settled(app, state)) return;
         const double before = statusMB(app.pid(), "VmRSS");
         std::ofstream(("/proc/" + std::to_string(app.pid()) + "/clear_refs").c_str()) << "5";
         const auto t0 = Clock::now();
