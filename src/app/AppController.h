@@ -5,11 +5,12 @@
 // the loop's post. The implementation is split by concern: input routing
 // (ControllerInput.cpp), navigation and selection (ControllerNavigation.cpp), library
 // flows (ControllerLibrary.cpp), playback and settings (ControllerPlayback.cpp), the
-// equalizer (ControllerEqualizer.cpp), covers and lyrics (ControllerCovers.cpp) and the
-// desktop's media controls (ControllerNowPlaying.cpp).
+// equalizer (ControllerEqualizer.cpp), covers and lyrics (ControllerCovers.cpp), tag editing
+// (ControllerEditing.cpp) and the desktop's media controls (ControllerNowPlaying.cpp).
 
 #include "library/LibraryIndex.h"
 #include "library/SettingsStore.h"
+#include "media/TagLibFile.h"
 #include "playback/AudioOutput.h"
 #include "state/Action.h"
 #include "state/AppState.h"
@@ -34,6 +35,8 @@ class LibraryStore;
 class LoopSource;
 class NowPlayingBridge;
 class PlaybackController;
+class TagEditor;
+struct TagWriteResult;
 struct RemoteCommand;
 class WorkerPool;
 
@@ -150,6 +153,19 @@ public:
     void toggleLyrics();
     void loadLyrics();
 
+    // --- Tag editing (ControllerEditing.cpp)
+    void openTagForm();
+    void handleFormKey(const Key& key);
+    void saveForm();
+    void editAllTags();
+    void editLyrics();
+    void setCover(const std::string& image);
+    void removeCover();
+    void writeTags(const TagPatch& patch, std::vector<std::string> paths);
+    void writePicture(std::optional<Picture> picture, const std::string& message,
+                      std::vector<std::string> paths);
+    void finishWrite(const TagWriteResult& result, const std::string& success);
+
     // --- Desktop media controls (ControllerNowPlaying.cpp)
     // Publishes the player on the session bus, in the background; called once the first
     // frame is out.
@@ -158,6 +174,20 @@ public:
     void handleRemote(const RemoteCommand& command);
 
 private:
+    using WriteJob =
+        std::function<TagWriteResult(TagEditor&, const std::vector<std::string>&)>;
+    // The playing track let go for a write, to be taken up again where it was.
+    struct Resume {
+        std::string path;
+        double position = 0;
+        bool playing = false;
+    };
+    void startWrite(std::vector<std::string> paths, std::string success, bool picture,
+                    WriteJob job);
+    void resumeAfterWrite(const Resume& resume);
+    // Runs the user's editor on `text`; the screen is redrawn in full afterwards.
+    std::optional<std::string> runEditor(const std::string& text, const std::string& name);
+
     void createNowPlaying();
     void publishSettings();
 
@@ -191,6 +221,7 @@ private:
     Layout layout_;
     std::unique_ptr<PlaybackController> playback_;
     std::unique_ptr<NowPlayingBridge> nowPlaying_;
+    std::shared_ptr<TagEditor> tagEditor_;
 
     bool scanning_ = false;
     std::optional<bool> pendingReindex_;

@@ -41,11 +41,7 @@ void AppController::handleKey(const Key& key) {
         handleEqualizerKey(key);
         break;
     case Overlay::Kind::tagForm:
-        // The form's own editing arrives with tag editing; until then it only closes.
-        if (key.kind == Key::Kind::escape) {
-            state_.overlay = Overlay::none();
-            state_.form.reset();
-        }
+        handleFormKey(key);
         break;
     case Overlay::Kind::roots:
         handleRootsKey(key);
@@ -356,11 +352,19 @@ void AppController::dispatch(const Action& action) {
         toggleLyrics();
         break;
     case K::editTags:
+        openTagForm();
+        break;
     case K::editAllTags:
+        editAllTags();
+        break;
     case K::editLyrics:
+        editLyrics();
+        break;
     case K::setCover:
+        setCover(action.text());
+        break;
     case K::removeCover:
-        // Tag and cover editing are not part of this program yet.
+        removeCover();
         break;
     case K::quit:
         quit();

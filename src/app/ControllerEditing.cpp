@@ -1,0 +1,297 @@
+// Tag editing: the in-screen form, the tag and lyrics documents in the user's editor,
+// and the cover commands. File work runs on the worker pool; the playing track is let go
+// before its file is rewritten and taken up again at the same position afterwards.
+
+#include "app/AppController.h"
+
+#include "app/WorkerPool.h"
+#include "media/ImageDecoder.h"
+#include "playback/AudioEngine.h"
+#include "playback/PlaybackController.h"
+#include "tags/TagDocument.h"
+#include "tags/TagEditor.h"
+#include "terminal/ExternalEditor.h"
+#include "state/CommandParser.h"
+
+#include <algorithm>
+#include <fstream>
+#include <iterator>
+
+namespace trovan {
+
+namespace {
+
+std::string fileName(const std::string& path) {
+    auto slash = path.rfind('/');
+    return slash == std::string::npos ? path : path.substr(slash + 1);
+}
+
+std::string expandHome(const std::string& path) {
+    if (path == "~" || path.starts_with("~/")) {
+        const char* home = std::getenv("HOME");
+        if (home && *home) return std::string(home) + path.substr(1);
+    }
+    return path;
+}
+
+std::optional<std::vector<std::uint8_t>> readBytes(const std::string& path) {
+    std::ifstream in(path, std::ios::binary);
+    if (!in) return std::nullopt;
+    std::vector<std::uint8_t> bytes((std::istreambuf_iterator<char>(in)),
+                                    std::istreambuf_iterator<char>());
+    if (in.bad()) return std::nullopt;
+    return bytes;
+}
+
+std::string lowerExtension(const std::string& path) {
+    const std::string name = fileName(path);
+    auto dot = name.rfind('.');
+    std::string ext = dot == std::string::npos ? "" : name.substr(dot + 1);
+    for (char& c : ext)
+        if (c >= 'A' && c <= 'Z') c = static_cast<char>(c - 'A' + 'a');
+    return ext;
+}
+
+constexpr const char* kNoTargets = "Selecciona una canción, un álbum o un artista";
+
+} // namespace
+
+// --- The form
+
+void AppController::openTagForm() {
+    auto paths = targetPaths();
+    if (paths.empty()) {
+        report(kNoTargets, true);
+        return;
+    }
+    pool_.submit([this, alive = std::weak_ptr<char>(alive_), post = host_.post,
+                  paths = std::move(paths)]() mutable {
+        auto properties = TagEditor::properties(paths);
+        post([this, alive, paths = std::move(paths), properties = std::move(properties)]() mutable {
+            if (!alive.lock()) return;
+            state_.form = TagForm(std::move(paths), properties);
+            state_.overlay = Overlay::tagForm();
+            requestRender();
+        });
+    });
+}
+
+void AppController::handleFormKey(const Key& key) {
+    if (!state_.form) {
+        state_.overlay = Overlay::none();
+        return;
+    }
+    TagForm& form = *state_.form;
+    const int count = static_cast<int>(form.fields.size());
+    if (key.kind == Key::Kind::escape) {
+        state_.form.reset();
+        state_.overlay = Overlay::none();
+    } else if (key.kind == Key::Kind::enter || key == Key::ctrl('s')) {
+        saveForm();
+    } else if (count == 0) {
+        return;
+    } else if (key.kind == Key::Kind::tab || key.kind == Key::Kind::down) {
+        form.focused = (form.focused + 1) % count;
+    } else if (key.kind == Key::Kind::backTab || key.kind == Key::Kind::up) {
+        form.focused = (form.focused + count - 1) % count;
+    } else {
+        form.focused = std::clamp(form.focused, 0, count - 1);
+        form.fields[static_cast<std::size_t>(form.focused)].input.handle(key);
+    }
+}
+
+void AppController::saveForm() {
+    if (!state_.form) return;
+    TagForm form = std::move(*state_.form);
+    state_.form.reset();
+    state_.overlay = Overlay::none();
+    TagPatch patch = form.patch();
+    if (patch.isEmpty()) {
+        report("Sin cambios");
+        return;
+    }
+    report("Guardando tags…");
+    host_.post(guarded([this, patch = std::move(patch), paths = std::move(form.paths)] {
+        writeTags(patch, paths);
+    }));
+}
+
+// --- Documents in the user's editor
+
+void AppController::editAllTags() {
+    auto paths = targetPaths();
+    if (paths.empty()) {
+        report(kNoTargets, true);
+        return;
+    }
+    pool_.submit([this, alive = std::weak_ptr<char>(alive_), post = host_.post,
+                  paths = std::move(paths)]() mutable {
+        auto properties = TagEditor::properties(paths);
+        post([this, alive, paths = std::move(paths), properties = std::move(properties)] {
+            if (!alive.lock()) return;
+            auto edited = runEditor(TagDocument::render(properties), "tags.txt");
+            if (!edited) return;
+            TagPatch patch = TagDocument::parse(*edited, properties);
+            if (patch.isEmpty()) {
+                report("Sin cambios");
+                return;
+            }
+            report("Guardando tags…");
+            writeTags(patch, paths);
+        });
+    });
+}
+
+void AppController::editLyrics() {
+    auto paths = targetPathsUnderCursor();
+    if (paths.size() != 1) {
+        report("Selecciona una canción", true);
+        return;
+    }
+    pool_.submit([this, alive = std::weak_ptr<char>(alive_), post = host_.post,
+                  path = paths.front()] {
+        std::string old = TagEditor::lyrics(path);
+        post([this, alive, path, old = std::move(old)] {
+            if (!alive.lock()) return;
+            auto edited = runEditor(old, "letra.txt");
+            if (!edited) return;
+            const std::string text(trimWhitespace(*edited));
+            if (text == trimWhitespace(old)) {
+                report("Sin cambios");
+                return;
+            }
+            TagPatch patch;
+            if (text.empty())
+                patch.remove.insert("LYRICS");
+            else
+                patch.changes["LYRICS"] = {text};
+            writeTags(patch, {path});
+        });
+    });
+}
+
+std::optional<std::string> AppController::runEditor(const std::string& text,
+                                                    const std::string& name) {
+    auto edited = ExternalEditor::edit(text, name, terminal_);
+    // Whatever the editor left on the screen is not what we last drew.
+    if (screenInvalidated) screenInvalidated();
+    requestRender();
+    return edited;
+}
+
+// --- Covers
+
+void AppController::setCover(const std::string& image) {
+    auto paths = targetPaths();
+    if (paths.empty()) {
+        report(kNoTargets, true);
+        return;
+    }
+    const std::string path = expandHome(image);
+    pool_.submit([this, alive = std::weak_ptr<char>(alive_), post = host_.post, path,
+                  paths = std::move(paths)]() mutable {
+        auto bytes = readBytes(path);
+        const bool ok = bytes && !bytes->empty() && ImageDecoder::isImage(*bytes);
+        std::optional<Picture> picture;
+        if (ok) picture = Picture{std::move(*bytes), lowerExtension(path) == "png" ? "image/png" : "image/jpeg"};
+        post([this, alive, path, ok, picture = std::move(picture), paths = std::move(paths)] {
+            if (!alive.lock()) return;
+            if (!ok) {
+                report("No se pudo leer la imagen: " + path, true);
+                return;
+            }
+            writePicture(picture, "Carátula actualizada", paths);
+        });
+    });
+}
+
+void AppController::removeCover() {
+    writePicture(std::nullopt, "Carátula eliminada", targetPaths());
+}
+
+void AppController::writePicture(std::optional<Picture> picture, const std::string& message,
+                                 std::vector<std::string> paths) {
+    if (paths.empty()) {
+        report(kNoTargets, true);
+        return;
+    }
+    startWrite(std::move(paths), message, true,
+               [picture = std::move(picture)](TagEditor& editor, const std::vector<std::string>& p) {
+                   return editor.setPicture(picture, p);
+               });
+}
+
+// --- Writing
+
+void AppController::writeTags(const TagPatch& patch, std::vector<std::string> paths) {
+    startWrite(std::move(paths), "Tags guardados", false,
+               [patch](TagEditor& editor, const std::vector<std::string>& p) {
+                   return editor.apply(patch, p);
+               });
+}
+
+void AppController::startWrite(std::vector<std::string> paths, std::string success, bool picture,
+                               WriteJob job) {
+    // The engine must not read the file while it is rewritten (an in-place write of a
+    // hard-linked file changes it under the decoder).
+    std::optional<Resume> resume;
+    const PlaybackState& playing = playback_->state();
+    AudioEngine& engine = playback_->engine();
+    if (playing.track && engine.hasFile() &&
+        std::find(paths.begin(), paths.end(), playing.track->path) != paths.end()) {
+        resume = Resume{playing.track->path, engine.currentTime(), engine.isPlaying()};
+        engine.unload();
+    }
+    if (!tagEditor_) tagEditor_ = std::make_shared<TagEditor>(store_);
+    pool_.submit([this, alive = std::weak_ptr<char>(alive_), post = host_.post, editor = tagEditor_,
+                  paths = std::move(paths), success = std::move(success), picture, resume,
+                  job = std::move(job)] {
+        TagWriteResult result = job(*editor, paths);
+        post([this, alive, result = std::move(result), success, picture, resume] {
+            if (!alive.lock()) return;
+            if (resume) resumeAfterWrite(*resume);
+            if (picture && state_.playback.track &&
+                (resume || std::any_of(result.updated.begin(), result.updated.end(),
+                                       [&](const Track& t) { return t.path == state_.playback.track->path; }))) {
+                loadCover(*state_.playback.track, true);
+            }
+            if (picture) {
+                // Loaded again for the albums on screen once the library is reloaded.
+                state_.albumCovers.clear();
+                albumCoversLoading_.clear();
+                ++*albumCoverGeneration_;
+            } else if (state_.lyricsVisible) {
+                loadLyrics();
+            }
+            finishWrite(result, success);
+        });
+    });
+}
+
+void AppController::resumeAfterWrite(const Resume& resume) {
+    AudioEngine& engine = playback_->engine();
+    try {
+        engine.load(resume.path);
+        engine.seek(resume.position);
+        if (resume.playing) engine.play();
+    } catch (const std::exception&) {
+        report("No se pudo reproducir: " + fileName(resume.path), true);
+    }
+}
+
+void AppController::finishWrite(const TagWriteResult& result, const std::string& success) {
+    reloadLibrary([this, failed = result.failed, count = result.updated.size(), success] {
+        // The player shows the record just re-read.
+        playback_->refreshCurrentTrack();
+        loadAlbumCovers();
+        if (!failed.empty()) {
+            report("No se pudo escribir " + std::to_string(failed.size()) +
+                       " archivo(s): " + fileName(failed.front()),
+                   true);
+        } else {
+            report(success + " en " + std::to_string(count) + (count == 1 ? " pista" : " pistas"));
+        }
+    });
+}
+
+} // namespace trovan

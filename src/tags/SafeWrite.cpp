@@ -1,0 +1,557 @@
+#include "tags/SafeWrite.h"
+
+#include "media/AudioDecoder.h"
+
+#include <algorithm>
+#include <array>
+#include <cerrno>
+#include <climits>
+#include <cstdlib>
+#include <cstring>
+#include <dirent.h>
+#include <fcntl.h>
+#include <map>
+#include <mutex>
+#include <random>
+#include <set>
+#include <signal.h>
+#include <sys/stat.h>
+#include <sys/statvfs.h>
+#include <sys/xattr.h>
+#include <unistd.h>
+#include <vector>
+
+namespace trovan {
+
+namespace {
+
+// A file descriptor closed on every path out.
+class Fd {
+public:
+    explicit Fd(int fd = -1) : fd_(fd) {}
+    ~Fd() {
+        if (fd_ >= 0) ::close(fd_);
+    }
+    Fd(const Fd&) = delete;
+    Fd& operator=(const Fd&) = delete;
+    int get() const { return fd_; }
+    explicit operator bool() const { return fd_ >= 0; }
+    // Closes now and reports whether the close succeeded (NFS reports write errors here).
+    bool close() {
+        const int fd = fd_;
+        fd_ = -1;
+        return fd < 0 || ::close(fd) == 0;
+    }
+
+private:
+    int fd_;
+};
+
+// Working files this process is using right now; cleanLeftovers never touches them even
+// though their owner (we) is alive... and a second write in the same folder runs.
+std::mutex liveMutex;
+std::set<std::string> liveFiles;
+
+class LiveName {
+public:
+    explicit LiveName(std::string path) : path_(std::move(path)) {
+        std::lock_guard lock(liveMutex);
+        liveFiles.insert(path_);
+    }
+    ~LiveName() {
+        std::lock_guard lock(liveMutex);
+        liveFiles.erase(path_);
+    }
+    LiveName(const LiveName&) = delete;
+    LiveName& operator=(const LiveName&) = delete;
+    const std::string& path() const { return path_; }
+
+private:
+    std::string path_;
+};
+
+bool isLive(const std::string& path) {
+    std::lock_guard lock(liveMutex);
+    return liveFiles.count(path) > 0;
+}
+
+std::string folderOf(const std::string& path) {
+    auto slash = path.rfind('/');
+    if (slash == std::string::npos) return ".";
+    if (slash == 0) return "/";
+    return path.substr(0, slash);
+}
+
+std::string nameOf(const std::string& path) {
+    auto slash = path.rfind('/');
+    return slash == std::string::npos ? path : path.substr(slash + 1);
+}
+
+// The extension with its dot, so that TagLib recognises the copy's format.
+std::string extensionOf(const std::string& name) {
+    auto dot = name.rfind('.');
+    if (dot == std::string::npos || dot == 0) return {};
+    return name.substr(dot);
+}
+
+std::string randomHex() {
+    static thread_local std::mt19937_64 rng{std::random_device{}()};
+    char buf[17];
+    std::snprintf(buf, sizeof buf, "%016llx", static_cast<unsigned long long>(rng()));
+    return buf;
+}
+
+bool syncFolder(const std::string& folder) {
+    Fd dir(::open(folder.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC));
+    if (!dir) return false;
+    return ::fsync(dir.get()) == 0;
+}
+
+bool readFully(int fd, char* buf, std::size_t n, off_t at) {
+    while (n > 0) {
+        ssize_t got = ::pread(fd, buf, n, at);
+        if (got < 0 && errno == EINTR) continue;
+        if (got <= 0) return false;
+        buf += got;
+        n -= static_cast<std::size_t>(got);
+        at += got;
+    }
+    return true;
+}
+
+bool writeFully(int fd, const char* buf, std::size_t n, off_t at) {
+    while (n > 0) {
+        ssize_t put = ::pwrite(fd, buf, n, at);
+        if (put < 0 && errno == EINTR) continue;
+        if (put <= 0) return false;
+        buf += put;
+        n -= static_cast<std::size_t>(put);
+        at += put;
+    }
+    return true;
+}
+
+// Copies `length` bytes from the start of `from` to the start of `to`: in the kernel
+// (a reflink on file systems that share extents), else through a buffer.
+bool copyContents(int from, int to, off_t length) {
+    off_t in = 0, out = 0;
+    while (in < length) {
+        ssize_t n = ::copy_file_range(from, &in, to, &out, static_cast<std::size_t>(length - in), 0);
+        if (n < 0 && errno == EINTR) continue;
+        if (n > 0) continue;
+        if (n == 0) return false; // the source got shorter
+        if (errno != EXDEV && errno != ENOSYS && errno != EINVAL && errno != EOPNOTSUPP)
+            return false;
+        std::vector<char> buf(1 << 20);
+        while (in < length) {
+            const auto chunk = static_cast<std::size_t>(std::min<off_t>(length - in, 1 << 20));
+            if (!readFully(from, buf.data(), chunk, in) || !writeFully(to, buf.data(), chunk, out))
+                return false;
+            in += static_cast<off_t>(chunk);
+            out += static_cast<off_t>(chunk);
+        }
+    }
+    return true;
+}
+
+// True when the ranges hold the same bytes.
+bool sameBytes(int a, off_t aStart, int b, off_t bStart, off_t length) {
+    std::vector<char> x(1 << 20), y(1 << 20);
+    off_t done = 0;
+    while (done < length) {
+        const auto chunk = static_cast<std::size_t>(std::min<off_t>(length - done, 1 << 20));
+        if (!readFully(a, x.data(), chunk, aStart + done) ||
+            !readFully(b, y.data(), chunk, bStart + done) ||
+            std::memcmp(x.data(), y.data(), chunk) != 0)
+            return false;
+        done += static_cast<off_t>(chunk);
+    }
+    return true;
+}
+
+off_t fileSize(int fd) {
+    struct stat st {};
+    return ::fstat(fd, &st) == 0 ? st.st_size : -1;
+}
+
+// --- Where the audio data lies, for formats that keep it apart from the tags.
+
+enum class Container { flac, mpeg, riff, aiff, other };
+
+struct Region {
+    off_t start = 0;
+    off_t length = 0;
+};
+
+uint32_t be32(const unsigned char* p) {
+    return uint32_t(p[0]) << 24 | uint32_t(p[1]) << 16 | uint32_t(p[2]) << 8 | p[3];
+}
+uint32_t le32(const unsigned char* p) {
+    return uint32_t(p[3]) << 24 | uint32_t(p[2]) << 16 | uint32_t(p[1]) << 8 | p[0];
+}
+
+// Size of an ID3v2 tag at `at`, 0 when there is none.
+off_t id3v2Size(int fd, off_t at) {
+    unsigned char h[10];
+    if (!readFully(fd, reinterpret_cast<char*>(h), 10, at) || std::memcmp(h, "ID3", 3) != 0)
+        return 0;
+    const off_t body = (off_t(h[6] & 0x7f) << 21) | (off_t(h[7] & 0x7f) << 14) |
+                       (off_t(h[8] & 0x7f) << 7) | off_t(h[9] & 0x7f);
+    return 10 + body + ((h[5] & 0x10) ? 10 : 0);
+}
+
+Container containerOf(int fd) {
+    unsigned char h[12] = {};
+    if (!readFully(fd, reinterpret_cast<char*>(h), 12, 0)) return Container::other;
+    if (std::memcmp(h, "fLaC", 4) == 0) return Container::flac;
+    if (std::memcmp(h, "RIFF", 4) == 0 && std::memcmp(h + 8, "WAVE", 4) == 0)
+        return Container::riff;
+    if (std::memcmp(h, "FORM", 4) == 0 &&
+        (std::memcmp(h + 8, "AIFF", 4) == 0 || std::memcmp(h + 8, "AIFC", 4) == 0))
+        return Container::aiff;
+    off_t skip = id3v2Size(fd, 0);
+    unsigned char s[4] = {};
+    if (!readFully(fd, reinterpret_cast<char*>(s), 4, skip)) return Container::other;
+    if (std::memcmp(s, "fLaC", 4) == 0) return Container::other; // rare; decode it instead
+    if (s[0] == 0xff && (s[1] & 0xe0) == 0xe0) return Container::mpeg;
+    return Container::other;
+}
+
+std::optional<Region> flacAudio(int fd) {
+    const off_t size = fileSize(fd);
+    off_t at = 4;
+    for (;;) {
+        unsigned char h[4];
+        if (!readFully(fd, reinterpret_cast<char*>(h), 4, at)) return std::nullopt;
+        const off_t length = (off_t(h[1]) << 16) | (off_t(h[2]) << 8) | h[3];
+        at += 4 + length;
+        if (at > size) return std::nullopt;
+        if (h[0] & 0x80) break;
+    }
+    off_t end = size;
+    char tag[3];
+    if (end - at >= 128 && readFully(fd, tag, 3, end - 128) && std::memcmp(tag, "TAG", 3) == 0)
+        end -= 128;
+    return Region{at, end - at};
+}
+
+std::optional<Region> mpegAudio(int fd) {
+    const off_t size = fileSize(fd);
+    const off_t start = id3v2Size(fd, 0);
+    off_t end = size;
+    char tag[8];
+    if (end - start >= 128 && readFully(fd, tag, 3, end - 128) && std::memcmp(tag, "TAG", 3) == 0)
+        end -= 128;
+    unsigned char footer[32];
+    if (end - start >= 32 && readFully(fd, reinterpret_cast<char*>(footer), 32, end - 32) &&
+        std::memcmp(footer, "APETAGEX", 8) == 0) {
+        off_t ape = le32(footer + 12); // items and footer
+        if (le32(footer + 20) & 0x80000000u) ape += 32; // a header too
+        end -= ape;
+    }
+    if (end <= start) return std::nullopt;
+    return Region{start, end - start};
+}
+
+// The payload of the chunk `id` of a RIFF (little-endian sizes) or IFF (big-endian) file.
+std::optional<Region> chunkPayload(int fd, const char* id, bool bigEndian) {
+    const off_t size = fileSize(fd);
+    off_t at = 12;
+    while (at + 8 <= size) {
+        unsigned char h[8];
+        if (!readFully(fd, reinterpret_cast<char*>(h), 8, at)) return std::nullopt;
+        const off_t length = bigEndian ? be32(h + 4) : le32(h + 4);
+        if (std::memcmp(h, id, 4) == 0) {
+            if (at + 8 + length > size) return std::nullopt;
+            return Region{at + 8, length};
+        }
+        at += 8 + length + (length & 1);
+    }
+    return std::nullopt;
+}
+
+std::optional<Region> audioRegion(int fd, Container c) {
+    switch (c) {
+    case Container::flac:
+        return flacAudio(fd);
+    case Container::mpeg:
+        return mpegAudio(fd);
+    case Container::riff:
+        return chunkPayload(fd, "data", false);
+    case Container::aiff:
+        return chunkPayload(fd, "SSND", true);
+    case Container::other:
+        break;
+    }
+    return std::nullopt;
+}
+
+// Decodes the whole stream; false when it cannot be opened or stops before its end.
+bool decodesFully(const std::string& path) {
+    try {
+        AudioDecoder decoder(path);
+        const int channels = std::max(1, decoder.outputChannels());
+        std::vector<float> buf(4096 * static_cast<std::size_t>(channels));
+        int64_t frames = 0;
+        while (std::size_t n = decoder.read(buf.data(), 4096))
+            frames += static_cast<int64_t>(n);
+        if (frames == 0) return false;
+        // A stream cut short ends well before the length its container announces.
+        if (decoder.frames() > 0 && decoder.lengthIsExact())
+            return frames * 100 >= decoder.frames() * 99;
+        return true;
+    } catch (const std::exception&) {
+        return false;
+    }
+}
+
+bool audioIntact(int original, int copy, const std::string& copyPath, Container c) {
+    if (c != Container::other) {
+        auto a = audioRegion(original, c);
+        auto b = audioRegion(copy, c);
+        if (a && b) return a->length == b->length && sameBytes(original, a->start, copy, b->start, a->length);
+        if (a || b) return false;
+    }
+    return decodesFully(copyPath);
+}
+
+// What the copy should hold after its save, as TagLib sees it in memory before saving.
+struct Expected {
+    std::map<std::string, std::vector<std::string>> properties;
+    std::optional<Picture> picture;
+    std::optional<TagLibFile::AudioProperties> audio;
+};
+
+bool sameAudioProperties(const TagLibFile::AudioProperties& a, const TagLibFile::AudioProperties& b) {
+    // The bit rate of some formats is derived from the file's size, which tags change.
+    return a.sampleRate == b.sampleRate && a.channels == b.channels &&
+           a.bitsPerSample == b.bitsPerSample && a.codec == b.codec &&
+           std::abs(a.lengthMs - b.lengthMs) <= 1;
+}
+
+std::optional<std::string> verifyTags(const std::string& copyPath, const Expected& want) {
+    auto file = TagLibFile::openForReading(copyPath);
+    if (!file) return "la copia no se abre";
+    if (file->properties() != want.properties) return "los tags no se leen como se escribieron";
+    if (file->picture() != want.picture) return "la carátula no se lee como se escribió";
+    auto audio = file->audioProperties();
+    if (want.audio.has_value() != audio.has_value() ||
+        (audio && !sameAudioProperties(*audio, *want.audio)))
+        return "cambiaron las propiedades del audio";
+    return std::nullopt;
+}
+
+void copyAttributes(int from, int to, const struct stat& st) {
+    // Owner first: changing it may clear the set-id bits that the mode then restores.
+    if (::fchown(to, st.st_uid, st.st_gid) != 0) {
+        // Not ours to give away unless privileged; the group may still be possible.
+        (void)::fchown(to, static_cast<uid_t>(-1), st.st_gid);
+    }
+    (void)::fchmod(to, st.st_mode & 07777);
+    ssize_t size = ::flistxattr(from, nullptr, 0);
+    if (size <= 0) return;
+    std::vector<char> names(static_cast<std::size_t>(size));
+    size = ::flistxattr(from, names.data(), names.size());
+    if (size <= 0) return;
+    for (const char* name = names.data(); name < names.data() + size; name += std::strlen(name) + 1) {
+        ssize_t n = ::fgetxattr(from, name, nullptr, 0);
+        if (n < 0) continue;
+        std::vector<char> value(static_cast<std::size_t>(n));
+        n = ::fgetxattr(from, name, value.data(), value.size());
+        if (n < 0) continue;
+        (void)::fsetxattr(to, name, value.data(), static_cast<std::size_t>(n), 0);
+    }
+}
+
+bool hasFreeSpace(const std::string& folder, std::uint64_t needed) {
+    struct statvfs vfs {};
+    if (::statvfs(folder.c_str(), &vfs) != 0) return false;
+    const std::uint64_t available = std::uint64_t(vfs.f_bavail) * vfs.f_frsize;
+    return available >= needed + SafeWrite::spaceMargin;
+}
+
+std::uint64_t flacCommentSize(const std::map<std::string, std::vector<std::string>>& props) {
+    std::uint64_t size = 64; // vendor string and counts
+    for (const auto& [key, values] : props)
+        for (const auto& v : values)
+            size += 4 + key.size() + 1 + v.size();
+    return size;
+}
+
+// Restores `target` in place from a complete backup and removes the backup.
+void restoreFromBackup(const std::string& backup, const std::string& target) {
+    Fd from(::open(backup.c_str(), O_RDONLY | O_CLOEXEC));
+    if (!from) return;
+    Fd to(::open(target.c_str(), O_WRONLY | O_CLOEXEC));
+    if (!to) {
+        if (errno == ENOENT && ::rename(backup.c_str(), target.c_str()) == 0)
+            syncFolder(folderOf(target));
+        return;
+    }
+    const off_t length = fileSize(from.get());
+    if (length < 0 || !copyContents(from.get(), to.get(), length) ||
+        ::ftruncate(to.get(), length) != 0 || ::fsync(to.get()) != 0 || !to.close())
+        return; // keep the backup for the next attempt
+    if (::unlink(backup.c_str()) == 0) syncFolder(folderOf(target));
+}
+
+pid_t ownerOf(std::string_view rest) {
+    pid_t pid = 0;
+    std::size_t i = 0;
+    while (i < rest.size() && rest[i] >= '0' && rest[i] <= '9')
+        pid = pid * 10 + (rest[i++] - '0');
+    if (i == 0 || i >= rest.size() || rest[i] != '-') return -1;
+    return pid;
+}
+
+bool processAlive(pid_t pid) {
+    if (pid <= 0) return false;
+    return ::kill(pid, 0) == 0 || errno == EPERM;
+}
+
+// A copy of the original, already synced, checked byte for byte; the caller removes it.
+std::optional<std::string> makeBackup(int original, off_t length, const std::string& folder,
+                                      const std::string& name, std::string& backupPath) {
+    const std::string pid = std::to_string(::getpid());
+    const std::string backupName = std::string(SafeWrite::backupPrefix) + pid + "-" + name;
+    if (backupName.size() > NAME_MAX) return "el nombre es demasiado largo para una copia de seguridad";
+    const std::string staging =
+        folder + "/" + std::string(SafeWrite::tempPrefix) + pid + "-" + randomHex() + ".bak";
+    LiveName live(staging);
+    Fd out(::open(staging.c_str(), O_WRONLY | O_CREAT | O_EXCL | O_CLOEXEC, 0600));
+    if (!out) return "no se pudo crear la copia de seguridad";
+    bool ok = copyContents(original, out.get(), length) && ::fsync(out.get()) == 0 &&
+              sameBytes(original, 0, out.get(), 0, length);
+    ok = out.close() && ok;
+    backupPath = folder + "/" + backupName;
+    if (!ok || ::rename(staging.c_str(), backupPath.c_str()) != 0 || !syncFolder(folder)) {
+        ::unlink(staging.c_str());
+        ::unlink(backupPath.c_str());
+        return "no se pudo crear la copia de seguridad";
+    }
+    return std::nullopt;
+}
+
+} // namespace
+
+bool SafeWrite::isWorkFileName(std::string_view fileName) {
+    return fileName.starts_with(tempPrefix) || fileName.starts_with(backupPrefix);
+}
+
+void SafeWrite::cleanLeftovers(const std::string& folder) {
+    std::unique_ptr<DIR, int (*)(DIR*)> dir(::opendir(folder.c_str()), ::closedir);
+    if (!dir) return;
+    std::vector<std::string> temps, backups;
+    while (const dirent* e = ::readdir(dir.get())) {
+        std::string_view name = e->d_name;
+        if (name.starts_with(tempPrefix)) temps.emplace_back(name);
+        if (name.starts_with(backupPrefix)) backups.emplace_back(name);
+    }
+    const pid_t self = ::getpid();
+    auto abandoned = [&](const std::string& path, std::string_view rest) {
+        const pid_t pid = ownerOf(rest);
+        if (pid < 0) return false; // not one of ours after all
+        if (pid == self) return !isLive(path);
+        return !processAlive(pid);
+    };
+    for (const auto& name : temps) {
+        const std::string path = folder + "/" + name;
+        if (abandoned(path, std::string_view(name).substr(tempPrefix.size())))
+            ::unlink(path.c_str());
+    }
+    for (const auto& name : backups) {
+        const std::string path = folder + "/" + name;
+        std::string_view rest = std::string_view(name).substr(backupPrefix.size());
+        if (!abandoned(path, rest)) continue;
+        const std::string original = std::string(rest.substr(rest.find('-') + 1));
+        restoreFromBackup(path, folder + "/" + original);
+    }
+}
+
+std::optional<std::string> SafeWrite::write(const std::string& path, const Edit& edit,
+                                            std::uint64_t growth) {
+    const std::string folder = folderOf(path);
+    const std::string name = nameOf(path);
+
+    Fd original(::open(path.c_str(), O_RDONLY | O_CLOEXEC));
+    if (!original) return std::string("no se pudo abrir: ") + std::strerror(errno);
+    struct stat st {};
+    if (::fstat(original.get(), &st) != 0 || !S_ISREG(st.st_mode)) return "no es un archivo";
+    const bool linked = st.st_nlink > 1;
+    // An in-place write needs room for a backup as well as the copy.
+    const std::uint64_t copySize = std::uint64_t(st.st_size) + growth;
+    if (!hasFreeSpace(folder, linked ? copySize + std::uint64_t(st.st_size) : copySize))
+        return "no hay espacio libre suficiente";
+    if (::access(path.c_str(), W_OK) != 0) return "el archivo es de solo lectura";
+
+    const std::string tempPath = folder + "/" + std::string(tempPrefix) +
+                                 std::to_string(::getpid()) + "-" + randomHex() + extensionOf(name);
+    LiveName live(tempPath);
+    Fd temp(::open(tempPath.c_str(), O_RDWR | O_CREAT | O_EXCL | O_CLOEXEC, 0600));
+    if (!temp) return std::string("no se pudo crear la copia: ") + std::strerror(errno);
+    // From here on the copy goes away unless it replaced the original.
+    struct Remover {
+        const std::string& path;
+        bool keep = false;
+        ~Remover() {
+            if (!keep) ::unlink(path.c_str());
+        }
+    } remover{tempPath};
+
+    if (!copyContents(original.get(), temp.get(), st.st_size)) return "no se pudo copiar el archivo";
+    const Container container = containerOf(original.get());
+
+    Expected want;
+    {
+        auto file = TagLibFile::open(tempPath);
+        if (!file) return "no se pudo abrir con TagLib";
+        want.audio = file->audioProperties();
+        if (!edit(*file)) return "el formato no admite el cambio";
+        want.properties = file->properties();
+        want.picture = file->picture();
+        if (container == Container::flac &&
+            ((want.picture && want.picture->data.size() + 64 + want.picture->mimeType.size() >=
+                                  flacBlockLimit) ||
+             flacCommentSize(want.properties) >= flacBlockLimit))
+            return "la carátula o los tags no caben en un bloque FLAC";
+        if (!file->save()) return "TagLib no pudo guardar";
+    }
+    if (auto why = verifyTags(tempPath, want)) return why;
+    if (!audioIntact(original.get(), temp.get(), tempPath, container))
+        return "el audio de la copia no es idéntico";
+    copyAttributes(original.get(), temp.get(), st);
+    if (::fsync(temp.get()) != 0) return "no se pudo sincronizar la copia";
+
+    // Someone else may have replaced or changed the file since we copied it.
+    struct stat now {};
+    if (::stat(path.c_str(), &now) != 0 || now.st_ino != st.st_ino || now.st_dev != st.st_dev ||
+        now.st_size != st.st_size || now.st_mtim.tv_sec != st.st_mtim.tv_sec ||
+        now.st_mtim.tv_nsec != st.st_mtim.tv_nsec)
+        return "el archivo cambió mientras se escribía";
+
+    if (!linked) {
+        if (::rename(tempPath.c_str(), path.c_str()) != 0)
+            return std::string("no se pudo reemplazar: ") + std::strerror(errno);
+        remover.keep = true;
+        if (!syncFolder(folder)) return "no se pudo sincronizar la carpeta";
+        return std::nullopt;
+    }
+
+    // Several names share this file: rewrite it in place, behind a backup.
+    std::string backupPath;
+    if (auto why = makeBackup(original.get(), st.st_size, folder, name, backupPath)) return why;
+    Fd target(::open(path.c_str(), O_WRONLY | O_CLOEXEC));
+    const off_t length = fileSize(temp.get());
+    if (!target || length < 0 || !copyContents(temp.get(), target.get(), length) ||
+        ::ftruncate(target.get(), length) != 0 || ::fsync(target.get()) != 0 ||
+        !sameBytes(temp.get(), 0, original.get(), 0, length) || !target.close()) {
+        target.close();
+        restoreFromBackup(backupPath, path);
+        return "no se pudo escribir en el archivo";
+    }
+    ::unlink(backupPath.c_str());
+    syncFolder(folder);
+    return std::nullopt;
+}
+
+} // namespace trovan

@@ -1,0 +1,80 @@
+#include "tags/TagEditor.h"
+
+#include "library/LibraryStore.h"
+
+#include <set>
+
+namespace trovan {
+
+TagEditor::TagEditor(std::shared_ptr<LibraryStore> store) : store_(std::move(store)) {}
+
+std::vector<PropertyMap> TagEditor::properties(const std::vector<std::string>& paths) {
+    std::vector<PropertyMap> out;
+    out.reserve(paths.size());
+    for (const auto& path : paths) {
+        auto file = TagLibFile::openForReading(path);
+        out.push_back(file ? file->properties() : PropertyMap{});
+    }
+    return out;
+}
+
+std::string TagEditor::lyrics(const std::string& path) {
+    auto file = TagLibFile::openForReading(path);
+    return file ? file->value("LYRICS").value_or("") : std::string();
+}
+
+TagWriteResult TagEditor::apply(const TagPatch& patch, const std::vector<std::string>& paths) {
+    std::uint64_t growth = 0;
+    for (const auto& [key, values] : patch.changes)
+        for (const auto& v : values)
+            growth += key.size() + v.size() + 16;
+    return write(
+        paths,
+        [&patch](TagLibFile& file) {
+            for (const auto& key : patch.remove)
+                file.remove(key);
+            for (const auto& [key, values] : patch.changes)
+                file.set(key, values);
+            return true;
+        },
+        growth);
+}
+
+TagWriteResult TagEditor::setPicture(const std::optional<Picture>& picture,
+                                     const std::vector<std::string>& paths) {
+    // Pictures in Xiph comments are stored in base64, a third larger.
+    const std::uint64_t growth = picture ? picture->data.size() / 3 * 4 + 1024 : 0;
+    return write(
+        paths, [&picture](TagLibFile& file) { return file.setPicture(picture); }, growth);
+}
+
+TagWriteResult TagEditor::write(const std::vector<std::string>& paths, const SafeWrite::Edit& body,
+                                std::uint64_t growth) {
+    std::lock_guard lock(writing_);
+    TagWriteResult result;
+    std::set<std::string> cleaned;
+    for (const auto& path : paths) {
+        const auto slash = path.rfind('/');
+        const std::string folder = slash == std::string::npos ? "."
+                                   : slash == 0                ? "/"
+                                                               : path.substr(0, slash);
+        if (cleaned.insert(folder).second) SafeWrite::cleanLeftovers(folder);
+        if (SafeWrite::write(path, body, growth)) {
+            result.failed.push_back(path);
+        } else if (auto track = Track::read(path)) {
+            result.updated.push_back(std::move(*track));
+        } else {
+            result.failed.push_back(path);
+        }
+    }
+    if (store_ && !result.updated.empty()) {
+        try {
+            store_->apply(result.updated, {});
+        } catch (const std::exception&) {
+            // The files are written; the next scan sees their new stamps and stores them.
+        }
+    }
+    return result;
+}
+
+} // namespace trovan

@@ -1,0 +1,133 @@
+#include "terminal/ExternalEditor.h"
+
+#include <cerrno>
+#include <cstdio>
+#include <cstdlib>
+#include <fcntl.h>
+#include <fstream>
+#include <random>
+#include <spawn.h>
+#include <sstream>
+#include <sys/wait.h>
+#include <unistd.h>
+
+extern char** environ;
+
+namespace trovan {
+
+namespace {
+
+std::string env(const char* name) {
+    const char* value = std::getenv(name);
+    return value ? value : "";
+}
+
+// 128 random bits as an upper-case hyphenated UUID (version 4).
+std::string uuid() {
+    std::random_device device;
+    unsigned char b[16];
+    for (auto& byte : b)
+        byte = static_cast<unsigned char>(device());
+    b[6] = static_cast<unsigned char>((b[6] & 0x0f) | 0x40);
+    b[8] = static_cast<unsigned char>((b[8] & 0x3f) | 0x80);
+    char out[37];
+    std::snprintf(out, sizeof out,
+                  "%02X%02X%02X%02X-%02X%02X-%02X%02X-%02X%02X-%02X%02X%02X%02X%02X%02X", b[0],
+                  b[1], b[2], b[3], b[4], b[5], b[6], b[7], b[8], b[9], b[10], b[11], b[12], b[13],
+                  b[14], b[15]);
+    return out;
+}
+
+// Written to a sibling first and renamed, so the editor never sees half a file.
+bool writeAtomically(const std::string& path, const std::string& text) {
+    const std::string temp = path + ".part";
+    int fd = ::open(temp.c_str(), O_WRONLY | O_CREAT | O_EXCL | O_CLOEXEC, 0600);
+    if (fd < 0) return false;
+    std::size_t done = 0;
+    bool ok = true;
+    while (done < text.size()) {
+        ssize_t n = ::write(fd, text.data() + done, text.size() - done);
+        if (n < 0 && errno == EINTR) continue;
+        if (n <= 0) {
+            ok = false;
+            break;
+        }
+        done += static_cast<std::size_t>(n);
+    }
+    ok = ::fsync(fd) == 0 && ok;
+    ok = ::close(fd) == 0 && ok;
+    if (!ok || ::rename(temp.c_str(), path.c_str()) != 0) {
+        ::unlink(temp.c_str());
+        return false;
+    }
+    return true;
+}
+
+std::optional<std::string> readAll(const std::string& path) {
+    std::ifstream in(path, std::ios::binary);
+    if (!in) return std::nullopt;
+    std::ostringstream out;
+    out << in.rdbuf();
+    if (in.bad()) return std::nullopt;
+    return out.str();
+}
+
+bool onPath(const std::string& program) {
+    const std::string path = env("PATH");
+    std::size_t start = 0;
+    while (start <= path.size()) {
+        std::size_t end = path.find(':', start);
+        if (end == std::string::npos) end = path.size();
+        const std::string dir = end > start ? path.substr(start, end - start) : ".";
+        if (::access((dir + "/" + program).c_str(), X_OK) == 0) return true;
+        start = end + 1;
+    }
+    return false;
+}
+
+} // namespace
+
+std::string ExternalEditor::command() {
+    if (auto visual = env("VISUAL"); !visual.empty()) return visual;
+    if (auto editor = env("EDITOR"); !editor.empty()) return editor;
+    return onPath("nano") || !onPath("vi") ? "nano" : "vi";
+}
+
+std::optional<std::string> ExternalEditor::edit(const std::string& text, const std::string& fileName,
+                                                Terminal& terminal) {
+    std::string dir = env("TMPDIR");
+    if (dir.empty()) dir = "/tmp";
+    const std::string path = dir + "/trovan-" + uuid() + "-" + fileName;
+    if (!writeAtomically(path, text)) return std::nullopt;
+    struct Remove {
+        const std::string& path;
+        ~Remove() { ::unlink(path.c_str()); }
+    } remove{path};
+
+    if (terminal.isActive) {
+        restoreTerminal();
+        terminal.isActive = false;
+    }
+    // The path arrives as "$1": any spaces or quotes in it reach the editor intact,
+    // while the command itself may carry options for the shell to split.
+    const std::string script = command() + " \"$1\"";
+    std::string a0 = "/bin/sh", a1 = "-c", a3 = "sh", a4 = path;
+    std::string a2 = script;
+    char* argv[] = {a0.data(), a1.data(), a2.data(), a3.data(), a4.data(), nullptr};
+    pid_t child = 0;
+    if (::posix_spawn(&child, "/bin/sh", nullptr, nullptr, argv, environ) != 0) {
+        terminal.enter();
+        return std::nullopt;
+    }
+    int status = 0;
+    while (::waitpid(child, &status, 0) < 0 && errno == EINTR) {
+    }
+    // The editor's exit status is not looked at: one that exits with an error may still
+    // have saved the file.
+    auto edited = readAll(path);
+    terminal.enter();
+    if (!edited || *edited == text) return std::nullopt;
+    return edited;
+}
+
+} // namespace trovan
