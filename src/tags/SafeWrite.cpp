@@ -286,33 +286,45 @@ std::optional<Region> audioRegion(int fd, Container c) {
     return std::nullopt;
 }
 
-// Decodes the whole stream; false when it cannot be opened or stops before its end.
-bool decodesFully(const std::string& path) {
+// The whole stream decoded: its length in frames and a digest of its samples. None when
+// it cannot be opened.
+struct Decoded {
+    int64_t frames = 0;
+    uint64_t digest = 0;
+    bool operator==(const Decoded&) const = default;
+};
+
+std::optional<Decoded> decodeAll(const std::string& path) {
     try {
         AudioDecoder decoder(path);
         const int channels = std::max(1, decoder.outputChannels());
         std::vector<float> buf(4096 * static_cast<std::size_t>(channels));
-        int64_t frames = 0;
-        while (std::size_t n = decoder.read(buf.data(), 4096))
-            frames += static_cast<int64_t>(n);
-        if (frames == 0) return false;
-        // A stream cut short ends well before the length its container announces.
-        if (decoder.frames() > 0 && decoder.lengthIsExact())
-            return frames * 100 >= decoder.frames() * 99;
-        return true;
+        Decoded out;
+        out.digest = 1469598103934665603ull; // FNV-1a
+        while (std::size_t n = decoder.read(buf.data(), 4096)) {
+            out.frames += static_cast<int64_t>(n);
+            const auto* p = reinterpret_cast<const unsigned char*>(buf.data());
+            for (std::size_t i = 0; i < n * static_cast<std::size_t>(channels) * sizeof(float); ++i)
+                out.digest = (out.digest ^ p[i]) * 1099511628211ull;
+        }
+        return out;
     } catch (const std::exception&) {
-        return false;
+        return std::nullopt;
     }
 }
 
-bool audioIntact(int original, int copy, const std::string& copyPath, Container c) {
+bool audioIntact(int original, const std::string& originalPath, int copy,
+                 const std::string& copyPath, Container c) {
     if (c != Container::other) {
         auto a = audioRegion(original, c);
         auto b = audioRegion(copy, c);
         if (a && b) return a->length == b->length && sameBytes(original, a->start, copy, b->start, a->length);
         if (a || b) return false;
     }
-    return decodesFully(copyPath);
+    // Tags and audio share the container's structures (MP4 offset tables, Ogg pages):
+    // the copy must decode to the very same samples.
+    auto after = decodeAll(copyPath);
+    return after && after->frames > 0 && after == decodeAll(originalPath);
 }
 
 // What the copy should hold after its save, as TagLib sees it in memory before saving.
@@ -418,7 +430,7 @@ std::optional<std::string> makeBackup(int original, off_t length, const std::str
     const std::string staging =
         folder + "/" + std::string(SafeWrite::tempPrefix) + pid + "-" + randomHex() + ".bak";
     LiveName live(staging);
-    Fd out(::open(staging.c_str(), O_WRONLY | O_CREAT | O_EXCL | O_CLOEXEC, 0600));
+    Fd out(::open(staging.c_str(), O_RDWR | O_CREAT | O_EXCL | O_CLOEXEC, 0600));
     if (!out) return "no se pudo crear la copia de seguridad";
     bool ok = copyContents(original, out.get(), length) && ::fsync(out.get()) == 0 &&
               sameBytes(original, 0, out.get(), 0, length);
@@ -517,7 +529,7 @@ std::optional<std::string> SafeWrite::write(const std::string& path, const Edit&
         if (!file->save()) return "TagLib no pudo guardar";
     }
     if (auto why = verifyTags(tempPath, want)) return why;
-    if (!audioIntact(original.get(), temp.get(), tempPath, container))
+    if (!audioIntact(original.get(), path, temp.get(), tempPath, container))
         return "el audio de la copia no es idéntico";
     copyAttributes(original.get(), temp.get(), st);
     if (::fsync(temp.get()) != 0) return "no se pudo sincronizar la copia";
