@@ -118,9 +118,13 @@ TagPatch TagDocument::parse(const std::string& text, const std::vector<PropertyM
 
     TagPatch patch;
     for (const auto& [key, list] : values) {
+        // The document shows a missing key as an empty line: left empty, it stays missing.
+        const bool blank = list == std::vector<std::string>{""};
         const bool unchanged =
-            !original.empty() && std::all_of(original.begin(), original.end(),
-                                             [&](const PropertyMap& f) { return valuesOf(f, key) == list; });
+            !original.empty() && std::all_of(original.begin(), original.end(), [&](const PropertyMap& f) {
+                const auto& had = valuesOf(f, key);
+                return had == list || (blank && had.empty());
+            });
         if (!unchanged) patch.changes[key] = list;
     }
     for (const auto& file : original)
