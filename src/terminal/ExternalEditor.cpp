@@ -104,10 +104,15 @@ std::optional<std::string> ExternalEditor::edit(const std::string& text, const s
         ~Remove() { ::unlink(path.c_str()); }
     } remove{path};
 
-    if (terminal.isActive) {
+    // Only a session we hand over is taken back (tests run without one).
+    const bool handedOver = terminal.isActive;
+    if (handedOver) {
         restoreTerminal();
         terminal.isActive = false;
     }
+    auto takeBack = [&] {
+        if (handedOver) terminal.enter();
+    };
     // The path arrives as "$1": any spaces or quotes in it reach the editor intact,
     // while the command itself may carry options for the shell to split.
     const std::string script = command() + " \"$1\"";
@@ -116,7 +121,7 @@ std::optional<std::string> ExternalEditor::edit(const std::string& text, const s
     char* argv[] = {a0.data(), a1.data(), a2.data(), a3.data(), a4.data(), nullptr};
     pid_t child = 0;
     if (::posix_spawn(&child, "/bin/sh", nullptr, nullptr, argv, environ) != 0) {
-        terminal.enter();
+        takeBack();
         return std::nullopt;
     }
     int status = 0;
@@ -125,7 +130,7 @@ std::optional<std::string> ExternalEditor::edit(const std::string& text, const s
     // The editor's exit status is not looked at: one that exits with an error may still
     // have saved the file.
     auto edited = readAll(path);
-    terminal.enter();
+    takeBack();
     if (!edited || *edited == text) return std::nullopt;
     return edited;
 }

@@ -10,6 +10,7 @@
 #include "playback/PlaybackController.h"
 #include "support/Fixtures.h"
 #include "support/TempDir.h"
+#include "tags/TagEditor.h"
 
 #include <gtest/gtest.h>
 
@@ -685,4 +686,145 @@ TEST(ControllerLibrary, CoversAreDecodedForTheShownAlbumsAndThePlayingTrack) {
     ASSERT_TRUE(h.state().cover);
     EXPECT_EQ(h.state().cover->key, h.state().playback.track->path);
     EXPECT_EQ(h.state().cover->pixels.has_value(), h.state().playback.track->title == "Uno");
+}
+
+namespace {
+
+// Five tagged FLAC files of one album in the store, shown, with the library cursor on
+// the album row.
+std::vector<std::string> loadAlbumFiles(ControllerHarness& h) {
+    const fs::path music = h.home / "music";
+    fs::create_directories(music);
+    std::vector<std::string> paths;
+    std::vector<Track> tracks;
+    for (int i = 0; i < 5; ++i) {
+        fixtures::Tone tone;
+        tone.seconds = 2;
+        tone.tags = {{"ARTIST", {"Ana"}}, {"ALBUM", {"Disco"}}, {"TITLE", {"t" + std::to_string(i)}},
+                     {"TRACKNUMBER", {std::to_string(i + 1)}}, {"LYRICS", {"la la"}}};
+        auto file = fixtures::copyTo(fixtures::cached("controller-edit-" + std::to_string(i) + ".flac", tone),
+                                     music);
+        paths.push_back(file.string());
+        tracks.push_back(*Track::read(file.string()));
+    }
+    load(h, tracks);
+    h.press({kRight, kHome});
+    EXPECT_EQ(libraryRowName(h), "<album>");
+    return paths;
+}
+
+std::string titleIn(const std::string& path) {
+    return Track::read(path)->title;
+}
+
+} // namespace
+
+TEST(ControllerEditing, FormWritesEveryTargetAndCountsTheFileThatFails) {
+    if (!fixtures::available()) GTEST_SKIP() << "ffmpeg is not installed";
+    ControllerHarness h;
+    const auto paths = loadAlbumFiles(h);
+
+    h.key(ch("e"));
+    h.settle();
+    ASSERT_TRUE(h.state().form);
+    EXPECT_EQ(h.state().form->paths, paths);
+    EXPECT_TRUE(h.state().form->fields[0].mixed);
+    EXPECT_EQ(h.state().form->fields[3].input.text, "Disco");
+    h.key(kEnter);
+    EXPECT_EQ(h.state().status->text, "Sin cambios");
+    EXPECT_EQ(h.state().overlay, Overlay::none());
+
+    // The third file cannot be written: immutable for root, read-only for anyone else.
+    const bool root = ::geteuid() == 0;
+    if (root ? fixtures::runProcess({"chattr", "+i", paths[2]}).status != 0
+             : (fs::permissions(paths[2], fs::perms::owner_read), false))
+        GTEST_SKIP() << "chattr is not available";
+    h.key(ch("e"));
+    h.settle();
+    h.keys("Nuevo");
+    h.press({kDown, kDown, kDown});
+    for (int i = 0; i < 5; ++i)
+        h.key(kBackspace); // the album field emptied: ALBUM goes away
+    h.key(Key::ctrl('s'));
+    EXPECT_EQ(h.state().status->text, "Guardando tags…");
+    h.settle();
+    if (root) fixtures::runProcess({"chattr", "-i", paths[2]});
+    EXPECT_EQ(h.reports.back().text, "No se pudo escribir 1 archivo(s): " + fs::path(paths[2]).filename().string());
+    EXPECT_TRUE(h.reports.back().isError);
+    for (std::size_t i = 0; i < paths.size(); ++i) {
+        const auto stored = h.state().index.find(paths[i]);
+        ASSERT_TRUE(stored);
+        EXPECT_EQ(stored->title, i == 2 ? "t2" : "Nuevo");
+        EXPECT_EQ(titleIn(paths[i]), stored->title);
+        EXPECT_EQ(stored->album.empty(), i != 2);
+    }
+}
+
+TEST(ControllerEditing, CoversAndDocumentsThroughTheEditorKeepThePlayingTrackWhereItWas) {
+    if (!fixtures::available()) GTEST_SKIP() << "ffmpeg is not installed";
+    ControllerHarness h;
+    const auto paths = loadAlbumFiles(h);
+
+    // Playing the second track, paused at 0.7 s.
+    h.press({kDown, kDown, kEnter});
+    ASSERT_TRUE(h.state().playback.track);
+    ASSERT_EQ(h.state().playback.track->path, paths[1]);
+    h.c().seekTo(0.7);
+    h.key(ch(" "));
+    h.settle();
+    ASSERT_FALSE(h.state().playback.isPlaying);
+    h.press({kHome});
+
+    h.type(":cover " + (h.home / "no-existe.png").string());
+    h.settle();
+    EXPECT_EQ(h.reports.back().text, "No se pudo leer la imagen: " + (h.home / "no-existe.png").string());
+    // A GIF is embedded, declared as JPEG.
+    const fs::path gif = h.home / "tapa.gif";
+    ASSERT_EQ(fixtures::runProcess({"ffmpeg", "-v", "error", "-f", "lavfi", "-i", "color=red:s=8x8",
+                                    "-frames:v", "1", gif.string()})
+                  .status,
+              0);
+    h.type(":cover " + gif.string());
+    h.settle();
+    EXPECT_EQ(h.reports.back().text, "Carátula actualizada en 5 pistas");
+    auto pictures = fixtures::storedPictures(paths[4]);
+    ASSERT_EQ(pictures.size(), 1u);
+    EXPECT_EQ(pictures[0].mimeType, "image/jpeg");
+    EXPECT_EQ(h.state().playback.track->path, paths[1]);
+    EXPECT_NEAR(h.c().elapsed(), 0.7, 0.05);
+    EXPECT_FALSE(h.state().playback.isPlaying);
+    h.type(":cover remove");
+    h.settle();
+    EXPECT_EQ(h.reports.back().text, "Carátula eliminada en 5 pistas");
+    EXPECT_TRUE(fixtures::storedPictures(paths[4]).empty());
+
+    // The tag document, edited by a command that rewrites one line of it.
+    ::setenv("VISUAL", "sed -i 's/^ALBUM: .*/ALBUM: Otro/; s/^TITLE: .*/TITLE: <varios>\\nmood: Alegre/'", 1);
+    h.key(ch("E"));
+    h.settle();
+    EXPECT_EQ(h.reports.back().text, "Tags guardados en 5 pistas");
+    for (const auto& p : paths) {
+        auto file = TagEditor::properties({p}).front();
+        EXPECT_EQ(file["ALBUM"], std::vector<std::string>{"Otro"});
+        EXPECT_EQ(file["MOOD"], std::vector<std::string>{"Alegre"});
+        EXPECT_EQ(file["LYRICS"], std::vector<std::string>{"la la"});
+    }
+    EXPECT_EQ(titleIn(paths[3]), "t3");
+
+    // Lyrics of the track under the cursor; an editor that cannot run changes nothing.
+    h.press({kDown, kDown});
+    ::setenv("VISUAL", "printf '\\n Primera\\nSegunda \\n\\n' >", 1);
+    h.key(ch("L"));
+    h.settle();
+    EXPECT_EQ(h.reports.back().text, "Tags guardados en 1 pista");
+    EXPECT_EQ(TagEditor::lyrics(paths[1]), "Primera\nSegunda");
+    const std::string before = TagEditor::lyrics(paths[1]);
+    ::setenv("VISUAL", "no-existe-este-editor", 1);
+    const auto reportsBefore = h.reports.size();
+    h.key(ch("L"));
+    h.settle();
+    EXPECT_EQ(h.reports.size(), reportsBefore);
+    EXPECT_EQ(TagEditor::lyrics(paths[1]), before);
+    ::unsetenv("VISUAL");
+    EXPECT_NEAR(h.c().elapsed(), 0.7, 0.05);
 }
