@@ -13,7 +13,7 @@ packages=(
   # tests and benchmarks
   libgtest-dev libgmock-dev libbenchmark-dev clang libclang-rt-14-dev
   ffmpeg tmux pulseaudio pulseaudio-utils dbus playerctl python3-numpy procps man-db
-  nano  # the editor the tag-editing terminal tests run
+  vim-tiny  # vi: the real editor of the tag-editing terminal tests
 )
 
 missing=()
