@@ -55,7 +55,9 @@ TEST(CrashSafety, KilledWritesLeaveEveryFileOldOrNew) {
         const auto format = formats[static_cast<std::size_t>(i) % formats.size()];
         fx::Tone tone;
         tone.format = format;
-        tone.seconds = 0.5;
+        // Large enough that a save moving the audio behind a grown tag takes many writes.
+        tone.seconds = 2;
+        tone.wave = fx::Wave::noise;
         tone.tags = {{"TITLE", {"Original"}}};
         tone.covers = {fx::Cover{}};
         const std::string ext = fx::extension(format);
