@@ -4,6 +4,7 @@
 
 #include <algorithm>
 #include <array>
+#include <cctype>
 #include <cerrno>
 #include <climits>
 #include <cstdlib>
@@ -92,6 +93,14 @@ std::string extensionOf(const std::string& name) {
     auto dot = name.rfind('.');
     if (dot == std::string::npos || dot == 0) return {};
     return name.substr(dot);
+}
+
+// FLAC files may start with an ID3v2 tag, and Ogg FLAC keeps the same block limits.
+bool isFlacName(const std::string& name) {
+    std::string ext = extensionOf(name);
+    for (char& c : ext)
+        c = static_cast<char>(std::tolower(static_cast<unsigned char>(c)));
+    return ext == ".flac" || ext == ".oga";
 }
 
 std::string randomHex() {
@@ -521,7 +530,7 @@ std::optional<std::string> SafeWrite::write(const std::string& path, const Edit&
         if (!edit(*file)) return "el formato no admite el cambio";
         want.properties = file->properties();
         want.picture = file->picture();
-        if (container == Container::flac &&
+        if ((container == Container::flac || isFlacName(name)) &&
             ((want.picture && want.picture->data.size() + 64 + want.picture->mimeType.size() >=
                                   flacBlockLimit) ||
              flacCommentSize(want.properties) >= flacBlockLimit))

@@ -722,6 +722,8 @@ std::string titleIn(const std::string& path) {
 TEST(ControllerEditing, FormWritesEveryTargetAndCountsTheFileThatFails) {
     if (!fixtures::available()) GTEST_SKIP() << "ffmpeg is not installed";
     ControllerHarness h;
+    h.type(":cover remove");
+    EXPECT_EQ(h.state().status->text, "Selecciona una canción, un álbum o un artista");
     const auto paths = loadAlbumFiles(h);
 
     h.key(ch("e"));

@@ -1,0 +1,64 @@
+// The editor run without a terminal session: shell commands stand in for editors.
+
+#include "terminal/ExternalEditor.h"
+
+#include <gtest/gtest.h>
+
+#include <cstdlib>
+#include <filesystem>
+
+using namespace trovan;
+namespace fs = std::filesystem;
+
+namespace {
+
+// Sets VISUAL and EDITOR for one test (an empty string unsets).
+struct EditorEnv {
+    EditorEnv(const char* visual, const char* editor) {
+        set("VISUAL", visual);
+        set("EDITOR", editor);
+    }
+    ~EditorEnv() {
+        ::unsetenv("VISUAL");
+        ::unsetenv("EDITOR");
+    }
+    static void set(const char* name, const char* value) {
+        if (value)
+            ::setenv(name, value, 1);
+        else
+            ::unsetenv(name);
+    }
+};
+
+int leftovers() {
+    const char* tmp = std::getenv("TMPDIR");
+    int n = 0;
+    for (const auto& e : fs::directory_iterator(tmp && *tmp ? tmp : "/tmp"))
+        n += e.path().filename().string().find("-trovan-editor-test.txt") != std::string::npos;
+    return n;
+}
+
+} // namespace
+
+TEST(ExternalEditor, EditorChoiceAndWhatComesBack) {
+    {
+        EditorEnv env("", "vi -n");
+        EXPECT_EQ(ExternalEditor::command(), "vi -n");
+    }
+    {
+        EditorEnv env(nullptr, nullptr);
+        EXPECT_TRUE(ExternalEditor::command() == "nano" || ExternalEditor::command() == "vi");
+    }
+    Terminal inactive;
+    // The path reaches the command as one word whatever it holds; the command is split.
+    EditorEnv env("printf 'nuevo\\n' >", nullptr);
+    EXPECT_EQ(ExternalEditor::edit("viejo", "a b'c\"-trovan-editor-test.txt", inactive), "nuevo\n");
+    EditorEnv::set("VISUAL", "true");
+    EXPECT_EQ(ExternalEditor::edit("igual", "x-trovan-editor-test.txt", inactive), std::nullopt);
+    EditorEnv::set("VISUAL", ": >");
+    EXPECT_EQ(ExternalEditor::edit("todo", "x-trovan-editor-test.txt", inactive), "");
+    EditorEnv::set("VISUAL", "no-existe-este-editor");
+    EXPECT_EQ(ExternalEditor::edit("texto", "x-trovan-editor-test.txt", inactive), std::nullopt);
+    EXPECT_FALSE(inactive.isActive);
+    EXPECT_EQ(leftovers(), 0);
+}
