@@ -70,8 +70,8 @@ void BM_CheckedCoverWrite(benchmark::State& state) {
         failed += result.failed.size();
     }
     if (failed) state.SkipWithError("some writes failed");
-    state.counters["files/s"] = benchmark::Counter(static_cast<double>(paths.size()) * state.iterations(),
-                                                   benchmark::Counter::kIsRate);
+    state.counters["files/s"] = benchmark::Counter(
+        static_cast<double>(paths.size()) * state.iterations(), benchmark::Counter::kIsRate);
 }
 
 void BM_InPlaceTagLibSave(benchmark::State& state) {
@@ -81,14 +81,25 @@ void BM_InPlaceTagLibSave(benchmark::State& state) {
         const Picture picture = cover(run++);
         for (const auto& path : paths) {
             auto file = TagLibFile::open(path);
-            if (!file || !file->setPicture(picture) || !file->save()) state.SkipWithError("save failed");
+            if (!file || !file->setPicture(picture) || !file->save())
+                state.SkipWithError("save failed");
         }
     }
-    state.counters["files/s"] = benchmark::Counter(static_cast<double>(paths.size()) * state.iterations(),
-                                                   benchmark::Counter::kIsRate);
+    state.counters["files/s"] = benchmark::Counter(
+        static_cast<double>(paths.size()) * state.iterations(), benchmark::Counter::kIsRate);
 }
 
 } // namespace
 
-BENCHMARK(BM_CheckedCoverWrite)->Iterations(1)->Repetitions(3)->UseRealTime()->MeasureProcessCPUTime()->Unit(benchmark::kSecond);
-BENCHMARK(BM_InPlaceTagLibSave)->Iterations(1)->Repetitions(3)->UseRealTime()->MeasureProcessCPUTime()->Unit(benchmark::kSecond);
+BENCHMARK(BM_CheckedCoverWrite)
+    ->Iterations(1)
+    ->Repetitions(3)
+    ->UseRealTime()
+    ->MeasureProcessCPUTime()
+    ->Unit(benchmark::kSecond);
+BENCHMARK(BM_InPlaceTagLibSave)
+    ->Iterations(1)
+    ->Repetitions(3)
+    ->UseRealTime()
+    ->MeasureProcessCPUTime()
+    ->Unit(benchmark::kSecond);

@@ -174,8 +174,7 @@ public:
     void handleRemote(const RemoteCommand& command);
 
 private:
-    using WriteJob =
-        std::function<TagWriteResult(TagEditor&, const std::vector<std::string>&)>;
+    using WriteJob = std::function<TagWriteResult(TagEditor&, const std::vector<std::string>&)>;
     // The playing track let go for a write, to be taken up again where it was.
     struct Resume {
         std::string path;

@@ -8,10 +8,10 @@
 #include "media/ImageDecoder.h"
 #include "playback/AudioEngine.h"
 #include "playback/PlaybackController.h"
+#include "state/CommandParser.h"
 #include "tags/TagDocument.h"
 #include "tags/TagEditor.h"
 #include "terminal/ExternalEditor.h"
-#include "state/CommandParser.h"
 
 #include <algorithm>
 #include <fstream>
@@ -148,26 +148,26 @@ void AppController::editLyrics() {
         report("Selecciona una canción", true);
         return;
     }
-    pool_.submit([this, alive = std::weak_ptr<char>(alive_), post = host_.post,
-                  path = paths.front()] {
-        std::string old = TagEditor::lyrics(path);
-        post([this, alive, path, old = std::move(old)] {
-            if (!alive.lock()) return;
-            auto edited = runEditor(old, "letra.txt");
-            if (!edited) return;
-            const std::string text(trimWhitespace(*edited));
-            if (text == trimWhitespace(old)) {
-                report("Sin cambios");
-                return;
-            }
-            TagPatch patch;
-            if (text.empty())
-                patch.remove.insert("LYRICS");
-            else
-                patch.changes["LYRICS"] = {text};
-            writeTags(patch, {path});
+    pool_.submit(
+        [this, alive = std::weak_ptr<char>(alive_), post = host_.post, path = paths.front()] {
+            std::string old = TagEditor::lyrics(path);
+            post([this, alive, path, old = std::move(old)] {
+                if (!alive.lock()) return;
+                auto edited = runEditor(old, "letra.txt");
+                if (!edited) return;
+                const std::string text(trimWhitespace(*edited));
+                if (text == trimWhitespace(old)) {
+                    report("Sin cambios");
+                    return;
+                }
+                TagPatch patch;
+                if (text.empty())
+                    patch.remove.insert("LYRICS");
+                else
+                    patch.changes["LYRICS"] = {text};
+                writeTags(patch, {path});
+            });
         });
-    });
 }
 
 std::optional<std::string> AppController::runEditor(const std::string& text,
@@ -193,7 +193,9 @@ void AppController::setCover(const std::string& image) {
         auto bytes = readBytes(path);
         const bool ok = bytes && !bytes->empty() && ImageDecoder::isImage(*bytes);
         std::optional<Picture> picture;
-        if (ok) picture = Picture{std::move(*bytes), lowerExtension(path) == "png" ? "image/png" : "image/jpeg"};
+        if (ok)
+            picture = Picture{std::move(*bytes),
+                              lowerExtension(path) == "png" ? "image/png" : "image/jpeg"};
         post([this, alive, path, ok, picture = std::move(picture), paths = std::move(paths)] {
             if (!alive.lock()) return;
             if (!ok) {
@@ -215,10 +217,11 @@ void AppController::writePicture(std::optional<Picture> picture, const std::stri
         report(kNoTargets, true);
         return;
     }
-    startWrite(std::move(paths), message, true,
-               [picture = std::move(picture)](TagEditor& editor, const std::vector<std::string>& p) {
-                   return editor.setPicture(picture, p);
-               });
+    startWrite(
+        std::move(paths), message, true,
+        [picture = std::move(picture)](TagEditor& editor, const std::vector<std::string>& p) {
+            return editor.setPicture(picture, p);
+        });
 }
 
 // --- Writing
@@ -251,8 +254,10 @@ void AppController::startWrite(std::vector<std::string> paths, std::string succe
             if (!alive.lock()) return;
             if (resume) resumeAfterWrite(*resume);
             if (picture && state_.playback.track &&
-                (resume || std::any_of(result.updated.begin(), result.updated.end(),
-                                       [&](const Track& t) { return t.path == state_.playback.track->path; }))) {
+                (resume ||
+                 std::any_of(result.updated.begin(), result.updated.end(), [&](const Track& t) {
+                     return t.path == state_.playback.track->path;
+                 }))) {
                 loadCover(*state_.playback.track, true);
             }
             if (picture) {

@@ -145,7 +145,8 @@ bool writeFully(int fd, const char* buf, std::size_t n, off_t at) {
 bool copyContents(int from, int to, off_t length) {
     off_t in = 0, out = 0;
     while (in < length) {
-        ssize_t n = ::copy_file_range(from, &in, to, &out, static_cast<std::size_t>(length - in), 0);
+        ssize_t n =
+            ::copy_file_range(from, &in, to, &out, static_cast<std::size_t>(length - in), 0);
         if (n < 0 && errno == EINTR) continue;
         if (n > 0) continue;
         if (n == 0) return false; // the source got shorter
@@ -254,7 +255,7 @@ std::optional<Region> mpegAudio(int fd) {
     unsigned char footer[32];
     if (end - start >= 32 && readFully(fd, reinterpret_cast<char*>(footer), 32, end - 32) &&
         std::memcmp(footer, "APETAGEX", 8) == 0) {
-        off_t ape = le32(footer + 12); // items and footer
+        off_t ape = le32(footer + 12);                  // items and footer
         if (le32(footer + 20) & 0x80000000u) ape += 32; // a header too
         end -= ape;
     }
@@ -327,7 +328,9 @@ bool audioIntact(int original, const std::string& originalPath, int copy,
     if (c != Container::other) {
         auto a = audioRegion(original, c);
         auto b = audioRegion(copy, c);
-        if (a && b) return a->length == b->length && sameBytes(original, a->start, copy, b->start, a->length);
+        if (a && b)
+            return a->length == b->length &&
+                   sameBytes(original, a->start, copy, b->start, a->length);
         if (a || b) return false;
     }
     // Tags and audio share the container's structures (MP4 offset tables, Ogg pages):
@@ -343,7 +346,8 @@ struct Expected {
     std::optional<TagLibFile::AudioProperties> audio;
 };
 
-bool sameAudioProperties(const TagLibFile::AudioProperties& a, const TagLibFile::AudioProperties& b) {
+bool sameAudioProperties(const TagLibFile::AudioProperties& a,
+                         const TagLibFile::AudioProperties& b) {
     // The bit rate of some formats is derived from the file's size, which tags change.
     return a.sampleRate == b.sampleRate && a.channels == b.channels &&
            a.bitsPerSample == b.bitsPerSample && a.codec == b.codec &&
@@ -374,7 +378,8 @@ void copyAttributes(int from, int to, const struct stat& st) {
     std::vector<char> names(static_cast<std::size_t>(size));
     size = ::flistxattr(from, names.data(), names.size());
     if (size <= 0) return;
-    for (const char* name = names.data(); name < names.data() + size; name += std::strlen(name) + 1) {
+    for (const char* name = names.data(); name < names.data() + size;
+         name += std::strlen(name) + 1) {
         ssize_t n = ::fgetxattr(from, name, nullptr, 0);
         if (n < 0) continue;
         std::vector<char> value(static_cast<std::size_t>(n));
@@ -435,7 +440,8 @@ std::optional<std::string> makeBackup(int original, off_t length, const std::str
                                       const std::string& name, std::string& backupPath) {
     const std::string pid = std::to_string(::getpid());
     const std::string backupName = std::string(SafeWrite::backupPrefix) + pid + "-" + name;
-    if (backupName.size() > NAME_MAX) return "el nombre es demasiado largo para una copia de seguridad";
+    if (backupName.size() > NAME_MAX)
+        return "el nombre es demasiado largo para una copia de seguridad";
     const std::string staging =
         folder + "/" + std::string(SafeWrite::tempPrefix) + pid + "-" + randomHex() + ".bak";
     LiveName live(staging);
@@ -519,7 +525,8 @@ std::optional<std::string> SafeWrite::write(const std::string& path, const Edit&
         }
     } remover{tempPath};
 
-    if (!copyContents(original.get(), temp.get(), st.st_size)) return "no se pudo copiar el archivo";
+    if (!copyContents(original.get(), temp.get(), st.st_size))
+        return "no se pudo copiar el archivo";
     const Container container = containerOf(original.get());
 
     Expected want;
@@ -531,8 +538,8 @@ std::optional<std::string> SafeWrite::write(const std::string& path, const Edit&
         want.properties = file->properties();
         want.picture = file->picture();
         if ((container == Container::flac || isFlacName(name)) &&
-            ((want.picture && want.picture->data.size() + 64 + want.picture->mimeType.size() >=
-                                  flacBlockLimit) ||
+            ((want.picture &&
+              want.picture->data.size() + 64 + want.picture->mimeType.size() >= flacBlockLimit) ||
              flacCommentSize(want.properties) >= flacBlockLimit))
             return "la carátula o los tags no caben en un bloque FLAC";
         if (!file->save()) return "TagLib no pudo guardar";

@@ -7,9 +7,9 @@ namespace trovan {
 
 namespace {
 
-const std::vector<std::string> kCommonKeys = {"TITLE", "ARTIST",      "ALBUMARTIST", "ALBUM",
-                                               "DATE",  "TRACKNUMBER", "DISCNUMBER",  "GENRE",
-                                               "COMPOSER", "COMMENT"};
+const std::vector<std::string> kCommonKeys = {"TITLE",    "ARTIST",      "ALBUMARTIST", "ALBUM",
+                                              "DATE",     "TRACKNUMBER", "DISCNUMBER",  "GENRE",
+                                              "COMPOSER", "COMMENT"};
 const std::string kMixed = "<varios>";
 
 std::string trimBlanks(const std::string& s) {
@@ -77,8 +77,9 @@ std::string TagDocument::render(const std::vector<PropertyMap>& files) {
     out += "\n";
     for (const auto& key : orderedKeys(files)) {
         const auto& first = files.empty() ? valuesOf({}, key) : valuesOf(files.front(), key);
-        const bool same = std::all_of(files.begin(), files.end(),
-                                      [&](const PropertyMap& f) { return valuesOf(f, key) == first; });
+        const bool same = std::all_of(files.begin(), files.end(), [&](const PropertyMap& f) {
+            return valuesOf(f, key) == first;
+        });
         if (!same) {
             out += key + ": " + kMixed + "\n";
         } else if (first.empty()) {
@@ -101,7 +102,8 @@ TagPatch TagDocument::parse(const std::string& text, const std::vector<PropertyM
         std::string line = trimBlanks(text.substr(start, end - start));
         start = end + 1;
         // Editors that save with CRLF leave a carriage return at the end of each line.
-        if (!line.empty() && line.back() == '\r') line = trimBlanks(line.substr(0, line.size() - 1));
+        if (!line.empty() && line.back() == '\r')
+            line = trimBlanks(line.substr(0, line.size() - 1));
         if (line.empty() || line[0] == '#') continue;
         const auto colon = line.find(':');
         if (colon == std::string::npos) continue;
@@ -121,7 +123,8 @@ TagPatch TagDocument::parse(const std::string& text, const std::vector<PropertyM
         // The document shows a missing key as an empty line: left empty, it stays missing.
         const bool blank = list == std::vector<std::string>{""};
         const bool unchanged =
-            !original.empty() && std::all_of(original.begin(), original.end(), [&](const PropertyMap& f) {
+            !original.empty() &&
+            std::all_of(original.begin(), original.end(), [&](const PropertyMap& f) {
                 const auto& had = valuesOf(f, key);
                 return had == list || (blank && had.empty());
             });

@@ -56,8 +56,8 @@ TagWriteResult TagEditor::write(const std::vector<std::string>& paths, const Saf
     for (const auto& path : paths) {
         const auto slash = path.rfind('/');
         const std::string folder = slash == std::string::npos ? "."
-                                   : slash == 0                ? "/"
-                                                               : path.substr(0, slash);
+                                   : slash == 0               ? "/"
+                                                              : path.substr(0, slash);
         if (cleaned.insert(folder).second) SafeWrite::cleanLeftovers(folder);
         if (SafeWrite::write(path, body, growth)) {
             result.failed.push_back(path);

@@ -93,8 +93,8 @@ std::string ExternalEditor::command() {
     return onPath("nano") || !onPath("vi") ? "nano" : "vi";
 }
 
-std::optional<std::string> ExternalEditor::edit(const std::string& text, const std::string& fileName,
-                                                Terminal& terminal) {
+std::optional<std::string> ExternalEditor::edit(const std::string& text,
+                                                const std::string& fileName, Terminal& terminal) {
     std::string dir = env("TMPDIR");
     if (dir.empty()) dir = "/tmp";
     const std::string path = dir + "/trovan-" + uuid() + "-" + fileName;

@@ -700,10 +700,13 @@ std::vector<std::string> loadAlbumFiles(ControllerHarness& h) {
     for (int i = 0; i < 5; ++i) {
         fixtures::Tone tone;
         tone.seconds = 2;
-        tone.tags = {{"ARTIST", {"Ana"}}, {"ALBUM", {"Disco"}}, {"TITLE", {"t" + std::to_string(i)}},
-                     {"TRACKNUMBER", {std::to_string(i + 1)}}, {"LYRICS", {"la la"}}};
-        auto file = fixtures::copyTo(fixtures::cached("controller-edit-" + std::to_string(i) + ".flac", tone),
-                                     music);
+        tone.tags = {{"ARTIST", {"Ana"}},
+                     {"ALBUM", {"Disco"}},
+                     {"TITLE", {"t" + std::to_string(i)}},
+                     {"TRACKNUMBER", {std::to_string(i + 1)}},
+                     {"LYRICS", {"la la"}}};
+        auto file = fixtures::copyTo(
+            fixtures::cached("controller-edit-" + std::to_string(i) + ".flac", tone), music);
         paths.push_back(file.string());
         tracks.push_back(*Track::read(file.string()));
     }
@@ -751,7 +754,8 @@ TEST(ControllerEditing, FormWritesEveryTargetAndCountsTheFileThatFails) {
     EXPECT_EQ(h.state().status->text, "Guardando tags…");
     h.settle();
     if (root) fixtures::runProcess({"chattr", "-i", paths[2]});
-    EXPECT_EQ(h.reports.back().text, "No se pudo escribir 1 archivo(s): " + fs::path(paths[2]).filename().string());
+    EXPECT_EQ(h.reports.back().text,
+              "No se pudo escribir 1 archivo(s): " + fs::path(paths[2]).filename().string());
     EXPECT_TRUE(h.reports.back().isError);
     for (std::size_t i = 0; i < paths.size(); ++i) {
         const auto stored = h.state().index.find(paths[i]);
@@ -779,7 +783,8 @@ TEST(ControllerEditing, CoversAndDocumentsThroughTheEditorKeepThePlayingTrackWhe
 
     h.type(":cover " + (h.home / "no-existe.png").string());
     h.settle();
-    EXPECT_EQ(h.reports.back().text, "No se pudo leer la imagen: " + (h.home / "no-existe.png").string());
+    EXPECT_EQ(h.reports.back().text,
+              "No se pudo leer la imagen: " + (h.home / "no-existe.png").string());
     // A GIF is embedded, declared as JPEG.
     const fs::path gif = h.home / "tapa.gif";
     ASSERT_EQ(fixtures::runProcess({"ffmpeg", "-v", "error", "-f", "lavfi", "-i", "color=red:s=8x8",
@@ -801,7 +806,8 @@ TEST(ControllerEditing, CoversAndDocumentsThroughTheEditorKeepThePlayingTrackWhe
     EXPECT_TRUE(fixtures::storedPictures(paths[4]).empty());
 
     // The tag document, edited by a command that rewrites one line of it.
-    ::setenv("VISUAL", "sed -i 's/^ALBUM: .*/ALBUM: Otro/; s/^TITLE: .*/TITLE: <varios>\\nmood: Alegre/'", 1);
+    ::setenv("VISUAL",
+             "sed -i 's/^ALBUM: .*/ALBUM: Otro/; s/^TITLE: .*/TITLE: <varios>\\nmood: Alegre/'", 1);
     h.key(ch("E"));
     h.settle();
     EXPECT_EQ(h.reports.back().text, "Tags guardados en 5 pistas");

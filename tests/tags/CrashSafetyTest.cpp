@@ -69,10 +69,12 @@ TEST(CrashSafety, KilledWritesLeaveEveryFileOldOrNew) {
     // Some files have a second name elsewhere: those are rewritten in place.
     const fs::path links = dir.subdir("links");
     for (int i = 0; i < 100; i += 20)
-        fs::create_hard_link(paths[static_cast<std::size_t>(i)], links / fs::path(paths[static_cast<std::size_t>(i)]).filename());
+        fs::create_hard_link(paths[static_cast<std::size_t>(i)],
+                             links / fs::path(paths[static_cast<std::size_t>(i)]).filename());
     std::vector<std::string> sentinels;
     for (const auto& folder : folders)
-        sentinels.push_back(fx::copyTo(fx::cached("crash-flac.flac", {}), folder, "zz-next.flac").string());
+        sentinels.push_back(
+            fx::copyTo(fx::cached("crash-flac.flac", {}), folder, "zz-next.flac").string());
 
     const auto seed = std::random_device{}();
     SCOPED_TRACE("seed " + std::to_string(seed));
@@ -102,7 +104,8 @@ TEST(CrashSafety, KilledWritesLeaveEveryFileOldOrNew) {
         ::waitpid(child, &status, 0);
         if (round == 0) {
             ASSERT_TRUE(WIFEXITED(status));
-            roundSeconds = std::chrono::duration<double>(std::chrono::steady_clock::now() - started).count();
+            roundSeconds =
+                std::chrono::duration<double>(std::chrono::steady_clock::now() - started).count();
         }
 
         // The next write in each folder finishes what the dead run left behind.
@@ -120,7 +123,8 @@ TEST(CrashSafety, KilledWritesLeaveEveryFileOldOrNew) {
             const fs::path redo = scratch / fs::path(paths[i]).filename();
             std::ofstream(redo, std::ios::binary) << old[i];
             change(editor, round, {redo.string()});
-            EXPECT_EQ(now, bytesOf(redo)) << paths[i] << " is neither old nor new after round " << round;
+            EXPECT_EQ(now, bytesOf(redo))
+                << paths[i] << " is neither old nor new after round " << round;
             fs::remove(redo);
         }
         if (changed > 0 && changed < 100) ++killedMidway;

@@ -21,7 +21,8 @@ std::string replaced(std::string text, const std::string& from, const std::strin
 TEST(TagDocument, RendersSharedValuesAndMixedOnesAndReadsItselfBackUnchanged) {
     const std::string doc = TagDocument::render(kTwo);
     EXPECT_EQ(doc.substr(0, doc.find('\n')), "# Trovan · editando 2 pistas");
-    EXPECT_NE(doc.find("\nTITLE: <varios>\nARTIST: Ana\nALBUMARTIST: \nALBUM: \n"), std::string::npos);
+    EXPECT_NE(doc.find("\nTITLE: <varios>\nARTIST: Ana\nALBUMARTIST: \nALBUM: \n"),
+              std::string::npos);
     // Common keys first, then the rest; never the lyrics.
     EXPECT_LT(doc.find("COMMENT: c"), doc.find("MOOD: <varios>"));
     EXPECT_EQ(doc.find("LYRICS"), std::string::npos);

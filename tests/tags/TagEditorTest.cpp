@@ -1,9 +1,9 @@
 // Tag and picture writes on real files of every writable format, and the ways a write
 // may not happen: each must leave the file exactly as it was.
 
+#include "tags/TagEditor.h"
 #include "library/LibraryStore.h"
 #include "support/Fixtures.h"
-#include "tags/TagEditor.h"
 
 #include <gtest/gtest.h>
 
@@ -91,13 +91,13 @@ TEST(TagEditor, WritesTagsAndPicturesIntoEveryWritableFormat) {
     for (auto format : fx::taggableFormats()) {
         SCOPED_TRACE(fx::name(format));
         const fs::path file = copyOf(format, dir.path(), fx::name(format));
-        fs::permissions(file, fs::perms::owner_read | fs::perms::owner_write | fs::perms::group_read);
+        fs::permissions(file,
+                        fs::perms::owner_read | fs::perms::owner_write | fs::perms::group_read);
         const bool xattrs = ::setxattr(file.c_str(), "user.trovan", "1", 1, 0) == 0;
 
         TagPatch patch;
-        patch.changes = {{"ARTIST", {"Uno", "Dos"}},
-                         {"TITLE", {"Línea 1\nLínea 2"}},
-                         {"MOOD", {"Alegre"}}};
+        patch.changes = {
+            {"ARTIST", {"Uno", "Dos"}}, {"TITLE", {"Línea 1\nLínea 2"}}, {"MOOD", {"Alegre"}}};
         patch.remove = {"COMMENT"};
         auto result = editor.apply(patch, {file.string()});
         ASSERT_TRUE(result.failed.empty());
@@ -148,7 +148,9 @@ TEST(TagEditor, FilesThatCannotBeWrittenAreCountedAndLeftByteIdentical) {
     const fs::path music = dir.subdir("music");
     std::vector<std::string> five;
     for (int i = 0; i < 5; ++i)
-        five.push_back(copyOf(i % 2 ? fx::Format::mp3 : fx::Format::flac, music, "t" + std::to_string(i)).string());
+        five.push_back(
+            copyOf(i % 2 ? fx::Format::mp3 : fx::Format::flac, music, "t" + std::to_string(i))
+                .string());
     const std::string locked = five[2];
     const std::string before = bytesOf(locked);
     {
