@@ -561,7 +561,9 @@ std::optional<std::string> SafeWrite::write(const std::string& path, const Edit&
         if (::rename(tempPath.c_str(), path.c_str()) != 0)
             return std::string("no se pudo reemplazar: ") + std::strerror(errno);
         remover.keep = true;
-        if (!syncFolder(folder)) return "no se pudo sincronizar la carpeta";
+        // The new file is in place whatever the folder's sync says (some file systems
+        // cannot sync a folder); reporting a failure now would hide a written file.
+        syncFolder(folder);
         return std::nullopt;
     }
 

@@ -65,6 +65,15 @@ TEST(TagEditingTmux, FormTagDocumentLyricsAndAMissingEditor) {
     ASSERT_TRUE(s.waitFor("Tags guardados en 1 pista")) << s.screen();
     EXPECT_EQ(value(music / "alfa-1.flac", "LYRICS"), "Hola\nmundo");
 
+    // Rewriting the playing file: it plays on from where it was.
+    s.keys("Enter");
+    ASSERT_TRUE(s.waitFor(" 0:02 ━")) << s.screen();
+    s.command(":cover remove");
+    ASSERT_TRUE(s.waitFor("Carátula eliminada en 1 pista")) << s.screen();
+    EXPECT_EQ(s.screen().find(" 0:00 ━"), npos) << s.screen();
+    EXPECT_NE(s.line(38).find("❚❚"), npos) << s.line(38);
+    EXPECT_TRUE(s.waitFor(" 0:04 ━")) << s.screen();
+
     // An editor that does not exist: nothing changes and the screen comes back.
     s.keys("q");
     s.expectCleanExit();
