@@ -14,6 +14,7 @@
 #include "terminal/ExternalEditor.h"
 
 #include <algorithm>
+#include <cstdlib>
 #include <fstream>
 #include <iterator>
 

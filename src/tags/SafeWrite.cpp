@@ -48,8 +48,8 @@ private:
     int fd_;
 };
 
-// Working files this process is using right now; cleanLeftovers never touches them even
-// though their owner (we) is alive... and a second write in the same folder runs.
+// Working files this process is using right now. A leftover named after our own pid is
+// abandoned only if it is not among them: another batch may be writing in the folder.
 std::mutex liveMutex;
 std::set<std::string> liveFiles;
 
