@@ -119,7 +119,9 @@ TagPatch TagDocument::parse(const std::string& text, const std::vector<PropertyM
     }
 
     TagPatch patch;
-    for (const auto& [key, list] : values) {
+    for (const auto& entry : values) {
+        const std::string& key = entry.first;
+        const std::vector<std::string>& list = entry.second;
         // The document shows a missing key as an empty line: left empty, it stays missing.
         const bool blank = list == std::vector<std::string>{""};
         const bool unchanged =
