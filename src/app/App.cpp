@@ -20,9 +20,11 @@
 #include <csignal>
 #include <cstdio>
 #include <cstdlib>
+#include <cerrno>
 #include <cstring>
 #include <fcntl.h>
 #include <poll.h>
+#include <pthread.h>
 #include <unistd.h>
 
 namespace trovan {
@@ -39,6 +41,10 @@ constexpr std::string_view kUsage =
     "Datos: ~/.local/share/Trovan (c\xC3\xA1mbialo con TROVAN_HOME)";
 
 constexpr auto kTickInterval = std::chrono::milliseconds(250);
+constexpr int kHandledSignals[] = {SIGWINCH, SIGTERM, SIGHUP, SIGINT, SIGTSTP, SIGCONT};
+// The error log is emptied when it grows past this, checked at most this often.
+constexpr long long kLogLimit = 1 << 20;
+constexpr auto kLogCheckInterval = std::chrono::seconds(30);
 
 } // namespace
 
@@ -65,19 +71,42 @@ bool App::wantsTruecolor(const char* colorterm) {
            v.find("24bit") != std::string_view::npos;
 }
 
-int App::main(const std::vector<std::string>& arguments) {
+std::variant<App::CommandLine, App::UsageError> App::parse(const std::vector<std::string>& arguments) {
+    CommandLine line;
+    bool options = true;
     for (const auto& a : arguments) {
-        if (a == "-h" || a == "--help") {
-            std::fwrite(kUsage.data(), 1, kUsage.size(), stdout);
-            std::fputc('\n', stdout);
-            return 0;
+        if (options && a == "--") {
+            options = false;
+        } else if (options && (a == "-h" || a == "--help")) {
+            line.help = true;
+        } else if (options && (a == "-V" || a == "--version")) {
+            line.version = true;
+        } else if (options && a.size() > 1 && a[0] == '-') {
+            if (!line.help && !line.version)
+                return UsageError{"trovan: opci\xC3\xB3n desconocida: " + a +
+                                  "\nUso: trovan [carpeta \xE2\x80\xA6]   (trovan --help para m\xC3\xA1s)\n"};
+        } else {
+            line.folders.push_back(a);
         }
     }
-    for (const auto& a : arguments) {
-        if (a == "-V" || a == "--version") {
-            std::puts("trovan " TROVAN_VERSION);
-            return 0;
-        }
+    return line;
+}
+
+int App::main(const std::vector<std::string>& arguments) {
+    const auto parsed = parse(arguments);
+    if (const auto* error = std::get_if<UsageError>(&parsed)) {
+        std::fputs(error->message.c_str(), stderr);
+        return 2;
+    }
+    const CommandLine& line = std::get<CommandLine>(parsed);
+    if (line.help) {
+        std::fwrite(kUsage.data(), 1, kUsage.size(), stdout);
+        std::fputc('\n', stdout);
+        return 0;
+    }
+    if (line.version) {
+        std::puts("trovan " TROVAN_VERSION);
+        return 0;
     }
     if (!isatty(0) || !isatty(1)) {
         std::fputs("trovan necesita una terminal interactiva\n", stderr);
@@ -91,19 +120,42 @@ int App::main(const std::vector<std::string>& arguments) {
         std::fprintf(stderr, "No se pudo abrir la biblioteca: %s\n", e.what());
         return 1;
     }
+    // Libraries write to standard error (the sound server's client, FFmpeg, JACK
+    // probing); during the session that goes to a log instead of over the screen.
+    const bool logging = Terminal::logErrorsTo(AppPaths::logFile());
+
+    // Every thread started from here on inherits a mask without the signals the main
+    // loop handles, so none of them is interrupted by one; the main thread takes them
+    // again once the loop runs.
+    const sigset_t handled = handledSignals();
+    sigset_t previous;
+    pthread_sigmask(SIG_BLOCK, &handled, &previous);
 
     asio::io_context io;
     App app(io, store);
     app.terminal().enter();
     app.listenToInput();
     app.listenToSignals();
-    app.controller().start(arguments);
+    app.controller().start(line.folders);
+    if (!logging)
+        app.controller().report("No se pudo crear el registro de errores en " +
+                                    AppPaths::support().string(),
+                                true);
     app.render();
     app.preloadModules();
     app.controller().connectNowPlaying();
+    pthread_sigmask(SIG_SETMASK, &previous, nullptr);
     io.run();
     // The loop only runs dry if every source failed: leave as on end of input.
     app.controller().quit();
+}
+
+sigset_t App::handledSignals() {
+    sigset_t set;
+    sigemptyset(&set);
+    for (int sig : kHandledSignals)
+        sigaddset(&set, sig);
+    return set;
 }
 
 App::App(asio::io_context& io, std::shared_ptr<LibraryStore> store)
@@ -179,12 +231,22 @@ void App::readInput() {
         return;
     }
     char buf[4096] = {};
-    const ssize_t n = ::read(0, buf, sizeof buf);
-    // End of input or any failure (the terminal went away): there is no retry.
+    ssize_t n;
+    do {
+        n = ::read(0, buf, sizeof buf);
+    } while (n < 0 && errno == EINTR);
+    // A descriptor switched to non-blocking by someone else: wait for the next edge.
+    if (n < 0 && errno == EAGAIN) {
+        waitForInput();
+        return;
+    }
+    // End of input or any other failure (the terminal went away): there is no retry.
     if (n <= 0) controller_->quit();
 
     for (const InputEvent& event : decoder_.decode(std::string_view(buf, static_cast<std::size_t>(n)))) {
-        if (const auto* key = std::get_if<Key>(&event)) {
+        if (const auto* key = std::get_if<Key>(&event); key && *key == Key::ctrl('z')) {
+            suspend(); // raw mode turns the terminal's Ctrl-Z into a plain byte
+        } else if (key) {
             controller_->handleKey(*key);
         } else if (const auto* mouse = std::get_if<MouseEvent>(&event)) {
             controller_->handleMouse(*mouse);
@@ -205,7 +267,7 @@ void App::readInput() {
 }
 
 void App::listenToSignals() {
-    for (int sig : {SIGWINCH, SIGTERM, SIGHUP, SIGINT}) {
+    for (int sig : kHandledSignals) {
         std::signal(sig, SIG_IGN);
         sources_->signals.add(sig);
     }
@@ -219,11 +281,38 @@ void App::waitForSignal() {
         if (sig == SIGWINCH) {
             renderer_.front.reset();
             controller_->resize(Terminal::querySize());
+        } else if (sig == SIGTSTP) {
+            suspend();
+        } else if (sig == SIGCONT) {
+            // Stopped by someone else (SIGSTOP) and continued: the shell had the terminal
+            // meanwhile.
+            if (terminal_.isActive) {
+                terminal_.reapply();
+                redrawAll();
+            }
         } else {
             controller_->quit();
         }
         waitForSignal();
     });
+}
+
+void App::suspend() {
+    if (!terminal_.isActive) return;
+    restoreTerminal();
+    terminal_.isActive = false;
+    std::fflush(stdout);
+    // Stops every thread of the process until SIGCONT (fg); playback pauses on its own
+    // as the sound server stops getting samples.
+    raise(SIGSTOP);
+    terminal_.enter();
+    redrawAll();
+}
+
+void App::redrawAll() {
+    renderer_.front.reset();
+    controller_->resize(Terminal::querySize());
+    render();
 }
 
 void App::setTicking(bool on) {
@@ -258,6 +347,10 @@ void App::render() {
     assert(onMainThread());
     renderScheduled_ = false;
     if (!terminal_.isActive) return;
+    if (const auto now = std::chrono::steady_clock::now(); now >= nextLogCheck_) {
+        nextLogCheck_ = now + kLogCheckInterval;
+        Terminal::trimErrorLog(kLogLimit);
+    }
     Frame frame = composeFrame(*controller_);
     Terminal::write(renderer_.render(std::move(frame.buffer), frame.cursor));
 }

@@ -8,6 +8,7 @@
 #include "library/Indexer.h"
 #include "library/LibraryStore.h"
 #include "playback/PlaybackController.h"
+#include "text/Text.h"
 
 #include <algorithm>
 #include <cstdio>
@@ -15,6 +16,7 @@
 #include <filesystem>
 #include <malloc.h>
 #include <system_error>
+#include <utility>
 
 namespace trovan {
 
@@ -39,8 +41,11 @@ std::string AppController::normalizeRoot(const std::string& path) {
 }
 
 void AppController::start(const std::vector<std::string>& addingRoots) {
-    for (const auto& root : addingRoots)
+    for (const auto& root : addingRoots) {
         addRoot(root, false);
+        if (state_.status && state_.status->isError)
+            startupErrors_ += (startupErrors_.empty() ? "" : " · ") + state_.status->text;
+    }
     // The scan counts as started from here: the cached library is loaded first, then
     // the folders are walked, and the header says we are looking from the first frame.
     scanning_ = true;
@@ -127,9 +132,17 @@ void AppController::runScan(bool force) {
                         .count();
                 char elapsed[32];
                 std::snprintf(elapsed, sizeof elapsed, "%.1f", seconds);
-                report("Biblioteca al día: " + std::to_string(summary.fileCount) + " archivos · " +
-                       std::to_string(summary.readCount) + " leídos · " +
-                       std::to_string(summary.removedCount) + " quitados (" + elapsed + " s)");
+                std::string text = "Biblioteca al día: " +
+                                   text::counted(summary.fileCount, "archivo", "archivos") +
+                                   " · " + text::counted(summary.readCount, "leído", "leídos") +
+                                   " · " +
+                                   text::counted(summary.removedCount, "quitado", "quitados") +
+                                   " (" + elapsed + " s)";
+                if (!startupErrors_.empty()) {
+                    report(std::exchange(startupErrors_, {}) + " · " + text, true);
+                } else {
+                    report(text);
+                }
                 scanEnded();
             };
             // Nothing read and nothing removed: the cache is as loaded, no reload needed.

@@ -14,6 +14,8 @@ public:
     static std::filesystem::path support();
     static std::filesystem::path libraryFile() { return support() / "library.sqlite"; }
     static std::filesystem::path configFile() { return support() / "config.json"; }
+    // Standard error of the last session (overwritten by each run).
+    static std::filesystem::path logFile() { return support() / "trovan.log"; }
 
     // Writes `bytes` to a temporary file next to `target`, flushes it to disk and renames
     // it over the target, creating missing parent folders first. On failure the target
