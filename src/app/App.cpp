@@ -45,6 +45,7 @@ constexpr int kHandledSignals[] = {SIGWINCH, SIGTERM, SIGHUP, SIGINT, SIGTSTP, S
 // The error log is emptied when it grows past this, checked at most this often.
 constexpr long long kLogLimit = 1 << 20;
 constexpr auto kLogCheckInterval = std::chrono::seconds(30);
+constexpr auto kSettingsQuietPeriod = std::chrono::milliseconds(500);
 
 } // namespace
 
@@ -137,10 +138,13 @@ int App::main(const std::vector<std::string>& arguments) {
     app.listenToInput();
     app.listenToSignals();
     app.controller().start(line.folders);
-    if (!logging)
+    if (!app.settingsProblem_.empty()) {
+        app.controller().report(app.settingsProblem_, true);
+    } else if (!logging) {
         app.controller().report("No se pudo crear el registro de errores en " +
                                     AppPaths::support().string(),
                                 true);
+    }
     app.render();
     app.preloadModules();
     app.controller().connectNowPlaying();
@@ -172,9 +176,14 @@ App::App(asio::io_context& io, std::shared_ptr<LibraryStore> store)
             if (!ec) task();
         });
     };
-    controller_ = std::make_unique<AppController>(terminal_, Terminal::querySize(),
-                                                  SettingsStore(AppPaths::configFile()),
+    // Volume and equalizer keys come in bursts: the file is written once they stop.
+    SettingsStore settings(AppPaths::configFile(), kSettingsQuietPeriod);
+    settings.onFailure([&io, this](const std::string& message) {
+        asio::post(io, [this, message] { controller_->report(message, true); });
+    });
+    controller_ = std::make_unique<AppController>(terminal_, Terminal::querySize(), settings,
                                                   std::move(store), pool_, std::move(host));
+    settingsProblem_ = settings.loadProblem();
     controller_->needsRender = [this] { scheduleRender(); };
     controller_->screenInvalidated = [this] {
         renderer_.front.reset();

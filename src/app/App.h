@@ -100,6 +100,7 @@ private:
     WorkerPool pool_;
     bool renderScheduled_ = false;
     std::chrono::steady_clock::time_point nextLogCheck_{};
+    std::string settingsProblem_; // from reading config.json, shown once the session starts
     std::thread::id mainThread_;
     std::unique_ptr<AppController> controller_;
     std::unique_ptr<BusLoop> bus_; // the session bus, once connected
