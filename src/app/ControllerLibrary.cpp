@@ -138,11 +138,13 @@ void AppController::runScan(bool force) {
                                    " · " +
                                    text::counted(summary.removedCount, "quitado", "quitados") +
                                    " (" + elapsed + " s)";
-                if (!startupErrors_.empty()) {
-                    report(std::exchange(startupErrors_, {}) + " · " + text, true);
-                } else {
-                    report(text);
-                }
+                report(text);
+                // The command line's errors come back once the summary has been read.
+                if (!startupErrors_.empty() && host_.postDelayed)
+                    host_.postDelayed(std::chrono::seconds(4),
+                                      guarded([this, errors = std::exchange(startupErrors_, {})] {
+                                          report(errors, true);
+                                      }));
                 scanEnded();
             };
             // Nothing read and nothing removed: the cache is as loaded, no reload needed.
