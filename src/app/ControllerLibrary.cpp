@@ -138,6 +138,10 @@ void AppController::runScan(bool force) {
                                    " · " +
                                    text::counted(summary.removedCount, "quitado", "quitados") +
                                    " (" + elapsed + " s)";
+                // Which ones went to the log (standard error during the session).
+                if (summary.unreadableCount > 0)
+                    text += " · " + std::to_string(summary.unreadableCount) +
+                            " sin leer (ver trovan.log)";
                 report(text);
                 // The command line's errors come back once the summary has been read.
                 if (!startupErrors_.empty() && host_.postDelayed)

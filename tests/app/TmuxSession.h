@@ -117,6 +117,7 @@ public:
         tmux("-f /dev/null new-session -d -s t -x " + std::to_string(width) + " -y " +
              std::to_string(height) +
              " -e COLORTERM=truecolor -e TROVAN_HOME=" + shellQuote(home().string()) +
+             privateHome() +
              " -e DBUS_SESSION_BUS_ADDRESS=" + shellQuote(busAddress) + " " + shellQuote(command));
         tmux("pipe-pane -t t -o " + shellQuote("cat >> " + shellQuote((run_ / "out").string())));
         std::ofstream(run_ / "go") << "";
@@ -217,6 +218,20 @@ public:
     }
 
 private:
+    // The program's HOME and XDG folders inside this session's folder: whatever the
+    // sound server's client or other libraries write there goes away with it.
+    std::string privateHome() {
+        const fs::path user = dir_ / "user";
+        fs::create_directories(user / "runtime");
+        fs::permissions(user / "runtime", fs::perms::owner_all);
+        std::string env;
+        for (const auto& [name, sub] : {std::pair{"HOME", ""}, {"XDG_CONFIG_HOME", ".config"},
+                                        {"XDG_CACHE_HOME", ".cache"}, {"XDG_STATE_HOME", ".state"},
+                                        {"XDG_RUNTIME_DIR", "runtime"}})
+            env += std::string(" -e ") + name + "=" + shellQuote((user / sub).string());
+        return env;
+    }
+
     void stop() {
         if (run_.empty()) return;
         if (pid_ > 0 && !has("status")) kill(pid_, SIGKILL);

@@ -161,3 +161,43 @@ TEST(TerminalSession, FatalSignalsAndTerminateGiveTheTerminalBackAndStillKill) {
         EXPECT_TRUE(d.modesBack);
     }
 }
+
+TEST(TerminalSession, StandardErrorGoesToTheLogOnlyWhileActive) {
+    char logName[] = "/tmp/trovan-log-XXXXXX";
+    const int fd = mkstemp(logName);
+    ASSERT_GE(fd, 0);
+    write(fd, "old run\n", 8); // each run starts the log afresh
+    close(fd);
+    int master = -1;
+    const pid_t pid = forkpty(&master, nullptr, nullptr, nullptr);
+    if (pid == 0) {
+        if (!Terminal::logErrorsTo(logName)) _exit(2);
+        Terminal t;
+        t.enter();
+        fputs("during\n", stderr);
+        restoreTerminal();
+        fputs("after\n", stderr);
+        t.isActive = false;
+        t.enter(); // back again (after an editor, say): to the log again
+        fputs("again\n", stderr);
+        _exit(0);
+    }
+    std::string out;
+    char buf[4096];
+    for (ssize_t n; (n = read(master, buf, sizeof buf)) > 0 || (n < 0 && errno == EINTR);)
+        if (n > 0) out.append(buf, static_cast<std::size_t>(n));
+    int status = 0;
+    waitpid(pid, &status, 0);
+    close(master);
+    EXPECT_TRUE(WIFEXITED(status) && WEXITSTATUS(status) == 0) << status;
+    std::string log;
+    if (FILE* f = fopen(logName, "r")) {
+        for (int c; (c = fgetc(f)) != EOF;)
+            log += static_cast<char>(c);
+        fclose(f);
+    }
+    unlink(logName);
+    EXPECT_EQ(log, "during\nagain\n");
+    EXPECT_NE(out.find("after"), std::string::npos);
+    EXPECT_EQ(out.find("during"), std::string::npos);
+}
