@@ -89,8 +89,9 @@ inline std::string defaultBusAddress() {
 class Session {
 public:
     Session() {
-        char tmpl[] = "/tmp/trovan-e2e-XXXXXX";
-        dir_ = mkdtemp(tmpl);
+        const char* base = std::getenv("TMPDIR");
+        std::string tmpl = std::string(base && *base ? base : "/tmp") + "/trovan-e2e-XXXXXX";
+        dir_ = mkdtemp(tmpl.data());
         fs::create_directories(home());
     }
     ~Session() {

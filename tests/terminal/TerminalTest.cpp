@@ -163,15 +163,16 @@ TEST(TerminalSession, FatalSignalsAndTerminateGiveTheTerminalBackAndStillKill) {
 }
 
 TEST(TerminalSession, StandardErrorGoesToTheLogOnlyWhileActive) {
-    char logName[] = "/tmp/trovan-log-XXXXXX";
-    const int fd = mkstemp(logName);
+    const char* base = std::getenv("TMPDIR");
+    std::string logName = std::string(base && *base ? base : "/tmp") + "/trovan-log-XXXXXX";
+    const int fd = mkstemp(logName.data());
     ASSERT_GE(fd, 0);
     write(fd, "old run\n", 8); // each run starts the log afresh
     close(fd);
     int master = -1;
     const pid_t pid = forkpty(&master, nullptr, nullptr, nullptr);
     if (pid == 0) {
-        if (!Terminal::logErrorsTo(logName)) _exit(2);
+        if (!Terminal::logErrorsTo(logName.c_str())) _exit(2);
         Terminal t;
         t.enter();
         fputs("during\n", stderr);
@@ -191,12 +192,12 @@ TEST(TerminalSession, StandardErrorGoesToTheLogOnlyWhileActive) {
     close(master);
     EXPECT_TRUE(WIFEXITED(status) && WEXITSTATUS(status) == 0) << status;
     std::string log;
-    if (FILE* f = fopen(logName, "r")) {
+    if (FILE* f = fopen(logName.c_str(), "r")) {
         for (int c; (c = fgetc(f)) != EOF;)
             log += static_cast<char>(c);
         fclose(f);
     }
-    unlink(logName);
+    unlink(logName.c_str());
     EXPECT_EQ(log, "during\nagain\n");
     EXPECT_NE(out.find("after"), std::string::npos);
     EXPECT_EQ(out.find("during"), std::string::npos);
