@@ -120,7 +120,9 @@ void LibraryView::draw(const AppState& state, const Layout& layout, ScreenBuffer
     const LibraryIndex::Artist* artist = shownArtist(state);
     std::string heading = "BIBLIOTECA";
     if (artist) heading += " · " + text::upper(artist->name);
-    if (!state.marked.empty()) heading += " · " + std::to_string(state.marked.size()) + " marcadas";
+    if (!state.marked.empty())
+        heading += " · " + text::counted(static_cast<long long>(state.marked.size()), "marcada",
+                                         "marcadas");
     buffer.text(heading, pane.x, pane.y, pane.width,
                 palette::on(focused ? palette::accent : palette::dim, true));
     if (!artist) return;

@@ -79,15 +79,31 @@ TEST(TmuxShell, ASplitPasteEndsAndKeysFollowIt) {
     s.expectCleanExit();
 }
 
-TEST(TmuxShell, StandardErrorGoesToTheLogDuringTheSession) {
+TEST(TmuxShell, StandardErrorGoesToTheLogAndOnlyTheMainThreadTakesSignals) {
     if (!haveTmux()) GTEST_SKIP() << "tmux is not installed";
     Session s;
     s.start();
     ASSERT_TRUE(s.waitForSession()) << s.flags();
+    const fs::path proc = "/proc/" + std::to_string(s.pid());
     std::error_code ec;
-    const fs::path err = fs::read_symlink("/proc/" + std::to_string(s.pid()) + "/fd/2", ec);
-    EXPECT_EQ(err, s.home() / "trovan.log") << ec.message();
+    EXPECT_EQ(fs::read_symlink(proc / "fd" / "2", ec), s.home() / "trovan.log") << ec.message();
     EXPECT_TRUE(fs::is_regular_file(s.home() / "trovan.log"));
+
+    // The signals the main loop handles: blocked in every other thread, not in the main one.
+    unsigned long long handled = 0;
+    for (int sig : {SIGWINCH, SIGTERM, SIGHUP, SIGINT, SIGTSTP, SIGCONT})
+        handled |= 1ULL << (sig - 1);
+    int others = 0;
+    for (const auto& task : fs::directory_iterator(proc / "task")) {
+        std::stringstream status(slurp(task.path() / "status"));
+        unsigned long long blocked = 0;
+        for (std::string line; std::getline(status, line);)
+            if (line.rfind("SigBlk:", 0) == 0) blocked = std::stoull(line.substr(7), nullptr, 16);
+        const bool main = task.path().filename() == std::to_string(s.pid());
+        others += main ? 0 : 1;
+        EXPECT_EQ(blocked & handled, main ? 0 : handled) << task.path();
+    }
+    EXPECT_GT(others, 0);
     s.text("q");
     s.expectCleanExit();
 }

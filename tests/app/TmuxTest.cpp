@@ -119,7 +119,7 @@ TEST(Tmux, PlaysSavesTheSettingsAndASecondStartFindsThem) {
     // A marked file disappears: it leaves the library and the marks.
     s.keys("Enter Down Down");
     s.text("x");
-    ASSERT_TRUE(s.waitFor("BIBLIOTECA · ALFA · 1 marcadas")) << s.screen();
+    ASSERT_TRUE(s.waitFor("BIBLIOTECA · ALFA · 1 marcada")) << s.screen();
     fs::remove(music / "alfa-2.flac");
     s.command(":reindex");
     ASSERT_TRUE(s.waitFor("Biblioteca al día: 3 archivos · 0 leídos · 1 quitado")) << s.screen();
