@@ -22,9 +22,11 @@
 #include <cstdlib>
 #include <cerrno>
 #include <cstring>
+#include <filesystem>
 #include <fcntl.h>
 #include <poll.h>
 #include <pthread.h>
+#include <sys/statvfs.h>
 #include <unistd.h>
 
 namespace trovan {
@@ -65,6 +67,20 @@ struct App::Sources {
 };
 
 std::string_view App::usage() { return kUsage; }
+
+std::string App::dataFolderTrouble() {
+    // The nearest folder that exists: the data folder may not have been created yet.
+    std::filesystem::path folder = AppPaths::support();
+    std::error_code ec;
+    while (!std::filesystem::exists(folder, ec) && folder.has_relative_path())
+        folder = folder.parent_path();
+    struct statvfs fs {};
+    if (statvfs(folder.c_str(), &fs) != 0) return {};
+    if (fs.f_flag & ST_RDONLY) return " (" + folder.string() + " es de solo lectura)";
+    if (fs.f_bavail == 0) return " (el disco de " + folder.string() + " est\xC3\xA1 lleno)";
+    if (access(folder.c_str(), W_OK) != 0) return " (sin permiso de escritura en " + folder.string() + ")";
+    return {};
+}
 
 bool App::wantsTruecolor(const char* colorterm) {
     std::string_view v = colorterm ? colorterm : "";
@@ -118,7 +134,8 @@ int App::main(const std::vector<std::string>& arguments) {
     try {
         store = std::make_shared<LibraryStore>(AppPaths::libraryFile());
     } catch (const std::exception& e) {
-        std::fprintf(stderr, "No se pudo abrir la biblioteca: %s\n", e.what());
+        std::fprintf(stderr, "No se pudo abrir la biblioteca: %s%s\n", e.what(),
+                     dataFolderTrouble().c_str());
         return 1;
     }
     // Libraries write to standard error (the sound server's client, FFmpeg, JACK

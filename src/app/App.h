@@ -77,6 +77,9 @@ public:
     // True when COLORTERM announces 24-bit colour.
     static bool wantsTruecolor(const char* colorterm);
     static std::string_view usage();
+    // Why the data folder cannot be written (read-only, full, no permission), as a
+    // parenthesis to add to a message; empty when nothing is seen.
+    static std::string dataFolderTrouble();
 
 private:
     struct Sources;

@@ -61,7 +61,8 @@ void AppController::addRoot(const std::string& path, bool reindexing) {
     const std::string root = normalizeRoot(path);
     std::error_code ec;
     if (!fs::is_directory(root, ec)) {
-        report("No existe la carpeta: " + root, true);
+        report((fs::exists(root, ec) ? "No es una carpeta: " : "No existe la carpeta: ") + root,
+               true);
         return;
     }
     auto& roots = state_.settings.roots;
