@@ -16,14 +16,14 @@
 
 #include <algorithm>
 #include <cassert>
+#include <cerrno>
 #include <chrono>
 #include <csignal>
 #include <cstdio>
 #include <cstdlib>
-#include <cerrno>
 #include <cstring>
-#include <filesystem>
 #include <fcntl.h>
+#include <filesystem>
 #include <poll.h>
 #include <pthread.h>
 #include <sys/statvfs.h>
@@ -78,7 +78,8 @@ std::string App::dataFolderTrouble() {
     if (statvfs(folder.c_str(), &fs) != 0) return {};
     if (fs.f_flag & ST_RDONLY) return " (" + folder.string() + " es de solo lectura)";
     if (fs.f_bavail == 0) return " (el disco de " + folder.string() + " est\xC3\xA1 lleno)";
-    if (access(folder.c_str(), W_OK) != 0) return " (sin permiso de escritura en " + folder.string() + ")";
+    if (access(folder.c_str(), W_OK) != 0)
+        return " (sin permiso de escritura en " + folder.string() + ")";
     return {};
 }
 
@@ -88,7 +89,8 @@ bool App::wantsTruecolor(const char* colorterm) {
            v.find("24bit") != std::string_view::npos;
 }
 
-std::variant<App::CommandLine, App::UsageError> App::parse(const std::vector<std::string>& arguments) {
+std::variant<App::CommandLine, App::UsageError>
+App::parse(const std::vector<std::string>& arguments) {
     CommandLine line;
     bool options = true;
     for (const auto& a : arguments) {
@@ -100,8 +102,9 @@ std::variant<App::CommandLine, App::UsageError> App::parse(const std::vector<std
             line.version = true;
         } else if (options && a.size() > 1 && a[0] == '-') {
             if (!line.help && !line.version)
-                return UsageError{"trovan: opci\xC3\xB3n desconocida: " + a +
-                                  "\nUso: trovan [carpeta \xE2\x80\xA6]   (trovan --help para m\xC3\xA1s)\n"};
+                return UsageError{
+                    "trovan: opci\xC3\xB3n desconocida: " + a +
+                    "\nUso: trovan [carpeta \xE2\x80\xA6]   (trovan --help para m\xC3\xA1s)\n"};
         } else {
             line.folders.push_back(a);
         }
@@ -158,9 +161,8 @@ int App::main(const std::vector<std::string>& arguments) {
     if (!app.settingsProblem_.empty()) {
         app.controller().report(app.settingsProblem_, true);
     } else if (!logging) {
-        app.controller().report("No se pudo crear el registro de errores en " +
-                                    AppPaths::support().string(),
-                                true);
+        app.controller().report(
+            "No se pudo crear el registro de errores en " + AppPaths::support().string(), true);
     }
     app.render();
     app.preloadModules();

@@ -9,11 +9,11 @@
 #include "ui/Screen.h"
 
 #include <chrono>
+#include <csignal>
 #include <memory>
 #include <optional>
 #include <string>
 #include <string_view>
-#include <csignal>
 #include <thread>
 #include <variant>
 #include <vector>

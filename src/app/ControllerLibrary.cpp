@@ -134,9 +134,8 @@ void AppController::runScan(bool force) {
                 char elapsed[32];
                 std::snprintf(elapsed, sizeof elapsed, "%.1f", seconds);
                 std::string text = "Biblioteca al día: " +
-                                   text::counted(summary.fileCount, "archivo", "archivos") +
-                                   " · " + text::counted(summary.readCount, "leído", "leídos") +
-                                   " · " +
+                                   text::counted(summary.fileCount, "archivo", "archivos") + " · " +
+                                   text::counted(summary.readCount, "leído", "leídos") + " · " +
                                    text::counted(summary.removedCount, "quitado", "quitados") +
                                    " (" + elapsed + " s)";
                 // Which ones went to the log (standard error during the session).

@@ -26,7 +26,7 @@ namespace fs = std::filesystem;
 // Bounds for values read back: anything beyond them is not something this program
 // wrote, and keeps its default.
 constexpr std::uintmax_t kMaxFileBytes = 16u << 20;
-constexpr std::size_t kMaxText = 4096;    // a path or a preset name
+constexpr std::size_t kMaxText = 4096; // a path or a preset name
 constexpr std::size_t kMaxRoots = 1000;
 constexpr std::size_t kMaxPresets = 200;
 constexpr std::size_t kMaxBands = 64;
@@ -224,7 +224,9 @@ SettingsStore::SettingsStore(fs::path url, std::chrono::milliseconds quietPeriod
     impl_->quiet = quietPeriod;
 }
 
-const fs::path& SettingsStore::url() const { return impl_->url; }
+const fs::path& SettingsStore::url() const {
+    return impl_->url;
+}
 
 void SettingsStore::onFailure(std::function<void(const std::string&)> report) {
     impl_->report = std::move(report);
@@ -269,7 +271,8 @@ std::string SettingsStore::decodePath(std::string_view stored) {
             ++i;
         } else if (stored[i] == '\\' && i + 3 < stored.size() && stored[i + 1] == 'x') {
             unsigned value = 0;
-            auto [end, ec] = std::from_chars(stored.data() + i + 2, stored.data() + i + 4, value, 16);
+            auto [end, ec] =
+                std::from_chars(stored.data() + i + 2, stored.data() + i + 4, value, 16);
             if (ec != std::errc{} || end != stored.data() + i + 4) {
                 out += stored[i];
                 continue;
@@ -358,9 +361,10 @@ Settings SettingsStore::load() const {
         backup += ".bak";
         std::error_code ec;
         fs::copy_file(impl_->url, backup, fs::copy_options::overwrite_existing, ec);
-        impl_->loadProblem = "No se pudo leer " + impl_->url.filename().string() +
-                             (ec ? std::string() : "; se guard\xC3\xB3 una copia en " + backup.string()) +
-                             ". Se usan los ajustes por omisi\xC3\xB3n";
+        impl_->loadProblem =
+            "No se pudo leer " + impl_->url.filename().string() +
+            (ec ? std::string() : "; se guard\xC3\xB3 una copia en " + backup.string()) +
+            ". Se usan los ajustes por omisi\xC3\xB3n";
     }
     impl_->base = s.value_or(Settings{});
     return *impl_->base;
@@ -389,7 +393,8 @@ void SettingsStore::saveLater(const Settings& settings) const {
         std::lock_guard lock(impl_->m);
         impl_->pending = settings;
         impl_->due = std::chrono::steady_clock::now() + impl_->quiet;
-        if (!impl_->writer.joinable()) impl_->writer = std::thread([impl = impl_.get()] { impl->run(); });
+        if (!impl_->writer.joinable())
+            impl_->writer = std::thread([impl = impl_.get()] { impl->run(); });
     }
     impl_->wake.notify_all();
 }

@@ -43,9 +43,8 @@ struct RowPainter {
             for (auto id : disc.tracks)
                 totalMs += std::max<std::int64_t>(table.durationMs(id), 0);
         }
-        std::string info =
-            text::counted(static_cast<long long>(count), "canción", "canciones") + " · " +
-            std::to_string(totalMs / 60000) + " min";
+        std::string info = text::counted(static_cast<long long>(count), "canción", "canciones") +
+                           " · " + std::to_string(totalMs / 60000) + " min";
         const int infoStart = draw::rightAligned(buffer, info, right, y, x + 1, on(palette::dim));
 
         std::string heading = text::upper(a->title);

@@ -116,9 +116,8 @@ public:
         for (const auto& a : args)
             command += " " + shellQuote(a);
         tmux("-f /dev/null new-session -d -s t -x " + std::to_string(width) + " -y " +
-             std::to_string(height) +
-             " -e COLORTERM=truecolor -e TROVAN_HOME=" + shellQuote(home().string()) +
-             privateHome() +
+             std::to_string(height) + " -e COLORTERM=truecolor -e TROVAN_HOME=" +
+             shellQuote(home().string()) + privateHome() +
              " -e DBUS_SESSION_BUS_ADDRESS=" + shellQuote(busAddress) + " " + shellQuote(command));
         tmux("pipe-pane -t t -o " + shellQuote("cat >> " + shellQuote((run_ / "out").string())));
         std::ofstream(run_ / "go") << "";
@@ -226,8 +225,10 @@ private:
         fs::create_directories(user / "runtime");
         fs::permissions(user / "runtime", fs::perms::owner_all);
         std::string env;
-        for (const auto& [name, sub] : {std::pair{"HOME", ""}, {"XDG_CONFIG_HOME", ".config"},
-                                        {"XDG_CACHE_HOME", ".cache"}, {"XDG_STATE_HOME", ".state"},
+        for (const auto& [name, sub] : {std::pair{"HOME", ""},
+                                        {"XDG_CONFIG_HOME", ".config"},
+                                        {"XDG_CACHE_HOME", ".cache"},
+                                        {"XDG_STATE_HOME", ".state"},
                                         {"XDG_RUNTIME_DIR", "runtime"}})
             env += std::string(" -e ") + name + "=" + shellQuote((user / sub).string());
         return env;

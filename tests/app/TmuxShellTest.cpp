@@ -122,8 +122,7 @@ TEST(TmuxShell, CommandLineErrorsOutliveTheSummaryAndOddFolderNamesARestart) {
     s.expectCleanExit();
 
     s.start();
-    ASSERT_TRUE(s.waitFor("Biblioteca al día: 4 archivos · 0 leídos · 0 quitados"))
-        << s.screen();
+    ASSERT_TRUE(s.waitFor("Biblioteca al día: 4 archivos · 0 leídos · 0 quitados")) << s.screen();
     EXPECT_TRUE(s.waitFor("4 canciones · 3 artistas", 10s)) << s.screen();
     s.command(":paths");
     EXPECT_TRUE(s.waitFor("m\xEF\xBF\xBDsica")) << s.screen(); // shown with U+FFFD

@@ -6,10 +6,10 @@
 
 #include <chrono>
 #include <cstdlib>
-#include <mutex>
-#include <thread>
 #include <fstream>
+#include <mutex>
 #include <sstream>
+#include <thread>
 
 using namespace trovan;
 namespace fx = trovan::fixtures;
@@ -41,9 +41,8 @@ TEST(SettingsStore, MissingPartialAndBrokenFiles) {
     for (const std::string& bad :
          {std::string("\"volume\": \"loud\""), std::string("\"shuffle\": 1"),
           std::string("\"repeatMode\": \"sometimes\""), std::string("\"eqGains\": [1, \"a\"]"),
-          "\"eqGains\": [" + hugeArray + "1]",
-          "\"eqPreset\": \"" + huge + "\"", std::string("\"volume\": -2"),
-          std::string("\"customPresets\": [{\"name\": \"x\"}]")}) {
+          "\"eqGains\": [" + hugeArray + "1]", "\"eqPreset\": \"" + huge + "\"",
+          std::string("\"volume\": -2"), std::string("\"customPresets\": [{\"name\": \"x\"}]")}) {
         std::ofstream(store.url()) << "{" << bad << ", \"roots\": [\"/m\xC3\xBAsica\", 1]}";
         EXPECT_EQ(store.load(), Settings{.roots = {"/m\xC3\xBAsica"}}) << bad.substr(0, 40);
         EXPECT_EQ(store.loadProblem(), "");
@@ -70,7 +69,8 @@ TEST(SettingsStore, FolderNamesThatAreNotUtf8SurviveAndOldFilesReadUnchanged) {
     EXPECT_EQ(store.load().roots, roots);
     std::ostringstream text;
     text << std::ifstream(store.url()).rdbuf();
-    EXPECT_NE(text.str().find("\"x-bytes:/mnt/Caf\\\\xE9 \xC3\xB1\""), std::string::npos) << text.str();
+    EXPECT_NE(text.str().find("\"x-bytes:/mnt/Caf\\\\xE9 \xC3\xB1\""), std::string::npos)
+        << text.str();
     EXPECT_NE(text.str().find("\"/m\xC3\xBAsica\""), std::string::npos); // UTF-8 as it was
 
     // A file written before escapes existed, with a backslash and "\x" in a name.
@@ -131,11 +131,10 @@ TEST(SettingsStore, WritesThroughALinkAndKeepsAnotherInstancesChanges) {
     // And the other instance's next save keeps this one's.
     other.repeatMode = RepeatMode::all;
     ASSERT_TRUE(theirs.save(other));
-    EXPECT_EQ(SettingsStore(dir / "config.json").load(),
-              (Settings{.roots = {"/b", "/c"},
-                        .volume = 0.3f,
-                        .shuffle = true,
-                        .repeatMode = RepeatMode::all}));
+    EXPECT_EQ(SettingsStore(dir / "config.json").load(), (Settings{.roots = {"/b", "/c"},
+                                                                   .volume = 0.3f,
+                                                                   .shuffle = true,
+                                                                   .repeatMode = RepeatMode::all}));
 }
 
 TEST(SettingsStore, LaterSavesWaitForQuietAndReportFailuresOnce) {
@@ -168,7 +167,10 @@ TEST(SettingsStore, LaterSavesWaitForQuietAndReportFailuresOnce) {
     }
     std::lock_guard lock(m);
     ASSERT_EQ(reports.size(), 1u);
-    EXPECT_EQ(reports[0].rfind("No se pudieron guardar los ajustes en " + (dir / "plain").string(), 0), 0u) << reports[0];
+    EXPECT_EQ(
+        reports[0].rfind("No se pudieron guardar los ajustes en " + (dir / "plain").string(), 0),
+        0u)
+        << reports[0];
 }
 
 // The environment decides the data folder; nothing is created before the first save.
