@@ -145,7 +145,7 @@ int App::main(const std::vector<std::string>& arguments) {
     // probing); during the session that goes to a log instead of over the screen.
     const bool logging = Terminal::logErrorsTo(AppPaths::logFile());
 
-    // Every thread started from here on inherits a mask without the signals the main
+    // Every thread started from here on inherits a mask that blocks the signals the main
     // loop handles, so none of them is interrupted by one; the main thread takes them
     // again once the loop runs.
     const sigset_t handled = handledSignals();
@@ -157,13 +157,13 @@ int App::main(const std::vector<std::string>& arguments) {
     app.terminal().enter();
     app.listenToInput();
     app.listenToSignals();
-    app.controller().start(line.folders);
     if (!app.settingsProblem_.empty()) {
         app.controller().report(app.settingsProblem_, true);
     } else if (!logging) {
         app.controller().report(
             "No se pudo crear el registro de errores en " + AppPaths::support().string(), true);
     }
+    app.controller().start(line.folders);
     app.render();
     app.preloadModules();
     app.controller().connectNowPlaying();

@@ -41,6 +41,9 @@ std::string AppController::normalizeRoot(const std::string& path) {
 }
 
 void AppController::start(const std::vector<std::string>& addingRoots) {
+    // An error already shown (the settings file could not be read) comes back after the
+    // summary too.
+    if (state_.status && state_.status->isError) startupErrors_ = state_.status->text;
     for (const auto& root : addingRoots) {
         addRoot(root, false);
         if (state_.status && state_.status->isError)
