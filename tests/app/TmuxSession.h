@@ -210,7 +210,8 @@ public:
     // Waits for the program to end and checks it left the terminal as it found it.
     void expectCleanExit() {
         ASSERT_TRUE(waitUntil([&] { return has("done"); }, 10s)) << "program did not end";
-        EXPECT_EQ(trim(file("status")), "0");
+        // Standard error (a sanitizer's report included) went to the log.
+        EXPECT_EQ(trim(file("status")), "0") << slurp(home() / "trovan.log");
         EXPECT_FALSE(file("before").empty());
         EXPECT_EQ(file("after"), file("before")) << "terminal modes not restored";
         EXPECT_EQ(trim(file("nonblock")), "0") << "standard input left non-blocking";
