@@ -308,44 +308,52 @@ std::string SettingsStore::encode(const Settings& s) {
     return j.dump(2, ' ', false, json::error_handler_t::replace) + "\n";
 }
 
-std::optional<Settings> SettingsStore::decode(std::string_view text) {
+std::optional<Settings> SettingsStore::decode(std::string_view text, bool* rejected) {
     json j = json::parse(text.begin(), text.end(), nullptr, false);
     if (j.is_discarded() || !j.is_object()) return std::nullopt;
 
     // Each key on its own: a value of the wrong type or out of bounds keeps the
     // default, and the rest of the file still counts.
     Settings s;
+    bool dropped = false;
     auto find = [&](const char* key) -> const json* {
         auto it = j.find(key);
         return it == j.end() || it->is_null() ? nullptr : &*it;
     };
-    if (auto* v = find("roots"); v && v->is_array() && v->size() <= kMaxRoots) {
+    auto take = [&dropped](bool ok) {
+        dropped = dropped || !ok;
+        return ok;
+    };
+    if (auto* v = find("roots"); v && take(v->is_array() && v->size() <= kMaxRoots)) {
         s.roots.clear();
         for (const auto& e : *v)
-            if (auto r = shortText(e); r && !r->empty()) s.roots.push_back(decodePath(*r));
+            if (auto r = shortText(e); take(r && !r->empty())) s.roots.push_back(decodePath(*r));
     }
-    if (auto* v = find("volume"); v && v->is_number()) {
+    if (auto* v = find("volume"); v && take(v->is_number())) {
         const double d = v->get<double>();
-        if (d >= 0 && d <= 10) s.volume = static_cast<float>(d); // clamped when changed
+        if (take(d >= 0 && d <= 10)) s.volume = static_cast<float>(d); // clamped when changed
     }
-    if (auto* v = find("shuffle"); v && v->is_boolean()) s.shuffle = v->get<bool>();
-    if (auto* v = find("repeatMode"); v && v->is_string())
-        if (auto mode = repeatModeFromString(v->get<std::string>())) s.repeatMode = *mode;
-    if (auto* v = find("eqEnabled"); v && v->is_boolean()) s.eqEnabled = v->get<bool>();
+    if (auto* v = find("shuffle"); v && take(v->is_boolean())) s.shuffle = v->get<bool>();
+    if (auto* v = find("repeatMode"); v && take(v->is_string()))
+        if (auto mode = repeatModeFromString(v->get<std::string>()); take(mode.has_value()))
+            s.repeatMode = *mode;
+    if (auto* v = find("eqEnabled"); v && take(v->is_boolean())) s.eqEnabled = v->get<bool>();
     if (auto* v = find("eqPreset"))
-        if (auto name = shortText(*v)) s.eqPreset = *name;
+        if (auto name = shortText(*v); take(name.has_value())) s.eqPreset = *name;
     if (auto* v = find("eqGains"))
-        if (auto list = floatList(*v); list && list->size() == s.eqGains.size())
+        if (auto list = floatList(*v); take(list && list->size() == s.eqGains.size()))
             s.eqGains = std::move(*list);
-    if (auto* v = find("customPresets"); v && v->is_array() && v->size() <= kMaxPresets) {
+    if (auto* v = find("customPresets");
+        v && take(v->is_array() && v->size() <= kMaxPresets)) {
         for (const auto& e : *v) {
             // A preset needs both keys; a broken one is left out.
-            if (!e.is_object() || !e.contains("name") || !e.contains("gains")) continue;
+            if (!take(e.is_object() && e.contains("name") && e.contains("gains"))) continue;
             auto name = shortText(e["name"]);
             auto list = floatList(e["gains"]);
-            if (name && list) s.customPresets.push_back({*name, std::move(*list)});
+            if (take(name && list)) s.customPresets.push_back({*name, std::move(*list)});
         }
     }
+    if (rejected) *rejected = dropped;
     return s;
 }
 
@@ -354,17 +362,19 @@ Settings SettingsStore::load() const {
     impl_->loadProblem.clear();
     const FileRead file = readFile(impl_->url);
     std::optional<Settings> s;
-    if (file.text) s = decode(*file.text);
-    if (!s && (file.unusable || file.text)) {
+    bool rejected = false;
+    if (file.text) s = decode(*file.text, &rejected);
+    if ((!s && (file.unusable || file.text)) || rejected) {
         // Keep what the user had before the next save replaces it.
         fs::path backup = impl_->url;
         backup += ".bak";
         std::error_code ec;
         fs::copy_file(impl_->url, backup, fs::copy_options::overwrite_existing, ec);
         impl_->loadProblem =
-            "No se pudo leer " + impl_->url.filename().string() +
+            (s ? "Valores no v\xC3\xA1lidos en " : "No se pudo leer ") +
+            impl_->url.filename().string() +
             (ec ? std::string() : "; se guard\xC3\xB3 una copia en " + backup.string()) +
-            ". Se usan los ajustes por omisi\xC3\xB3n";
+            (s ? "" : ". Se usan los ajustes por omisi\xC3\xB3n");
     }
     impl_->base = s.value_or(Settings{});
     return *impl_->base;

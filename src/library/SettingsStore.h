@@ -28,8 +28,8 @@ public:
     void onFailure(std::function<void(const std::string&)> report);
 
     // The stored settings; defaults when the file is missing or not a JSON object, and
-    // per key when a value has the wrong type or is out of bounds. A file that cannot
-    // be read as settings at all is kept as config.json.bak (see loadProblem()).
+    // per key when a value has the wrong type or is out of bounds. A file that is not
+    // read whole is copied to config.json.bak first (see loadProblem()).
     Settings load() const;
     // What went wrong in the last load, in Spanish; empty when nothing did.
     std::string loadProblem() const;
@@ -47,8 +47,9 @@ public:
 
     // The file's text for these settings (two-space indent, keys in alphabetical order).
     static std::string encode(const Settings& settings);
-    // None for anything that is not a JSON object.
-    static std::optional<Settings> decode(std::string_view json);
+    // None for anything that is not a JSON object. `rejected` tells whether a value
+    // present in it was left out (wrong type, out of bounds).
+    static std::optional<Settings> decode(std::string_view json, bool* rejected = nullptr);
 
     // A folder name as stored: itself when it is UTF-8, else "\x" escapes for the bytes
     // that are not (and "\\" for a backslash) after a marker no path starts with.

@@ -45,7 +45,10 @@ TEST(SettingsStore, MissingPartialAndBrokenFiles) {
           std::string("\"volume\": -2"), std::string("\"customPresets\": [{\"name\": \"x\"}]")}) {
         std::ofstream(store.url()) << "{" << bad << ", \"roots\": [\"/m\xC3\xBAsica\", 1]}";
         EXPECT_EQ(store.load(), Settings{.roots = {"/m\xC3\xBAsica"}}) << bad.substr(0, 40);
-        EXPECT_EQ(store.loadProblem(), "");
+        // and the file as it was is kept aside.
+        EXPECT_EQ(store.loadProblem().rfind("Valores no v\xC3\xA1lidos en config.json; se guard", 0), 0u)
+            << store.loadProblem();
+        EXPECT_EQ(fs::file_size(dir / "config.json.bak"), fs::file_size(store.url()));
     }
 
     // Not settings at all: defaults, a message, and the file kept aside before the next
