@@ -107,7 +107,7 @@ $(screen)"
 }
 pid=$(tmux -S "$socket" display -p -t t '#{pane_pid}')
 
-wait_for "Biblioteca al día: 1 archivos" 30
+wait_for "Biblioteca al día: 1 archivo ·" 30
 tmux -S "$socket" send-keys -t t Enter Down Enter
 wait_for "FLAC · 44.1 kHz · 16 bit" 20
 wait_for " 0:02 ━" 20

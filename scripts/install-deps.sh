@@ -1,20 +1,32 @@
 #!/usr/bin/env bash
-# Installs every Debian package Trovan and its tests need. Does nothing when all
-# of them are already present, so it is cheap to run before every build.
+# Installs the Debian packages Trovan needs: with no argument what building and
+# running it take; with --test also the tools of the tests, benchmarks and fuzzers.
+# Does nothing when all of them are already present, so it is cheap to run before
+# every build.
 set -euo pipefail
 
-packages=(
+run_packages=(
   # build
   build-essential cmake ninja-build pkg-config
   # libraries
   libicu-dev libsqlite3-dev libtag1-dev
   libavformat-dev libavcodec-dev libavutil-dev libswresample-dev libswscale-dev
   libcubeb-dev nlohmann-json3-dev libasio-dev libsdbus-c++-dev libsystemd-dev
-  # tests and benchmarks
+  # the generated sample library
+  ffmpeg
+)
+test_packages=(
   libgtest-dev libgmock-dev libbenchmark-dev clang libclang-rt-14-dev
-  ffmpeg tmux pulseaudio pulseaudio-utils dbus playerctl python3-numpy procps man-db
+  tmux pulseaudio pulseaudio-utils dbus playerctl python3-numpy procps man-db
   vim-tiny  # vi: the real editor of the tag-editing terminal tests
 )
+
+packages=("${run_packages[@]}")
+case "${1:-}" in
+  "") ;;
+  --test) packages+=("${test_packages[@]}") ;;
+  *) echo "Uso: install-deps.sh [--test]" >&2; exit 2 ;;
+esac
 
 missing=()
 for p in "${packages[@]}"; do

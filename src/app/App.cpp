@@ -16,13 +16,17 @@
 
 #include <algorithm>
 #include <cassert>
+#include <cerrno>
 #include <chrono>
 #include <csignal>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
 #include <fcntl.h>
+#include <filesystem>
 #include <poll.h>
+#include <pthread.h>
+#include <sys/statvfs.h>
 #include <unistd.h>
 
 namespace trovan {
@@ -39,6 +43,11 @@ constexpr std::string_view kUsage =
     "Datos: ~/.local/share/Trovan (c\xC3\xA1mbialo con TROVAN_HOME)";
 
 constexpr auto kTickInterval = std::chrono::milliseconds(250);
+constexpr int kHandledSignals[] = {SIGWINCH, SIGTERM, SIGHUP, SIGINT, SIGTSTP, SIGCONT};
+// The error log is emptied when it grows past this, checked at most this often.
+constexpr long long kLogLimit = 1 << 20;
+constexpr auto kLogCheckInterval = std::chrono::seconds(30);
+constexpr auto kSettingsQuietPeriod = std::chrono::milliseconds(500);
 
 } // namespace
 
@@ -59,25 +68,65 @@ struct App::Sources {
 
 std::string_view App::usage() { return kUsage; }
 
+std::string App::dataFolderTrouble() {
+    // The nearest folder that exists: the data folder may not have been created yet.
+    std::filesystem::path folder = AppPaths::support();
+    std::error_code ec;
+    while (!std::filesystem::exists(folder, ec) && folder.has_relative_path())
+        folder = folder.parent_path();
+    struct statvfs fs {};
+    if (statvfs(folder.c_str(), &fs) != 0) return {};
+    if (fs.f_flag & ST_RDONLY) return " (" + folder.string() + " es de solo lectura)";
+    if (fs.f_bavail == 0) return " (el disco de " + folder.string() + " est\xC3\xA1 lleno)";
+    if (access(folder.c_str(), W_OK) != 0)
+        return " (sin permiso de escritura en " + folder.string() + ")";
+    return {};
+}
+
 bool App::wantsTruecolor(const char* colorterm) {
     std::string_view v = colorterm ? colorterm : "";
     return v.find("truecolor") != std::string_view::npos ||
            v.find("24bit") != std::string_view::npos;
 }
 
-int App::main(const std::vector<std::string>& arguments) {
+std::variant<App::CommandLine, App::UsageError>
+App::parse(const std::vector<std::string>& arguments) {
+    CommandLine line;
+    bool options = true;
     for (const auto& a : arguments) {
-        if (a == "-h" || a == "--help") {
-            std::fwrite(kUsage.data(), 1, kUsage.size(), stdout);
-            std::fputc('\n', stdout);
-            return 0;
+        if (options && a == "--") {
+            options = false;
+        } else if (options && (a == "-h" || a == "--help")) {
+            line.help = true;
+        } else if (options && (a == "-V" || a == "--version")) {
+            line.version = true;
+        } else if (options && a.size() > 1 && a[0] == '-') {
+            if (!line.help && !line.version)
+                return UsageError{
+                    "trovan: opci\xC3\xB3n desconocida: " + a +
+                    "\nUso: trovan [carpeta \xE2\x80\xA6]   (trovan --help para m\xC3\xA1s)\n"};
+        } else {
+            line.folders.push_back(a);
         }
     }
-    for (const auto& a : arguments) {
-        if (a == "-V" || a == "--version") {
-            std::puts("trovan " TROVAN_VERSION);
-            return 0;
-        }
+    return line;
+}
+
+int App::main(const std::vector<std::string>& arguments) {
+    const auto parsed = parse(arguments);
+    if (const auto* error = std::get_if<UsageError>(&parsed)) {
+        std::fputs(error->message.c_str(), stderr);
+        return 2;
+    }
+    const CommandLine& line = std::get<CommandLine>(parsed);
+    if (line.help) {
+        std::fwrite(kUsage.data(), 1, kUsage.size(), stdout);
+        std::fputc('\n', stdout);
+        return 0;
+    }
+    if (line.version) {
+        std::puts("trovan " TROVAN_VERSION);
+        return 0;
     }
     if (!isatty(0) || !isatty(1)) {
         std::fputs("trovan necesita una terminal interactiva\n", stderr);
@@ -88,22 +137,48 @@ int App::main(const std::vector<std::string>& arguments) {
     try {
         store = std::make_shared<LibraryStore>(AppPaths::libraryFile());
     } catch (const std::exception& e) {
-        std::fprintf(stderr, "No se pudo abrir la biblioteca: %s\n", e.what());
+        std::fprintf(stderr, "No se pudo abrir la biblioteca: %s%s\n", e.what(),
+                     dataFolderTrouble().c_str());
         return 1;
     }
+    // Libraries write to standard error (the sound server's client, FFmpeg, JACK
+    // probing); during the session that goes to a log instead of over the screen.
+    const bool logging = Terminal::logErrorsTo(AppPaths::logFile());
+
+    // Every thread started from here on inherits a mask that blocks the signals the main
+    // loop handles, so none of them is interrupted by one; the main thread takes them
+    // again once the loop runs.
+    const sigset_t handled = handledSignals();
+    sigset_t previous;
+    pthread_sigmask(SIG_BLOCK, &handled, &previous);
 
     asio::io_context io;
     App app(io, store);
     app.terminal().enter();
     app.listenToInput();
     app.listenToSignals();
-    app.controller().start(arguments);
+    if (!app.settingsProblem_.empty()) {
+        app.controller().report(app.settingsProblem_, true);
+    } else if (!logging) {
+        app.controller().report(
+            "No se pudo crear el registro de errores en " + AppPaths::support().string(), true);
+    }
+    app.controller().start(line.folders);
     app.render();
     app.preloadModules();
     app.controller().connectNowPlaying();
+    pthread_sigmask(SIG_SETMASK, &previous, nullptr);
     io.run();
     // The loop only runs dry if every source failed: leave as on end of input.
     app.controller().quit();
+}
+
+sigset_t App::handledSignals() {
+    sigset_t set;
+    sigemptyset(&set);
+    for (int sig : kHandledSignals)
+        sigaddset(&set, sig);
+    return set;
 }
 
 App::App(asio::io_context& io, std::shared_ptr<LibraryStore> store)
@@ -120,9 +195,14 @@ App::App(asio::io_context& io, std::shared_ptr<LibraryStore> store)
             if (!ec) task();
         });
     };
-    controller_ = std::make_unique<AppController>(terminal_, Terminal::querySize(),
-                                                  SettingsStore(AppPaths::configFile()),
+    // Volume and equalizer keys come in bursts: the file is written once they stop.
+    SettingsStore settings(AppPaths::configFile(), kSettingsQuietPeriod);
+    settings.onFailure([&io, this](const std::string& message) {
+        asio::post(io, [this, message] { controller_->report(message, true); });
+    });
+    controller_ = std::make_unique<AppController>(terminal_, Terminal::querySize(), settings,
                                                   std::move(store), pool_, std::move(host));
+    settingsProblem_ = settings.loadProblem();
     controller_->needsRender = [this] { scheduleRender(); };
     controller_->screenInvalidated = [this] {
         renderer_.front.reset();
@@ -179,12 +259,22 @@ void App::readInput() {
         return;
     }
     char buf[4096] = {};
-    const ssize_t n = ::read(0, buf, sizeof buf);
-    // End of input or any failure (the terminal went away): there is no retry.
+    ssize_t n;
+    do {
+        n = ::read(0, buf, sizeof buf);
+    } while (n < 0 && errno == EINTR);
+    // A descriptor switched to non-blocking by someone else: wait for the next edge.
+    if (n < 0 && errno == EAGAIN) {
+        waitForInput();
+        return;
+    }
+    // End of input or any other failure (the terminal went away): there is no retry.
     if (n <= 0) controller_->quit();
 
     for (const InputEvent& event : decoder_.decode(std::string_view(buf, static_cast<std::size_t>(n)))) {
-        if (const auto* key = std::get_if<Key>(&event)) {
+        if (const auto* key = std::get_if<Key>(&event); key && *key == Key::ctrl('z')) {
+            suspend(); // raw mode turns the terminal's Ctrl-Z into a plain byte
+        } else if (key) {
             controller_->handleKey(*key);
         } else if (const auto* mouse = std::get_if<MouseEvent>(&event)) {
             controller_->handleMouse(*mouse);
@@ -205,7 +295,7 @@ void App::readInput() {
 }
 
 void App::listenToSignals() {
-    for (int sig : {SIGWINCH, SIGTERM, SIGHUP, SIGINT}) {
+    for (int sig : kHandledSignals) {
         std::signal(sig, SIG_IGN);
         sources_->signals.add(sig);
     }
@@ -219,11 +309,38 @@ void App::waitForSignal() {
         if (sig == SIGWINCH) {
             renderer_.front.reset();
             controller_->resize(Terminal::querySize());
+        } else if (sig == SIGTSTP) {
+            suspend();
+        } else if (sig == SIGCONT) {
+            // Stopped by someone else (SIGSTOP) and continued: the shell had the terminal
+            // meanwhile.
+            if (terminal_.isActive) {
+                terminal_.reapply();
+                redrawAll();
+            }
         } else {
             controller_->quit();
         }
         waitForSignal();
     });
+}
+
+void App::suspend() {
+    if (!terminal_.isActive) return;
+    restoreTerminal();
+    terminal_.isActive = false;
+    std::fflush(stdout);
+    // Stops every thread of the process until SIGCONT (fg); playback pauses on its own
+    // as the sound server stops getting samples.
+    raise(SIGSTOP);
+    terminal_.enter();
+    redrawAll();
+}
+
+void App::redrawAll() {
+    renderer_.front.reset();
+    controller_->resize(Terminal::querySize());
+    render();
 }
 
 void App::setTicking(bool on) {
@@ -258,6 +375,10 @@ void App::render() {
     assert(onMainThread());
     renderScheduled_ = false;
     if (!terminal_.isActive) return;
+    if (const auto now = std::chrono::steady_clock::now(); now >= nextLogCheck_) {
+        nextLogCheck_ = now + kLogCheckInterval;
+        Terminal::trimErrorLog(kLogLimit);
+    }
     Frame frame = composeFrame(*controller_);
     Terminal::write(renderer_.render(std::move(frame.buffer), frame.cursor));
 }

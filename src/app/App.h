@@ -8,11 +8,14 @@
 #include "terminal/Terminal.h"
 #include "ui/Screen.h"
 
+#include <chrono>
+#include <csignal>
 #include <memory>
 #include <optional>
 #include <string>
 #include <string_view>
 #include <thread>
+#include <variant>
 #include <vector>
 
 namespace asio {
@@ -31,12 +34,28 @@ public:
     // The whole program; returns the exit status (quitting exits the process directly).
     static int main(const std::vector<std::string>& arguments);
 
+    struct CommandLine {
+        bool help = false;
+        bool version = false;
+        std::vector<std::string> folders;
+    };
+    struct UsageError {
+        std::string message; // for standard error; the exit status is 2
+    };
+    // Options first: -h/--help, -V/--version; "--" ends them; any other argument that
+    // starts with "-" (but is not "-" alone) is a usage error, unless help or version
+    // was asked for before it.
+    static std::variant<CommandLine, UsageError> parse(const std::vector<std::string>& arguments);
+    // The signals the main loop handles; every other thread keeps them blocked.
+    static sigset_t handledSignals();
+
     App(asio::io_context& io, std::shared_ptr<LibraryStore> store);
     ~App();
     App(const App&) = delete;
     App& operator=(const App&) = delete;
 
-    // Read source on standard input and the SIGWINCH/SIGTERM/SIGHUP/SIGINT source.
+    // Read source on standard input and the signal source (size changes, quitting,
+    // Ctrl-Z/SIGTSTP and SIGCONT).
     void listenToInput();
     void listenToSignals();
     // Four frames a second while something plays.
@@ -58,10 +77,17 @@ public:
     // True when COLORTERM announces 24-bit colour.
     static bool wantsTruecolor(const char* colorterm);
     static std::string_view usage();
+    // Why the data folder cannot be written (read-only, full, no permission), as a
+    // parenthesis to add to a message; empty when nothing is seen.
+    static std::string dataFolderTrouble();
 
 private:
     struct Sources;
 
+    // Gives the terminal back and stops the process; on SIGCONT the session comes back
+    // with a full redraw.
+    void suspend();
+    void redrawAll();
     void scheduleRender();
     void waitForInput();
     void readInput();
@@ -76,6 +102,8 @@ private:
     std::unique_ptr<Sources> sources_;
     WorkerPool pool_;
     bool renderScheduled_ = false;
+    std::chrono::steady_clock::time_point nextLogCheck_{};
+    std::string settingsProblem_; // from reading config.json, shown once the session starts
     std::thread::id mainThread_;
     std::unique_ptr<AppController> controller_;
     std::unique_ptr<BusLoop> bus_; // the session bus, once connected

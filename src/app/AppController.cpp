@@ -71,7 +71,7 @@ void AppController::report(const std::string& text, bool error) {
 }
 
 void AppController::saveSettings() {
-    settingsStore_.save(state_.settings);
+    settingsStore_.saveLater(state_.settings);
     publishSettings();
 }
 
@@ -111,6 +111,7 @@ void AppController::playbackChanged() {
 
 void AppController::quit() {
     saveSettings();
+    settingsStore_.flush();
     if (store_) store_->close(); // leaves no write-ahead log behind for the next start
     if (playback_->engine().isPlaying()) playback_->engine().pause();
     if (terminal_.isActive) {

@@ -224,6 +224,9 @@ private:
 
     bool scanning_ = false;
     std::optional<bool> pendingReindex_;
+    // Errors about the folders given on the command line, shown again with the first
+    // scan's summary so that it does not hide them.
+    std::string startupErrors_;
     bool lastReportedPlaying_ = false;
     std::string coverPath_; // track whose picture is (being) loaded
     std::shared_ptr<std::atomic<int>> albumCoverGeneration_ = std::make_shared<std::atomic<int>>(0);

@@ -8,6 +8,7 @@
 #include "library/Indexer.h"
 #include "library/LibraryStore.h"
 #include "playback/PlaybackController.h"
+#include "text/Text.h"
 
 #include <algorithm>
 #include <cstdio>
@@ -15,6 +16,7 @@
 #include <filesystem>
 #include <malloc.h>
 #include <system_error>
+#include <utility>
 
 namespace trovan {
 
@@ -39,8 +41,14 @@ std::string AppController::normalizeRoot(const std::string& path) {
 }
 
 void AppController::start(const std::vector<std::string>& addingRoots) {
-    for (const auto& root : addingRoots)
+    // An error already shown (the settings file could not be read) comes back after the
+    // summary too.
+    if (state_.status && state_.status->isError) startupErrors_ = state_.status->text;
+    for (const auto& root : addingRoots) {
         addRoot(root, false);
+        if (state_.status && state_.status->isError)
+            startupErrors_ += (startupErrors_.empty() ? "" : " · ") + state_.status->text;
+    }
     // The scan counts as started from here: the cached library is loaded first, then
     // the folders are walked, and the header says we are looking from the first frame.
     scanning_ = true;
@@ -56,7 +64,8 @@ void AppController::addRoot(const std::string& path, bool reindexing) {
     const std::string root = normalizeRoot(path);
     std::error_code ec;
     if (!fs::is_directory(root, ec)) {
-        report("No existe la carpeta: " + root, true);
+        report((fs::exists(root, ec) ? "No es una carpeta: " : "No existe la carpeta: ") + root,
+               true);
         return;
     }
     auto& roots = state_.settings.roots;
@@ -127,9 +136,22 @@ void AppController::runScan(bool force) {
                         .count();
                 char elapsed[32];
                 std::snprintf(elapsed, sizeof elapsed, "%.1f", seconds);
-                report("Biblioteca al día: " + std::to_string(summary.fileCount) + " archivos · " +
-                       std::to_string(summary.readCount) + " leídos · " +
-                       std::to_string(summary.removedCount) + " quitados (" + elapsed + " s)");
+                std::string text = "Biblioteca al día: " +
+                                   text::counted(summary.fileCount, "archivo", "archivos") + " · " +
+                                   text::counted(summary.readCount, "leído", "leídos") + " · " +
+                                   text::counted(summary.removedCount, "quitado", "quitados") +
+                                   " (" + elapsed + " s)";
+                // Which ones went to the log (standard error during the session).
+                if (summary.unreadableCount > 0)
+                    text += " · " + std::to_string(summary.unreadableCount) +
+                            " sin leer (ver trovan.log)";
+                report(text);
+                // The command line's errors come back once the summary has been read.
+                if (!startupErrors_.empty() && host_.postDelayed)
+                    host_.postDelayed(std::chrono::seconds(4),
+                                      guarded([this, errors = std::exchange(startupErrors_, {})] {
+                                          report(errors, true);
+                                      }));
                 scanEnded();
             };
             // Nothing read and nothing removed: the cache is as loaded, no reload needed.

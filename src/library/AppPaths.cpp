@@ -39,11 +39,34 @@ std::filesystem::path AppPaths::support() {
     return home() / ".local" / "share" / "Trovan";
 }
 
-bool AppPaths::writeAtomically(const std::filesystem::path& target, std::string_view bytes) {
+std::filesystem::path AppPaths::throughLinks(const std::filesystem::path& target) {
+    std::filesystem::path at = target;
+    for (int hops = 0; hops < 40; ++hops) {
+        std::error_code ec;
+        if (!std::filesystem::is_symlink(std::filesystem::symlink_status(at, ec))) return at;
+        std::filesystem::path next = std::filesystem::read_symlink(at, ec);
+        if (ec) return at;
+        at = next.is_absolute() ? next : at.parent_path() / next;
+    }
+    return at; // a loop: the write fails on it with its own error
+}
+
+bool AppPaths::writeAtomically(const std::filesystem::path& link, std::string_view bytes) {
+    // A file that is a symbolic link (settings kept in a dotfiles repository) is written
+    // where it points, and stays a link.
+    const std::filesystem::path target = throughLinks(link);
+    int error = 0;
+    auto fail = [&error](int e) {
+        error = e;
+        return false;
+    };
     std::error_code ec;
     auto folder = target.has_parent_path() ? target.parent_path() : std::filesystem::path(".");
     std::filesystem::create_directories(folder, ec);
-    if (ec) return false;
+    if (ec) {
+        errno = ec.value();
+        return false;
+    }
 
     std::string hidden = ".";
     hidden += target.filename().string();
@@ -56,9 +79,10 @@ bool AppPaths::writeAtomically(const std::filesystem::path& target, std::string_
     // mkstemp makes the file private; keep the mode the target had, or the usual one.
     mode_t mode = 0644;
     if (struct stat st{}; ::stat(target.c_str(), &st) == 0) mode = st.st_mode & 07777;
-    bool ok = writeAll(fd, bytes) && fchmod(fd, mode) == 0 && fsync(fd) == 0;
-    ok = (::close(fd) == 0) && ok;
-    if (ok && ::rename(name.data(), target.c_str()) == 0) {
+    bool ok = (writeAll(fd, bytes) || fail(errno)) && (fchmod(fd, mode) == 0 || fail(errno)) &&
+              (fsync(fd) == 0 || fail(errno));
+    ok = (::close(fd) == 0 || fail(errno)) && ok;
+    if (ok && (::rename(name.data(), target.c_str()) == 0 || fail(errno))) {
         // Make the rename itself durable.
         int dirFd = ::open(folder.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC);
         if (dirFd < 0) return true;
@@ -66,9 +90,11 @@ bool AppPaths::writeAtomically(const std::filesystem::path& target, std::string_
         // new file may not survive a crash.
         const bool lost = ::fsync(dirFd) != 0 && errno == EIO;
         ::close(dirFd);
+        if (lost) errno = EIO;
         return !lost;
     }
     ::unlink(name.data());
+    errno = error;
     return false;
 }
 

@@ -14,11 +14,16 @@ public:
     static std::filesystem::path support();
     static std::filesystem::path libraryFile() { return support() / "library.sqlite"; }
     static std::filesystem::path configFile() { return support() / "config.json"; }
+    // Standard error of the last session (overwritten by each run).
+    static std::filesystem::path logFile() { return support() / "trovan.log"; }
 
     // Writes `bytes` to a temporary file next to `target`, flushes it to disk and renames
-    // it over the target, creating missing parent folders first. On failure the target
-    // is untouched, the temporary file is removed and false is returned.
+    // it over the target, creating missing parent folders first. A target that is a
+    // symbolic link is written where the link points. On failure the target is
+    // untouched, the temporary file is removed, errno tells why and false is returned.
     static bool writeAtomically(const std::filesystem::path& target, std::string_view bytes);
+    // Where `path` ends up after following symbolic links (itself when it is none).
+    static std::filesystem::path throughLinks(const std::filesystem::path& path);
 };
 
 } // namespace trovan

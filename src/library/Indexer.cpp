@@ -6,6 +6,7 @@
 #include <atomic>
 #include <cerrno>
 #include <condition_variable>
+#include <cstdio>
 #include <cstring>
 #include <deque>
 #include <dirent.h>
@@ -21,6 +22,12 @@
 namespace trovan {
 
 namespace {
+
+// During a session standard error is the log in the data folder: the user finds there
+// which files a scan could not read.
+void nameUnreadable(const std::string& path) {
+    std::fprintf(stderr, "No se pudo leer: %s\n", path.c_str());
+}
 
 struct DirCloser {
     void operator()(DIR* d) const { closedir(d); }
@@ -193,6 +200,8 @@ struct Walk {
                 // The walk's stamp goes with the path, so no file is stat'ed a second time.
                 if (auto t = Track::read(entry->first, entry->second))
                     mine.push_back(std::move(*t));
+                else
+                    nameUnreadable(entry->first);
                 progress->fileDone();
             }
             lock.lock();
@@ -380,7 +389,8 @@ IndexSummary readEverything(const std::vector<std::string>& roots, LibraryStore&
     if (cacheEmpty) {
         if (!batch) batch.emplace(store);
         batch->commit({});
-        return {static_cast<int64_t>(walk.files.size()), readCount, 0};
+        const auto files = static_cast<int64_t>(walk.files.size());
+        return {files, readCount, 0, files - readCount};
     }
 
     // Everything cached that was not found is removed, except under a missing root.
@@ -395,8 +405,8 @@ IndexSummary readEverything(const std::vector<std::string>& roots, LibraryStore&
             deletions.emplace_back(path);
     });
     store.apply(tracks, deletions);
-    return {static_cast<int64_t>(walk.files.size()), readCount,
-            static_cast<int64_t>(deletions.size())};
+    const auto files = static_cast<int64_t>(walk.files.size());
+    return {files, readCount, static_cast<int64_t>(deletions.size()), files - readCount};
 }
 
 } // namespace
@@ -450,11 +460,14 @@ IndexSummary Indexer::scanInto(const std::vector<std::string>& roots, LibrarySto
         if (force || state[i] != unchanged) toRead.push_back(std::move(found[i]));
 
     auto tracks = readInParallel(toRead, progress, 0, [](const auto& entry) {
-        return Track::read(entry.first, entry.second);
+        auto t = Track::read(entry.first, entry.second);
+        if (!t) nameUnreadable(entry.first);
+        return t;
     });
     store.apply(tracks, deletions);
     return {static_cast<int64_t>(state.size()), static_cast<int64_t>(tracks.size()),
-            static_cast<int64_t>(deletions.size())};
+            static_cast<int64_t>(deletions.size()),
+            static_cast<int64_t>(toRead.size() - tracks.size())};
 }
 
 } // namespace trovan

@@ -20,6 +20,7 @@ struct IndexSummary {
     int64_t fileCount = 0;    // audio files found under the roots that exist
     int64_t readCount = 0;    // files reread and stored
     int64_t removedCount = 0; // cached paths removed
+    int64_t unreadableCount = 0; // audio files that could not be read (named on stderr)
 
     bool operator==(const IndexSummary&) const = default;
 };

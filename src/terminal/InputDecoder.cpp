@@ -2,6 +2,7 @@
 
 #include "text/Text.h"
 
+#include <algorithm>
 #include <climits>
 #include <cstdint>
 
@@ -140,6 +141,35 @@ std::size_t utf8Length(unsigned char lead) {
 
 } // namespace
 
+std::size_t InputDecoder::markerPrefixAtEnd(std::string_view tail) const {
+    const std::size_t longest = std::min(tail.size(), pasteEnd.size() - 1);
+    for (std::size_t n = longest; n > 0; --n)
+        if (tail.substr(tail.size() - n) == std::string_view(pasteEnd).substr(0, n)) return n;
+    return 0;
+}
+
+void InputDecoder::appendPaste(std::string_view bytes) {
+    const std::size_t room = kPasteLimit - std::min(kPasteLimit, pasteBuffer->size());
+    if (bytes.size() > room) pasteTruncated_ = true;
+    pasteBuffer->append(bytes.substr(0, room));
+}
+
+std::string_view InputDecoder::trimPartialUtf8(std::string_view text) const {
+    if (!pasteTruncated_) return text;
+    // A cut paste may end inside a character: drop its first bytes rather than show a
+    // replacement character.
+    std::size_t lead = text.size();
+    for (std::size_t back = 0; back < 4 && lead > 0; ++back) {
+        const auto c = static_cast<unsigned char>(text[lead - 1]);
+        --lead;
+        if ((c & 0xC0) != 0x80) {
+            if (lead + utf8Length(c) > text.size()) return text.substr(0, lead);
+            break;
+        }
+    }
+    return text;
+}
+
 std::vector<InputEvent> InputDecoder::decode(std::string_view bytes) {
     std::vector<InputEvent> events;
     pending.append(bytes);
@@ -150,13 +180,16 @@ std::vector<InputEvent> InputDecoder::decode(std::string_view bytes) {
         if (pasteBuffer) {
             std::size_t q = pending.find(pasteEnd, p);
             if (q == std::string::npos) {
-                pasteBuffer->append(pending, p, std::string::npos);
-                p = pending.size();
+                // The end marker may be arriving in pieces: its start stays pending.
+                const std::size_t keep = markerPrefixAtEnd(std::string_view(pending).substr(p));
+                appendPaste(std::string_view(pending).substr(p, pending.size() - p - keep));
+                p = pending.size() - keep;
                 break;
             }
-            pasteBuffer->append(pending, p, q - p);
-            events.emplace_back(Paste{text::repairUtf8(*pasteBuffer)});
+            appendPaste(std::string_view(pending).substr(p, q - p));
+            events.emplace_back(Paste{text::repairUtf8(trimPartialUtf8(*pasteBuffer))});
             pasteBuffer.reset();
+            pasteTruncated_ = false;
             p = q + pasteEnd.size();
             continue;
         }

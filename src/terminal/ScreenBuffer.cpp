@@ -38,6 +38,9 @@ int ScreenBuffer::text(std::string_view s, int x, int y, int maxWidth, Style sty
     text::Graphemes clusters(s);
     std::string_view c;
     while (clusters.next(c)) {
+        // Bytes that are not UTF-8 (a folder name from an old disk) show as U+FFFD; the
+        // text itself keeps them.
+        if (static_cast<unsigned char>(c[0]) >= 0x80 && !text::isValidUtf8(c)) c = "\xEF\xBF\xBD";
         const int w = text::charWidth(c);
         if (w == 0) continue;
         if (used + w > limit) break;

@@ -2,10 +2,14 @@
 
 #include <atomic>
 #include <cerrno>
+#include <csignal>
+#include <cstdio>
 #include <cstdlib>
+#include <exception>
 #include <fcntl.h>
 #include <poll.h>
 #include <sys/ioctl.h>
+#include <sys/stat.h>
 #include <termios.h>
 #include <unistd.h>
 
@@ -13,14 +17,65 @@ namespace trovan {
 
 namespace {
 
-// Process-wide: shared by every Terminal and by the exit hook.
+// Process-wide: shared by every Terminal, the exit hook and the fatal-signal handler.
+// Everything restoreTerminal() touches is set up before restorePending turns true, so
+// the handler may run it at any moment.
 struct termios savedAttributes {};
 int savedFlags = -1; // descriptor 0's status flags (O_NONBLOCK is shared with the shell)
 std::atomic<bool> restorePending{false};
-bool hookInstalled = false;
+bool hooksInstalled = false;
+// Standard error while a session is active: the log file, and where it pointed before.
+int errorLogFd = -1;
+int savedStderrFd = -1;
+
+constexpr int kFatalSignals[] = {SIGSEGV, SIGBUS, SIGABRT, SIGILL, SIGFPE, SIGQUIT};
 
 void exitHook() {
     restoreTerminal();
+}
+
+struct sigaction previousActions[sizeof kFatalSignals / sizeof kFatalSignals[0]] = {};
+
+// Gives the terminal back, then lets the signal do what it did before we came (usually
+// end the process with that same signal): the earlier action is put back and the signal
+// raised again. A fault is not raised: returning re-executes the faulting instruction.
+void fatalSignal(int sig, siginfo_t* info, void*) {
+    const int savedErrno = errno;
+    restoreTerminal();
+    for (std::size_t i = 0; i < sizeof kFatalSignals / sizeof kFatalSignals[0]; ++i)
+        if (kFatalSignals[i] == sig) sigaction(sig, &previousActions[i], nullptr);
+    const bool fault = info && info->si_code > 0 && sig != SIGQUIT && sig != SIGABRT;
+    if (!fault) raise(sig);
+    errno = savedErrno;
+}
+
+void terminateHandler() {
+    restoreTerminal();
+    static constexpr char kMessage[] = "trovan: error interno inesperado\n";
+    ssize_t n = ::write(2, kMessage, sizeof kMessage - 1);
+    (void)n;
+    std::abort();
+}
+
+void installHooks() {
+    if (hooksInstalled) return;
+    hooksInstalled = true;
+    std::atexit(exitHook);
+    std::set_terminate(terminateHandler);
+    for (std::size_t i = 0; i < sizeof kFatalSignals / sizeof kFatalSignals[0]; ++i) {
+        struct sigaction sa {};
+        sa.sa_sigaction = fatalSignal;
+        sa.sa_flags = SA_SIGINFO | SA_NODEFER;
+        sigemptyset(&sa.sa_mask);
+        sigaction(kFatalSignals[i], &sa, &previousActions[i]);
+    }
+}
+
+void pointStderrAtLog() {
+    if (errorLogFd == -1) return;
+    std::fflush(stderr);
+    if (savedStderrFd == -1) savedStderrFd = fcntl(2, F_DUPFD_CLOEXEC, 3);
+    if (savedStderrFd != -1) dup2(errorLogFd, 2);
 }
 
 } // namespace
@@ -32,22 +87,49 @@ void Terminal::enter() {
     struct termios raw = savedAttributes;
     cfmakeraw(&raw);
     tcsetattr(0, TCSAFLUSH, &raw);
+    pointStderrAtLog();
+    installHooks();
     restorePending = true;
-    if (!hookInstalled) {
-        std::atexit(exitHook);
-        hookInstalled = true;
-    }
     write(kEnterSequence);
     isActive = true;
 }
 
+void Terminal::reapply() {
+    if (!isActive) return;
+    struct termios raw = savedAttributes;
+    cfmakeraw(&raw);
+    tcsetattr(0, TCSAFLUSH, &raw);
+    write(kEnterSequence);
+}
+
 void restoreTerminal() {
     if (!restorePending.exchange(false)) return;
-    // One plain write: this also runs from the exit hook, where looping is pointless.
+    // Only async-signal-safe calls: this also runs from the fatal-signal handler. One
+    // plain write, as looping is pointless there.
     ssize_t n = ::write(1, kLeaveSequence.data(), kLeaveSequence.size());
     (void)n;
     tcsetattr(0, TCSAFLUSH, &savedAttributes);
     if (savedFlags != -1) fcntl(0, F_SETFL, savedFlags);
+    if (savedStderrFd != -1) dup2(savedStderrFd, 2);
+}
+
+bool Terminal::logErrorsTo(const std::filesystem::path& file) {
+    const int fd = ::open(file.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_APPEND | O_CLOEXEC, 0644);
+    if (fd < 0) return false;
+    if (errorLogFd != -1) ::close(errorLogFd);
+    errorLogFd = fd;
+    return true;
+}
+
+void Terminal::trimErrorLog(long long maxBytes) {
+    struct stat st {};
+    if (errorLogFd == -1 || fstat(errorLogFd, &st) != 0 || st.st_size <= maxBytes) return;
+    // Appending writes carry on at the new end.
+    if (ftruncate(errorLogFd, 0) == 0) {
+        static constexpr char kNote[] = "[registro vaciado: superaba su tama\xC3\xB1o]\n";
+        ssize_t n = ::write(errorLogFd, kNote, sizeof kNote - 1);
+        (void)n;
+    }
 }
 
 void Terminal::write(std::string_view bytes) {

@@ -3,19 +3,33 @@
 #include "terminal/Size.h"
 
 #include <cstddef>
+#include <filesystem>
 #include <string_view>
 
 namespace trovan {
 
 // The controlling terminal's full-screen session: raw mode, alternate screen, hidden
 // cursor, mouse and paste reporting. Every byte shown on screen goes through write().
+// The first enter() also makes sure the terminal is given back however the process
+// ends: normal exit, std::terminate, or a fatal signal (SIGSEGV, SIGBUS, SIGABRT,
+// SIGILL, SIGFPE, SIGQUIT), after which the process dies of that same signal.
 class Terminal {
 public:
     // True between enter() and the matching restore; drawing is skipped while false.
     bool isActive = false;
 
-    // Enters the session; does nothing when already active.
+    // Enters the session; does nothing when already active. Standard error goes to the
+    // log file chosen with logErrorsTo() until the session is left.
     void enter();
+    // Sets raw mode and the full-screen modes again on an active session (after the
+    // process was stopped and continued, when the shell may have changed them).
+    void reapply();
+
+    // Opens (emptying it) the file that receives standard error while a session is
+    // active. False when it cannot be opened; standard error then stays as it is.
+    static bool logErrorsTo(const std::filesystem::path& file);
+    // Empties the log when it has grown past `maxBytes`.
+    static void trimErrorLog(long long maxBytes);
 
     // Writes every byte to standard output, resuming after EINTR/EAGAIN; other errors
     // drop the rest of the buffer (the next full redraw repairs the screen).
@@ -29,8 +43,9 @@ public:
 };
 
 // Leaves the session if one is pending: restores the screen, cursor, reports, the
-// saved terminal attributes and standard input's descriptor flags. Safe to call any number of
-// times; also the exit hook. It does not touch any Terminal's isActive.
+// saved terminal attributes, standard input's descriptor flags and standard error. Safe to
+// call any number of times and from a signal handler; also the exit hook. It does not
+// touch any Terminal's isActive.
 void restoreTerminal();
 
 // The bytes written on entering and leaving the session.

@@ -403,4 +403,11 @@ std::string repairUtf8(std::string_view s) {
     return out;
 }
 
+std::string counted(long long n, std::string_view one, std::string_view many) {
+    std::string out = std::to_string(n);
+    out += ' ';
+    out += n == 1 ? one : many;
+    return out;
+}
+
 } // namespace trovan::text

@@ -56,6 +56,9 @@ inline bool lessNumeric(std::string_view a, std::string_view b) { return compare
 bool isNumeric(std::string_view cluster);
 
 // s with every ill-formed UTF-8 sequence replaced by U+FFFD.
+// "1 canción", "0 canciones", "2 canciones": the number and the noun it agrees with.
+std::string counted(long long n, std::string_view one, std::string_view many);
+
 std::string repairUtf8(std::string_view s);
 bool isValidUtf8(std::string_view s);
 

@@ -1,6 +1,7 @@
 #include "ui/HeaderView.h"
 
 #include "terminal/Palette.h"
+#include "text/Text.h"
 #include "ui/Drawing.h"
 
 #include <algorithm>
@@ -27,10 +28,11 @@ void HeaderView::draw(const AppState& state, const Layout& layout, ScreenBuffer&
         message = state.status->text;
         colour = state.status->isError ? palette::error : palette::accent;
     } else if (!state.index.artists.empty()) {
-        message = std::to_string(state.index.trackCount) + " canciones · " +
-                  std::to_string(state.index.artists.size()) + " artistas";
+        message = text::counted(state.index.trackCount, "canción", "canciones") + " · " +
+                  text::counted(static_cast<long long>(state.index.artists.size()), "artista",
+                                "artistas");
     } else {
-        message = "Agrega tu música con  :add ~/Music";
+        message = "Agrega tu música con :add ~/Música";
     }
     draw::rightAligned(buffer, message, right, h.y, x + 2, palette::on(colour));
 

@@ -43,8 +43,8 @@ struct RowPainter {
             for (auto id : disc.tracks)
                 totalMs += std::max<std::int64_t>(table.durationMs(id), 0);
         }
-        std::string info =
-            std::to_string(count) + " canciones · " + std::to_string(totalMs / 60000) + " min";
+        std::string info = text::counted(static_cast<long long>(count), "canción", "canciones") +
+                           " · " + std::to_string(totalMs / 60000) + " min";
         const int infoStart = draw::rightAligned(buffer, info, right, y, x + 1, on(palette::dim));
 
         std::string heading = text::upper(a->title);
@@ -119,7 +119,9 @@ void LibraryView::draw(const AppState& state, const Layout& layout, ScreenBuffer
     const LibraryIndex::Artist* artist = shownArtist(state);
     std::string heading = "BIBLIOTECA";
     if (artist) heading += " · " + text::upper(artist->name);
-    if (!state.marked.empty()) heading += " · " + std::to_string(state.marked.size()) + " marcadas";
+    if (!state.marked.empty())
+        heading += " · " + text::counted(static_cast<long long>(state.marked.size()), "marcada",
+                                         "marcadas");
     buffer.text(heading, pane.x, pane.y, pane.width,
                 palette::on(focused ? palette::accent : palette::dim, true));
     if (!artist) return;

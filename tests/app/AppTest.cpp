@@ -160,10 +160,23 @@ TEST(CommandLine, HelpAndVersionPrintAndNothingElse) {
         EXPECT_EQ(r.err, "") << args;
     }
     EXPECT_TRUE(std::regex_match(version, std::regex("trovan [0-9]+\\.[0-9]+\\.[0-9]+\n")));
-    for (const char* args : {"-help", "-v", "--versión"}) { // only the exact spellings count
+}
+
+TEST(CommandLine, UnknownOptionsAreUsageErrorsBeforeTheTerminalCheck) {
+    // Only the exact spellings count; the error names the argument, on standard error.
+    for (const char* args : {"-help", "-v", "--versi\xC3\xB3n", "carpeta -x"}) {
+        const Result r = run(std::string(args) + " </dev/null");
+        EXPECT_EQ(r.status, 2) << args;
+        EXPECT_EQ(r.out, "") << args;
+        const std::string option = std::string(args).substr(std::string(args).rfind(' ') + 1);
+        EXPECT_EQ(r.err.rfind("trovan: opci\xC3\xB3n desconocida: " + option + "\n", 0), 0u)
+            << r.err;
+    }
+    // "--" ends the options: what follows is a folder, so the terminal check comes next.
+    for (const char* args : {"-- -x", "-- --help"}) {
         const Result r = run(std::string(args) + " </dev/null");
         EXPECT_EQ(r.status, 1) << args;
-        EXPECT_EQ(r.out, "") << args;
+        EXPECT_EQ(r.err, kNotATerminal) << args;
     }
 }
 

@@ -544,7 +544,7 @@ TEST(ControllerLibrary, FoldersAreNormalisedAndCheckedBeforeTheyAreStored) {
         {m + "/../music", "La carpeta ya estaba agregada"},
         {m + "//", "La carpeta ya estaba agregada"},
         {"music/", "La carpeta ya estaba agregada"},
-        {m + "/./song.mp3", "!No existe la carpeta: " + m + "/song.mp3"},
+        {m + "/./song.mp3", "!No es una carpeta: " + m + "/song.mp3"},
         {m + "/nope", "!No existe la carpeta: " + m + "/nope"},
         {"-" + m + "/other", "!No está en la lista: " + m + "/other"},
         {"-" + m + "/", "Carpeta quitada: " + m}};

@@ -89,8 +89,9 @@ inline std::string defaultBusAddress() {
 class Session {
 public:
     Session() {
-        char tmpl[] = "/tmp/trovan-e2e-XXXXXX";
-        dir_ = mkdtemp(tmpl);
+        const char* base = std::getenv("TMPDIR");
+        std::string tmpl = std::string(base && *base ? base : "/tmp") + "/trovan-e2e-XXXXXX";
+        dir_ = mkdtemp(tmpl.data());
         fs::create_directories(home());
     }
     ~Session() {
@@ -115,8 +116,8 @@ public:
         for (const auto& a : args)
             command += " " + shellQuote(a);
         tmux("-f /dev/null new-session -d -s t -x " + std::to_string(width) + " -y " +
-             std::to_string(height) +
-             " -e COLORTERM=truecolor -e TROVAN_HOME=" + shellQuote(home().string()) +
+             std::to_string(height) + " -e COLORTERM=truecolor -e TROVAN_HOME=" +
+             shellQuote(home().string()) + privateHome() +
              " -e DBUS_SESSION_BUS_ADDRESS=" + shellQuote(busAddress) + " " + shellQuote(command));
         tmux("pipe-pane -t t -o " + shellQuote("cat >> " + shellQuote((run_ / "out").string())));
         std::ofstream(run_ / "go") << "";
@@ -209,7 +210,8 @@ public:
     // Waits for the program to end and checks it left the terminal as it found it.
     void expectCleanExit() {
         ASSERT_TRUE(waitUntil([&] { return has("done"); }, 10s)) << "program did not end";
-        EXPECT_EQ(trim(file("status")), "0");
+        // Standard error (a sanitizer's report included) went to the log.
+        EXPECT_EQ(trim(file("status")), "0") << slurp(home() / "trovan.log");
         EXPECT_FALSE(file("before").empty());
         EXPECT_EQ(file("after"), file("before")) << "terminal modes not restored";
         EXPECT_EQ(trim(file("nonblock")), "0") << "standard input left non-blocking";
@@ -217,6 +219,22 @@ public:
     }
 
 private:
+    // The program's HOME and XDG folders inside this session's folder: whatever the
+    // sound server's client or other libraries write there goes away with it.
+    std::string privateHome() {
+        const fs::path user = dir_ / "user";
+        fs::create_directories(user / "runtime");
+        fs::permissions(user / "runtime", fs::perms::owner_all);
+        std::string env;
+        for (const auto& [name, sub] : {std::pair{"HOME", ""},
+                                        {"XDG_CONFIG_HOME", ".config"},
+                                        {"XDG_CACHE_HOME", ".cache"},
+                                        {"XDG_STATE_HOME", ".state"},
+                                        {"XDG_RUNTIME_DIR", "runtime"}})
+            env += std::string(" -e ") + name + "=" + shellQuote((user / sub).string());
+        return env;
+    }
+
     void stop() {
         if (run_.empty()) return;
         if (pid_ > 0 && !has("status")) kill(pid_, SIGKILL);

@@ -134,6 +134,8 @@ TEST(Indexer, BrokenFilesAreCountedButNotStored) {
 
     auto summary = Indexer::run({music.string()}, store, false);
     EXPECT_EQ(summary.fileCount, broken + 7);
+    EXPECT_GE(summary.unreadableCount, broken);
+    EXPECT_EQ(summary.readCount + summary.unreadableCount, summary.fileCount);
     auto stored = paths(store.loadAll());
     EXPECT_EQ(summary.readCount, static_cast<int64_t>(stored.size()) - 1);
     std::erase_if(stored, [&](const std::string& p) { return p.starts_with(cut.string()); });

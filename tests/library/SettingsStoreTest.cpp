@@ -4,9 +4,12 @@
 
 #include <gtest/gtest.h>
 
+#include <chrono>
 #include <cstdlib>
 #include <fstream>
+#include <mutex>
 #include <sstream>
+#include <thread>
 
 using namespace trovan;
 namespace fx = trovan::fixtures;
@@ -22,6 +25,7 @@ TEST(SettingsStore, MissingPartialAndBrokenFiles) {
     fx::TempDir dir;
     SettingsStore store(dir / "config.json");
     EXPECT_EQ(store.load(), Settings{});
+    EXPECT_EQ(store.loadProblem(), "");
 
     std::ofstream(store.url()) << R"({"volume": 0.5})";
     EXPECT_EQ(store.load(), Settings{.volume = 0.5f});
@@ -29,14 +33,52 @@ TEST(SettingsStore, MissingPartialAndBrokenFiles) {
     std::ofstream(store.url()) << R"({"volume": 3.0, "unknown": [1, 2], "shuffle": null})";
     EXPECT_FLOAT_EQ(store.load().volume, 3.0f); // taken as it is; clamped when changed
 
-    for (const char* bad :
-         {"", "not json", "[]", "{\"volume\": \"loud\"}", "{\"shuffle\": 1}",
-          "{\"repeatMode\": \"sometimes\"}", "{\"roots\": \"/music\"}", "{\"roots\": [1]}",
-          "{\"eqGains\": [1, \"a\"]}", "{\"customPresets\": [{\"name\": \"x\"}]}",
-          "{\"customPresets\": [{\"gains\": []}]}", "{\"volume\": 0.5"}) {
+    // A wrong value costs only its own key: the folders are still there.
+    const std::string huge(10 << 20, 'x');
+    std::string hugeArray;
+    for (int i = 0; i < 100000; ++i)
+        hugeArray += "1,";
+    for (const std::string& bad :
+         {std::string("\"volume\": \"loud\""), std::string("\"shuffle\": 1"),
+          std::string("\"repeatMode\": \"sometimes\""), std::string("\"eqGains\": [1, \"a\"]"),
+          "\"eqGains\": [" + hugeArray + "1]", "\"eqPreset\": \"" + huge + "\"",
+          std::string("\"volume\": -2"), std::string("\"customPresets\": [{\"name\": \"x\"}]")}) {
+        std::ofstream(store.url()) << "{" << bad << ", \"roots\": [\"/m\xC3\xBAsica\", 1]}";
+        EXPECT_EQ(store.load(), Settings{.roots = {"/m\xC3\xBAsica"}}) << bad.substr(0, 40);
+        // and the file as it was is kept aside.
+        EXPECT_EQ(store.loadProblem().rfind("Valores no v\xC3\xA1lidos en config.json; se guard", 0), 0u)
+            << store.loadProblem();
+        EXPECT_EQ(fs::file_size(dir / "config.json.bak"), fs::file_size(store.url()));
+    }
+
+    // Not settings at all: defaults, a message, and the file kept aside before the next
+    // save replaces it.
+    for (const char* bad : {"", "not json", "[]", "{\"volume\": 0.5"}) {
         std::ofstream(store.url()) << bad;
         EXPECT_EQ(store.load(), Settings{}) << bad;
+        EXPECT_NE(store.loadProblem().find("No se pudo leer config.json"), std::string::npos);
+        std::ostringstream kept;
+        kept << std::ifstream(dir / "config.json.bak").rdbuf();
+        EXPECT_EQ(kept.str(), bad);
     }
+}
+
+TEST(SettingsStore, FolderNamesThatAreNotUtf8SurviveAndOldFilesReadUnchanged) {
+    fx::TempDir dir;
+    SettingsStore store(dir / "config.json");
+    const std::vector<std::string> roots = {"/mnt/Caf\xE9 \xC3\xB1", "/a\\b\xFF",
+                                            "x-bytes:relative", "/m\xC3\xBAsica"};
+    ASSERT_TRUE(store.save(Settings{.roots = roots}));
+    EXPECT_EQ(store.load().roots, roots);
+    std::ostringstream text;
+    text << std::ifstream(store.url()).rdbuf();
+    EXPECT_NE(text.str().find("\"x-bytes:/mnt/Caf\\\\xE9 \xC3\xB1\""), std::string::npos)
+        << text.str();
+    EXPECT_NE(text.str().find("\"/m\xC3\xBAsica\""), std::string::npos); // UTF-8 as it was
+
+    // A file written before escapes existed, with a backslash and "\x" in a name.
+    std::ofstream(store.url()) << R"({"roots": ["/old\\xE9", "/plain"]})";
+    EXPECT_EQ(store.load().roots, (std::vector<std::string>{"/old\\xE9", "/plain"}));
 }
 
 TEST(SettingsStore, SavesSortedIndentedJsonThatReadsBack) {
@@ -68,6 +110,70 @@ TEST(SettingsStore, SavesSortedIndentedJsonThatReadsBack) {
     // A folder that cannot exist: the save fails quietly.
     std::ofstream(dir / "plain") << "x";
     EXPECT_FALSE(SettingsStore(dir / "plain" / "config.json").save(s));
+}
+
+TEST(SettingsStore, WritesThroughALinkAndKeepsAnotherInstancesChanges) {
+    fx::TempDir dir;
+    fs::create_directories(dir / "dotfiles");
+    fs::create_symlink("dotfiles/trovan.json", dir / "config.json");
+    SettingsStore ours(dir / "config.json"), theirs(dir / "config.json");
+    ASSERT_TRUE(ours.save(Settings{.roots = {"/a"}}));
+    EXPECT_TRUE(fs::is_symlink(dir / "config.json"));
+    EXPECT_EQ(SettingsStore(dir / "dotfiles" / "trovan.json").load().roots,
+              std::vector<std::string>{"/a"});
+
+    // The other instance adds a folder and turns shuffle on; this one, unaware, adds
+    // another folder, removes "/a" and changes the volume.
+    Settings other = theirs.load();
+    other.roots.push_back("/b");
+    other.shuffle = true;
+    ASSERT_TRUE(theirs.save(other));
+    ASSERT_TRUE(ours.save(Settings{.roots = {"/c"}, .volume = 0.3f}));
+    EXPECT_EQ(SettingsStore(dir / "config.json").load(),
+              (Settings{.roots = {"/b", "/c"}, .volume = 0.3f, .shuffle = true}));
+    // And the other instance's next save keeps this one's.
+    other.repeatMode = RepeatMode::all;
+    ASSERT_TRUE(theirs.save(other));
+    EXPECT_EQ(SettingsStore(dir / "config.json").load(), (Settings{.roots = {"/b", "/c"},
+                                                                   .volume = 0.3f,
+                                                                   .shuffle = true,
+                                                                   .repeatMode = RepeatMode::all}));
+}
+
+TEST(SettingsStore, LaterSavesWaitForQuietAndReportFailuresOnce) {
+    fx::TempDir dir;
+    std::vector<std::string> reports;
+    std::mutex m;
+    SettingsStore store(dir / "config.json", std::chrono::seconds(5));
+    for (int i = 1; i <= 5; ++i)
+        store.saveLater(Settings{.volume = 0.1f * static_cast<float>(i)});
+    EXPECT_FALSE(fs::exists(store.url())); // not yet: the keys may go on
+    store.flush();                         // quitting: at once, the last ones
+    EXPECT_FLOAT_EQ(SettingsStore(store.url()).load().volume, 0.5f);
+    // Left alone, the writer gets there by itself.
+    SettingsStore quick(dir / "config.json", std::chrono::milliseconds(20));
+    quick.saveLater(Settings{.volume = 0.7f});
+    for (int i = 0; i < 500 && SettingsStore(store.url()).load().volume != 0.7f; ++i)
+        std::this_thread::sleep_for(std::chrono::milliseconds(20));
+    EXPECT_FLOAT_EQ(SettingsStore(store.url()).load().volume, 0.7f);
+
+    // A data folder that cannot be written: one message, the settings kept in memory.
+    std::ofstream(dir / "plain") << "x";
+    SettingsStore blocked(dir / "plain" / "config.json", std::chrono::milliseconds(300));
+    blocked.onFailure([&](const std::string& text) {
+        std::lock_guard lock(m);
+        reports.push_back(text);
+    });
+    for (float v : {0.2f, 0.3f}) {
+        blocked.saveLater(Settings{.volume = v});
+        blocked.flush();
+    }
+    std::lock_guard lock(m);
+    ASSERT_EQ(reports.size(), 1u);
+    EXPECT_EQ(
+        reports[0].rfind("No se pudieron guardar los ajustes en " + (dir / "plain").string(), 0),
+        0u)
+        << reports[0];
 }
 
 // The environment decides the data folder; nothing is created before the first save.

@@ -17,8 +17,9 @@ bool SessionBus::available() {
 }
 
 SessionBus::SessionBus() {
-    char tmpl[] = "/tmp/trovan-bus-XXXXXX";
-    if (!mkdtemp(tmpl)) throw std::runtime_error("mkdtemp failed");
+    const char* base = std::getenv("TMPDIR");
+    std::string tmpl = std::string(base && *base ? base : "/tmp") + "/trovan-bus-XXXXXX";
+    if (!mkdtemp(tmpl.data())) throw std::runtime_error("mkdtemp failed");
     dir_ = tmpl;
     address_ = "unix:path=" + (dir_ / "bus").string();
     // --fork returns once the daemon listens.

@@ -2,6 +2,7 @@
 
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <string>
 #include <vector>
 
@@ -81,8 +82,34 @@ TEST(InputDecoder, BracketedPasteAcrossReads) {
     EXPECT_EQ(feed({"x\x1b[200~a\x1b[A\r\x03\xFF", "\x1b[201~y"}),
               (V{"char(x)", "paste(a\x1b[A\r\x03\xEF\xBF\xBD)", "char(y)"}));
     EXPECT_EQ(feed({"\x1b[200~\x1b[201~"}), (V{"paste()"}));
-    // An end marker split across reads is not seen: the paste runs on to the next one.
-    EXPECT_EQ(feed({"\x1b[200~a\x1b[20", "1~b\x1b[201~c"}), (V{"paste(a\x1b[201~b)", "char(c)"}));
+    // An end marker split anywhere across reads still ends the paste; a near-miss of it
+    // stays pasted text.
+    const std::string marker = "\x1b[201~";
+    for (std::size_t cut = 1; cut < marker.size(); ++cut)
+        EXPECT_EQ(feed({"\x1b[200~a" + marker.substr(0, cut), marker.substr(cut) + "q"}),
+                  (V{"paste(a)", "char(q)"}))
+            << "cut " << cut;
+    EXPECT_EQ(feed({"\x1b[200~a\x1b[20", "2~\x1b[201~q"}), (V{"paste(a\x1b[202~)", "char(q)"}));
+}
+
+TEST(InputDecoder, PasteIsCappedAndKeysFollowIt) {
+    // Over the cap, in many reads: the paste keeps whole characters up to the cap and
+    // the key after the end marker still arrives.
+    InputDecoder d;
+    std::vector<InputEvent> events = d.decode("\x1b[200~");
+    // One byte short of the cap, then a two-byte character that does not fit.
+    for (std::size_t left = InputDecoder::kPasteLimit - 1; left > 0;) {
+        const std::size_t n = std::min<std::size_t>(left, 4095);
+        d.decode(std::string(n, 'x'));
+        left -= n;
+    }
+    d.decode("\xC3\xB1\xC3\xB1");
+    events = d.decode("\x1b[201~q");
+    ASSERT_EQ(events.size(), 2u);
+    const auto& text = std::get<Paste>(events[0]).text;
+    EXPECT_EQ(text, std::string(InputDecoder::kPasteLimit - 1, 'x'));
+    EXPECT_EQ(describe(events[1]), "char(q)");
+    EXPECT_TRUE(d.pending.empty());
 }
 
 TEST(InputDecoder, SameEventsWhateverTheChunking) {

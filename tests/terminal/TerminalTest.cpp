@@ -5,10 +5,13 @@
 #include <atomic>
 #include <cerrno>
 #include <csignal>
+#include <cstring>
+#include <exception>
 #include <fcntl.h>
 #include <pty.h>
 #include <string>
 #include <sys/ioctl.h>
+#include <sys/mman.h>
 #include <sys/time.h>
 #include <sys/wait.h>
 #include <termios.h>
@@ -98,4 +101,104 @@ TEST(TerminalSession, EveryWayOutRestoresTheTerminalOnce) {
     EXPECT_TRUE(WIFEXITED(status) && WEXITSTATUS(status) == 7) << "wait status " << status;
     const std::string once = std::string(kEnterSequence) + std::string(kLeaveSequence);
     EXPECT_EQ(out, once + once);
+}
+
+namespace {
+
+// Runs `die` in a child on a fresh pseudo-terminal after entering the session; returns
+// its wait status, everything it wrote, and whether the terminal's modes are back.
+struct Death {
+    int status = 0;
+    std::string out;
+    bool modesBack = false;
+};
+
+template <typename F> Death dieInSession(F die) {
+    int master = -1;
+    const pid_t pid = forkpty(&master, nullptr, nullptr, nullptr);
+    if (pid == 0) {
+        // As in a build without sanitizers, whose own handlers would report and abort.
+        for (int sig : {SIGSEGV, SIGBUS, SIGABRT, SIGILL, SIGFPE, SIGQUIT})
+            signal(sig, SIG_DFL);
+        Terminal t;
+        t.enter();
+        die();
+        _exit(0);
+    }
+    Death d;
+    termios before{};
+    char buf[4096];
+    for (ssize_t n; (n = read(master, buf, sizeof buf)) > 0 || (n < 0 && errno == EINTR);)
+        if (n > 0) d.out.append(buf, static_cast<std::size_t>(n));
+    waitpid(pid, &d.status, 0);
+    // A fresh pty starts cooked; the session's raw mode must not have stayed.
+    tcgetattr(master, &before);
+    d.modesBack = (before.c_lflag & (ECHO | ICANON | ISIG)) == (ECHO | ICANON | ISIG);
+    close(master);
+    return d;
+}
+
+} // namespace
+
+TEST(TerminalSession, FatalSignalsAndTerminateGiveTheTerminalBackAndStillKill) {
+    const std::string session = std::string(kEnterSequence) + std::string(kLeaveSequence);
+    const std::pair<int, void (*)()> cases[] = {
+        {SIGSEGV,
+         [] { // a real fault: a write to a page that allows none
+             void* page = mmap(nullptr, 4096, PROT_NONE, MAP_PRIVATE | MAP_ANONYMOUS, -1, 0);
+             *static_cast<volatile int*>(page) = 1;
+         }},
+        {SIGBUS, [] { raise(SIGBUS); }},
+        {SIGQUIT, [] { kill(getpid(), SIGQUIT); }},
+        {SIGABRT, [] { std::abort(); }},
+        {SIGABRT, [] { std::terminate(); }},
+    };
+    for (const auto& [sig, die] : cases) {
+        const Death d = dieInSession(die);
+        SCOPED_TRACE(strsignal(sig));
+        EXPECT_TRUE(WIFSIGNALED(d.status) && WTERMSIG(d.status) == sig) << "status " << d.status;
+        EXPECT_EQ(d.out.substr(0, session.size()), session);
+        EXPECT_TRUE(d.modesBack);
+    }
+}
+
+TEST(TerminalSession, StandardErrorGoesToTheLogOnlyWhileActive) {
+    const char* base = std::getenv("TMPDIR");
+    std::string logName = std::string(base && *base ? base : "/tmp") + "/trovan-log-XXXXXX";
+    const int fd = mkstemp(logName.data());
+    ASSERT_GE(fd, 0);
+    write(fd, "old run\n", 8); // each run starts the log afresh
+    close(fd);
+    int master = -1;
+    const pid_t pid = forkpty(&master, nullptr, nullptr, nullptr);
+    if (pid == 0) {
+        if (!Terminal::logErrorsTo(logName.c_str())) _exit(2);
+        Terminal t;
+        t.enter();
+        fputs("during\n", stderr);
+        restoreTerminal();
+        fputs("after\n", stderr);
+        t.isActive = false;
+        t.enter(); // back again (after an editor, say): to the log again
+        fputs("again\n", stderr);
+        _exit(0);
+    }
+    std::string out;
+    char buf[4096];
+    for (ssize_t n; (n = read(master, buf, sizeof buf)) > 0 || (n < 0 && errno == EINTR);)
+        if (n > 0) out.append(buf, static_cast<std::size_t>(n));
+    int status = 0;
+    waitpid(pid, &status, 0);
+    close(master);
+    EXPECT_TRUE(WIFEXITED(status) && WEXITSTATUS(status) == 0) << status;
+    std::string log;
+    if (FILE* f = fopen(logName.c_str(), "r")) {
+        for (int c; (c = fgetc(f)) != EOF;)
+            log += static_cast<char>(c);
+        fclose(f);
+    }
+    unlink(logName.c_str());
+    EXPECT_EQ(log, "during\nagain\n");
+    EXPECT_NE(out.find("after"), std::string::npos);
+    EXPECT_EQ(out.find("during"), std::string::npos);
 }

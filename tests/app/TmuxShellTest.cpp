@@ -1,0 +1,132 @@
+// The program's edges in a real terminal: being stopped and killed, what the command line
+// and standard error do during a session, and folder names from old disks.
+
+#include "app/TmuxSession.h"
+
+#include <unistd.h>
+
+using namespace trovan;
+using namespace trovan::e2e;
+
+namespace {
+
+std::string paneModes(Session& s) {
+    const std::string tty = trim(s.tmux("display -p -t t '#{pane_tty}'"));
+    return fixtures::runProcess({"stty", "-g", "-F", tty}).output;
+}
+
+char processState(int pid) {
+    const std::string stat = slurp("/proc/" + std::to_string(pid) + "/stat");
+    const auto close = stat.rfind(')');
+    return close == npos || close + 2 >= stat.size() ? '?' : stat[close + 2];
+}
+
+} // namespace
+
+TEST(TmuxShell, FatalSignalsGiveTheTerminalBackAndCtrlZSuspends) {
+    if (!haveTmux()) GTEST_SKIP() << "tmux is not installed";
+    Session s;
+    for (int sig : {SIGQUIT, SIGABRT}) { // (a fault is for the sanitizers in this build)
+        SCOPED_TRACE(sig);
+        s.start();
+        ASSERT_TRUE(s.waitForSession()) << s.flags();
+        kill(s.pid(), sig);
+        ASSERT_TRUE(waitUntil([&] { return s.has("done"); }, 10s));
+        EXPECT_EQ(trim(s.file("status")), std::to_string(128 + sig)); // died of that signal
+        EXPECT_EQ(s.file("after"), s.file("before")) << "terminal modes not restored";
+        EXPECT_EQ(s.flags(), "0 1 0 0 0");
+    }
+
+    // Ctrl-Z: stopped with the terminal as the shell had it; continued (what fg does),
+    // the whole screen comes back.
+    s.start();
+    ASSERT_TRUE(s.waitForSession()) << s.flags();
+    const std::string raw = paneModes(s);
+    s.keys("C-z");
+    ASSERT_TRUE(waitUntil([&] { return processState(s.pid()) == 'T'; }, 10s));
+    EXPECT_EQ(s.flags(), "0 1 0 0 0");
+    EXPECT_EQ(paneModes(s), s.file("before"));
+    s.tmux("send-keys -t t -R"); // what the shell would do: clear the screen
+    s.tmux("clear-history -t t");
+    kill(s.pid(), SIGCONT);
+    ASSERT_TRUE(s.waitForSession()) << s.flags();
+    EXPECT_TRUE(s.waitFor("Trovan")) << s.screen();
+    EXPECT_EQ(paneModes(s), raw);
+    // SIGTSTP from elsewhere does the same.
+    kill(s.pid(), SIGTSTP);
+    ASSERT_TRUE(waitUntil([&] { return processState(s.pid()) == 'T'; }, 10s));
+    EXPECT_EQ(s.flags(), "0 1 0 0 0");
+    kill(s.pid(), SIGCONT);
+    ASSERT_TRUE(s.waitForSession()) << s.flags();
+    s.text("q");
+    s.expectCleanExit();
+}
+
+TEST(TmuxShell, ASplitPasteEndsAndKeysFollowIt) {
+    if (!haveTmux()) GTEST_SKIP() << "tmux is not installed";
+    Session s;
+    s.start();
+    ASSERT_TRUE(s.waitForSession()) << s.flags();
+    s.text(":");
+    // The end marker in two writes, apart in time, so that they arrive in two reads.
+    s.tmux("send-keys -t t -H 1b 5b 32 30 30 7e 61 64 64 1b 5b 32 30");
+    std::this_thread::sleep_for(300ms);
+    s.tmux("send-keys -t t -H 31 7e");
+    ASSERT_TRUE(s.waitFor(":add")) << s.screen();
+    s.keys("Escape");
+    ASSERT_TRUE(s.waitGone(":add")) << s.screen();
+    s.text("q");
+    s.expectCleanExit();
+}
+
+TEST(TmuxShell, StandardErrorGoesToTheLogAndOnlyTheMainThreadTakesSignals) {
+    if (!haveTmux()) GTEST_SKIP() << "tmux is not installed";
+    Session s;
+    s.start();
+    ASSERT_TRUE(s.waitForSession()) << s.flags();
+    const fs::path proc = "/proc/" + std::to_string(s.pid());
+    std::error_code ec;
+    EXPECT_EQ(fs::read_symlink(proc / "fd" / "2", ec), s.home() / "trovan.log") << ec.message();
+    EXPECT_TRUE(fs::is_regular_file(s.home() / "trovan.log"));
+
+    // The signals the main loop handles: blocked in every other thread, not in the main one.
+    unsigned long long handled = 0;
+    for (int sig : {SIGWINCH, SIGTERM, SIGHUP, SIGINT, SIGTSTP, SIGCONT})
+        handled |= 1ULL << (sig - 1);
+    int others = 0;
+    for (const auto& task : fs::directory_iterator(proc / "task")) {
+        std::stringstream status(slurp(task.path() / "status"));
+        unsigned long long blocked = 0;
+        for (std::string line; std::getline(status, line);)
+            if (line.rfind("SigBlk:", 0) == 0) blocked = std::stoull(line.substr(7), nullptr, 16);
+        const bool main = task.path().filename() == std::to_string(s.pid());
+        others += main ? 0 : 1;
+        EXPECT_EQ(blocked & handled, main ? 0 : handled) << task.path();
+    }
+    EXPECT_GT(others, 0);
+    s.text("q");
+    s.expectCleanExit();
+}
+
+TEST(TmuxShell, CommandLineErrorsOutliveTheSummaryAndOddFolderNamesARestart) {
+    if (!haveTmux() || !fixtures::available()) GTEST_SKIP() << "tmux or ffmpeg missing";
+    Session s;
+    // A folder whose name is Latin-1, not UTF-8 (an old disk).
+    const fs::path music = s.dir() / "m\xFAsica";
+    fs::rename(makeMusic(s.dir()), music);
+    const std::string missing = (s.dir() / "no-such").string();
+    s.start({missing, music.string()});
+    ASSERT_TRUE(s.waitFor("Biblioteca al día: 4 archivos")) << s.screen();
+    EXPECT_TRUE(s.waitFor("No existe la carpeta: " + missing, 10s)) << s.screen();
+    s.text("q");
+    s.expectCleanExit();
+
+    s.start();
+    ASSERT_TRUE(s.waitFor("Biblioteca al día: 4 archivos · 0 leídos · 0 quitados")) << s.screen();
+    EXPECT_TRUE(s.waitFor("4 canciones · 3 artistas", 10s)) << s.screen();
+    s.command(":paths");
+    EXPECT_TRUE(s.waitFor("m\xEF\xBF\xBDsica")) << s.screen(); // shown with U+FFFD
+    s.keys("Escape");
+    s.text("q");
+    s.expectCleanExit();
+}
