@@ -4,6 +4,7 @@
 #include <cstdio>
 #include <cstdlib>
 #include <fcntl.h>
+#include <csignal>
 #include <fstream>
 #include <random>
 #include <spawn.h>
@@ -119,13 +120,51 @@ std::optional<std::string> ExternalEditor::edit(const std::string& text,
     std::string a0 = "/bin/sh", a1 = "-c", a3 = "sh", a4 = path;
     std::string a2 = script;
     char* argv[] = {a0.data(), a1.data(), a2.data(), a3.data(), a4.data(), nullptr};
+    // The editor shares our process group, so Ctrl-Z or Ctrl-C typed into it reach us as
+    // well. While it runs we ignore them (the editor gets the default actions back), and
+    // when the editor stops we stop with it, so the shell gets the terminal back and `fg`
+    // resumes both.
+    struct IgnoreWhileEditing {
+        struct sigaction oldStop {}, oldInt {};
+        IgnoreWhileEditing() {
+            struct sigaction ignore {};
+            ignore.sa_handler = SIG_IGN;
+            ::sigemptyset(&ignore.sa_mask);
+            ::sigaction(SIGTSTP, &ignore, &oldStop);
+            ::sigaction(SIGINT, &ignore, &oldInt);
+        }
+        ~IgnoreWhileEditing() {
+            ::sigaction(SIGTSTP, &oldStop, nullptr);
+            ::sigaction(SIGINT, &oldInt, nullptr);
+        }
+    } ignoreWhileEditing;
+    posix_spawnattr_t attributes;
+    if (::posix_spawnattr_init(&attributes) != 0) {
+        takeBack();
+        return std::nullopt;
+    }
+    sigset_t defaults;
+    ::sigemptyset(&defaults);
+    ::sigaddset(&defaults, SIGTSTP);
+    ::sigaddset(&defaults, SIGINT);
+    ::posix_spawnattr_setsigdefault(&attributes, &defaults);
+    ::posix_spawnattr_setflags(&attributes, POSIX_SPAWN_SETSIGDEF);
     pid_t child = 0;
-    if (::posix_spawn(&child, "/bin/sh", nullptr, nullptr, argv, environ) != 0) {
+    const int spawned = ::posix_spawn(&child, "/bin/sh", nullptr, &attributes, argv, environ);
+    ::posix_spawnattr_destroy(&attributes);
+    if (spawned != 0) {
         takeBack();
         return std::nullopt;
     }
     int status = 0;
-    while (::waitpid(child, &status, 0) < 0 && errno == EINTR) {
+    for (;;) {
+        if (::waitpid(child, &status, WUNTRACED) < 0) {
+            if (errno == EINTR) continue;
+            break;
+        }
+        if (!WIFSTOPPED(status)) break;
+        ::raise(SIGSTOP);
+        ::kill(child, SIGCONT);
     }
     // The editor's exit status is not looked at: one that exits with an error may still
     // have saved the file.

@@ -62,3 +62,20 @@ TEST(ExternalEditor, EditorChoiceAndWhatComesBack) {
     EXPECT_FALSE(inactive.isActive);
     EXPECT_EQ(leftovers(), 0);
 }
+
+// Ctrl-C typed into the editor reaches us too and must not end the program; an editor
+// stopped by Ctrl-Z stops us with it (so the shell gets the terminal) until both go on.
+TEST(ExternalEditor, SignalsMeantForTheEditor) {
+    Terminal inactive;
+    EditorEnv env(
+        "p=$PPID; me=$$; "
+        "(i=0; until [ \"$(sed 's/.*) //' /proc/$p/stat | cut -c1)\" = T ]; do "
+        "  i=$((i+1)); if [ $i -gt 200 ]; then : > \"$1.colgado\"; kill -CONT $me; exit; fi; "
+        "  sleep 0.02; done; kill -CONT $p) & "
+        "kill -INT $p; kill -STOP $me; "
+        "if [ -e \"$1.colgado\" ]; then rm \"$1.colgado\"; echo colgado; else echo nuevo; fi > \"$1\"; "
+        ": ",
+        nullptr);
+    EXPECT_EQ(ExternalEditor::edit("viejo", "x-trovan-editor-test.txt", inactive), "nuevo\n");
+    EXPECT_EQ(leftovers(), 0);
+}
