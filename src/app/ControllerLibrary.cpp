@@ -14,6 +14,7 @@
 #include <cstdlib>
 #include <filesystem>
 #include <malloc.h>
+#include <new>
 #include <system_error>
 
 namespace trovan {
@@ -110,8 +111,12 @@ void AppController::runScan(bool force) {
         std::string failure;
         try {
             summary = Indexer::run(roots, *store, force, progress);
+        } catch (const std::bad_alloc&) {
+            failure = "no hay memoria suficiente";
         } catch (const std::exception& e) {
             failure = e.what();
+        } catch (...) {
+            failure = "error desconocido";
         }
         post([alive, this, summary, started, failure] {
             if (!alive.lock()) return;
@@ -127,9 +132,19 @@ void AppController::runScan(bool force) {
                         .count();
                 char elapsed[32];
                 std::snprintf(elapsed, sizeof elapsed, "%.1f", seconds);
-                report("Biblioteca al día: " + std::to_string(summary.fileCount) + " archivos · " +
-                       std::to_string(summary.readCount) + " leídos · " +
-                       std::to_string(summary.removedCount) + " quitados (" + elapsed + " s)");
+                std::string text = "Biblioteca al día: " + std::to_string(summary.fileCount) +
+                                   " archivos · " + std::to_string(summary.readCount) +
+                                   " leídos · " + std::to_string(summary.removedCount) +
+                                   " quitados (" + elapsed + " s)";
+                // A drive not mounted, a NAS down: its tracks stay, and the user hears why.
+                if (!summary.unavailable.empty()) {
+                    text += summary.unavailable.size() == 1 ? " · No disponible: "
+                                                            : " · No disponibles: ";
+                    for (std::size_t i = 0; i < summary.unavailable.size(); ++i)
+                        text += (i ? ", " : "") + summary.unavailable[i];
+                    text += " (se conservan sus canciones)";
+                }
+                report(text, !summary.unavailable.empty());
                 scanEnded();
             };
             // Nothing read and nothing removed: the cache is as loaded, no reload needed.
@@ -158,8 +173,12 @@ void AppController::reloadLibrary(Task then) {
         std::string failure;
         try {
             index = std::make_shared<LibraryIndex>(store->loadTable());
+        } catch (const std::bad_alloc&) {
+            failure = "no hay memoria suficiente";
         } catch (const std::exception& e) {
             failure = e.what();
+        } catch (...) {
+            failure = "error desconocido";
         }
         post([alive, this, index, failure, then = std::move(then)] {
             if (!alive.lock()) return;

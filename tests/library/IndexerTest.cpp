@@ -16,8 +16,10 @@ namespace fs = std::filesystem;
 
 namespace trovan {
 void PrintTo(const IndexSummary& s, std::ostream* os) {
-    *os << "{found " << s.fileCount << ", read " << s.readCount << ", removed " << s.removedCount
-        << "}";
+    *os << "{found " << s.fileCount << ", read " << s.readCount << ", removed " << s.removedCount;
+    for (const auto& folder : s.unavailable)
+        *os << ", unavailable " << folder;
+    *os << "}";
 }
 } // namespace trovan
 
@@ -95,10 +97,14 @@ TEST(Indexer, RunKeepsTheStoreInStepWithTheDisk) {
     fs::remove(music / "b/deep/3.mp3");
     EXPECT_EQ(Indexer::run(roots, store, true), (IndexSummary{4, 4, 1}));
 
-    // A missing root keeps its tracks; they count neither as found nor removed.
+    // A missing root keeps its tracks; they count neither as found nor removed. So does
+    // an empty folder in its place (a drive not mounted leaves its mount point).
     fs::rename(music, dir / "moved");
-    EXPECT_EQ(Indexer::run(roots, store, false), (IndexSummary{1, 0, 0}));
+    EXPECT_EQ(Indexer::run(roots, store, false), (IndexSummary{1, 0, 0, {root}}));
+    fs::create_directory(music);
+    EXPECT_EQ(Indexer::run(roots, store, true), (IndexSummary{1, 1, 0, {root}}));
     EXPECT_EQ(store.loadAll().size(), 4u);
+    fs::remove(music);
     fs::rename(dir / "moved", music);
 
     EXPECT_EQ(Indexer::run({root, (music / "a").string(), other.string()}, store, false),
