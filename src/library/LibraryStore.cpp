@@ -3,6 +3,7 @@
 #include <sqlite3.h>
 
 #include <sys/stat.h>
+#include <unistd.h>
 #include <variant>
 
 namespace trovan {
@@ -159,10 +160,25 @@ void LibraryStore::followFile() {
     if (closed_) return;
     struct stat st {};
     if (db_ && ::stat(url_.c_str(), &st) == 0 && sameFile(st, device_, inode_)) return;
-    // Closing first lets the old connection fold its log into the old file, so the log
-    // left under the shared name never meets the new file. A file there that is not a
-    // cache is left alone, and tried again by the next call.
-    db_.reset();
+    // The old connection's log lies under the name the new file will use. SQLite keeps
+    // the log of a file that moved, and would replay it into the new file: empty it into
+    // the old file while it is still open, and if that cannot be done, remove the log
+    // once the connection has let go of it. A file there that is not a cache is left
+    // alone, and tried again by the next call.
+    if (db_) {
+        const std::string wal = url_.string() + "-wal";
+        struct stat before {};
+        const bool hadLog = ::stat(wal.c_str(), &before) == 0;
+        static_cast<void>(sqlite3_wal_checkpoint_v2(db_.get(), nullptr,
+                                                    SQLITE_CHECKPOINT_TRUNCATE, nullptr, nullptr));
+        db_.reset();
+        struct stat after {};
+        if (hadLog && ::stat(wal.c_str(), &after) == 0 && after.st_size > 0 &&
+            after.st_ino == before.st_ino && after.st_dev == before.st_dev) {
+            ::unlink(wal.c_str());
+            ::unlink((url_.string() + "-shm").c_str());
+        }
+    }
     db_ = connect(url_);
     if (::stat(url_.c_str(), &st) == 0) {
         device_ = static_cast<std::uint64_t>(st.st_dev);

@@ -3,8 +3,13 @@
 #include "support/Fixtures.h"
 
 #include <gtest/gtest.h>
+#include <sqlite3.h>
 
+#include <csignal>
 #include <fcntl.h>
+#include <sys/wait.h>
+#include <thread>
+#include <unistd.h>
 #include <fstream>
 #include <mutex>
 #include <set>
@@ -183,4 +188,78 @@ TEST(Indexer, ProgressCountsEvery64FilesAgainstTheFinalTotal) {
         EXPECT_EQ(paths(read), std::set(some.begin(), some.end())) << workers;
     }
     EXPECT_TRUE(Indexer::read({}, [](int64_t, int64_t) { ADD_FAILURE() << "progress"; }).empty());
+}
+
+namespace {
+
+// Runs `child` in a forked process that reports through a pipe when it is ready; returns
+// its pid once it is.
+pid_t forkReady(const std::function<void(int readyFd)>& child) {
+    int fds[2];
+    if (pipe(fds) != 0) return -1;
+    const pid_t pid = fork();
+    if (pid == 0) {
+        close(fds[0]);
+        child(fds[1]);
+        _exit(0);
+    }
+    close(fds[1]);
+    char c;
+    EXPECT_EQ(::read(fds[0], &c, 1), 1);
+    close(fds[0]);
+    return pid;
+}
+
+} // namespace
+
+// Another process writing the cache, and a first scan killed half-way: nothing read is
+// lost, and the next run goes on from what was committed.
+TEST(Indexer, OtherWritersAndKilledScansLoseNothing) {
+    if (!fx::available()) GTEST_SKIP() << "ffmpeg missing";
+    fx::TempDir dir;
+    auto music = dir.subdir("music");
+    const auto file = dir / "library.sqlite";
+    const fs::path first = put(music, "0.mp3");
+    for (int i = 1; i < 2600; ++i)
+        fs::create_hard_link(first, music / (std::to_string(i) + ".mp3"));
+
+    // The child scans into the empty cache; it is killed once the first records are
+    // committed, well before the last are read.
+    const pid_t scanner = forkReady([&](int ready) {
+        LibraryStore store(file);
+        static_cast<void>(::write(ready, "r", 1));
+        Indexer::run({music.string()}, store, false);
+    });
+    int64_t committed = 0;
+    for (int i = 0; i < 6000 && committed == 0; ++i) {
+        std::this_thread::sleep_for(std::chrono::milliseconds(5));
+        try {
+            committed = static_cast<int64_t>(LibraryStore(file).stamps().size());
+        } catch (const std::exception&) {
+        }
+    }
+    kill(scanner, SIGKILL);
+    int status = 0;
+    waitpid(scanner, &status, 0);
+    ASSERT_TRUE(WIFSIGNALED(status)) << "the scan ended before it could be killed";
+    LibraryStore store(file);
+    committed = static_cast<int64_t>(store.stamps().size());
+    EXPECT_GE(committed, 2000);
+    EXPECT_LT(committed, 2600);
+    EXPECT_EQ(Indexer::run({music.string()}, store, false), (IndexSummary{2600, 2600 - committed, 0}));
+
+    // A rescan waits for another process holding the write lock for two seconds.
+    const pid_t writer = forkReady([&](int ready) {
+        sqlite3* db = nullptr;
+        sqlite3_open(file.c_str(), &db);
+        sqlite3_exec(db, "BEGIN IMMEDIATE", nullptr, nullptr, nullptr);
+        static_cast<void>(::write(ready, "r", 1));
+        std::this_thread::sleep_for(std::chrono::seconds(2));
+        sqlite3_exec(db, "COMMIT", nullptr, nullptr, nullptr);
+        sqlite3_close(db);
+    });
+    const auto fresh = put(music, "new.mp3");
+    EXPECT_EQ(Indexer::run({music.string()}, store, false), (IndexSummary{2601, 1, 0}));
+    waitpid(writer, &status, 0);
+    EXPECT_TRUE(store.stamps().contains(fresh.string()));
 }
