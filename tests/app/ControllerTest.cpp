@@ -610,10 +610,8 @@ TEST(ControllerLibrary, RequestsDuringAScanCollapseIntoOneForcedScan) {
 
     // The cache breaks under the running program: the scan says so, in Spanish, and the
     // flow comes back to rest (a later request still runs) instead of ending the program.
-    {
-        std::ofstream junk(h.home / "library.sqlite", std::ios::binary | std::ios::trunc);
-        junk << std::string(8192, 'x');
-    }
+    std::ofstream(h.home / "junk", std::ios::binary) << std::string(8192, 'x');
+    std::filesystem::rename(h.home / "junk", h.home / "library.sqlite");
     h.c().reindex(true);
     h.settle();
     EXPECT_FALSE(h.c().isScanning());
