@@ -263,3 +263,25 @@ TEST(Indexer, OtherWritersAndKilledScansLoseNothing) {
     waitpid(writer, &status, 0);
     EXPECT_TRUE(store.stamps().contains(fresh.string()));
 }
+
+// A worker that throws (memory running out) stops the run with that error instead of
+// ending the program; the store keeps what it had and the next run completes.
+TEST(Indexer, AThrowingWorkerFailsTheRunAndNothingElse) {
+    if (!fx::available()) GTEST_SKIP() << "ffmpeg missing";
+    fx::TempDir dir;
+    auto music = dir.subdir("music");
+    const fs::path first = put(music, "a/0.mp3");
+    fs::create_directory(music / "b");
+    for (int i = 1; i < 200; ++i)
+        fs::create_hard_link(first, music / ((i % 2 ? "a/" : "b/") + std::to_string(i) + ".mp3"));
+    LibraryStore store(dir / "library.sqlite");
+    const auto throwing = [](int64_t, int64_t) { throw std::bad_alloc(); };
+    for (bool force : {false, true}) // into the empty cache, then over a filled one
+        EXPECT_THROW(Indexer::run({music.string()}, store, force, throwing), std::bad_alloc);
+    EXPECT_EQ(Indexer::run({music.string()}, store, false).fileCount, 200);
+    EXPECT_EQ(store.stamps().size(), 200u);
+    // A rescan reading only what changed.
+    setMtime(first, 1600000000, 0); // hard links: every file changed
+    EXPECT_THROW(Indexer::run({music.string()}, store, false, throwing), std::bad_alloc);
+    EXPECT_EQ(Indexer::run({music.string()}, store, false), (IndexSummary{200, 200, 0}));
+}
