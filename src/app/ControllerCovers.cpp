@@ -6,6 +6,7 @@
 #include "app/WorkerPool.h"
 #include "media/TagLibFile.h"
 #include "playback/NowPlayingBridge.h"
+#include "terminal/Palette.h"
 #include "ui/CoverArtRenderer.h"
 
 #include <algorithm>
@@ -14,11 +15,15 @@ namespace trovan {
 
 namespace {
 
+// What shows through a transparent cover: the album rows and the player panel both draw
+// their covers on the screen's own background.
+constexpr RGB kCoverBackground = palette::background;
+
 std::optional<std::vector<RGB>> decodeCover(const std::vector<std::string>& paths, int columns,
                                             int rows) {
     for (const auto& path : paths) {
         if (auto data = CoverArtRenderer::imageData(path))
-            return CoverArtRenderer::pixels(*data, columns, rows);
+            return CoverArtRenderer::pixels(*data, columns, rows, kCoverBackground);
     }
     return std::nullopt;
 }
@@ -53,7 +58,7 @@ void AppController::loadCover(const Track& track, bool force) {
                   columns, rows] {
         auto data = CoverArtRenderer::imageData(path);
         std::optional<std::vector<RGB>> pixels;
-        if (data) pixels = CoverArtRenderer::pixels(*data, columns, rows);
+        if (data) pixels = CoverArtRenderer::pixels(*data, columns, rows, kCoverBackground);
         // Bytes that do not decode here are no cover for the desktop either; those that do
         // go to it as they are, decoded once.
         if (!pixels) data.reset();
