@@ -10,6 +10,7 @@
 #include "ui/CoverArtRenderer.h"
 
 #include <algorithm>
+#include <exception>
 
 namespace trovan {
 
@@ -56,9 +57,15 @@ void AppController::loadCover(const Track& track, bool force) {
     const int columns = layout_.cover.width, rows = layout_.cover.height;
     pool_.submit([post = host_.post, alive = std::weak_ptr<char>(alive_), this, path = track.path,
                   columns, rows] {
-        auto data = CoverArtRenderer::imageData(path);
+        std::optional<std::vector<std::uint8_t>> data;
         std::optional<std::vector<RGB>> pixels;
-        if (data) pixels = CoverArtRenderer::pixels(*data, columns, rows, kCoverBackground);
+        std::exception_ptr failure; // reported by the pool once the panel has its placeholder
+        try {
+            data = CoverArtRenderer::imageData(path);
+            if (data) pixels = CoverArtRenderer::pixels(*data, columns, rows, kCoverBackground);
+        } catch (...) {
+            failure = std::current_exception();
+        }
         // Bytes that do not decode here are no cover for the desktop either; those that do
         // go to it as they are, decoded once.
         if (!pixels) data.reset();
@@ -68,6 +75,7 @@ void AppController::loadCover(const Track& track, bool force) {
             nowPlaying_->setArtwork(std::move(data));
             requestRender();
         });
+        if (failure) std::rethrow_exception(failure);
     });
 }
 
@@ -100,11 +108,20 @@ void AppController::loadAlbumCovers() {
     const int generation = ++*albumCoverGeneration_;
     pool_.submit([post = host_.post, alive = std::weak_ptr<char>(alive_), this,
                   current = albumCoverGeneration_, generation, jobs = std::move(jobs)] {
+        // A cover that fails (memory running out) is shown as missing, the others still
+        // load, and the pool reports the first failure at the end.
+        std::exception_ptr failure;
         for (const auto& job : jobs) {
             const bool stale = current->load() != generation;
             std::optional<std::vector<RGB>> pixels;
-            if (!stale)
-                pixels = decodeCover(job.paths, Layout::albumCoverColumns, Layout::albumCoverRows);
+            if (!stale) {
+                try {
+                    pixels =
+                        decodeCover(job.paths, Layout::albumCoverColumns, Layout::albumCoverRows);
+                } catch (...) {
+                    if (!failure) failure = std::current_exception();
+                }
+            }
             post([alive, this, key = job.key, pixels = std::move(pixels), stale] {
                 if (!alive.lock()) return;
                 albumCoversLoading_.erase(key);
@@ -113,6 +130,7 @@ void AppController::loadAlbumCovers() {
                 requestRender();
             });
         }
+        if (failure) std::rethrow_exception(failure);
     });
 }
 
