@@ -74,19 +74,32 @@ std::string text(sqlite3_stmt* s, int column) {
 
 using Value = std::variant<const std::string*, int64_t, double>;
 
-void bind(sqlite3_stmt* s, std::initializer_list<Value> values) {
+// Binds parameters 1, 2, 3... in order; the first failing result code, else SQLITE_OK.
+int bind(sqlite3_stmt* s, std::initializer_list<Value> values) {
     int index = 1;
     for (const auto& v : values) {
+        int rc;
         // With its length, so a value holding a NUL is stored whole.
         if (auto* str = std::get_if<const std::string*>(&v))
-            sqlite3_bind_text64(s, index, (*str)->data(), (*str)->size(), SQLITE_TRANSIENT,
-                                SQLITE_UTF8);
+            rc = sqlite3_bind_text64(s, index, (*str)->data(), (*str)->size(), SQLITE_TRANSIENT,
+                                     SQLITE_UTF8);
         else if (auto* i = std::get_if<int64_t>(&v))
-            sqlite3_bind_int64(s, index, *i);
+            rc = sqlite3_bind_int64(s, index, *i);
         else
-            sqlite3_bind_double(s, index, std::get<double>(v));
+            rc = sqlite3_bind_double(s, index, std::get<double>(v));
+        if (rc != SQLITE_OK) return rc;
         ++index;
     }
+    return SQLITE_OK;
+}
+
+// A row whose values cannot be bound (a text too big for SQLite) is skipped, like one
+// SQLite refuses to write; any other failure (no memory) is thrown.
+bool bound(sqlite3* db, sqlite3_stmt* s, int rc) {
+    if (rc == SQLITE_OK) return true;
+    static_cast<void>(sqlite3_clear_bindings(s));
+    if (rc == SQLITE_TOOBIG || rc == SQLITE_RANGE) return false;
+    fail(db, "no se pudo escribir en la base de datos");
 }
 
 } // namespace
@@ -342,11 +355,13 @@ void LibraryStore::upsert(const std::vector<Track>& upserts) {
     sql += ")";
     auto s = prepare(db_.get(), sql);
     for (const auto& t : upserts) {
-        bind(s.get(), {&t.path, t.mtime, int64_t{t.size}, &t.title, &t.artist, &t.albumArtist,
-                       &t.album, &t.genre, int64_t{t.year}, int64_t{t.trackNumber},
-                       int64_t{t.discNumber}, int64_t{t.durationMs}, &t.codec,
-                       int64_t{t.sampleRate}, int64_t{t.bitrate}, int64_t{t.channels}});
-        stepToEnd(db_.get(), s.get()); // a row that cannot be written is skipped
+        const int rc =
+            bind(s.get(), {&t.path, t.mtime, int64_t{t.size}, &t.title, &t.artist, &t.albumArtist,
+                           &t.album, &t.genre, int64_t{t.year}, int64_t{t.trackNumber},
+                           int64_t{t.discNumber}, int64_t{t.durationMs}, &t.codec,
+                           int64_t{t.sampleRate}, int64_t{t.bitrate}, int64_t{t.channels}});
+        // A row that cannot be written is skipped.
+        if (bound(db_.get(), s.get(), rc)) stepToEnd(db_.get(), s.get());
     }
 }
 
@@ -354,8 +369,7 @@ void LibraryStore::remove(const std::vector<std::string>& paths) {
     if (paths.empty()) return;
     auto s = prepare(db_.get(), kDelete);
     for (const auto& path : paths) {
-        bind(s.get(), {&path});
-        stepToEnd(db_.get(), s.get());
+        if (bound(db_.get(), s.get(), bind(s.get(), {&path}))) stepToEnd(db_.get(), s.get());
     }
 }
 

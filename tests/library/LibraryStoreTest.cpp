@@ -205,3 +205,25 @@ TEST(LibraryStore, FollowsTheFileAtItsPath) {
     EXPECT_THROW(store.loadAll(), std::runtime_error);
     EXPECT_EQ(std::filesystem::file_size(file), 4096u);
 }
+
+// A row that fails for any reason but its own size fails the whole batch: nothing of it
+// is kept, the error is thrown, and the store goes on working.
+TEST(LibraryStore, AFailedWriteRollsBackTheWholeBatch) {
+    fx::TempDir dir;
+    auto file = dir / "library.sqlite";
+    LibraryStore store(file);
+    store.apply({sample("/old")}, {});
+    // An error inside SQLite while writing one particular row.
+    execRaw(file, "CREATE TRIGGER boom BEFORE INSERT ON tracks WHEN NEW.path = '/bad' "
+                  "BEGIN SELECT json('no es json'); END;");
+    try {
+        store.apply({sample("/a"), sample("/bad"), sample("/c")}, {"/old"});
+        FAIL() << "the batch was written";
+    } catch (const std::runtime_error& e) {
+        EXPECT_EQ(std::string(e.what()).rfind("no se pudo escribir en la base de datos (", 0), 0u)
+            << e.what();
+    }
+    EXPECT_EQ(store.loadAll(), std::vector<Track>{sample("/old")});
+    store.apply({sample("/a")}, {"/old"});
+    EXPECT_EQ(store.loadAll(), std::vector<Track>{sample("/a")});
+}
