@@ -182,8 +182,8 @@ void LibraryStore::followFile() {
         const std::string wal = url_.string() + "-wal";
         struct stat before {};
         const bool hadLog = ::stat(wal.c_str(), &before) == 0;
-        static_cast<void>(sqlite3_wal_checkpoint_v2(db_.get(), nullptr,
-                                                    SQLITE_CHECKPOINT_TRUNCATE, nullptr, nullptr));
+        static_cast<void>(sqlite3_wal_checkpoint_v2(db_.get(), nullptr, SQLITE_CHECKPOINT_TRUNCATE,
+                                                    nullptr, nullptr));
         db_.reset();
         struct stat after {};
         if (hadLog && ::stat(wal.c_str(), &after) == 0 && after.st_size > 0 &&
@@ -339,7 +339,8 @@ void LibraryStore::Batch::commit(const std::vector<std::string>& deletions) {
         const std::string message = sqlite3_errmsg(store_.db_.get());
         // A COMMIT that fails leaves the transaction open; nothing of it is kept.
         if (!sqlite3_get_autocommit(store_.db_.get()))
-            static_cast<void>(sqlite3_exec(store_.db_.get(), "ROLLBACK", nullptr, nullptr, nullptr));
+            static_cast<void>(
+                sqlite3_exec(store_.db_.get(), "ROLLBACK", nullptr, nullptr, nullptr));
         open_ = false;
         throw std::runtime_error("no se pudo guardar la biblioteca (" + message + ")");
     }

@@ -80,8 +80,7 @@ std::optional<std::vector<RGB>> CoverArtRenderer::pixels(std::span<const std::ui
     const bool transparent = image->alpha.size() == out.size();
     // Premultiplied colour plus the background's share: c + (255 − a) · bg / 255.
     auto over = [](std::uint8_t colour, std::uint8_t alpha, std::uint8_t bg) {
-        return static_cast<std::uint8_t>(
-            std::min(255, colour + ((255 - alpha) * bg + 127) / 255));
+        return static_cast<std::uint8_t>(std::min(255, colour + ((255 - alpha) * bg + 127) / 255));
     };
     for (std::size_t i = 0; i < out.size(); ++i) {
         const std::uint8_t* c = &image->rgb[3 * i];

@@ -7,13 +7,13 @@
 
 #include <csignal>
 #include <fcntl.h>
-#include <sys/wait.h>
-#include <thread>
-#include <unistd.h>
 #include <fstream>
 #include <mutex>
 #include <set>
 #include <sys/stat.h>
+#include <sys/wait.h>
+#include <thread>
+#include <unistd.h>
 
 using namespace trovan;
 namespace fx = trovan::fixtures;
@@ -246,7 +246,8 @@ TEST(Indexer, OtherWritersKilledScansAndThrowingWorkersLoseNothing) {
     committed = static_cast<int64_t>(store.stamps().size());
     EXPECT_GE(committed, 2000);
     EXPECT_LT(committed, 2600);
-    EXPECT_EQ(Indexer::run({music.string()}, store, false), (IndexSummary{2600, 2600 - committed, 0}));
+    EXPECT_EQ(Indexer::run({music.string()}, store, false),
+              (IndexSummary{2600, 2600 - committed, 0}));
 
     // A rescan waits for another process holding the write lock for two seconds.
     const pid_t writer = forkReady([&](int ready) {
@@ -300,7 +301,8 @@ TEST(Indexer, AFolderThatCannotBeListedKeepsItsTracks) {
         const auto summary = Indexer::run({music.string()}, store, force);
         EXPECT_EQ(std::tie(summary.fileCount, summary.removedCount), std::make_tuple(1, 1));
         ASSERT_EQ(summary.unavailable.size(), 1u);
-        EXPECT_TRUE(deep.starts_with(summary.unavailable[0] + "/") || deep == summary.unavailable[0]);
+        EXPECT_TRUE(deep.starts_with(summary.unavailable[0] + "/") ||
+                    deep == summary.unavailable[0]);
         EXPECT_TRUE(store.stamps().contains(hidden.path));
         EXPECT_FALSE(store.stamps().contains(gone.path));
     }

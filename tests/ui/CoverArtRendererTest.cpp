@@ -213,8 +213,10 @@ TEST(CoverArtFolderImage, PrefersTheNamesInOrder) {
     std::ofstream(album / "cover.txt") << "x";
     std::filesystem::create_directory(album / "cover.jpeg"); // a folder, not a picture
     const std::vector<std::pair<std::string, Bytes>> ranked = {
-        {"COVER.JPG", write("COVER.JPG", 10)},   {"Folder.PNG", write("Folder.PNG", 20)},
-        {"front.jpeg", write("front.jpeg", 30)}, {"Album.bmp", write("Album.bmp", 40)},
+        {"COVER.JPG", write("COVER.JPG", 10)},
+        {"Folder.PNG", write("Folder.PNG", 20)},
+        {"front.jpeg", write("front.jpeg", 30)},
+        {"Album.bmp", write("Album.bmp", 40)},
         {"artwork.gif", write("artwork.gif", 50)}};
     for (const auto& [name, bytes] : ranked) {
         EXPECT_EQ(CoverArtRenderer::imageData(track), bytes) << name;

@@ -8,8 +8,8 @@
 #include <array>
 #include <chrono>
 #include <cstdint>
-#include <vector>
 #include <string>
+#include <vector>
 
 namespace trovan::testing {
 

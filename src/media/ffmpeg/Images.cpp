@@ -147,8 +147,8 @@ std::pair<int, int> sourceOf(int orientation, int x, int y, int inW, int inH) {
 std::optional<RgbImage> scaleWithAlpha(const AVFrame& frame, AVPixelFormat src, int tw, int th,
                                        int orientation, int width, int height) {
     const int w = frame.width, h = frame.height;
-    SwsPtr toRgba(sws_getContext(w, h, src, w, h, AV_PIX_FMT_RGBA, SWS_POINT, nullptr, nullptr,
-                                 nullptr));
+    SwsPtr toRgba(
+        sws_getContext(w, h, src, w, h, AV_PIX_FMT_RGBA, SWS_POINT, nullptr, nullptr, nullptr));
     if (!toRgba) return std::nullopt;
     const int stride = (w * 4 + 63) & ~63;
     AvBuffer full(static_cast<std::uint8_t*>(av_malloc(static_cast<std::size_t>(stride) * h + 64)));
@@ -227,9 +227,8 @@ std::optional<RgbImage> ffmpeg::decodeToFill(std::span<const std::uint8_t> bytes
     bool fullRange = frame->color_range == AVCOL_RANGE_JPEG;
     AVPixelFormat src = plainFormat(static_cast<AVPixelFormat>(frame->format), fullRange);
     const AVPixFmtDescriptor* desc = av_pix_fmt_desc_get(src);
-    if (desc && (desc->flags & AV_PIX_FMT_FLAG_ALPHA)) return scaleWithAlpha(*frame, src, tw, th,
-                                                                             d->orientation, width,
-                                                                             height);
+    if (desc && (desc->flags & AV_PIX_FMT_FLAG_ALPHA))
+        return scaleWithAlpha(*frame, src, tw, th, d->orientation, width, height);
     SwsPtr sws(sws_getContext(frame->width, frame->height, src, tw, th, AV_PIX_FMT_RGB24,
                               SWS_LANCZOS | SWS_ACCURATE_RND | SWS_FULL_CHR_H_INT, nullptr, nullptr,
                               nullptr));
