@@ -66,7 +66,7 @@ TEST(TrackRead, EveryFormatMatchesTheProbe) {
     EXPECT_FALSE(Track::read(dir.path().string())); // a folder is not audio
 }
 
-TEST(Track, LeadingIntCodecLabelsAndDerivedNames) {
+TEST(Track, LeadingIntAndDerivedNames) {
     const std::pair<const char*, int64_t> ints[] = {
         {"3/12", 3},  {"2024-05-01", 2024}, {" 07 ", 7},
         {"\t9\t", 9}, {"12abc", 12},        {"-1", 0},
@@ -77,12 +77,6 @@ TEST(Track, LeadingIntCodecLabelsAndDerivedNames) {
     EXPECT_EQ(Track::leadingInt("9223372036854775807"), INT64_MAX);
     for (const char* otherDigits : {"٣", "1½"})
         EXPECT_EQ(Track::leadingInt(otherDigits), 0) << otherDigits;
-
-    // The codec TagLib names wins over the container's usual one.
-    const std::tuple<const char*, const char*, const char*> labels[] = {
-        {"m4a", "", "AAC"}, {"m4b", "ALAC", "ALAC"}, {"aifc", "", "AIFF"}, {"ogg", "", "OGG"}};
-    for (const auto& [ext, codec, label] : labels)
-        EXPECT_EQ(Track::codecLabel(ext, codec), label) << ext << " " << codec;
 
     // Without tags the file name stands in for the title, and the album artist decides
     // the group.
