@@ -178,7 +178,8 @@ void BM_FirstScanTrackRead(benchmark::State& state) {
 BENCHMARK(BM_FirstScanTrackRead)->Unit(benchmark::kMillisecond)->Iterations(5)->UseRealTime();
 
 // The whole first scan of those 10,000 files (folders 0 to 9 of the tree): walk, read,
-// and one store transaction, into a fresh store each time.
+// and the store transactions (a commit every few thousand records), into a fresh store
+// each time.
 void BM_FirstScanRun(benchmark::State& state) {
     auto& t = tree();
     (void)readSample();

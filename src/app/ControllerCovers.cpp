@@ -6,19 +6,25 @@
 #include "app/WorkerPool.h"
 #include "media/TagLibFile.h"
 #include "playback/NowPlayingBridge.h"
+#include "terminal/Palette.h"
 #include "ui/CoverArtRenderer.h"
 
 #include <algorithm>
+#include <exception>
 
 namespace trovan {
 
 namespace {
 
+// What shows through a transparent cover: the album rows and the player panel both draw
+// their covers on the screen's own background.
+constexpr RGB kCoverBackground = palette::background;
+
 std::optional<std::vector<RGB>> decodeCover(const std::vector<std::string>& paths, int columns,
                                             int rows) {
     for (const auto& path : paths) {
         if (auto data = CoverArtRenderer::imageData(path))
-            return CoverArtRenderer::pixels(*data, columns, rows);
+            return CoverArtRenderer::pixels(*data, columns, rows, kCoverBackground);
     }
     return std::nullopt;
 }
@@ -51,9 +57,15 @@ void AppController::loadCover(const Track& track, bool force) {
     const int columns = layout_.cover.width, rows = layout_.cover.height;
     pool_.submit([post = host_.post, alive = std::weak_ptr<char>(alive_), this, path = track.path,
                   columns, rows] {
-        auto data = CoverArtRenderer::imageData(path);
+        std::optional<std::vector<std::uint8_t>> data;
         std::optional<std::vector<RGB>> pixels;
-        if (data) pixels = CoverArtRenderer::pixels(*data, columns, rows);
+        std::exception_ptr failure; // reported by the pool once the panel has its placeholder
+        try {
+            data = CoverArtRenderer::imageData(path);
+            if (data) pixels = CoverArtRenderer::pixels(*data, columns, rows, kCoverBackground);
+        } catch (...) {
+            failure = std::current_exception();
+        }
         // Bytes that do not decode here are no cover for the desktop either; those that do
         // go to it as they are, decoded once.
         if (!pixels) data.reset();
@@ -63,6 +75,7 @@ void AppController::loadCover(const Track& track, bool force) {
             nowPlaying_->setArtwork(std::move(data));
             requestRender();
         });
+        if (failure) std::rethrow_exception(failure);
     });
 }
 
@@ -95,11 +108,20 @@ void AppController::loadAlbumCovers() {
     const int generation = ++*albumCoverGeneration_;
     pool_.submit([post = host_.post, alive = std::weak_ptr<char>(alive_), this,
                   current = albumCoverGeneration_, generation, jobs = std::move(jobs)] {
+        // A cover that fails (memory running out) is shown as missing, the others still
+        // load, and the pool reports the first failure at the end.
+        std::exception_ptr failure;
         for (const auto& job : jobs) {
             const bool stale = current->load() != generation;
             std::optional<std::vector<RGB>> pixels;
-            if (!stale)
-                pixels = decodeCover(job.paths, Layout::albumCoverColumns, Layout::albumCoverRows);
+            if (!stale) {
+                try {
+                    pixels =
+                        decodeCover(job.paths, Layout::albumCoverColumns, Layout::albumCoverRows);
+                } catch (...) {
+                    if (!failure) failure = std::current_exception();
+                }
+            }
             post([alive, this, key = job.key, pixels = std::move(pixels), stale] {
                 if (!alive.lock()) return;
                 albumCoversLoading_.erase(key);
@@ -108,6 +130,7 @@ void AppController::loadAlbumCovers() {
                 requestRender();
             });
         }
+        if (failure) std::rethrow_exception(failure);
     });
 }
 

@@ -15,6 +15,7 @@
 #include <cstdlib>
 #include <filesystem>
 #include <malloc.h>
+#include <new>
 #include <system_error>
 #include <utility>
 
@@ -119,8 +120,12 @@ void AppController::runScan(bool force) {
         std::string failure;
         try {
             summary = Indexer::run(roots, *store, force, progress);
+        } catch (const std::bad_alloc&) {
+            failure = "no hay memoria suficiente";
         } catch (const std::exception& e) {
             failure = e.what();
+        } catch (...) {
+            failure = "error desconocido";
         }
         post([alive, this, summary, started, failure] {
             if (!alive.lock()) return;
@@ -145,7 +150,15 @@ void AppController::runScan(bool force) {
                 if (summary.unreadableCount > 0)
                     text += " · " + std::to_string(summary.unreadableCount) +
                             " sin leer (ver trovan.log)";
-                report(text);
+                // A drive not mounted, a NAS down: its tracks stay, and the user hears why.
+                if (!summary.unavailable.empty()) {
+                    text += summary.unavailable.size() == 1 ? " · No disponible: "
+                                                            : " · No disponibles: ";
+                    for (std::size_t i = 0; i < summary.unavailable.size(); ++i)
+                        text += (i ? ", " : "") + summary.unavailable[i];
+                    text += " (se conservan sus canciones)";
+                }
+                report(text, !summary.unavailable.empty());
                 // The command line's errors come back once the summary has been read.
                 if (!startupErrors_.empty() && host_.postDelayed)
                     host_.postDelayed(std::chrono::seconds(4),
@@ -180,8 +193,12 @@ void AppController::reloadLibrary(Task then) {
         std::string failure;
         try {
             index = std::make_shared<LibraryIndex>(store->loadTable());
+        } catch (const std::bad_alloc&) {
+            failure = "no hay memoria suficiente";
         } catch (const std::exception& e) {
             failure = e.what();
+        } catch (...) {
+            failure = "error desconocido";
         }
         post([alive, this, index, failure, then = std::move(then)] {
             if (!alive.lock()) return;

@@ -1,6 +1,7 @@
 #include "app/WorkerPool.h"
 
 #include <exception>
+#include <new>
 #include <sched.h>
 
 namespace trovan {
@@ -54,14 +55,24 @@ void WorkerPool::run() {
         jobs_.pop_front();
         ++busy_;
         lock.unlock();
+        // Whatever a job throws is reported and the thread goes on; so is a report that
+        // throws in turn (no memory left to build its message).
         try {
-            job();
-        } catch (const std::exception& e) {
-            if (onFailure) onFailure(e.what());
+            try {
+                job();
+            } catch (const std::bad_alloc&) {
+                if (onFailure) onFailure("no hay memoria suficiente");
+            } catch (const std::exception& e) {
+                if (onFailure) onFailure(e.what());
+            } catch (...) {
+                if (onFailure) onFailure("error desconocido");
+            }
         } catch (...) {
-            if (onFailure) onFailure("error desconocido");
         }
-        job = nullptr; // release what the job captured before reporting idle
+        try {
+            job = nullptr; // release what the job captured before reporting idle
+        } catch (...) {
+        }
         lock.lock();
         --busy_;
         if (jobs_.empty() && busy_ == 0) idle_.notify_all();

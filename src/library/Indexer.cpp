@@ -5,11 +5,13 @@
 #include <algorithm>
 #include <atomic>
 #include <cerrno>
+#include <chrono>
 #include <condition_variable>
 #include <cstdio>
 #include <cstring>
 #include <deque>
 #include <dirent.h>
+#include <exception>
 #include <fcntl.h>
 #include <iterator>
 #include <mutex>
@@ -43,17 +45,37 @@ Dir openFolder(const std::string& path, bool followLink) {
     return Dir(d);
 }
 
+// Whether a folder that could not be opened is gone (its tracks go with it) rather than
+// unreadable (permissions, a dead network mount: its tracks stay).
+bool vanished(int error) {
+    return error == ENOENT || error == ENOTDIR || error == ELOOP;
+}
+
 using FoundList = std::vector<std::pair<std::string, FileStamp>>;
+
+struct Listing {
+    bool complete = true;  // false: reading the folder failed part-way
+    std::size_t names = 0; // entries besides "." and "..", hidden ones included
+};
 
 // Lists one folder: audio files go to `found` (stat'ed once each, relative to the
 // folder), sub-folders to `subfolders`. Hidden entries are skipped; links are not
 // followed. Folders come from d_type, so only audio files cost a stat.
-void listFolder(DIR* dir, const std::string& prefix, FoundList& found,
-                std::vector<std::string>& subfolders) {
+Listing listFolder(DIR* dir, const std::string& prefix, FoundList& found,
+                   std::vector<std::string>& subfolders) {
+    Listing listing;
     int fd = dirfd(dir);
-    while (dirent* e = readdir(dir)) {
+    for (;;) {
+        errno = 0;
+        dirent* e = readdir(dir);
+        if (!e) {
+            listing.complete = errno == 0;
+            break;
+        }
         const char* name = e->d_name;
-        if (name[0] == '.') continue; // hidden, and "." / ".."
+        if (name[0] == '.' && (name[1] == 0 || (name[1] == '.' && name[2] == 0))) continue;
+        ++listing.names;
+        if (name[0] == '.') continue; // hidden
         unsigned char type = e->d_type;
         struct stat st {};
         bool statted = false;
@@ -82,6 +104,7 @@ void listFolder(DIR* dir, const std::string& prefix, FoundList& found,
         found.emplace_back(std::move(path), FileStamp{FileStamp::seconds(st.st_mtim),
                                                       static_cast<int64_t>(st.st_size)});
     }
+    return listing;
 }
 
 using Entry = std::pair<std::string, FileStamp>;
@@ -137,6 +160,9 @@ private:
 // When it reads as well, the same threads read the files found whenever no folder is
 // waiting (folders first, so the total is known early) and hand the records over in
 // chunks, to be stored while the rest are read.
+//
+// A worker that throws (memory running out) stops the whole walk; the error is kept
+// for the caller, who rethrows it once every thread has been joined.
 struct Walk {
     static constexpr std::size_t kReadChunk = 8;  // files taken per visit to the lock
     static constexpr std::size_t kHandOver = 256; // records kept before handing them over
@@ -146,16 +172,42 @@ struct Walk {
     std::vector<std::string> folders;  // waiting to be listed
     int listing = 0;                   // folders being listed right now
     std::deque<Entry> files;           // every file found; a deque keeps taken entries in place
+    std::vector<std::string> unlisted; // folders that exist but could not be read
     ProgressSteps* progress = nullptr; // set: the walk reads the files too
     std::size_t unread = 0;            // first file no reader has taken
     std::condition_variable recordsReady;
     std::vector<Track> records; // read, waiting to be stored
     int readersLeft = 0;
+    bool stopped = false;
+    std::exception_ptr error;
 
     bool walked() const { return folders.empty() && listing == 0; }
     bool reading() const { return progress != nullptr; }
 
     void worker() {
+        try {
+            work();
+        } catch (...) {
+            std::lock_guard lock(mutex);
+            if (!error) error = std::current_exception();
+            stopped = true;
+        }
+        std::lock_guard lock(mutex);
+        if (reading()) --readersLeft;
+        wake.notify_all();
+        recordsReady.notify_all();
+    }
+
+    // Stops the workers at their next visit to the lock.
+    void stop() {
+        {
+            std::lock_guard lock(mutex);
+            stopped = true;
+        }
+        wake.notify_all();
+    }
+
+    void work() {
         std::vector<std::string> subfolders;
         FoundList listed;
         std::vector<const Entry*> taken;
@@ -163,8 +215,10 @@ struct Walk {
         std::unique_lock lock(mutex);
         for (;;) {
             wake.wait(lock, [&] {
-                return !folders.empty() || walked() || (reading() && unread < files.size());
+                return stopped || !folders.empty() || walked() ||
+                       (reading() && unread < files.size());
             });
+            if (stopped) return;
             if (!folders.empty()) {
                 auto path = std::move(folders.back());
                 folders.pop_back();
@@ -172,11 +226,16 @@ struct Walk {
                 lock.unlock();
                 subfolders.clear();
                 listed.clear();
-                // Folders that cannot be read (or vanished) are skipped.
+                // A folder that vanished is skipped; one that cannot be read is noted, so
+                // the tracks cached under it are kept.
+                bool complete = true;
                 if (auto dir = openFolder(path, false))
-                    listFolder(dir.get(), path, listed, subfolders);
+                    complete = listFolder(dir.get(), path, listed, subfolders).complete;
+                else
+                    complete = vanished(errno);
                 lock.lock();
                 --listing;
+                if (!complete) unlisted.push_back(path);
                 for (auto& sub : subfolders)
                     folders.push_back(std::move(sub));
                 for (auto& entry : listed)
@@ -207,11 +266,7 @@ struct Walk {
             lock.lock();
             if (mine.size() >= kHandOver) handOver(mine);
         }
-        if (reading()) {
-            handOver(mine);
-            --readersLeft;
-            recordsReady.notify_one();
-        }
+        if (reading()) handOver(mine);
     }
 
     // With the lock held.
@@ -227,18 +282,29 @@ struct Walk {
     }
 
     // Lists the roots' own entries here (a root may be a link to a folder); their
-    // sub-folders are left for the workers.
+    // sub-folders are left for the workers. A root that cannot be read, or holds nothing
+    // at all, counts as missing: an unmounted drive leaves an empty mount point behind,
+    // and its tracks must not be taken for deleted.
     void listRoots(const std::vector<std::string>& roots, std::vector<std::string>& missingRoots) {
         FoundList listed;
+        std::vector<std::string> subfolders;
         for (const auto& root : roots) {
             struct stat st {};
             Dir dir;
             if (::stat(root.c_str(), &st) == 0 && S_ISDIR(st.st_mode)) dir = openFolder(root, true);
+            std::size_t kept = listed.size();
+            subfolders.clear();
+            if (dir) {
+                const Listing listing = listFolder(dir.get(), root, listed, subfolders);
+                if (!listing.complete || listing.names == 0) dir.reset();
+            }
             if (!dir) {
+                listed.resize(kept);
                 missingRoots.push_back(root);
                 continue;
             }
-            listFolder(dir.get(), root, listed, folders);
+            for (auto& sub : subfolders)
+                folders.push_back(std::move(sub));
         }
         for (auto& entry : listed)
             files.push_back(std::move(entry));
@@ -247,26 +313,88 @@ struct Walk {
     }
 };
 
-FoundList walkRoots(const std::vector<std::string>& roots, std::vector<std::string>& missingRoots) {
+// Starts the walk's threads and joins them however the caller leaves: a thread still
+// running when its owner is destroyed would end the program.
+class Crew {
+public:
+    explicit Crew(Walk& walk) : walk_(walk) {}
+    ~Crew() {
+        walk_.stop();
+        join();
+    }
+    void start(int count) {
+        for (int i = 0; i < count; ++i)
+            threads_.emplace_back([this] { walk_.worker(); });
+    }
+    // Joins, then rethrows what a worker threw.
+    void finish() {
+        join();
+        if (walk_.error) std::rethrow_exception(walk_.error);
+    }
+
+private:
+    void join() {
+        for (auto& t : threads_)
+            if (t.joinable()) t.join();
+    }
+    Walk& walk_;
+    std::vector<std::thread> threads_;
+};
+
+FoundList walkRoots(const std::vector<std::string>& roots, std::vector<std::string>& missingRoots,
+                    std::vector<std::string>* unlisted = nullptr) {
     Walk walk;
     walk.listRoots(roots, missingRoots);
-    std::vector<std::thread> threads;
-    for (int w = 1; w < Indexer::activeCores(); ++w)
-        threads.emplace_back([&] { walk.worker(); });
-    walk.worker();
-    for (auto& t : threads)
-        t.join();
+    {
+        Crew crew(walk);
+        crew.start(Indexer::activeCores() - 1);
+        walk.worker();
+        crew.finish();
+    }
+    if (unlisted) *unlisted = std::move(walk.unlisted);
     return FoundList(std::make_move_iterator(walk.files.begin()),
                      std::make_move_iterator(walk.files.end()));
 }
 
-bool underAny(std::string_view path, const std::vector<std::string>& roots) {
-    for (const auto& root : roots)
-        if (path.size() > root.size() && path.substr(0, root.size()) == root &&
-            path[root.size()] == '/')
-            return true;
-    return false;
+// The folder of `folders` that holds `path`, if any.
+const std::string* holder(std::string_view path, const std::vector<std::string>& folders) {
+    for (const auto& folder : folders)
+        if (path.size() > folder.size() && path.substr(0, folder.size()) == folder &&
+            path[folder.size()] == '/')
+            return &folder;
+    return nullptr;
 }
+
+bool underAny(std::string_view path, const std::vector<std::string>& roots) {
+    return holder(path, roots) != nullptr;
+}
+
+// Folders that could not be read (missing roots, unreadable folders): the tracks cached
+// under them are kept, and those that held some are named in the summary.
+class Protected {
+public:
+    Protected(std::vector<std::string> folders) : folders_(std::move(folders)) {
+        held_.assign(folders_.size(), false);
+    }
+    // Whether a cached path that was not found is kept.
+    bool keeps(std::string_view path) {
+        const std::string* folder = holder(path, folders_);
+        if (!folder) return false;
+        held_[static_cast<std::size_t>(folder - folders_.data())] = true;
+        return true;
+    }
+    std::vector<std::string> held() const {
+        std::vector<std::string> out;
+        for (std::size_t i = 0; i < folders_.size(); ++i)
+            if (held_[i] && std::find(out.begin(), out.end(), folders_[i]) == out.end())
+                out.push_back(folders_[i]);
+        return out;
+    }
+
+private:
+    std::vector<std::string> folders_;
+    std::vector<bool> held_;
+};
 
 } // namespace
 
@@ -300,28 +428,52 @@ std::vector<Track> readInParallel(const std::vector<Item>& items, const Indexer:
     w = std::max<int64_t>(1, std::min<int64_t>(w, total));
 
     std::atomic<int64_t> counter{0};
+    std::atomic<bool> failed{false};
     std::mutex resultMutex;
     std::vector<Track> result;
+    std::exception_ptr error;
     result.reserve(items.size());
 
+    // A worker that throws stops the others; the first error goes to the caller.
     auto work = [&](int64_t index) {
-        std::vector<Track> mine;
-        for (auto i = index; i < total; i += w) {
-            if (auto t = readOne(items[static_cast<std::size_t>(i)])) mine.push_back(std::move(*t));
-            auto n = counter.fetch_add(1, std::memory_order_acq_rel) + 1;
-            if (progress && (n % 64 == 0 || n == total)) progress(n, total);
+        try {
+            std::vector<Track> mine;
+            for (auto i = index; i < total && !failed.load(std::memory_order_relaxed); i += w) {
+                if (auto t = readOne(items[static_cast<std::size_t>(i)]))
+                    mine.push_back(std::move(*t));
+                auto n = counter.fetch_add(1, std::memory_order_acq_rel) + 1;
+                if (progress && (n % 64 == 0 || n == total)) progress(n, total);
+            }
+            std::lock_guard lock(resultMutex);
+            for (auto& t : mine)
+                result.push_back(std::move(t));
+        } catch (...) {
+            failed = true;
+            std::lock_guard lock(resultMutex);
+            if (!error) error = std::current_exception();
         }
-        std::lock_guard lock(resultMutex);
-        for (auto& t : mine)
-            result.push_back(std::move(t));
     };
 
     std::vector<std::thread> threads;
-    for (int64_t i = 1; i < w; ++i)
-        threads.emplace_back(work, i);
+    struct Joiner {
+        std::vector<std::thread>& threads;
+        ~Joiner() {
+            for (auto& t : threads)
+                t.join();
+        }
+    } joiner{threads};
+    try {
+        for (int64_t i = 1; i < w; ++i)
+            threads.emplace_back(work, i);
+    } catch (...) {
+        failed = true; // no thread to spare: the ones started finish, then this is thrown
+        throw;
+    }
     work(0);
     for (auto& t : threads)
         t.join();
+    threads.clear();
+    if (error) std::rethrow_exception(error);
     return result;
 }
 
@@ -346,11 +498,15 @@ bool rootsOverlap(const std::vector<std::string>& roots) {
 
 // A run that rereads every file it finds (the first scan, or a forced one): the walk and
 // the reading overlap. Into an empty cache the records are also stored as the readers
-// hand them over, on the calling thread, in one transaction that holds the store until
-// the run ends (nobody else has anything in it to wait for). A forced run over a filled
-// cache keeps the store free while it reads and writes everything at the end.
+// hand them over, on the calling thread, committed every few thousand records or
+// seconds, so a first scan cut short keeps what it read and the next run goes on from
+// there. A forced run over a filled cache keeps the store free while it reads and writes
+// everything at the end.
 IndexSummary readEverything(const std::vector<std::string>& roots, LibraryStore& store,
                             bool cacheEmpty, const Indexer::Progress& progress) {
+    constexpr std::size_t kCommitRecords = 2000;
+    constexpr auto kCommitEvery = std::chrono::seconds(3);
+
     std::vector<std::string> missingRoots;
     ProgressSteps steps(progress);
     Walk walk;
@@ -358,11 +514,12 @@ IndexSummary readEverything(const std::vector<std::string>& roots, LibraryStore&
     walk.listRoots(roots, missingRoots);
     const int workers = Indexer::activeCores();
     walk.readersLeft = workers;
-    std::vector<std::thread> threads;
-    for (int w = 0; w < workers; ++w)
-        threads.emplace_back([&] { walk.worker(); });
+    Crew crew(walk);
+    crew.start(workers);
 
     std::optional<LibraryStore::Batch> batch;
+    std::size_t inBatch = 0;
+    auto batchStarted = std::chrono::steady_clock::now();
     std::vector<Track> tracks; // kept for the end when not stored as they come
     int64_t readCount = 0;
     {
@@ -376,37 +533,49 @@ IndexSummary readEverything(const std::vector<std::string>& roots, LibraryStore&
             lock.unlock();
             readCount += static_cast<int64_t>(chunk.size());
             if (cacheEmpty) {
-                if (!batch) batch.emplace(store);
+                if (!batch) {
+                    batch.emplace(store);
+                    batchStarted = std::chrono::steady_clock::now();
+                }
                 batch->add(chunk);
+                inBatch += chunk.size();
+                if (inBatch >= kCommitRecords ||
+                    std::chrono::steady_clock::now() - batchStarted >= kCommitEvery) {
+                    batch->commit({});
+                    batch.reset();
+                    inBatch = 0;
+                }
             } else {
                 std::move(chunk.begin(), chunk.end(), std::back_inserter(tracks));
             }
             lock.lock();
         }
     }
-    for (auto& t : threads)
-        t.join();
+    crew.finish();
     if (cacheEmpty) {
-        if (!batch) batch.emplace(store);
-        batch->commit({});
+        if (batch) batch->commit({});
         const auto files = static_cast<int64_t>(walk.files.size());
-        return {files, readCount, 0, files - readCount};
+        return {files, readCount, 0, {}, files - readCount};
     }
 
-    // Everything cached that was not found is removed, except under a missing root.
+    // Everything cached that was not found is removed, except under a folder that could
+    // not be read.
     std::vector<std::string_view> found;
     found.reserve(walk.files.size());
     for (const auto& entry : walk.files)
         found.emplace_back(entry.first);
     std::sort(found.begin(), found.end());
+    missingRoots.insert(missingRoots.end(), walk.unlisted.begin(), walk.unlisted.end());
+    Protected kept(std::move(missingRoots));
     std::vector<std::string> deletions;
     store.forEachStamp([&](std::string_view path, const FileStamp&) {
-        if (!std::binary_search(found.begin(), found.end(), path) && !underAny(path, missingRoots))
+        if (!std::binary_search(found.begin(), found.end(), path) && !kept.keeps(path))
             deletions.emplace_back(path);
     });
     store.apply(tracks, deletions);
     const auto files = static_cast<int64_t>(walk.files.size());
-    return {files, readCount, static_cast<int64_t>(deletions.size()), files - readCount};
+    return {files, readCount, static_cast<int64_t>(deletions.size()), kept.held(),
+            files - readCount};
 }
 
 } // namespace
@@ -427,8 +596,10 @@ IndexSummary Indexer::scanInto(const std::vector<std::string>& roots, LibrarySto
         if (force) return readEverything(roots, store, false, progress);
     }
 
-    std::vector<std::string> missingRoots;
-    FoundList found = walkRoots(roots, missingRoots);
+    std::vector<std::string> missingRoots, unlisted;
+    FoundList found = walkRoots(roots, missingRoots, &unlisted);
+    missingRoots.insert(missingRoots.end(), unlisted.begin(), unlisted.end());
+    Protected kept(std::move(missingRoots));
 
     // Sorted, the found files can be matched against the cached stamps by binary search
     // while SQLite streams them: no table of a hundred thousand cached paths is built.
@@ -449,7 +620,7 @@ IndexSummary Indexer::scanInto(const std::vector<std::string>& roots, LibrarySto
         if (it != found.end() && it->first == path) {
             state[static_cast<std::size_t>(it - found.begin())] =
                 it->second == stamp ? unchanged : changed;
-        } else if (!underAny(path, missingRoots)) {
+        } else if (!kept.keeps(path)) {
             deletions.emplace_back(path);
         }
     });
@@ -466,7 +637,7 @@ IndexSummary Indexer::scanInto(const std::vector<std::string>& roots, LibrarySto
     });
     store.apply(tracks, deletions);
     return {static_cast<int64_t>(state.size()), static_cast<int64_t>(tracks.size()),
-            static_cast<int64_t>(deletions.size()),
+            static_cast<int64_t>(deletions.size()), kept.held(),
             static_cast<int64_t>(toRead.size() - tracks.size())};
 }
 

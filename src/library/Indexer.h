@@ -10,6 +10,7 @@
 #include <functional>
 #include <string>
 #include <unordered_map>
+#include <utility>
 #include <vector>
 
 namespace trovan {
@@ -17,9 +18,18 @@ namespace trovan {
 class LibraryStore;
 
 struct IndexSummary {
+    IndexSummary() = default;
+    IndexSummary(int64_t found, int64_t read, int64_t removed,
+                 std::vector<std::string> unavailableFolders = {}, int64_t unreadable = 0)
+        : fileCount(found), readCount(read), removedCount(removed),
+          unavailable(std::move(unavailableFolders)), unreadableCount(unreadable) {}
+
     int64_t fileCount = 0;    // audio files found under the roots that exist
     int64_t readCount = 0;    // files reread and stored
     int64_t removedCount = 0; // cached paths removed
+    // Roots and folders that could not be read (absent, empty or unreadable) while the
+    // cache holds tracks under them: those tracks were kept.
+    std::vector<std::string> unavailable;
     int64_t unreadableCount = 0; // audio files that could not be read (named on stderr)
 
     bool operator==(const IndexSummary&) const = default;
@@ -37,11 +47,13 @@ public:
     };
 
     // Scans, reads what changed (everything with `force`) and applies it to the store.
-    // Tracks under a root that is currently missing stay in the store. Never throws
-    // for file-system trouble. When every file is to be read (an empty cache, or
-    // `force`), reading starts while the walk goes on, and `progress` starts once the
-    // walk has counted the files; into an empty cache the records are also stored as
-    // they come, in one transaction that holds the store until the run ends.
+    // Tracks under a root that is missing, empty or unreadable, and under a folder that
+    // cannot be listed, stay in the store. Never throws for file-system trouble; throws
+    // what the store throws, and what a worker threw (memory running out) once every
+    // worker has stopped. When every file is to be read (an empty cache, or `force`),
+    // reading starts while the walk goes on, and `progress` starts once the walk has
+    // counted the files; into an empty cache the records are also stored as they come,
+    // committed every few thousand records or seconds.
     static IndexSummary run(const std::vector<std::string>& roots, LibraryStore& store, bool force,
                             const Progress& progress = {});
 

@@ -2,6 +2,8 @@
 
 #include <sqlite3.h>
 
+#include <sys/stat.h>
+#include <unistd.h>
 #include <variant>
 
 namespace trovan {
@@ -46,14 +48,22 @@ Statement prepare(sqlite3* db, const std::string& sql) {
     return Statement(raw);
 }
 
-// Steps a statement to its end; false when the row could not be written. A failure
-// that ended the transaction (a full disk, an I/O error) is thrown: nothing after it
-// would be kept.
+// Steps a statement to its end; false when SQLite refused this one row (a text too big
+// for it). Anything else (a full disk, an I/O error, a lock held too long) is thrown,
+// and the transaction is rolled back: a batch is kept whole or not at all.
 bool stepToEnd(sqlite3* db, sqlite3_stmt* s) {
     const int rc = sqlite3_step(s);
-    if (sqlite3_reset(s) == SQLITE_OK && rc == SQLITE_DONE) return true;
-    if (sqlite3_get_autocommit(db)) fail(db, "no se pudo escribir en la base de datos");
-    return false;
+    static_cast<void>(sqlite3_reset(s));
+    if (rc == SQLITE_DONE) return true;
+    const int primary = rc & 0xff;
+    if ((primary == SQLITE_TOOBIG || primary == SQLITE_CONSTRAINT) && !sqlite3_get_autocommit(db))
+        return false;
+    fail(db, "no se pudo escribir en la base de datos");
+}
+
+bool sameFile(const struct stat& st, std::uint64_t device, std::uint64_t inode) {
+    return static_cast<std::uint64_t>(st.st_dev) == device &&
+           static_cast<std::uint64_t>(st.st_ino) == inode;
 }
 
 std::string text(sqlite3_stmt* s, int column) {
@@ -64,19 +74,32 @@ std::string text(sqlite3_stmt* s, int column) {
 
 using Value = std::variant<const std::string*, int64_t, double>;
 
-void bind(sqlite3_stmt* s, std::initializer_list<Value> values) {
+// Binds parameters 1, 2, 3... in order; the first failing result code, else SQLITE_OK.
+int bind(sqlite3_stmt* s, std::initializer_list<Value> values) {
     int index = 1;
     for (const auto& v : values) {
+        int rc;
         // With its length, so a value holding a NUL is stored whole.
         if (auto* str = std::get_if<const std::string*>(&v))
-            sqlite3_bind_text64(s, index, (*str)->data(), (*str)->size(), SQLITE_TRANSIENT,
-                                SQLITE_UTF8);
+            rc = sqlite3_bind_text64(s, index, (*str)->data(), (*str)->size(), SQLITE_TRANSIENT,
+                                     SQLITE_UTF8);
         else if (auto* i = std::get_if<int64_t>(&v))
-            sqlite3_bind_int64(s, index, *i);
+            rc = sqlite3_bind_int64(s, index, *i);
         else
-            sqlite3_bind_double(s, index, std::get<double>(v));
+            rc = sqlite3_bind_double(s, index, std::get<double>(v));
+        if (rc != SQLITE_OK) return rc;
         ++index;
     }
+    return SQLITE_OK;
+}
+
+// A row whose values cannot be bound (a text too big for SQLite) is skipped, like one
+// SQLite refuses to write; any other failure (no memory) is thrown.
+bool bound(sqlite3* db, sqlite3_stmt* s, int rc) {
+    if (rc == SQLITE_OK) return true;
+    static_cast<void>(sqlite3_clear_bindings(s));
+    if (rc == SQLITE_TOOBIG || rc == SQLITE_RANGE) return false;
+    fail(db, "no se pudo escribir en la base de datos");
 }
 
 } // namespace
@@ -100,39 +123,80 @@ std::string LibraryStore::schemaScript(int version) {
            std::to_string(version) + ";";
 }
 
-LibraryStore::LibraryStore(const std::filesystem::path& url) {
+LibraryStore::LibraryStore(const std::filesystem::path& url) : url_(url) {
     if (url.has_parent_path()) std::filesystem::create_directories(url.parent_path());
+    db_ = connect(url_);
+    struct stat st {};
+    if (::stat(url_.c_str(), &st) == 0) {
+        device_ = static_cast<std::uint64_t>(st.st_dev);
+        inode_ = static_cast<std::uint64_t>(st.st_ino);
+    }
+}
 
+LibraryStore::Connection LibraryStore::connect(const std::filesystem::path& url) {
     sqlite3* raw = nullptr;
     int rc =
         sqlite3_open_v2(url.c_str(), &raw,
                         SQLITE_OPEN_READWRITE | SQLITE_OPEN_CREATE | SQLITE_OPEN_NOMUTEX, nullptr);
-    db_.reset(raw);
-    if (rc != SQLITE_OK)
-        throw LibraryStoreError(LibraryStoreError::Kind::open,
-                                raw ? sqlite3_errmsg(raw) : url.string());
+    Connection db(raw);
+    auto failed = [&] {
+        return LibraryStoreError(LibraryStoreError::Kind::open,
+                                 raw ? sqlite3_errmsg(raw) : url.string());
+    };
+    if (rc != SQLITE_OK) throw failed();
 
     // Another Trovan writing the same cache holds it only for a moment: wait for it.
-    sqlite3_busy_timeout(db_.get(), 5000);
-    // Without the write-ahead log (a file system that cannot map it) SQLite keeps its
-    // rollback journal: slower, equally safe, so a failure here is not one.
-    static_cast<void>(sqlite3_exec(db_.get(), kSetup, nullptr, nullptr, nullptr));
+    if (sqlite3_busy_timeout(db.get(), 10000) != SQLITE_OK) throw failed();
+    // A file system without shared memory keeps the rollback journal (journal_mode answers
+    // with the mode it kept, not with an error); an error here is a cache that cannot be
+    // written at all (read-only, a full disk), which must stop the start, not a scan.
+    if (sqlite3_exec(db.get(), kSetup, nullptr, nullptr, nullptr) != SQLITE_OK) throw failed();
 
     // SQLite opens any file lazily; the version read is the first real look at it, so a
     // file that is not a database (or is damaged) fails here, as an open failure.
     sqlite3_stmt* rawVersion = nullptr;
-    rc = sqlite3_prepare_v2(db_.get(), kVersion, -1, &rawVersion, nullptr);
+    rc = sqlite3_prepare_v2(db.get(), kVersion, -1, &rawVersion, nullptr);
     Statement version(rawVersion);
     int stepped = rc == SQLITE_OK ? sqlite3_step(version.get()) : rc;
-    if (stepped != SQLITE_ROW && stepped != SQLITE_DONE)
-        throw LibraryStoreError(LibraryStoreError::Kind::open, sqlite3_errmsg(db_.get()));
+    if (stepped != SQLITE_ROW && stepped != SQLITE_DONE) throw failed();
     int64_t current = stepped == SQLITE_ROW ? sqlite3_column_int64(version.get(), 0) : 0;
     version.reset();
-    if (stepped == SQLITE_ROW && current == kSchemaVersion) return;
+    if (stepped == SQLITE_ROW && current == kSchemaVersion) return db;
     // Any other version: the cache is thrown away whole and rebuilt by the next scan.
-    if (sqlite3_exec(db_.get(), schemaScript(kSchemaVersion).c_str(), nullptr, nullptr, nullptr) !=
+    if (sqlite3_exec(db.get(), schemaScript(kSchemaVersion).c_str(), nullptr, nullptr, nullptr) !=
         SQLITE_OK)
-        throw LibraryStoreError(LibraryStoreError::Kind::open, sqlite3_errmsg(db_.get()));
+        throw failed();
+    return db;
+}
+
+void LibraryStore::followFile() {
+    if (closed_) return;
+    struct stat st {};
+    if (db_ && ::stat(url_.c_str(), &st) == 0 && sameFile(st, device_, inode_)) return;
+    // The old connection's log lies under the name the new file will use. SQLite keeps
+    // the log of a file that moved, and would replay it into the new file: empty it into
+    // the old file while it is still open, and if that cannot be done, remove the log
+    // once the connection has let go of it. A file there that is not a cache is left
+    // alone, and tried again by the next call.
+    if (db_) {
+        const std::string wal = url_.string() + "-wal";
+        struct stat before {};
+        const bool hadLog = ::stat(wal.c_str(), &before) == 0;
+        static_cast<void>(sqlite3_wal_checkpoint_v2(db_.get(), nullptr, SQLITE_CHECKPOINT_TRUNCATE,
+                                                    nullptr, nullptr));
+        db_.reset();
+        struct stat after {};
+        if (hadLog && ::stat(wal.c_str(), &after) == 0 && after.st_size > 0 &&
+            after.st_ino == before.st_ino && after.st_dev == before.st_dev) {
+            ::unlink(wal.c_str());
+            ::unlink((url_.string() + "-shm").c_str());
+        }
+    }
+    db_ = connect(url_);
+    if (::stat(url_.c_str(), &st) == 0) {
+        device_ = static_cast<std::uint64_t>(st.st_dev);
+        inode_ = static_cast<std::uint64_t>(st.st_ino);
+    }
 }
 
 LibraryStore::~LibraryStore() = default;
@@ -148,6 +212,7 @@ std::vector<Track> LibraryStore::loadAll() {
 
 TrackTable LibraryStore::loadTable() {
     std::lock_guard lock(mutex_);
+    followFile();
     auto s = prepare(db_.get(), kLoadAll);
     auto* st = s.get();
     auto view = [st](int column) {
@@ -199,11 +264,13 @@ void LibraryStore::close() {
     static_cast<void>(sqlite3_wal_checkpoint_v2(db_.get(), nullptr, SQLITE_CHECKPOINT_TRUNCATE,
                                                 nullptr, nullptr));
     // The last connection to close removes the log.
+    closed_ = true;
     if (sqlite3_close(db_.get()) == SQLITE_OK) db_.release();
 }
 
 bool LibraryStore::isEmpty() {
     std::lock_guard lock(mutex_);
+    followFile();
     auto s = prepare(db_.get(), "SELECT 1 FROM tracks LIMIT 1");
     const int rc = sqlite3_step(s.get());
     if (rc != SQLITE_ROW && rc != SQLITE_DONE) fail(db_.get(), "no se pudo leer la biblioteca");
@@ -212,6 +279,7 @@ bool LibraryStore::isEmpty() {
 
 std::unordered_map<std::string, FileStamp> LibraryStore::stamps() {
     std::lock_guard lock(mutex_);
+    followFile();
     auto s = prepare(db_.get(), kStamps);
     std::unordered_map<std::string, FileStamp> out;
     out.reserve(rowsHint_);
@@ -227,6 +295,7 @@ std::unordered_map<std::string, FileStamp> LibraryStore::stamps() {
 void LibraryStore::forEachStamp(
     const std::function<void(std::string_view path, const FileStamp&)>& visit) {
     std::lock_guard lock(mutex_);
+    followFile();
     auto s = prepare(db_.get(), kStamps);
     int rc;
     while ((rc = sqlite3_step(s.get())) == SQLITE_ROW) {
@@ -247,13 +316,16 @@ void LibraryStore::apply(const std::vector<Track>& upserts,
 }
 
 LibraryStore::Batch::Batch(LibraryStore& store) : store_(store), lock_(store.mutex_) {
-    exec(store_.db_.get(), "BEGIN", "no se pudo empezar a escribir en la base de datos");
+    store_.followFile();
+    // The write lock is taken here, waiting for another writer up to the busy timeout,
+    // rather than at the first row.
+    exec(store_.db_.get(), "BEGIN IMMEDIATE", "no se pudo empezar a escribir en la base de datos");
 }
 
 LibraryStore::Batch::~Batch() {
     // A failed rollback leaves nothing to undo: SQLite rolls back on its own when the
     // transaction could not go on.
-    if (open_ && !sqlite3_get_autocommit(store_.db_.get()))
+    if (open_ && store_.db_ && !sqlite3_get_autocommit(store_.db_.get()))
         static_cast<void>(sqlite3_exec(store_.db_.get(), "ROLLBACK", nullptr, nullptr, nullptr));
 }
 
@@ -263,7 +335,15 @@ void LibraryStore::Batch::add(const std::vector<Track>& upserts) {
 
 void LibraryStore::Batch::commit(const std::vector<std::string>& deletions) {
     store_.remove(deletions);
-    exec(store_.db_.get(), "COMMIT", "no se pudo guardar la biblioteca");
+    if (sqlite3_exec(store_.db_.get(), "COMMIT", nullptr, nullptr, nullptr) != SQLITE_OK) {
+        const std::string message = sqlite3_errmsg(store_.db_.get());
+        // A COMMIT that fails leaves the transaction open; nothing of it is kept.
+        if (!sqlite3_get_autocommit(store_.db_.get()))
+            static_cast<void>(
+                sqlite3_exec(store_.db_.get(), "ROLLBACK", nullptr, nullptr, nullptr));
+        open_ = false;
+        throw std::runtime_error("no se pudo guardar la biblioteca (" + message + ")");
+    }
     open_ = false;
     lock_.unlock();
 }
@@ -276,11 +356,13 @@ void LibraryStore::upsert(const std::vector<Track>& upserts) {
     sql += ")";
     auto s = prepare(db_.get(), sql);
     for (const auto& t : upserts) {
-        bind(s.get(), {&t.path, t.mtime, int64_t{t.size}, &t.title, &t.artist, &t.albumArtist,
-                       &t.album, &t.genre, int64_t{t.year}, int64_t{t.trackNumber},
-                       int64_t{t.discNumber}, int64_t{t.durationMs}, &t.codec,
-                       int64_t{t.sampleRate}, int64_t{t.bitrate}, int64_t{t.channels}});
-        stepToEnd(db_.get(), s.get()); // a row that cannot be written is skipped
+        const int rc =
+            bind(s.get(), {&t.path, t.mtime, int64_t{t.size}, &t.title, &t.artist, &t.albumArtist,
+                           &t.album, &t.genre, int64_t{t.year}, int64_t{t.trackNumber},
+                           int64_t{t.discNumber}, int64_t{t.durationMs}, &t.codec,
+                           int64_t{t.sampleRate}, int64_t{t.bitrate}, int64_t{t.channels}});
+        // A row that cannot be written is skipped.
+        if (bound(db_.get(), s.get(), rc)) stepToEnd(db_.get(), s.get());
     }
 }
 
@@ -288,8 +370,7 @@ void LibraryStore::remove(const std::vector<std::string>& paths) {
     if (paths.empty()) return;
     auto s = prepare(db_.get(), kDelete);
     for (const auto& path : paths) {
-        bind(s.get(), {&path});
-        stepToEnd(db_.get(), s.get());
+        if (bound(db_.get(), s.get(), bind(s.get(), {&path}))) stepToEnd(db_.get(), s.get());
     }
 }
 

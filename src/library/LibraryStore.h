@@ -41,8 +41,10 @@ public:
 
     // Opens or creates the database at `url`, creating its folder. Throws
     // std::filesystem::filesystem_error when the folder cannot be created and
-    // LibraryStoreError when SQLite cannot open the file or it is not a database.
-    // A cache of another schema version is dropped and recreated empty.
+    // LibraryStoreError when SQLite cannot open the file, it is not a database, or it
+    // cannot be set up (read-only, a full disk). A cache of another schema version is
+    // dropped and recreated empty. The other operations throw std::runtime_error with a
+    // Spanish message when SQLite fails; a write that fails is rolled back whole.
     explicit LibraryStore(const std::filesystem::path& url);
     ~LibraryStore();
     LibraryStore(const LibraryStore&) = delete;
@@ -61,7 +63,7 @@ public:
     // call back into the store.
     void forEachStamp(const std::function<void(std::string_view path, const FileStamp&)>& visit);
     // One transaction: insert or replace every upsert (in order), then delete every
-    // path in deletions. A row that fails to write is skipped; the rest commits.
+    // path in deletions. A row SQLite refuses (too big) is skipped; the rest commits.
     void apply(const std::vector<Track>& upserts, const std::vector<std::string>& deletions);
 
     // The same transaction spread over time, for a writer whose records arrive in
@@ -97,14 +99,24 @@ public:
     static std::string schemaScript(int version);
 
 private:
-    void upsert(const std::vector<Track>& upserts);
-    void remove(const std::vector<std::string>& paths);
-
     struct Closer {
         void operator()(sqlite3* db) const;
     };
+    using Connection = std::unique_ptr<sqlite3, Closer>;
+
+    static Connection connect(const std::filesystem::path& url);
+    // With the mutex held: when the file at the store's path is no longer the one the
+    // connection has open (deleted, or another file renamed over it), the connection
+    // moves to the file now there, so nothing is written into a file nobody will read.
+    void followFile();
+    void upsert(const std::vector<Track>& upserts);
+    void remove(const std::vector<std::string>& paths);
+
     std::mutex mutex_;
-    std::unique_ptr<sqlite3, Closer> db_;
+    std::filesystem::path url_;
+    Connection db_;
+    std::uint64_t device_ = 0, inode_ = 0; // of the file the connection has open
+    bool closed_ = false;
     std::size_t rowsHint_ = 0; // row count seen last, to size results up front
 };
 

@@ -110,12 +110,12 @@ std::optional<Track> Track::read(const std::string& path, const FileStamp& stamp
         t.trackNumber = leadingInt(file->value("TRACKNUMBER"));
         t.discNumber = leadingInt(file->value("DISCNUMBER"));
         if (props) {
-            t.durationMs = int64_t{props->lengthSeconds} * 1000;
+            t.durationMs = props->lengthMs;
             t.bitrate = props->bitrate;
             t.sampleRate = props->sampleRate;
             t.channels = props->channels;
         }
-        t.codec = codecLabel(ext, t.bitrate);
+        t.codec = codecLabel(ext, props ? props->codec : std::string());
         // TagLib cannot measure some streams (FLAC in Ogg); FFmpeg can.
         if (!props || props->lengthMs <= 0 || props->sampleRate <= 0) {
             if (auto probe = AudioFileProbe::read(path)) {
@@ -162,8 +162,9 @@ int64_t Track::leadingInt(const std::optional<std::string>& value) {
     return result;
 }
 
-std::string Track::codecLabel(std::string_view ext, int64_t bitrate) {
-    if (ext == "m4a" || ext == "m4b" || ext == "mp4") return bitrate > 400 ? "ALAC" : "AAC";
+std::string Track::codecLabel(std::string_view ext, std::string_view codec) {
+    if (!codec.empty()) return std::string(codec);
+    if (ext == "m4a" || ext == "m4b" || ext == "mp4") return "AAC";
     if (ext == "aif" || ext == "aiff" || ext == "aifc") return "AIFF";
     return asciiUpper(ext);
 }

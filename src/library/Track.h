@@ -57,10 +57,11 @@ struct Track {
     // 0 when absent, not numeric, or out of range.
     static int64_t leadingInt(const std::optional<std::string>& value);
 
-    // Label shown for a file read through TagLib: m4a/m4b/mp4 above 400 kb/s is ALAC,
-    // else AAC; aif/aiff/aifc is AIFF; anything else is the extension upper-cased.
+    // Label shown for a file read through TagLib: the codec TagLib names inside the
+    // container (AAC or ALAC in MPEG-4) when it names one; else AAC for m4a/m4b/mp4,
+    // AIFF for aif/aiff/aifc and the extension upper-cased for anything else.
     // `ext` must already be lower case.
-    static std::string codecLabel(std::string_view ext, int64_t bitrate);
+    static std::string codecLabel(std::string_view ext, std::string_view codec);
 
     // Lower-case extensions, without the dot, of the files the library indexes.
     static const std::unordered_set<std::string_view>& audioExtensions();

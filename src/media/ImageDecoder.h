@@ -10,11 +10,15 @@
 
 namespace trovan {
 
-// Packed 8-bit RGB pixels, row-major from the top-left, width × height × 3 bytes.
+// Packed 8-bit RGB pixels, row-major from the top-left, width × height × 3 bytes. A
+// picture with transparency also has one alpha byte per pixel, and its colours are
+// premultiplied by it (as if composited over black): adding (255 − alpha) / 255 of a
+// background colour composites it over that background.
 struct RgbImage {
     int width = 0;
     int height = 0;
     std::vector<std::uint8_t> rgb;
+    std::vector<std::uint8_t> alpha; // empty: opaque
 };
 
 class ImageDecoder {

@@ -3,9 +3,12 @@
 #include "media/ImageDecoder.h"
 #include "text/Text.h"
 
+#include <algorithm>
 #include <filesystem>
 #include <fstream>
 #include <iterator>
+#include <string_view>
+#include <utility>
 
 namespace trovan {
 
@@ -26,20 +29,37 @@ std::optional<std::vector<std::uint8_t>> readFile(const std::filesystem::path& p
     return bytes;
 }
 
-// A picture file next to the track, by the names people and rippers use most.
+// A picture file next to the track, by the names people and rippers use most, in this
+// order of preference whatever order the folder lists them in; case is ignored.
 std::optional<std::vector<std::uint8_t>> folderImage(const std::filesystem::path& track) {
-    static const char* const stems[] = {"cover", "folder", "front", "album", "albumart"};
-    static const char* const exts[] = {"jpg", "jpeg", "png", "webp"};
+    static const std::string_view stems[] = {"cover", "folder", "front", "album", "artwork"};
+    static const std::string_view exts[] = {"jpg", "jpeg", "png", "webp", "gif", "bmp"};
+    constexpr std::size_t none = std::size(stems) * std::size(exts);
+    auto rank = [](const std::string& name) {
+        const auto dot = name.rfind('.');
+        if (dot == std::string::npos) return none;
+        const std::string_view stem = std::string_view(name).substr(0, dot);
+        const std::string_view ext = std::string_view(name).substr(dot + 1);
+        for (std::size_t s = 0; s < std::size(stems); ++s)
+            for (std::size_t e = 0; e < std::size(exts); ++e)
+                if (stem == stems[s] && ext == exts[e]) return s * std::size(exts) + e;
+        return none;
+    };
+
+    // The error-code forms throughout: a folder that cannot be listed (or stops being
+    // listable half-way) simply has no cover.
+    std::vector<std::pair<std::size_t, std::filesystem::path>> candidates;
     std::error_code ec;
-    const auto dir = track.parent_path();
-    for (const auto& entry : std::filesystem::directory_iterator(dir, ec)) {
-        if (!entry.is_regular_file(ec)) continue;
-        const auto name = text::fold(entry.path().filename().string());
-        for (const char* stem : stems)
-            for (const char* ext : exts)
-                if (name == std::string(stem) + "." + ext)
-                    if (auto bytes = readFile(entry.path()); bytes && ImageDecoder::isImage(*bytes))
-                        return bytes;
+    std::filesystem::directory_iterator it(track.parent_path(), ec), end;
+    for (; !ec && it != end; it.increment(ec)) {
+        const auto name = text::fold(it->path().filename().string());
+        if (const auto r = rank(name); r != none) candidates.emplace_back(r, it->path());
+    }
+    std::sort(candidates.begin(), candidates.end());
+    for (const auto& [r, path] : candidates) {
+        std::error_code fileError;
+        if (!std::filesystem::is_regular_file(path, fileError)) continue;
+        if (auto bytes = readFile(path); bytes && ImageDecoder::isImage(*bytes)) return bytes;
     }
     return std::nullopt;
 }
@@ -52,13 +72,26 @@ std::optional<std::vector<std::uint8_t>> CoverArtRenderer::imageData(const std::
 }
 
 std::optional<std::vector<RGB>> CoverArtRenderer::pixels(std::span<const std::uint8_t> data,
-                                                         int columns, int rows) {
+                                                         int columns, int rows, RGB background) {
     if (columns < 1 || rows < 1) return std::nullopt;
     auto image = ImageDecoder::decodeToFill(data, columns, 2 * rows);
     if (!image) return std::nullopt;
     std::vector<RGB> out(static_cast<std::size_t>(columns) * 2 * rows);
-    for (std::size_t i = 0; i < out.size(); ++i)
-        out[i] = RGB{image->rgb[3 * i], image->rgb[3 * i + 1], image->rgb[3 * i + 2]};
+    const bool transparent = image->alpha.size() == out.size();
+    // Premultiplied colour plus the background's share: c + (255 − a) · bg / 255.
+    auto over = [](std::uint8_t colour, std::uint8_t alpha, std::uint8_t bg) {
+        return static_cast<std::uint8_t>(std::min(255, colour + ((255 - alpha) * bg + 127) / 255));
+    };
+    for (std::size_t i = 0; i < out.size(); ++i) {
+        const std::uint8_t* c = &image->rgb[3 * i];
+        if (transparent) {
+            const std::uint8_t a = image->alpha[i];
+            out[i] = RGB{over(c[0], a, background.r), over(c[1], a, background.g),
+                         over(c[2], a, background.b)};
+        } else {
+            out[i] = RGB{c[0], c[1], c[2]};
+        }
+    }
     return out;
 }
 

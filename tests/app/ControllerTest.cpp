@@ -595,12 +595,26 @@ TEST(ControllerLibrary, RequestsDuringAScanCollapseIntoOneForcedScan) {
                                         "Biblioteca al día: 2 archivos · 0 leídos · 0 quitados",
                                         "Biblioteca al día: 2 archivos · 2 leídos · 0 quitados"}));
 
+    // An empty folder where the music was (a drive not mounted): the tracks stay, and the
+    // summary says which folder could not be read.
+    std::filesystem::rename(music, h.home / "away");
+    std::filesystem::create_directory(music);
+    h.c().reindex(false);
+    h.settle();
+    EXPECT_EQ(h.state().index.trackCount, 2);
+    ASSERT_FALSE(h.reports.empty());
+    EXPECT_NE(h.reports.back().text.find(" · No disponible: " + music.string() +
+                                         " (se conservan sus canciones)"),
+              std::string::npos)
+        << h.reports.back().text;
+    EXPECT_TRUE(h.reports.back().isError);
+    std::filesystem::remove(music);
+    std::filesystem::rename(h.home / "away", music);
+
     // The cache breaks under the running program: the scan says so, in Spanish, and the
     // flow comes back to rest (a later request still runs) instead of ending the program.
-    {
-        std::ofstream junk(h.home / "library.sqlite", std::ios::binary | std::ios::trunc);
-        junk << std::string(8192, 'x');
-    }
+    std::ofstream(h.home / "junk", std::ios::binary) << std::string(8192, 'x');
+    std::filesystem::rename(h.home / "junk", h.home / "library.sqlite");
     h.c().reindex(true);
     h.settle();
     EXPECT_FALSE(h.c().isScanning());
@@ -608,6 +622,23 @@ TEST(ControllerLibrary, RequestsDuringAScanCollapseIntoOneForcedScan) {
     EXPECT_EQ(h.reports.back().text.rfind("No se pudo actualizar la biblioteca: ", 0), 0u)
         << h.reports.back().text;
     EXPECT_TRUE(h.reports.back().isError);
+}
+
+// A background job that throws is named in the header; the pool goes on with the next.
+TEST(ControllerLibrary, ThrowingJobsAreReportedAndThePoolGoesOn) {
+    ControllerHarness h;
+    bool ran = false;
+    h.pool.submit([] { throw std::bad_alloc(); });
+    h.pool.submit([] { throw 42; });
+    h.pool.submit([&] { ran = true; });
+    h.settle();
+    EXPECT_TRUE(ran);
+    // The two jobs run side by side: their reports come in either order.
+    std::set<std::string> texts;
+    for (const auto& r : h.reports)
+        if (r.isError) texts.insert(r.text);
+    EXPECT_EQ(texts, (std::set<std::string>{"Error en segundo plano: no hay memoria suficiente",
+                                            "Error en segundo plano: error desconocido"}));
 }
 
 TEST(ControllerLibrary, ReloadKeepsTheArtistTheTrackAndOnlyLiveMarks) {

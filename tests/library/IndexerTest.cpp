@@ -3,12 +3,17 @@
 #include "support/Fixtures.h"
 
 #include <gtest/gtest.h>
+#include <sqlite3.h>
 
+#include <csignal>
 #include <fcntl.h>
 #include <fstream>
 #include <mutex>
 #include <set>
 #include <sys/stat.h>
+#include <sys/wait.h>
+#include <thread>
+#include <unistd.h>
 
 using namespace trovan;
 namespace fx = trovan::fixtures;
@@ -16,8 +21,10 @@ namespace fs = std::filesystem;
 
 namespace trovan {
 void PrintTo(const IndexSummary& s, std::ostream* os) {
-    *os << "{found " << s.fileCount << ", read " << s.readCount << ", removed " << s.removedCount
-        << "}";
+    *os << "{found " << s.fileCount << ", read " << s.readCount << ", removed " << s.removedCount;
+    for (const auto& folder : s.unavailable)
+        *os << ", unavailable " << folder;
+    *os << "}";
 }
 } // namespace trovan
 
@@ -95,10 +102,14 @@ TEST(Indexer, RunKeepsTheStoreInStepWithTheDisk) {
     fs::remove(music / "b/deep/3.mp3");
     EXPECT_EQ(Indexer::run(roots, store, true), (IndexSummary{4, 4, 1}));
 
-    // A missing root keeps its tracks; they count neither as found nor removed.
+    // A missing root keeps its tracks; they count neither as found nor removed. So does
+    // an empty folder in its place (a drive not mounted leaves its mount point).
     fs::rename(music, dir / "moved");
-    EXPECT_EQ(Indexer::run(roots, store, false), (IndexSummary{1, 0, 0}));
+    EXPECT_EQ(Indexer::run(roots, store, false), (IndexSummary{1, 0, 0, {root}}));
+    fs::create_directory(music);
+    EXPECT_EQ(Indexer::run(roots, store, true), (IndexSummary{1, 1, 0, {root}}));
     EXPECT_EQ(store.loadAll().size(), 4u);
+    fs::remove(music);
     fs::rename(dir / "moved", music);
 
     EXPECT_EQ(Indexer::run({root, (music / "a").string(), other.string()}, store, false),
@@ -179,4 +190,128 @@ TEST(Indexer, ProgressCountsEvery64FilesAgainstTheFinalTotal) {
         EXPECT_EQ(paths(read), std::set(some.begin(), some.end())) << workers;
     }
     EXPECT_TRUE(Indexer::read({}, [](int64_t, int64_t) { ADD_FAILURE() << "progress"; }).empty());
+}
+
+namespace {
+
+// Runs `child` in a forked process that reports through a pipe when it is ready; returns
+// its pid once it is.
+pid_t forkReady(const std::function<void(int readyFd)>& child) {
+    int fds[2];
+    if (pipe(fds) != 0) return -1;
+    const pid_t pid = fork();
+    if (pid == 0) {
+        close(fds[0]);
+        child(fds[1]);
+        _exit(0);
+    }
+    close(fds[1]);
+    char c;
+    EXPECT_EQ(::read(fds[0], &c, 1), 1);
+    close(fds[0]);
+    return pid;
+}
+
+} // namespace
+
+// Another process writing the cache, a first scan killed half-way, a worker that throws:
+// nothing read is lost, and the next run goes on from what was committed.
+TEST(Indexer, OtherWritersKilledScansAndThrowingWorkersLoseNothing) {
+    if (!fx::available()) GTEST_SKIP() << "ffmpeg missing";
+    fx::TempDir dir;
+    auto music = dir.subdir("music");
+    const auto file = dir / "library.sqlite";
+    const fs::path first = put(music, "0.mp3");
+    for (int i = 1; i < 2600; ++i)
+        fs::create_hard_link(first, music / (std::to_string(i) + ".mp3"));
+
+    // The child scans into the empty cache; it is killed once the first records are
+    // committed, well before the last are read.
+    const pid_t scanner = forkReady([&](int ready) {
+        LibraryStore store(file);
+        static_cast<void>(::write(ready, "r", 1));
+        Indexer::run({music.string()}, store, false);
+    });
+    int64_t committed = 0;
+    for (int i = 0; i < 6000 && committed == 0; ++i) {
+        std::this_thread::sleep_for(std::chrono::milliseconds(5));
+        try {
+            committed = static_cast<int64_t>(LibraryStore(file).stamps().size());
+        } catch (const std::exception&) {
+        }
+    }
+    kill(scanner, SIGKILL);
+    int status = 0;
+    waitpid(scanner, &status, 0);
+    ASSERT_TRUE(WIFSIGNALED(status)) << "the scan ended before it could be killed";
+    LibraryStore store(file);
+    committed = static_cast<int64_t>(store.stamps().size());
+    EXPECT_GT(committed, 0); // a few thousand records or a few seconds, whichever came first
+    EXPECT_LT(committed, 2600);
+    EXPECT_EQ(Indexer::run({music.string()}, store, false),
+              (IndexSummary{2600, 2600 - committed, 0}));
+
+    // A rescan waits for another process holding the write lock for two seconds.
+    const pid_t writer = forkReady([&](int ready) {
+        sqlite3* db = nullptr;
+        sqlite3_open(file.c_str(), &db);
+        sqlite3_exec(db, "BEGIN IMMEDIATE", nullptr, nullptr, nullptr);
+        static_cast<void>(::write(ready, "r", 1));
+        std::this_thread::sleep_for(std::chrono::seconds(2));
+        sqlite3_exec(db, "COMMIT", nullptr, nullptr, nullptr);
+        sqlite3_close(db);
+    });
+    const auto fresh = put(music, "new.mp3");
+    EXPECT_EQ(Indexer::run({music.string()}, store, false), (IndexSummary{2601, 1, 0}));
+    waitpid(writer, &status, 0);
+    EXPECT_TRUE(store.stamps().contains(fresh.string()));
+
+    // A worker that throws (memory running out) fails the run, not the program, whichever
+    // way the run reads: into an empty cache, forced, or only what changed.
+    const auto throwing = [](int64_t, int64_t) { throw std::bad_alloc(); };
+    LibraryStore empty(dir / "empty.sqlite");
+    EXPECT_THROW(Indexer::run({music.string()}, empty, false, throwing), std::bad_alloc);
+    EXPECT_THROW(Indexer::run({music.string()}, store, true, throwing), std::bad_alloc);
+    setMtime(first, 1600000000, 0); // hard links: every file changed
+    EXPECT_THROW(Indexer::run({music.string()}, store, false, throwing), std::bad_alloc);
+    EXPECT_TRUE(empty.isEmpty());
+    EXPECT_NE(store.stamps().at(first.string()).mtime, 1600000000.0);
+}
+
+// A sub-folder whose listing fails keeps the tracks cached under it, and is named; the
+// rest of the walk goes on and removes what is really gone. The failure here: a path
+// too long to open, which fails for every user (permissions would not stop root).
+TEST(Indexer, AFolderThatCannotBeListedKeepsItsTracks) {
+    if (!fx::available()) GTEST_SKIP() << "ffmpeg missing";
+    fx::TempDir dir;
+    auto music = dir.subdir("music");
+    put(music, "a/1.mp3");
+    const std::string name(250, 'd');
+    std::vector<int> fds = {::open(music.c_str(), O_DIRECTORY | O_RDONLY)};
+    std::string deep = music.string();
+    while (deep.size() < 4200) {
+        ASSERT_EQ(mkdirat(fds.back(), name.c_str(), 0755), 0);
+        fds.push_back(openat(fds.back(), name.c_str(), O_DIRECTORY | O_RDONLY));
+        ASSERT_GE(fds.back(), 0);
+        deep += "/" + name;
+    }
+    const Track hidden{.path = deep + "/x.mp3", .title = "lejos"};
+    const Track gone{.path = (music / "b/gone.mp3").string()};
+    LibraryStore store(dir / "library.sqlite");
+    for (bool force : {false, true}) {
+        store.apply({hidden, gone}, {});
+        const auto summary = Indexer::run({music.string()}, store, force);
+        EXPECT_EQ(std::tie(summary.fileCount, summary.removedCount), std::make_tuple(1, 1));
+        ASSERT_EQ(summary.unavailable.size(), 1u);
+        EXPECT_TRUE(deep.starts_with(summary.unavailable[0] + "/") ||
+                    deep == summary.unavailable[0]);
+        EXPECT_TRUE(store.stamps().contains(hidden.path));
+        EXPECT_FALSE(store.stamps().contains(gone.path));
+    }
+    // The temporary folder's removal works with full paths: take the chain apart here.
+    for (std::size_t i = fds.size() - 1; i > 0; --i) {
+        ::close(fds[i]);
+        EXPECT_EQ(unlinkat(fds[i - 1], name.c_str(), AT_REMOVEDIR), 0);
+    }
+    ::close(fds[0]);
 }

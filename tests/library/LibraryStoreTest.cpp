@@ -174,3 +174,56 @@ TEST(LibraryStore, LeavesNoLogAfterCheckpointOrClose) {
     EXPECT_FALSE(std::filesystem::exists(wal));
     EXPECT_EQ(LibraryStore(file).stamps().size(), 5001u);
 }
+
+// The cache file replaced under the running program: the store follows the file now at
+// its path, a deleted one is made again, and one that is not a cache is refused and left
+// as it was.
+TEST(LibraryStore, FollowsTheFileAtItsPath) {
+    fx::TempDir dir;
+    auto file = dir / "library.sqlite";
+    LibraryStore store(file);
+    store.apply({sample("/a")}, {});
+
+    {
+        LibraryStore other(dir / "other.sqlite");
+        other.apply({sample("/b")}, {});
+        other.close();
+    }
+    std::filesystem::rename(dir / "other.sqlite", file);
+    EXPECT_EQ(store.loadAll(), std::vector<Track>{sample("/b")});
+    store.apply({sample("/c")}, {});
+    EXPECT_EQ(LibraryStore(file).stamps().size(), 2u);
+
+    std::filesystem::remove(file);
+    EXPECT_TRUE(store.isEmpty());
+    store.apply({sample("/d")}, {});
+    EXPECT_EQ(LibraryStore(file).loadAll(), std::vector<Track>{sample("/d")});
+
+    std::ofstream(dir / "junk", std::ios::binary) << std::string(4096, 'x');
+    std::filesystem::rename(dir / "junk", file);
+    EXPECT_THROW(store.apply({sample("/e")}, {}), std::runtime_error);
+    EXPECT_THROW(store.loadAll(), std::runtime_error);
+    EXPECT_EQ(std::filesystem::file_size(file), 4096u);
+}
+
+// A row that fails for any reason but its own size fails the whole batch: nothing of it
+// is kept, the error is thrown, and the store goes on working.
+TEST(LibraryStore, AFailedWriteRollsBackTheWholeBatch) {
+    fx::TempDir dir;
+    auto file = dir / "library.sqlite";
+    LibraryStore store(file);
+    store.apply({sample("/old")}, {});
+    // An error inside SQLite while writing one particular row.
+    execRaw(file, "CREATE TRIGGER boom BEFORE INSERT ON tracks WHEN NEW.path = '/bad' "
+                  "BEGIN SELECT json('no es json'); END;");
+    try {
+        store.apply({sample("/a"), sample("/bad"), sample("/c")}, {"/old"});
+        FAIL() << "the batch was written";
+    } catch (const std::runtime_error& e) {
+        EXPECT_EQ(std::string(e.what()).rfind("no se pudo escribir en la base de datos (", 0), 0u)
+            << e.what();
+    }
+    EXPECT_EQ(store.loadAll(), std::vector<Track>{sample("/old")});
+    store.apply({sample("/a")}, {"/old"});
+    EXPECT_EQ(store.loadAll(), std::vector<Track>{sample("/a")});
+}

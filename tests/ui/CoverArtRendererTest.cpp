@@ -1,10 +1,14 @@
 #include "ui/CoverArtRenderer.h"
 
+#include "Fixtures.h"
 #include "support/TempDir.h"
+#include "terminal/Palette.h"
 
 #include <gtest/gtest.h>
 
+#include <cmath>
 #include <cstdlib>
+#include <filesystem>
 #include <fstream>
 #include <iterator>
 #include <random>
@@ -134,4 +138,99 @@ TEST_F(CoverArtRendererTest, BytesThatAreNotAPictureGiveNothingAndBrokenOnesNeve
         }
     }
     EXPECT_GE(decoded, 5); // the untouched pictures decode, whatever their format
+}
+
+namespace {
+
+using trovan::testing::rgbaPng;
+
+// A red disc whose rim is half transparent, on a fully transparent square whose hidden
+// colour is green (it must never show).
+std::array<std::uint8_t, 4> disc(int x, int y, int size) {
+    const double dx = x + 0.5 - size / 2.0, dy = y + 0.5 - size / 2.0;
+    const double r = std::sqrt(dx * dx + dy * dy) / (size / 2.0);
+    if (r < 0.6) return {220, 40, 40, 255};
+    if (r < 0.85) return {220, 40, 40, 128};
+    return {0, 255, 0, 0};
+}
+
+Bytes solidPng(int w, int h, std::array<std::uint8_t, 4> rgba) {
+    return rgbaPng(w, h, [&](int, int) { return rgba; });
+}
+
+} // namespace
+
+// Transparent parts show the colour of the place the cover is drawn, and nothing of
+// the colour hidden under them bleeds into the rest, at any size or shape.
+TEST(CoverArtTransparency, CompositesOverTheGivenBackground) {
+    const RGB bg = palette::background, red{220, 40, 40};
+    const auto px = CoverArtRenderer::pixels(
+        rgbaPng(40, 40, [](int x, int y) { return disc(x, y, 40); }), 10, 5);
+    ASSERT_TRUE(px);
+    EXPECT_EQ(px->front(), bg);
+    EXPECT_EQ(px->back(), bg);
+    EXPECT_TRUE(near((*px)[4 * 10 + 5], red, 2)); // the centre
+    // Within the scaler's ringing at the disc's edge, and no green from the hidden pixels
+    // (it would show as well over a hundred).
+    for (const RGB p : *px) {
+        EXPECT_GE(p.r, bg.r - 1);
+        EXPECT_LE(p.r, red.r + 16);
+        EXPECT_LE(p.g, red.g + 8);
+    }
+    // Half transparent at the grid's own size: an exact mix.
+    const auto half = CoverArtRenderer::pixels(solidPng(4, 4, {220, 40, 40, 128}), 4, 2);
+    ASSERT_TRUE(half);
+    EXPECT_EQ(half->front(), (RGB{120, 31, 34})); // 110 + 10, 20 + 11, 20 + 14
+    const RGB white{255, 255, 255};
+    EXPECT_EQ(CoverArtRenderer::pixels(solidPng(4, 4, {0, 0, 0, 0}), 4, 2, white)->front(), white);
+
+    // 1 × 1, a long strip, fully transparent: a whole grid of the background.
+    for (auto [w, h] : {std::pair{1, 1}, {10000, 10}, {64, 64}}) {
+        const auto grid = CoverArtRenderer::pixels(solidPng(w, h, {9, 200, 9, 0}), 7, 3);
+        ASSERT_TRUE(grid) << w << "x" << h;
+        EXPECT_EQ(*grid, std::vector<RGB>(42, bg)) << w << "x" << h;
+    }
+    const auto strip = CoverArtRenderer::pixels(solidPng(10000, 10, {220, 40, 40, 255}), 7, 3);
+    ASSERT_TRUE(strip);
+    EXPECT_EQ(*strip, std::vector<RGB>(42, red));
+}
+
+// Without an embedded picture, a cover image beside the track is used: cover, folder,
+// front, album, artwork, in that order whatever the folder's order, in any case, with any
+// of the image extensions; names that are not pictures are passed over.
+TEST(CoverArtFolderImage, PrefersTheNamesInOrder) {
+    fixtures::TempDir dir{"trovan-folder-cover"};
+    const auto album = dir / "album";
+    std::filesystem::create_directories(album);
+    const std::string track = (album / "01.mp3").string(); // need not exist
+    auto write = [&](const std::string& name, std::uint8_t shade) {
+        const Bytes png = solidPng(1, 1, {shade, shade, shade, 255});
+        std::ofstream(album / name, std::ios::binary)
+            .write(reinterpret_cast<const char*>(png.data()), std::ssize(png));
+        return png;
+    };
+    write("albumart.jpg", 1);
+    std::ofstream(album / "cover.txt") << "x";
+    std::filesystem::create_directory(album / "cover.jpeg"); // a folder, not a picture
+    const std::vector<std::pair<std::string, Bytes>> ranked = {
+        {"COVER.JPG", write("COVER.JPG", 10)},
+        {"Folder.PNG", write("Folder.PNG", 20)},
+        {"front.jpeg", write("front.jpeg", 30)},
+        {"Album.bmp", write("Album.bmp", 40)},
+        {"artwork.gif", write("artwork.gif", 50)}};
+    for (const auto& [name, bytes] : ranked) {
+        EXPECT_EQ(CoverArtRenderer::imageData(track), bytes) << name;
+        std::filesystem::remove(album / name);
+    }
+    EXPECT_FALSE(CoverArtRenderer::imageData(track));
+
+    // Every accepted extension; a cover that does not decode gives way to the next name.
+    for (const std::string ext : {"jpg", "JPEG", "png", "WebP", "gif", "bmp"}) {
+        const Bytes bytes = write("cover." + ext, 60);
+        EXPECT_EQ(CoverArtRenderer::imageData(track), bytes) << ext;
+        std::filesystem::remove(album / ("cover." + ext));
+    }
+    std::ofstream(album / "cover.jpg") << "no es una imagen";
+    EXPECT_EQ(CoverArtRenderer::imageData(track), write("folder.webp", 70));
+    EXPECT_FALSE(CoverArtRenderer::imageData((dir / "gone" / "01.mp3").string()));
 }

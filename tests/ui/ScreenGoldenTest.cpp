@@ -4,11 +4,14 @@
 #include "Fixtures.h"
 
 #include "terminal/Palette.h"
+#include "ui/CoverArtRenderer.h"
 #include "ui/Screen.h"
 
 #include <gtest/gtest.h>
 
 #include <algorithm>
+#include <array>
+#include <cstdint>
 #include <cstdio>
 #include <cstdlib>
 #include <fstream>
@@ -179,6 +182,26 @@ TEST(ScreenGolden, PlayerPanel) {
     s.settings.volume = 0.29f;
     s.cover = CoverArt{"tw", std::vector<RGB>(99)};
     golden("player-edges", s, small, 900);
+}
+
+// A PNG cover with a transparent border and a half-transparent rim, decoded the way the
+// program decodes covers, on the album rows and in the player panel: the border shows the
+// screen's background, not black.
+TEST(ScreenGolden, TransparentCovers) {
+    AppState s = albumView(medium);
+    const auto png = rgbaPng(10, 10, [](int x, int y) -> std::array<std::uint8_t, 4> {
+        const int ring = std::max(std::abs(2 * x - 9), std::abs(2 * y - 9)); // 1, 3, 5, 7, 9
+        if (ring <= 3) return {230, 180, 60, 255};
+        if (ring <= 5) return {230, 180, 60, 128};
+        return {0, 0, 0, 0};
+    });
+    const auto px = CoverArtRenderer::pixels(png, 10, 5);
+    ASSERT_TRUE(px);
+    const auto& air = s.index.artists[static_cast<std::size_t>(
+        s.artistRows[static_cast<std::size_t>(*s.shownArtist)].get<ArtistRow::Artist>()->artist)];
+    s.albumCovers[CoverArt::albumKey(air, air.albums[0])] = CoverArt{"ms", px};
+    s.cover = CoverArt{"tw", px};
+    golden("covers-transparent", s, medium, 126.5);
 }
 
 TEST(ScreenGolden, HeaderStatusAndScanProgress) {

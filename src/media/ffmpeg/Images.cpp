@@ -141,6 +141,61 @@ std::pair<int, int> sourceOf(int orientation, int x, int y, int inW, int inH) {
     }
 }
 
+// A picture with transparency, already cropped: converted to RGBA at its own size,
+// premultiplied (so the colour of invisible pixels cannot bleed into visible ones when
+// scaled), then scaled and turned upright, its alpha kept beside the colours.
+std::optional<RgbImage> scaleWithAlpha(const AVFrame& frame, AVPixelFormat src, int tw, int th,
+                                       int orientation, int width, int height) {
+    const int w = frame.width, h = frame.height;
+    SwsPtr toRgba(
+        sws_getContext(w, h, src, w, h, AV_PIX_FMT_RGBA, SWS_POINT, nullptr, nullptr, nullptr));
+    if (!toRgba) return std::nullopt;
+    const int stride = (w * 4 + 63) & ~63;
+    AvBuffer full(static_cast<std::uint8_t*>(av_malloc(static_cast<std::size_t>(stride) * h + 64)));
+    if (!full) return std::nullopt;
+    std::uint8_t* dst[4] = {full.get(), nullptr, nullptr, nullptr};
+    int dstStride[4] = {stride, 0, 0, 0};
+    if (sws_scale(toRgba.get(), frame.data, frame.linesize, 0, h, dst, dstStride) != h)
+        return std::nullopt;
+    for (int y = 0; y < h; ++y) {
+        std::uint8_t* p = full.get() + static_cast<std::size_t>(y) * stride;
+        for (int x = 0; x < w; ++x, p += 4)
+            for (int c = 0; c < 3; ++c)
+                p[c] = static_cast<std::uint8_t>((p[c] * p[3] + 127) / 255);
+    }
+
+    SwsPtr scale(sws_getContext(w, h, AV_PIX_FMT_RGBA, tw, th, AV_PIX_FMT_RGBA,
+                                SWS_LANCZOS | SWS_ACCURATE_RND, nullptr, nullptr, nullptr));
+    if (!scale) return std::nullopt;
+    const int outStride = (tw * 4 + 63) & ~63;
+    AvBuffer scaled(
+        static_cast<std::uint8_t*>(av_malloc(static_cast<std::size_t>(outStride) * th + 64)));
+    if (!scaled) return std::nullopt;
+    const std::uint8_t* in[4] = {full.get(), nullptr, nullptr, nullptr};
+    std::uint8_t* out[4] = {scaled.get(), nullptr, nullptr, nullptr};
+    int outStrides[4] = {outStride, 0, 0, 0};
+    if (sws_scale(scale.get(), in, dstStride, 0, h, out, outStrides) != th) return std::nullopt;
+
+    RgbImage image;
+    image.width = width;
+    image.height = height;
+    image.rgb.resize(static_cast<std::size_t>(width) * height * 3);
+    image.alpha.resize(static_cast<std::size_t>(width) * height);
+    for (int y = 0; y < height; ++y) {
+        for (int x = 0; x < width; ++x) {
+            auto [sx, sy] = sourceOf(orientation, x, y, tw, th);
+            const std::uint8_t* p =
+                scaled.get() + static_cast<std::size_t>(sy) * outStride + sx * 4;
+            const std::size_t i = static_cast<std::size_t>(y) * width + x;
+            // Ringing of the scaling filter may leave a colour above its alpha.
+            image.alpha[i] = p[3];
+            for (int c = 0; c < 3; ++c)
+                image.rgb[3 * i + c] = std::min(p[c], p[3]);
+        }
+    }
+    return image;
+}
+
 } // namespace
 
 bool ffmpeg::isImage(std::span<const std::uint8_t> bytes) {
@@ -171,11 +226,13 @@ std::optional<RgbImage> ffmpeg::decodeToFill(std::span<const std::uint8_t> bytes
 
     bool fullRange = frame->color_range == AVCOL_RANGE_JPEG;
     AVPixelFormat src = plainFormat(static_cast<AVPixelFormat>(frame->format), fullRange);
+    const AVPixFmtDescriptor* desc = av_pix_fmt_desc_get(src);
+    if (desc && (desc->flags & AV_PIX_FMT_FLAG_ALPHA))
+        return scaleWithAlpha(*frame, src, tw, th, d->orientation, width, height);
     SwsPtr sws(sws_getContext(frame->width, frame->height, src, tw, th, AV_PIX_FMT_RGB24,
                               SWS_LANCZOS | SWS_ACCURATE_RND | SWS_FULL_CHR_H_INT, nullptr, nullptr,
                               nullptr));
     if (!sws) return std::nullopt;
-    const AVPixFmtDescriptor* desc = av_pix_fmt_desc_get(src);
     if (desc && !(desc->flags & AV_PIX_FMT_FLAG_RGB) && desc->nb_components >= 3) {
         int* invTable = nullptr;
         int* table = nullptr;
