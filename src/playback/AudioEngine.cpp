@@ -9,9 +9,11 @@
 #include <cmath>
 #include <condition_variable>
 #include <exception>
+#include <filesystem>
 #include <limits>
 #include <mutex>
 #include <thread>
+#include <utility>
 #include <vector>
 
 namespace trovan {
@@ -28,7 +30,62 @@ constexpr auto refillInterval = std::chrono::milliseconds(40);
 constexpr auto endWatchInterval = std::chrono::milliseconds(5);
 constexpr double volumeRampSeconds = 0.02;
 
+// What identifies a file's contents cheaply: a tag write or a replacement changes it.
+struct FileStampNow {
+    std::filesystem::file_time_type time{};
+    std::uintmax_t size = 0;
+    bool known = false;
+    bool operator==(const FileStampNow&) const = default;
+};
+
+FileStampNow stampOf(const std::string& path) {
+    std::error_code ec, ec2;
+    FileStampNow st;
+    st.time = std::filesystem::last_write_time(path, ec);
+    st.size = std::filesystem::file_size(path, ec2);
+    st.known = !ec && !ec2;
+    return st;
+}
+
+std::string fileName(const std::string& path) {
+    return std::filesystem::path(path).filename().string();
+}
+
 } // namespace
+
+// The track that follows the loaded one, opened on the decoder thread. Whoever
+// claims it first, the decoder thread (to join it into the ring) or the owner (to
+// load it, or to reopen the output for it), owns `file` from then on.
+struct AudioEngine::Prepared {
+    enum Status { pending, ready, failed };
+    enum Claim { free, byDecoder, byOwner };
+
+    std::string path;
+    LoadedFile file;   // written before `status` becomes ready
+    FileStampNow stamp;
+    std::atomic<int> status{pending};
+    std::atomic<int> claim{free};
+    Poster post;
+    Task onFailed;
+
+    bool claimFor(Claim who) {
+        int expected = free;
+        return claim.compare_exchange_strong(expected, who);
+    }
+    // Decoder thread. Never throws.
+    void open() {
+        try {
+            file = AudioEngine::openFile(path);
+            stamp = stampOf(path);
+            status.store(ready, std::memory_order_release);
+            return;
+        } catch (const std::exception&) {
+        } catch (...) {
+        }
+        status.store(failed, std::memory_order_release);
+        if (post && onFailed) post(onFailed);
+    }
+};
 
 // One scheduled stretch of the file, from `startFrame` to the end. Shared by the
 // owner, the decoder thread and (through a raw pointer, see RenderCore) the
@@ -36,14 +93,31 @@ constexpr double volumeRampSeconds = 0.02;
 struct AudioEngine::Segment {
     Segment(std::size_t ringSamples) : ring(ringSamples) {}
 
+    // A prepared file that the decoder went on into, `offset` frames after the
+    // segment's first frame.
+    struct Join {
+        int64_t offset = 0;
+        std::shared_ptr<Prepared> next;
+        int64_t realEnd = -1; // its length, once decoded to the end, when it was a guess
+        bool posted = false;
+    };
+
     int64_t startFrame = 0;
     int64_t endFrame = 0;
     int channels = 2;
+    OutputFormat format;
+    bool exactLength = true;
     std::shared_ptr<AudioDecoder> decoder;
     std::weak_ptr<AudioOutput> output;
     Task onFinished;
+    Task onProgress; // a join was heard or a real length learnt
     Poster post;
     SpscRing ring;
+
+    // Decoder thread writes, owner reads.
+    std::mutex mutex;
+    std::vector<Join> joins;
+    int64_t firstRealEnd = -1;
 
     std::atomic<bool> cancelled{false};
     std::atomic<bool> eof{false};        // every frame of the segment is in the ring
@@ -54,7 +128,11 @@ struct AudioEngine::Segment {
     // Decoder-thread only.
     bool started = false;
     bool finishedPosted = false;
-    int64_t decodedTo = 0;
+    std::shared_ptr<AudioDecoder> source; // the file being decoded now
+    int64_t sourceEnd = 0;
+    bool sourceExact = true;
+    int64_t decodedTo = 0; // in the source's frames
+    int64_t written = 0;   // frames written since the segment began
 };
 
 // Runs on the output's real-time thread. Never locks, allocates or blocks.
@@ -158,11 +236,15 @@ private:
     float volumeStep_ = 0.001f;
 };
 
-// Keeps the current segment's ring topped up and notices when its last frame has
-// been heard. One thread for the engine's lifetime.
+// Keeps the current segment's ring topped up, goes on into the prepared track when
+// a file ends, and notices when joins and the last frame have been heard. One
+// thread for the engine's lifetime; nothing thrown on it escapes.
 class AudioEngine::DecoderWorker {
 public:
-    DecoderWorker() : thread_([this] { run(); }) {}
+    using Report = std::function<void(std::string)>;
+
+    explicit DecoderWorker(Report report)
+        : report_(std::move(report)), thread_([this] { run(); }) {}
     ~DecoderWorker() {
         {
             std::lock_guard lock(mutex_);
@@ -179,11 +261,29 @@ public:
         }
         wake_.notify_all();
     }
+    void prepare(std::shared_ptr<Prepared> p) {
+        std::shared_ptr<Prepared> old;
+        {
+            std::lock_guard lock(mutex_);
+            old = std::exchange(prepared_, std::move(p));
+        }
+        wake_.notify_all();
+    }
 
 private:
+    bool preparedPending() const {
+        return prepared_ && prepared_->status.load(std::memory_order_acquire) == Prepared::pending;
+    }
+
     void run() {
         std::shared_ptr<Segment> current;
-        std::vector<float> scratch(decodeChunkFrames * 2);
+        std::vector<float> scratch;
+        try {
+            scratch.resize(decodeChunkFrames * 2);
+        } catch (...) {
+            report_("Sin memoria para reproducir");
+            return;
+        }
         std::unique_lock lock(mutex_);
         while (!quit_) {
             if (next_ != current) {
@@ -198,64 +298,178 @@ private:
             if (current && !current->cancelled.load()) {
                 auto seg = current;
                 lock.unlock();
-                again = service(*seg, scratch);
+                again = guardedService(*seg, scratch);
                 lock.lock();
             }
+            // With the ring topped up, open the next track ahead of time.
+            if (!quit_ && next_ == current && preparedPending()) {
+                auto p = prepared_;
+                lock.unlock();
+                p->open();
+                p.reset();
+                lock.lock();
+                continue;
+            }
             if (quit_ || next_ != current) continue;
+            auto wakeUp = [&] { return quit_ || next_ != current || preparedPending(); };
             if (again.count() > 0)
-                wake_.wait_for(lock, again, [&] { return quit_ || next_ != current; });
+                wake_.wait_for(lock, again, wakeUp);
             else
-                wake_.wait(lock, [&] { return quit_ || next_ != current; });
+                wake_.wait(lock, wakeUp);
         }
     }
 
+    std::chrono::milliseconds guardedService(Segment& s, std::vector<float>& scratch) {
+        std::string failure;
+        try {
+            return service(s, scratch);
+        } catch (const std::exception& e) {
+            failure = e.what();
+        } catch (...) {
+        }
+        // End the segment here: what is in the ring still plays, then playback moves on.
+        const std::string name = s.source ? fileName(s.source->path()) : std::string();
+        s.eof.store(true, std::memory_order_release);
+        try {
+            report_("No se pudo seguir reproduciendo " + name);
+        } catch (...) {
+        }
+        return endWatchInterval;
+    }
+
+    // Moves the segment on into the prepared track, if it can follow without a gap.
+    bool joinNext(Segment& s) {
+        std::shared_ptr<Prepared> p;
+        {
+            std::lock_guard lock(mutex_);
+            p = prepared_;
+        }
+        if (!p || s.cancelled.load()) return false;
+        if (p->status.load(std::memory_order_acquire) == Prepared::pending) p->open();
+        if (p->status.load(std::memory_order_acquire) != Prepared::ready) return false;
+        if (p->file.format != s.format || !p->claimFor(Prepared::byDecoder)) return false;
+        // Rewritten since it was opened (a tag write, a replaced file): open it again.
+        auto now = stampOf(p->path);
+        if (now.known && p->stamp.known && !(now == p->stamp)) {
+            try {
+                p->file = AudioEngine::openFile(p->path);
+                p->stamp = now;
+            } catch (const std::exception&) {
+                p->status.store(Prepared::failed, std::memory_order_release);
+                if (p->post && p->onFailed) p->post(p->onFailed);
+                return false;
+            }
+            if (p->file.format != s.format) {
+                p->claim.store(Prepared::free); // the owner reopens the output for it
+                return false;
+            }
+        }
+        s.source = p->file.decoder;
+        if (s.source->position() != 0) s.source->seek(0);
+        s.sourceExact = p->file.exactLength;
+        s.sourceEnd = s.sourceExact ? p->file.frames : std::numeric_limits<int64_t>::max();
+        s.decodedTo = 0;
+        std::lock_guard lock(s.mutex);
+        s.joins.push_back({s.written, std::move(p)});
+        return true;
+    }
+
+    // The decoder reached the end of the current file: remember its real length
+    // when it was only a guess.
+    static void recordEnd(Segment& s) {
+        if (s.sourceExact) return;
+        {
+            std::lock_guard lock(s.mutex);
+            (s.joins.empty() ? s.firstRealEnd : s.joins.back().realEnd) = s.decodedTo;
+        }
+        s.post(s.onProgress);
+    }
+
+    // Posts a notice for every join the listener has now heard; true while one is
+    // still ahead in the ring.
+    static bool watchJoins(Segment& s) {
+        auto output = s.output.lock();
+        const int64_t base = s.deviceBase.load(std::memory_order_acquire);
+        const int64_t heard = output && base >= 0 ? output->playedFrames() - base : -1;
+        bool waiting = false, post = false;
+        {
+            std::lock_guard lock(s.mutex);
+            for (auto& j : s.joins) {
+                if (j.posted) continue;
+                if (heard >= j.offset)
+                    post = j.posted = true;
+                else
+                    waiting = true;
+            }
+        }
+        if (post) s.post(s.onProgress);
+        return waiting;
+    }
+
     // Returns when to look at the segment again; zero when it needs nothing more.
-    static std::chrono::milliseconds service(Segment& s, std::vector<float>& scratch) {
+    std::chrono::milliseconds service(Segment& s, std::vector<float>& scratch) {
         using std::chrono::milliseconds;
         const auto ch = static_cast<std::size_t>(s.channels);
         if (!s.started) {
             s.started = true;
+            s.source = s.decoder;
+            s.sourceEnd = s.endFrame;
+            s.sourceExact = s.exactLength;
             if (s.decoder->position() != s.startFrame) s.decoder->seek(s.startFrame);
             s.decodedTo = s.startFrame;
         }
         while (!s.eof.load(std::memory_order_relaxed) && !s.cancelled.load()) {
             std::size_t room = s.ring.writable() / ch;
             if (room < minWriteFrames) break;
-            int64_t remaining = s.endFrame - s.decodedTo;
+            int64_t remaining = s.sourceEnd - s.decodedTo;
             std::size_t want =
                 std::min({room, decodeChunkFrames,
                           static_cast<std::size_t>(std::max<int64_t>(remaining, 0))});
-            std::size_t n = want > 0 ? s.decoder->read(scratch.data(), want) : 0;
+            std::size_t n = want > 0 ? s.source->read(scratch.data(), want) : 0;
             if (n == 0) {
-                s.eof.store(true, std::memory_order_release);
-                break;
+                recordEnd(s);
+                if (!joinNext(s)) s.eof.store(true, std::memory_order_release);
+                continue;
             }
             s.ring.write(scratch.data(), n * ch);
             s.decodedTo += static_cast<int64_t>(n);
+            s.written += static_cast<int64_t>(n);
         }
         if (s.cancelled.load()) return milliseconds(0);
-        if (!s.eof.load(std::memory_order_relaxed)) return refillInterval;
+        const bool joinAhead = watchJoins(s);
+        if (!s.eof.load(std::memory_order_relaxed)) return joinAhead ? endWatchInterval : refillInterval;
         if (s.finishedPosted) return milliseconds(0);
         if (!s.drained.load(std::memory_order_acquire)) return endWatchInterval;
         auto output = s.output.lock();
         if (output && output->playedFrames() < s.endDevice.load(std::memory_order_relaxed))
             return endWatchInterval;
+        watchJoins(s);
         s.finishedPosted = true;
         s.post(s.onFinished);
         return milliseconds(0);
     }
 
+    Report report_;
     std::mutex mutex_;
     std::condition_variable wake_;
     std::shared_ptr<Segment> next_;
+    std::shared_ptr<Prepared> prepared_;
     bool quit_ = false;
     std::thread thread_; // last: starts after the members above exist
 };
 
 AudioEngine::AudioEngine(Poster post, OutputFactory outputs)
     : post_(std::move(post)), outputs_(std::move(outputs)),
-      equalizer_(std::make_unique<Equalizer>()), core_(std::make_unique<RenderCore>(*equalizer_)),
-      worker_(std::make_unique<DecoderWorker>()) {}
+      equalizer_(std::make_unique<Equalizer>()),
+      core_(std::make_unique<RenderCore>(*equalizer_)) {
+    // In the body: alive_ is built after the initialisers run.
+    worker_ = std::make_unique<DecoderWorker>(
+        [post = post_, alive = std::weak_ptr<char>(alive_), self = this](std::string message) {
+            post([alive, self, message = std::move(message)] {
+                if (alive.lock() && self->onError) self->onError(message);
+            });
+        });
+}
 
 AudioEngine::~AudioEngine() {
     onTrackEnd = nullptr;
@@ -279,6 +493,7 @@ void AudioEngine::bumpGeneration() {
 
 void AudioEngine::stopStep() {
     bumpGeneration();
+    catchUpJoins(); // a join already heard belongs to the new track
     if (isPlaying_) stoppedAt_ = currentTime();
     if (segment_) {
         core_->detach();
@@ -286,10 +501,15 @@ void AudioEngine::stopStep() {
         worker_->assign(nullptr);
         segment_.reset();
     }
+    segmentOrigin_ = 0;
+    appliedJoins_ = 0;
+    // The dropped ring had already gone on into the prepared track: open it afresh.
+    if (prepared_ && prepared_->claim.load() == Prepared::byDecoder)
+        setPrepared(makePrepared(prepared_->path));
     isPlaying_ = false;
 }
 
-AudioFormatInfo AudioEngine::load(const std::string& path) {
+AudioEngine::LoadedFile AudioEngine::openFile(const std::string& path) {
     auto decoder = std::make_shared<AudioDecoder>(path);
     int64_t frames = decoder->frames();
     bool exact = decoder->lengthIsExact();
@@ -309,12 +529,133 @@ AudioFormatInfo AudioEngine::load(const std::string& path) {
     file.format = {decoder->sampleRate(), decoder->outputChannels()};
     file.info = AudioFormatInfo::describe(decoder->description(), path);
     file.decoder = std::move(decoder);
+    return file;
+}
+
+AudioFormatInfo AudioEngine::load(const std::string& path) {
+    // The prepared track, when that is the one asked for, is already open.
+    const bool usePrepared = prepared_ && prepared_->path == path &&
+                             prepared_->status.load(std::memory_order_acquire) == Prepared::ready &&
+                             prepared_->claimFor(Prepared::byOwner);
+    LoadedFile file = usePrepared ? prepared_->file : openFile(path);
 
     stopStep();
     connect(file.format);
+    setPrepared(nullptr);
     file_ = std::move(file);
     stoppedAt_ = 0;
+    ++loadCount_;
     return file_->info;
+}
+
+std::shared_ptr<AudioEngine::Prepared> AudioEngine::makePrepared(const std::string& path) {
+    auto p = std::make_shared<Prepared>();
+    p->path = path;
+    p->post = post_;
+    p->onFailed = [alive = std::weak_ptr<char>(alive_), self = this,
+                   weak = std::weak_ptr<Prepared>(p)] {
+        if (alive.lock())
+            if (auto prepared = weak.lock()) self->preparedFailed(prepared);
+    };
+    return p;
+}
+
+void AudioEngine::setPrepared(std::shared_ptr<Prepared> prepared) {
+    prepared_ = std::move(prepared);
+    worker_->prepare(prepared_);
+}
+
+void AudioEngine::prepareNext(std::optional<std::string> path) {
+    if (prepared_ && path && prepared_->path == *path &&
+        prepared_->claim.load() != Prepared::byOwner &&
+        prepared_->status.load() != Prepared::failed)
+        return;
+    catchUpJoins();
+    const bool inRing = prepared_ && prepared_->claim.load() == Prepared::byDecoder;
+    setPrepared(path ? makePrepared(*path) : nullptr);
+    if (inRing && isPlaying_) {
+        // The ring already holds the start of the track no longer wanted: decode
+        // the rest of the current one again from where the listener is.
+        const double at = currentTime();
+        stopStep();
+        stoppedAt_ = at;
+        play();
+    }
+}
+
+void AudioEngine::preparedFailed(const std::shared_ptr<Prepared>& prepared) {
+    if (prepared == prepared_ && onNextFailed) {
+        auto callback = onNextFailed;
+        callback(prepared->path);
+    }
+}
+
+void AudioEngine::announceJoin(const std::string& path) {
+    post_([alive = std::weak_ptr<char>(alive_), self = this, path, loads = loadCount_] {
+        if (alive.lock() && self->loadCount_ == loads && self->onTrackJoined)
+            self->onTrackJoined(path);
+    });
+}
+
+void AudioEngine::progressArrived(int64_t generation) {
+    if (generation == generation_) catchUpJoins();
+}
+
+// Owner thread: moves the current file on past every join the listener has heard,
+// and takes the real length of a file once its end has been decoded.
+void AudioEngine::catchUpJoins() {
+    if (!segment_ || !file_) return;
+    const int64_t base = segment_->deviceBase.load(std::memory_order_acquire);
+    const int64_t heard = output_ && base >= 0 ? output_->playedFrames() - base : -1;
+    std::vector<std::string> joined;
+    bool lengthLearnt = false;
+    {
+        std::lock_guard lock(segment_->mutex);
+        auto& joins = segment_->joins;
+        while (appliedJoins_ < joins.size() && heard >= joins[appliedJoins_].offset) {
+            auto& j = joins[appliedJoins_++];
+            file_ = j.next->file;
+            segmentOrigin_ = j.offset;
+            segmentStart_ = 0;
+            if (prepared_ == j.next) prepared_.reset();
+            joined.push_back(file_->path);
+        }
+        const int64_t realEnd =
+            appliedJoins_ == 0 ? segment_->firstRealEnd : joins[appliedJoins_ - 1].realEnd;
+        if (!file_->exactLength && realEnd > 0) {
+            file_->frames = realEnd;
+            file_->exactLength = true;
+            lengthLearnt = true;
+        }
+    }
+    if (!joined.empty() && !prepared_) worker_->prepare(nullptr);
+    for (const auto& path : joined)
+        announceJoin(path);
+    if (lengthLearnt && joined.empty())
+        post_([alive = std::weak_ptr<char>(alive_), self = this] {
+            if (alive.lock() && self->onDurationChanged) self->onDurationChanged();
+        });
+}
+
+// The loaded file ended with a prepared track that could not join the ring (another
+// rate or channel count, or prepared too late): reopen the output for it and go on.
+bool AudioEngine::adoptPrepared() {
+    if (!prepared_ || prepared_->status.load(std::memory_order_acquire) != Prepared::ready ||
+        !prepared_->claimFor(Prepared::byOwner))
+        return false;
+    auto p = std::move(prepared_);
+    setPrepared(nullptr);
+    file_ = p->file;
+    stoppedAt_ = 0;
+    announceJoin(file_->path);
+    try {
+        connect(file_->format);
+    } catch (const std::exception&) {
+        if (output_) output_->stop();
+        return true;
+    }
+    play();
+    return true;
 }
 
 void AudioEngine::connect(const OutputFormat& format) {
@@ -365,18 +706,25 @@ void AudioEngine::play() {
         return;
     }
     segmentStart_ = startFrame;
+    segmentOrigin_ = 0;
+    appliedJoins_ = 0;
     const auto ch = static_cast<std::size_t>(file_->format.channels);
     const auto ringFrames = std::max(static_cast<std::size_t>(ringSeconds * rate), minRingFrames);
     auto seg = std::make_shared<Segment>(ringFrames * ch);
     seg->startFrame = startFrame;
     // A guessed length must not cut the end off: then the data decides where it ends.
     seg->endFrame = file_->exactLength ? file_->frames : std::numeric_limits<int64_t>::max();
+    seg->exactLength = file_->exactLength;
+    seg->format = file_->format;
     seg->channels = file_->format.channels;
     seg->decoder = file_->decoder;
     seg->output = output_;
     seg->post = post_;
     seg->onFinished = [alive = std::weak_ptr<char>(alive_), self = this, gen = generation_] {
         if (alive.lock()) self->completionArrived(gen);
+    };
+    seg->onProgress = [alive = std::weak_ptr<char>(alive_), self = this, gen = generation_] {
+        if (alive.lock()) self->progressArrived(gen);
     };
     segment_ = seg;
     core_->attach(seg.get());
@@ -395,6 +743,7 @@ void AudioEngine::completionArrived(int64_t generation) {
 void AudioEngine::finishTrack() {
     stopStep();
     stoppedAt_ = file_ ? duration() : 0;
+    if (adoptPrepared()) return;
     // Nothing more to play: let the device rest until the next play.
     if (output_) output_->stop();
     if (onTrackEnd) {
@@ -421,6 +770,7 @@ void AudioEngine::seek(double seconds) {
 
 void AudioEngine::unload() {
     stopStep();
+    setPrepared(nullptr);
     file_.reset();
     stoppedAt_ = 0;
 }
@@ -443,6 +793,11 @@ double AudioEngine::duration() const {
     return static_cast<double>(file_->frames) / file_->format.sampleRate;
 }
 
+std::optional<AudioFormatInfo> AudioEngine::formatInfo() const {
+    if (!file_) return std::nullopt;
+    return file_->info;
+}
+
 double AudioEngine::currentTime() const {
     if (!file_ || !isPlaying_ || !segment_ || !output_) return stoppedAt_;
     int64_t sampleTime = 0;
@@ -452,7 +807,8 @@ double AudioEngine::currentTime() const {
         const int64_t consumed = segment_->consumed.load(std::memory_order_acquire);
         sampleTime = std::clamp<int64_t>(played - base, 0, consumed);
     }
-    const double t = static_cast<double>(segmentStart_ + sampleTime) / file_->format.sampleRate;
+    const int64_t inFile = segmentStart_ + std::max<int64_t>(sampleTime - segmentOrigin_, 0);
+    const double t = static_cast<double>(inFile) / file_->format.sampleRate;
     return std::min(t, duration());
 }
 

@@ -27,6 +27,12 @@ public:
 // come back from other threads (end of a segment, device changes) are handed to the
 // `Poster`, which must run them on the owner's thread; a generation counter makes
 // an end-of-segment notice that arrives after a stop, pause, seek or load stale.
+//
+// Gapless: the owner names the track that follows (`prepareNext`); the decoder
+// thread opens it ahead of time and, when the current file ends, goes on decoding
+// it into the same ring. The engine switches its current file when the output has
+// played the first frame of the new one and tells the owner (`onTrackJoined`). A
+// next track in another format is started by reopening the output instead.
 class AudioEngine {
 public:
     using Task = std::function<void()>;
@@ -39,8 +45,17 @@ public:
     AudioEngine& operator=(const AudioEngine&) = delete;
 
     Equalizer& equalizer() { return *equalizer_; }
-    // Called once each time a track plays to its end by itself.
+    // Called once each time a track plays to its end by itself and nothing prepared
+    // follows it.
     std::function<void()> onTrackEnd;
+    // Playback moved on to the prepared track, which is now the loaded file.
+    std::function<void(const std::string& path)> onTrackJoined;
+    // The prepared track could not be opened (once per prepareNext).
+    std::function<void(const std::string& path)> onNextFailed;
+    // The real length of the loaded file became known (its length was a guess).
+    std::function<void()> onDurationChanged;
+    // Something went wrong on the decoder thread; a message for the user.
+    std::function<void(const std::string& message)> onError;
 
     // Opens the file and connects the output for its rate and channel count; does
     // not start playback. Throws (AudioDecodeError, AudioEngineError) leaving the
@@ -50,6 +65,9 @@ public:
     void pause();
     void seek(double seconds);
     void unload();
+    // The track to play after the loaded one ends (none: stop there). Opened on the
+    // decoder thread; asking for the same path again keeps what is already open.
+    void prepareNext(std::optional<std::string> path);
     // The output device changed (or its stream died): rebuild it and carry on
     // from the same position.
     void recoverFromConfigurationChange();
@@ -58,6 +76,8 @@ public:
     bool isPlaying() const { return isPlaying_; }
     bool hasFile() const { return file_.has_value(); }
     double duration() const;
+    std::string currentPath() const { return file_ ? file_->path : std::string(); }
+    std::optional<AudioFormatInfo> formatInfo() const;
 
     // Output gain 0…1, applied with a short ramp.
     void setVolume(float volume);
@@ -71,6 +91,7 @@ public:
     bool waitUntilBuffered(std::chrono::milliseconds timeout) const;
 
     struct Segment;
+    struct Prepared;
     class RenderCore;
     class DecoderWorker;
 
@@ -83,9 +104,17 @@ private:
         OutputFormat format;
         AudioFormatInfo info;
     };
+    static LoadedFile openFile(const std::string& path);
 
     void stopStep();
     void finishTrack();
+    bool adoptPrepared();
+    void catchUpJoins();
+    void progressArrived(int64_t generation);
+    void preparedFailed(const std::shared_ptr<Prepared>& prepared);
+    void setPrepared(std::shared_ptr<Prepared> prepared);
+    std::shared_ptr<Prepared> makePrepared(const std::string& path);
+    void announceJoin(const std::string& path);
     void connect(const OutputFormat& format);
     void completionArrived(int64_t generation);
     void bumpGeneration();
@@ -100,7 +129,11 @@ private:
     std::shared_ptr<Segment> segment_;
     std::optional<LoadedFile> file_;
     std::optional<OutputFormat> connectedFormat_;
-    int64_t segmentStart_ = 0;
+    std::shared_ptr<Prepared> prepared_;
+    int64_t segmentStart_ = 0;  // file frame at segmentOrigin_
+    int64_t segmentOrigin_ = 0; // segment frame where the current file's part begins
+    std::size_t appliedJoins_ = 0;
+    int64_t loadCount_ = 0; // a join notice from before the latest load is stale
     double stoppedAt_ = 0;
     int64_t generation_ = 0;
     bool isPlaying_ = false;

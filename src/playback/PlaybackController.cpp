@@ -13,13 +13,78 @@ constexpr double endTolerance = 0.05;
 
 PlaybackController::PlaybackController(std::unique_ptr<AudioEngine> engine)
     : engine_(std::move(engine)), rng_(std::random_device{}()) {
-    engine_->onTrackEnd = [alive = std::weak_ptr<char>(alive_), self = this] {
+    std::weak_ptr<char> alive = alive_;
+    engine_->onTrackEnd = [alive, self = this] {
         if (alive.lock()) self->trackEnded();
+    };
+    engine_->onTrackJoined = [alive, self = this](const std::string& path) {
+        if (alive.lock()) self->joined(path);
+    };
+    engine_->onNextFailed = [alive, self = this](const std::string& path) {
+        if (alive.lock()) self->nextFailed(path);
+    };
+    engine_->onDurationChanged = [alive, self = this] {
+        if (!alive.lock()) return;
+        self->state_.duration = self->engine_->duration();
+        self->changed();
+    };
+    engine_->onError = [alive, self = this](const std::string& message) {
+        if (alive.lock() && self->onError) self->onError(message);
     };
 }
 
 PlaybackController::~PlaybackController() {
     engine_->onTrackEnd = nullptr;
+    engine_->onTrackJoined = nullptr;
+    engine_->onNextFailed = nullptr;
+    engine_->onDurationChanged = nullptr;
+    engine_->onError = nullptr;
+}
+
+std::optional<Track> PlaybackController::trackFor(const std::string& path) const {
+    std::optional<Track> track = lookup ? lookup(path) : std::nullopt;
+    if (!track) track = Track::read(path);
+    return track;
+}
+
+// Names the track that follows the current one to the engine, which opens it ahead.
+void PlaybackController::prepareFollowing() {
+    failedAhead_ = 0;
+    preparedAt_ = queue_.following(queue_.position, true);
+    engine_->prepareNext(queue_.pathAt(preparedAt_));
+}
+
+// The prepared track is now the one heard: the queue moves on once, and elapsed
+// time starts again from zero.
+void PlaybackController::joined(const std::string& path) {
+    if (queue_.pathAt(preparedAt_) == path) queue_.position = preparedAt_;
+    auto track = trackFor(path);
+    if (!track) {
+        track.emplace();
+        track->path = path;
+    }
+    state_.track = std::move(*track);
+    state_.format = engine_->formatInfo();
+    state_.duration = engine_->duration();
+    state_.isPlaying = engine_->isPlaying();
+    prepareFollowing();
+    changed();
+}
+
+void PlaybackController::nextFailed(const std::string& path) {
+    if (queue_.pathAt(preparedAt_) != path) return;
+    auto track = trackFor(path);
+    if (onError)
+        onError("No se pudo reproducir: " +
+                (track ? track->displayTitle() : std::string(Track::displayTitleOf(path, ""))));
+    // Skip it, as the user's next would; give up after a round of failures.
+    if (++failedAhead_ >= queue_.order.size()) {
+        preparedAt_.reset();
+    } else {
+        const auto skipped = queue_.following(preparedAt_, false);
+        preparedAt_ = skipped == preparedAt_ ? std::nullopt : skipped;
+    }
+    engine_->prepareNext(queue_.pathAt(preparedAt_));
 }
 
 void PlaybackController::changed() {
@@ -33,8 +98,7 @@ void PlaybackController::play(std::vector<std::string> paths, int startAt) {
 
 void PlaybackController::start(std::optional<std::string> path, std::size_t attemptsLeft) {
     while (path) {
-        std::optional<Track> track = lookup ? lookup(*path) : std::nullopt;
-        if (!track) track = Track::read(*path);
+        std::optional<Track> track = trackFor(*path);
         if (!track) break;
         try {
             AudioFormatInfo info = engine_->load(track->path);
@@ -43,6 +107,7 @@ void PlaybackController::start(std::optional<std::string> path, std::size_t atte
             state_.duration = engine_->hasFile() ? engine_->duration() : 0;
             engine_->play();
             state_.isPlaying = engine_->isPlaying();
+            prepareFollowing();
             changed();
             return;
         } catch (const std::exception&) {
@@ -52,7 +117,10 @@ void PlaybackController::start(std::optional<std::string> path, std::size_t atte
         path = queue_.advance(false);
         --attemptsLeft;
     }
-    state_.isPlaying = false;
+    // Nothing could be loaded: the old track must not go on behind a stopped screen.
+    engine_->unload();
+    state_ = PlaybackState{};
+    preparedAt_.reset();
     changed();
 }
 
@@ -65,7 +133,7 @@ void PlaybackController::resume() {
         }
         return;
     }
-    const bool restart = engine_->currentTime() >= state_.duration - endTolerance;
+    const bool restart = engine_->currentTime() >= engine_->duration() - endTolerance;
     if (restart) engine_->seek(0);
     engine_->play();
     state_.isPlaying = engine_->isPlaying();
@@ -75,7 +143,7 @@ void PlaybackController::resume() {
 
 void PlaybackController::pause() {
     engine_->pause();
-    state_.isPlaying = false;
+    state_.isPlaying = engine_->isPlaying();
     changed();
 }
 
@@ -119,20 +187,25 @@ void PlaybackController::refreshCurrentTrack() {
 }
 
 void PlaybackController::trackEnded() {
-    if (auto path = queue_.advance(true)) {
+    // The engine had nothing ready to go on with (the next track was named too late,
+    // or every one after it failed): load the prepared position the slow way.
+    queue_.position = preparedAt_;
+    if (auto path = queue_.currentPath()) {
         start(path, queue_.paths.size());
         return;
     }
-    state_.isPlaying = false;
+    state_.isPlaying = engine_->isPlaying();
     changed();
 }
 
 void PlaybackController::setShuffle(bool on) {
     queue_.setShuffle(on, rng_);
+    if (engine_->hasFile()) prepareFollowing();
 }
 
 void PlaybackController::setRepeatMode(RepeatMode mode) {
     queue_.repeatMode = mode;
+    if (engine_->hasFile()) prepareFollowing();
 }
 
 void PlaybackController::setVolume(float volume, bool muted) {

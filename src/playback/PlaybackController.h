@@ -15,8 +15,9 @@
 namespace trovan {
 
 // Turns a list of paths into continuous playback: keeps the queue, loads each
-// track into the engine, skips files that will not play, follows the end of each
-// track, and publishes a PlaybackState after every change. Owner's thread only.
+// track into the engine and names the one after it for a gapless join, skips files
+// that will not play, follows each join and end of track, and publishes a
+// PlaybackState after every change. Owner's thread only.
 class PlaybackController {
 public:
     explicit PlaybackController(std::unique_ptr<AudioEngine> engine);
@@ -57,11 +58,17 @@ public:
 private:
     void start(std::optional<std::string> path, std::size_t attemptsLeft);
     void changed();
+    std::optional<Track> trackFor(const std::string& path) const;
+    void prepareFollowing();
+    void joined(const std::string& path);
+    void nextFailed(const std::string& path);
 
     std::unique_ptr<AudioEngine> engine_;
     std::mt19937_64 rng_;
     PlaybackQueue queue_;
     PlaybackState state_;
+    std::optional<int> preparedAt_; // queue position of the track named to the engine
+    std::size_t failedAhead_ = 0;   // prepared tracks that failed since the last one played
     std::shared_ptr<char> alive_ = std::make_shared<char>(0);
 };
 
