@@ -598,12 +598,14 @@ void AudioEngine::announceJoin(const std::string& path) {
 }
 
 void AudioEngine::progressArrived(int64_t generation) {
-    if (generation == generation_) catchUpJoins();
+    if (generation == generation_) catchUpJoins(true);
 }
 
 // Owner thread: moves the current file on past every join the listener has heard,
-// and takes the real length of a file once its end has been decoded.
-void AudioEngine::catchUpJoins() {
+// and takes the real length of a file once its end has been decoded. The owner
+// hears of a join at once when this runs for a notice from the decoder thread, else
+// (in the middle of one of its own calls) through the poster.
+void AudioEngine::catchUpJoins(bool deliverNow) {
     if (!segment_ || !file_) return;
     const int64_t base = segment_->deviceBase.load(std::memory_order_acquire);
     const int64_t heard = output_ && base >= 0 ? output_->playedFrames() - base : -1;
@@ -629,8 +631,14 @@ void AudioEngine::catchUpJoins() {
         }
     }
     if (!joined.empty() && !prepared_) worker_->prepare(nullptr);
-    for (const auto& path : joined)
-        announceJoin(path);
+    for (const auto& path : joined) {
+        if (!deliverNow) {
+            announceJoin(path);
+        } else if (onTrackJoined) {
+            auto callback = onTrackJoined; // the handler may replace it
+            callback(path);
+        }
+    }
     if (lengthLearnt && joined.empty())
         post_([alive = std::weak_ptr<char>(alive_), self = this] {
             if (alive.lock() && self->onDurationChanged) self->onDurationChanged();
@@ -741,6 +749,7 @@ void AudioEngine::completionArrived(int64_t generation) {
 }
 
 void AudioEngine::finishTrack() {
+    catchUpJoins(true); // the owner hears of the last join before the end
     stopStep();
     stoppedAt_ = file_ ? duration() : 0;
     if (adoptPrepared()) return;
@@ -833,7 +842,15 @@ bool AudioEngine::waitUntilBuffered(std::chrono::milliseconds timeout) const {
         const auto ch = static_cast<std::size_t>(seg->channels);
         const std::size_t enough =
             std::min<std::size_t>(2 * minWriteFrames, seg->ring.capacity() / ch - minWriteFrames);
-        if (seg->eof.load() || seg->ring.readable() / ch >= enough) return true;
+        bool joinUnannounced = false;
+        if (output_ && seg->deviceBase.load() >= 0) {
+            const int64_t heard = output_->playedFrames() - seg->deviceBase.load();
+            std::lock_guard lock(seg->mutex);
+            for (const auto& j : seg->joins)
+                joinUnannounced = joinUnannounced || (!j.posted && heard >= j.offset);
+        }
+        if (!joinUnannounced && (seg->eof.load() || seg->ring.readable() / ch >= enough))
+            return true;
         if (std::chrono::steady_clock::now() > deadline) return false;
         std::this_thread::sleep_for(std::chrono::microseconds(200));
     }

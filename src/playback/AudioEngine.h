@@ -86,8 +86,8 @@ public:
     // "cubeb", "null", or "" before the first load.
     std::string outputKind() const;
     // Blocks until the decoder is at least two thousand frames ahead of the output
-    // or has reached the end of the current segment (tests and benchmarks that
-    // drive a virtual clock).
+    // or has reached the end of the current segment, and has announced every join
+    // already played (tests and benchmarks that drive a virtual clock).
     bool waitUntilBuffered(std::chrono::milliseconds timeout) const;
 
     struct Segment;
@@ -109,7 +109,7 @@ private:
     void stopStep();
     void finishTrack();
     bool adoptPrepared();
-    void catchUpJoins();
+    void catchUpJoins(bool deliverNow = false);
     void progressArrived(int64_t generation);
     void preparedFailed(const std::shared_ptr<Prepared>& prepared);
     void setPrepared(std::shared_ptr<Prepared> prepared);

@@ -161,6 +161,87 @@ TEST_F(AudioEngineTest, FailedLoadKeepsTheCurrentFileAndUnloadStops) {
     EXPECT_EQ(engine.currentTime(), 0.0);
 }
 
+// A recording cut into tracks comes out whole: the decoder goes on into each prepared
+// track with no frame lost or doubled (encoder delay and padding trimmed for the lossy
+// codecs), and each join is announced with elapsed time counted from its own frame.
+TEST_F(AudioEngineTest, CutRecordingPlaysBackWholeAcrossJoins) {
+    struct Album {
+        const char* name;
+        std::vector<std::pair<std::string, std::string>> tracks; // extension, ffmpeg options
+        int rate;
+        double tolerance; // against the recording, per sample
+    };
+    const std::string flac = "-c:a flac -sample_fmt s16 -f flac";
+    const std::vector<Album> albums = {
+        {"sin pérdida", {{"flac", flac}, {"wav", "-c:a pcm_s16le -f wav"}, {"flac", flac}}, 44100,
+         1e-4},
+        // Each lossy track starts with a few milliseconds its decoder cannot rebuild exactly.
+        {"mp3", std::vector(3, std::pair<std::string, std::string>{"mp3", "-c:a libmp3lame -b:a 192k -f mp3"}), 44100, 0.08},
+        {"aac", std::vector(3, std::pair<std::string, std::string>{"m4a", "-c:a aac -b:a 192k -movie_timescale 44100 -f ipod"}), 44100, 0.08},
+        {"opus", std::vector(3, std::pair<std::string, std::string>{"opus", "-c:a libopus -b:a 128k -f opus"}), 48000, 0.08},
+    };
+    for (const auto& album : albums) {
+        SCOPED_TRACE(album.name);
+        fixtures::TempDir dir;
+        const int rate = album.rate;
+        const std::vector<int64_t> cuts = {rate / 10, rate * 7 / 10 + 13, rate * 3 / 2 + 7,
+                                           rate * 2 + 111};
+        std::vector<std::string> paths;
+        for (std::size_t i = 0; i + 1 < cuts.size(); ++i)
+            paths.push_back(testing::CutAlbum::write(
+                dir.path(), std::to_string(i) + "." + album.tracks[i].first, album.tracks[i].second,
+                cuts[i], cuts[i + 1], rate));
+
+        std::vector<std::string> joined;
+        std::vector<int64_t> joinFrames;
+        engine.onTrackJoined = [&](const std::string& path) {
+            joined.push_back(path);
+            joinFrames.push_back(outputs.current->playedFrames() -
+                                 std::llround(engine.currentTime() * rate));
+            const std::size_t next = joined.size() + 1;
+            engine.prepareNext(next < paths.size() ? std::optional(paths[next]) : std::nullopt);
+        };
+        ended = 0;
+        engine.load(paths[0]);
+        engine.prepareNext(paths[1]);
+        engine.play();
+        const int64_t start = outputs.current->playedFrames();
+        std::vector<float> heard; // left channel
+        while (ended == 0 && heard.size() < static_cast<std::size_t>(cuts.back() + rate)) {
+            ASSERT_TRUE(engine.waitUntilBuffered(std::chrono::seconds(20)));
+            outputs.current->advance(512);
+            auto block = outputs.current->lastBlock();
+            for (std::size_t i = 0; i < block.size(); i += 2)
+                heard.push_back(block[i]);
+            tasks.runPending();
+        }
+        tasks.runPending();
+        ASSERT_EQ(ended, 1);
+        EXPECT_EQ(joined, std::vector(paths.begin() + 1, paths.end()));
+        for (auto& f : joinFrames)
+            f += cuts[0] - start;
+        EXPECT_EQ(joinFrames, std::vector(cuts.begin() + 1, cuts.end() - 1));
+
+        double worstError = 0, worstStep = 0;
+        int64_t worstAt = 0;
+        const int64_t length = cuts.back() - cuts[0];
+        for (int64_t n = 0; n < length; ++n) {
+            const double error = std::abs(heard[static_cast<std::size_t>(n)] -
+                                          testing::CutAlbum::sample(cuts[0] + n, rate));
+            if (error > worstError) worstError = error, worstAt = n;
+            if (n > 0)
+                worstStep = std::max<double>(worstStep, std::abs(heard[static_cast<std::size_t>(n)] -
+                                                                 heard[static_cast<std::size_t>(n - 1)]));
+        }
+        EXPECT_LE(worstError, album.tolerance) << "at frame " << worstAt;
+        EXPECT_LE(worstStep, testing::CutAlbum::maxStep(rate) + 2 * album.tolerance);
+        // Silence once the last track has ended: nothing was played twice.
+        for (auto n = static_cast<std::size_t>(length); n < heard.size(); ++n)
+            ASSERT_EQ(heard[n], 0.0f) << "frame " << n;
+        engine.onTrackJoined = nullptr;
+    }
+}
+
 // Damaged files (generated ones, and the real-world corpus when it is there) either play
 // for a second or fail to load; nothing may crash, hang or spin.
 TEST_F(AudioEngineTest, EveryDamagedFilePlaysOrFailsCleanly) {

@@ -251,9 +251,19 @@ public:
             frames = av_rescale_q(st->duration, st->time_base, perFrame);
         else if (impl_->format->duration != AV_NOPTS_VALUE && impl_->format->duration > 0)
             frames = av_rescale_q(impl_->format->duration, AVRational{1, AV_TIME_BASE}, perFrame);
+        // The decoder drops the encoder's priming samples (Opus pre-skip, an MP3's
+        // LAME delay) and trailing padding; the container's length still counts them.
+        bool padded = false;
+        if (par->initial_padding > 0 && impl_->startTime <= 0) {
+            frames -= av_rescale(par->initial_padding, impl_->rate,
+                                 par->sample_rate > 0 ? par->sample_rate : impl_->rate);
+        } else if (impl_->startTime > 0) {
+            frames -= av_rescale_q(impl_->startTime, st->time_base, perFrame);
+            padded = par->codec_id == AV_CODEC_ID_MP3; // its end padding is only known once decoded
+        }
         out.frames = std::max<int64_t>(frames, 0);
         out.lengthIsExact =
-            impl_->format->duration_estimation_method != AVFMT_DURATION_FROM_BITRATE;
+            !padded && impl_->format->duration_estimation_method != AVFMT_DURATION_FROM_BITRATE;
     }
 
     bool seek(int64_t frame) override {
