@@ -203,5 +203,52 @@ TEST_F(PlaybackControllerTest, ShuffleTogglePlayVolumeAndTagRefresh) {
     EXPECT_FLOAT_EQ(engine().volume(), 1.0f);
 }
 
+// Playing on through joins: each one moves the queue once and restarts elapsed time; a
+// prepared track that will not open is reported once and skipped; repeat changes made
+// while the next track is already open are followed; a load that fails stops for real.
+TEST_F(PlaybackControllerTest, JoinsFollowTheQueueAndItsChanges) {
+    std::vector<std::string> album;
+    for (int i = 0; i < 3; ++i)
+        album.push_back(
+            add(testing::tone("join-" + std::to_string(i) + ".flac", {.seconds = 1}), "Corta"));
+    auto play = [&](double seconds) {
+        for (int i = 0; i < static_cast<int>(seconds * 100 + 0.5); ++i) {
+            advance(0.01);
+            tasks.runPending();
+        }
+    };
+    controller.play({album[0], broken("Rota"), album[1], album[2]}, 0);
+    ASSERT_TRUE(tasks.waitForTask()); // the decoder thread tried the next track at once
+    tasks.runPending();
+    EXPECT_EQ(errors, std::vector<std::string>{"No se pudo reproducir: Rota"});
+    play(1.05);
+    EXPECT_EQ(current(), album[1]);
+    EXPECT_EQ(controller.queue().position, 2);
+    EXPECT_NEAR(engine().currentTime(), 0.05, 1e-9);
+    EXPECT_TRUE(controller.state().isPlaying);
+    EXPECT_DOUBLE_EQ(controller.state().duration, 1.0);
+
+    controller.setRepeatMode(RepeatMode::one); // album[2] is already open: dropped
+    play(1.0);
+    EXPECT_EQ(current(), album[1]);
+    EXPECT_NEAR(engine().currentTime(), 0.05, 1e-9);
+    controller.setRepeatMode(RepeatMode::off);
+    play(1.0);
+    EXPECT_EQ(current(), album[2]);
+    EXPECT_EQ(controller.queue().position, 3);
+    play(1.0); // the end of the queue; its notice may still be on its way
+    if (controller.queue().position && tasks.waitForTask()) tasks.runPending();
+    EXPECT_FALSE(controller.queue().position);
+    EXPECT_FALSE(controller.state().isPlaying);
+    EXPECT_EQ(errors.size(), 1u);
+
+    // A failed load leaves nothing playing behind the screen.
+    controller.play(album, 0);
+    controller.play({broken("Otra")}, 0);
+    EXPECT_FALSE(engine().isPlaying());
+    EXPECT_FALSE(engine().hasFile());
+    EXPECT_FALSE(controller.state().track);
+}
+
 } // namespace
 } // namespace trovan
