@@ -67,6 +67,8 @@ struct AudioEngine::Prepared {
     std::atomic<int> claim{free};
     Poster post;
     Task onFailed;
+    Task onReady;   // posted once opened, when set
+    Task alsoThere; // run here once opened, when set
 
     bool claimFor(Claim who) {
         int expected = free;
@@ -77,7 +79,9 @@ struct AudioEngine::Prepared {
         try {
             file = AudioEngine::openFile(path);
             stamp = stampOf(path);
+            if (alsoThere) alsoThere();
             status.store(ready, std::memory_order_release);
+            if (post && onReady) post(onReady);
             return;
         } catch (const std::exception&) {
         } catch (...) {
@@ -548,6 +552,31 @@ AudioFormatInfo AudioEngine::load(const std::string& path) {
     return file_->info;
 }
 
+void AudioEngine::loadInBackground(const std::string& path, Task alsoThere, LoadDone done) {
+    stopStep();
+    file_.reset();
+    stoppedAt_ = 0;
+    const int64_t request = ++loadCount_;
+    auto p = makePrepared(path);
+    p->alsoThere = std::move(alsoThere);
+    std::weak_ptr<char> alive = alive_;
+    p->onReady = [alive, self = this, request, done, path] {
+        if (!alive.lock() || request != self->loadCount_) return;
+        std::optional<AudioFormatInfo> info;
+        try {
+            info = self->load(path); // takes the prepared file
+        } catch (const std::exception&) {
+        }
+        done(info);
+    };
+    p->onFailed = [alive, self = this, request, done] {
+        if (!alive.lock() || request != self->loadCount_) return;
+        self->setPrepared(nullptr);
+        done(std::nullopt);
+    };
+    setPrepared(std::move(p));
+}
+
 std::shared_ptr<AudioEngine::Prepared> AudioEngine::makePrepared(const std::string& path) {
     auto p = std::make_shared<Prepared>();
     p->path = path;
@@ -565,14 +594,16 @@ void AudioEngine::setPrepared(std::shared_ptr<Prepared> prepared) {
     worker_->prepare(prepared_);
 }
 
-void AudioEngine::prepareNext(std::optional<std::string> path) {
+void AudioEngine::prepareNext(std::optional<std::string> path, Task alsoThere) {
     if (prepared_ && path && prepared_->path == *path &&
         prepared_->claim.load() != Prepared::byOwner &&
         prepared_->status.load() != Prepared::failed)
         return;
     catchUpJoins();
     const bool inRing = prepared_ && prepared_->claim.load() == Prepared::byDecoder;
-    setPrepared(path ? makePrepared(*path) : nullptr);
+    auto fresh = path ? makePrepared(*path) : nullptr;
+    if (fresh) fresh->alsoThere = std::move(alsoThere);
+    setPrepared(std::move(fresh));
     if (inRing && isPlaying_) {
         // The ring already holds the start of the track no longer wanted: decode
         // the rest of the current one again from where the listener is.
@@ -780,6 +811,7 @@ void AudioEngine::seek(double seconds) {
 void AudioEngine::unload() {
     stopStep();
     setPrepared(nullptr);
+    ++loadCount_;
     file_.reset();
     stoppedAt_ = 0;
 }

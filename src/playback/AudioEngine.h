@@ -61,13 +61,21 @@ public:
     // not start playback. Throws (AudioDecodeError, AudioEngineError) leaving the
     // engine as it was.
     AudioFormatInfo load(const std::string& path);
+    // The same without blocking: the current track stops and is unloaded at once,
+    // the file is opened on the decoder thread (then `alsoThere`, if given, runs
+    // there too), and `done` runs on the owner's thread with the format, or with
+    // nothing when the file cannot be played. A later load or unload makes a pending
+    // one stale: its `done` is never called.
+    using LoadDone = std::function<void(std::optional<AudioFormatInfo>)>;
+    void loadInBackground(const std::string& path, Task alsoThere, LoadDone done);
     void play();
     void pause();
     void seek(double seconds);
     void unload();
     // The track to play after the loaded one ends (none: stop there). Opened on the
-    // decoder thread; asking for the same path again keeps what is already open.
-    void prepareNext(std::optional<std::string> path);
+    // decoder thread, which then runs `alsoThere` if given; asking for the same path
+    // again keeps what is already open.
+    void prepareNext(std::optional<std::string> path, Task alsoThere = {});
     // The output device changed (or its stream died): rebuild it and carry on
     // from the same position.
     void recoverFromConfigurationChange();
@@ -133,7 +141,7 @@ private:
     int64_t segmentStart_ = 0;  // file frame at segmentOrigin_
     int64_t segmentOrigin_ = 0; // segment frame where the current file's part begins
     std::size_t appliedJoins_ = 0;
-    int64_t loadCount_ = 0; // a join notice from before the latest load is stale
+    int64_t loadCount_ = 0; // a join notice or background load from before the latest load is stale
     double stoppedAt_ = 0;
     int64_t generation_ = 0;
     bool isPlaying_ = false;

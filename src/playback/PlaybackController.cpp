@@ -41,29 +41,40 @@ PlaybackController::~PlaybackController() {
     engine_->onError = nullptr;
 }
 
-std::optional<Track> PlaybackController::trackFor(const std::string& path) const {
-    std::optional<Track> track = lookup ? lookup(path) : std::nullopt;
-    if (!track) track = Track::read(path);
-    return track;
+// What the library knows of a file, else the tags read with the prepared track, else
+// just its path: nothing is read from the disk here.
+Track PlaybackController::trackFor(const std::string& path) const {
+    if (auto known = lookup ? lookup(path) : std::nullopt) return std::move(*known);
+    if (preparedTrack_ && *preparedTrack_ && (*preparedTrack_)->path == path)
+        return **preparedTrack_;
+    Track bare;
+    bare.path = path;
+    return bare;
 }
 
 // Names the track that follows the current one to the engine, which opens it ahead.
 void PlaybackController::prepareFollowing() {
     failedAhead_ = 0;
     preparedAt_ = queue_.following(queue_.position, true);
-    engine_->prepareNext(queue_.pathAt(preparedAt_));
+    prepare();
+}
+
+void PlaybackController::prepare() {
+    auto path = queue_.pathAt(preparedAt_);
+    AudioEngine::Task alsoThere;
+    if (path && !(lookup && lookup(*path))) {
+        auto read = std::make_shared<std::optional<Track>>();
+        alsoThere = [read, p = *path] { *read = Track::read(p); };
+        preparedTrack_ = read;
+    }
+    engine_->prepareNext(path, std::move(alsoThere));
 }
 
 // The prepared track is now the one heard: the queue moves on once, and elapsed
 // time starts again from zero.
 void PlaybackController::joined(const std::string& path) {
     if (queue_.pathAt(preparedAt_) == path) queue_.position = preparedAt_;
-    auto track = trackFor(path);
-    if (!track) {
-        track.emplace();
-        track->path = path;
-    }
-    state_.track = std::move(*track);
+    state_.track = trackFor(path);
     state_.format = engine_->formatInfo();
     state_.duration = engine_->duration();
     state_.isPlaying = engine_->isPlaying();
@@ -73,10 +84,7 @@ void PlaybackController::joined(const std::string& path) {
 
 void PlaybackController::nextFailed(const std::string& path) {
     if (queue_.pathAt(preparedAt_) != path) return;
-    auto track = trackFor(path);
-    if (onError)
-        onError("No se pudo reproducir: " +
-                (track ? track->displayTitle() : std::string(Track::displayTitleOf(path, ""))));
+    if (onError) onError("No se pudo reproducir: " + trackFor(path).displayTitle());
     // Skip it, as the user's next would; give up after a round of failures.
     if (++failedAhead_ >= queue_.order.size()) {
         preparedAt_.reset();
@@ -84,7 +92,7 @@ void PlaybackController::nextFailed(const std::string& path) {
         const auto skipped = queue_.following(preparedAt_, false);
         preparedAt_ = skipped == preparedAt_ ? std::nullopt : skipped;
     }
-    engine_->prepareNext(queue_.pathAt(preparedAt_));
+    prepare();
 }
 
 void PlaybackController::changed() {
@@ -97,27 +105,64 @@ void PlaybackController::play(std::vector<std::string> paths, int startAt) {
 }
 
 void PlaybackController::start(std::optional<std::string> path, std::size_t attemptsLeft) {
-    while (path) {
-        std::optional<Track> track = trackFor(*path);
-        if (!track) break;
-        try {
-            AudioFormatInfo info = engine_->load(track->path);
-            state_.track = std::move(*track);
-            state_.format = info;
-            state_.duration = engine_->hasFile() ? engine_->duration() : 0;
-            engine_->play();
-            state_.isPlaying = engine_->isPlaying();
-            prepareFollowing();
-            changed();
-            return;
-        } catch (const std::exception&) {
-            if (onError) onError("No se pudo reproducir: " + track->displayTitle());
-        }
-        if (attemptsLeft < 2) break;
-        path = queue_.advance(false);
-        --attemptsLeft;
+    if (!path) {
+        stopWithNothing();
+        return;
     }
-    // Nothing could be loaded: the old track must not go on behind a stopped screen.
+    const std::string wanted = *path;
+    auto known = lookup ? lookup(wanted) : std::nullopt;
+    // A file the library does not know: its tags are read where the file is opened.
+    auto read = std::make_shared<std::optional<Track>>(known);
+    AudioEngine::Task alsoThere;
+    if (!known) alsoThere = [read, wanted] { *read = Track::read(wanted); };
+    const uint64_t request = ++startCount_;
+    loading_ = true;
+    playWhenLoaded_ = true;
+    if (!known) {
+        known.emplace();
+        known->path = wanted;
+    }
+    state_ = PlaybackState{std::move(known), false, std::nullopt, 0};
+    preparedAt_.reset();
+    engine_->loadInBackground(
+        wanted, std::move(alsoThere),
+        [alive = std::weak_ptr<char>(alive_), self = this, request, wanted, read,
+         attemptsLeft](std::optional<AudioFormatInfo> info) {
+            if (alive.lock() && request == self->startCount_)
+                self->started(wanted, std::move(info), std::move(*read), attemptsLeft);
+        });
+    changed();
+}
+
+void PlaybackController::started(const std::string& path, std::optional<AudioFormatInfo> info,
+                                 std::optional<Track> track, std::size_t attemptsLeft) {
+    loading_ = false;
+    if (!track) {
+        track.emplace();
+        track->path = path;
+    }
+    if (info) {
+        state_.track = std::move(*track);
+        state_.format = std::move(info);
+        state_.duration = engine_->duration();
+        if (playWhenLoaded_) engine_->play();
+        state_.isPlaying = engine_->isPlaying();
+        prepareFollowing();
+        changed();
+        return;
+    }
+    if (onError) onError("No se pudo reproducir: " + track->displayTitle());
+    if (attemptsLeft < 2) {
+        stopWithNothing();
+        return;
+    }
+    start(queue_.advance(false), attemptsLeft - 1);
+}
+
+// Nothing could be loaded: the old track must not go on behind a stopped screen.
+void PlaybackController::stopWithNothing() {
+    ++startCount_;
+    loading_ = false;
     engine_->unload();
     state_ = PlaybackState{};
     preparedAt_.reset();
@@ -125,7 +170,8 @@ void PlaybackController::start(std::optional<std::string> path, std::size_t atte
 }
 
 void PlaybackController::resume() {
-    if (!state_.track) return;
+    if (loading_) playWhenLoaded_ = true;
+    if (!state_.track || loading_) return;
     if (engine_->isPlaying()) {
         if (!state_.isPlaying) {
             state_.isPlaying = true;
@@ -142,20 +188,21 @@ void PlaybackController::resume() {
 }
 
 void PlaybackController::pause() {
+    if (loading_) playWhenLoaded_ = false;
     engine_->pause();
     state_.isPlaying = engine_->isPlaying();
     changed();
 }
 
 void PlaybackController::togglePlay() {
-    if (state_.isPlaying)
+    if (loading_ ? playWhenLoaded_ : state_.isPlaying)
         pause();
     else
         resume();
 }
 
 void PlaybackController::seek(double seconds) {
-    if (!state_.track) return;
+    if (!state_.track || loading_) return;
     engine_->seek(seconds);
     state_.isPlaying = engine_->isPlaying();
     changed();

@@ -104,6 +104,12 @@ protected:
         return controller.state().track ? controller.state().track->path : "";
     }
     void advance(double seconds) { testing::advanceSeconds(engine(), outputs, seconds); }
+    // Lets a load started in the background finish.
+    void settle() {
+        for (int i = 0; i < 100 && controller.loading(); ++i)
+            if (tasks.waitForTask()) tasks.runPending();
+        ASSERT_FALSE(controller.loading());
+    }
     AudioEngine& engine() { return controller.engine(); }
 
     fixtures::TempDir dir;
@@ -117,6 +123,7 @@ protected:
 
 TEST_F(PlaybackControllerTest, PlayStartsTheChosenTrackSkippingUnplayableOnes) {
     controller.play({good[0], broken("Rota"), good[2]}, 1);
+    settle();
     EXPECT_EQ(errors, std::vector<std::string>{"No se pudo reproducir: Rota"});
     EXPECT_EQ(current(), good[2]);
     EXPECT_TRUE(controller.state().isPlaying);
@@ -124,11 +131,13 @@ TEST_F(PlaybackControllerTest, PlayStartsTheChosenTrackSkippingUnplayableOnes) {
     EXPECT_EQ(controller.state().format.value().codec, "FLAC");
     changes = 0;
     controller.play(good, 7); // out of range: stops, with one notice
+    settle();
     EXPECT_FALSE(controller.state().isPlaying);
     EXPECT_EQ(changes, 1);
 
     controller.setRepeatMode(RepeatMode::one); // skipping never retries the same file
     controller.play({broken("Uno"), broken("Dos")}, 0);
+    settle();
     EXPECT_EQ(errors.size(), 3u);
     EXPECT_EQ(errors.back(), "No se pudo reproducir: Dos");
     EXPECT_FALSE(controller.state().isPlaying);
@@ -136,6 +145,7 @@ TEST_F(PlaybackControllerTest, PlayStartsTheChosenTrackSkippingUnplayableOnes) {
 
 TEST_F(PlaybackControllerTest, RepeatOffEndsTheQueueWithTheLastTrackLoaded) {
     controller.play(good, 2);
+    settle();
     engine().seek(4.9);
     advance(0.2);
     ASSERT_TRUE(tasks.waitForTask());
@@ -144,6 +154,7 @@ TEST_F(PlaybackControllerTest, RepeatOffEndsTheQueueWithTheLastTrackLoaded) {
     EXPECT_FALSE(controller.state().isPlaying);
     EXPECT_EQ(current(), good[2]);
     controller.next();
+    settle();
     EXPECT_FALSE(engine().isPlaying());
     controller.resume(); // after the end: from the start
     EXPECT_DOUBLE_EQ(engine().currentTime(), 0.0);
@@ -152,21 +163,26 @@ TEST_F(PlaybackControllerTest, RepeatOffEndsTheQueueWithTheLastTrackLoaded) {
 
 TEST_F(PlaybackControllerTest, PreviousRestartsAfterThreeSecondsAndRepeatOneReplays) {
     controller.play(good, 1);
+    settle();
     controller.seek(3.5);
     controller.previous(); // more than 3 s played: restarts instead
+    settle();
     EXPECT_EQ(current(), good[1]);
     EXPECT_DOUBLE_EQ(engine().currentTime(), 0.0);
     controller.seek(2.5);
     controller.previous();
+    settle();
     EXPECT_EQ(current(), good[0]);
     controller.seek(1.0);
     controller.previous(); // first track, repeat off: back to its start
+    settle();
     EXPECT_EQ(current(), good[0]);
     EXPECT_DOUBLE_EQ(engine().currentTime(), 0.0);
 
     controller.setRepeatMode(RepeatMode::one);
     advance(1.0);
     controller.trackEnded();
+    settle();
     EXPECT_EQ(current(), good[0]);
     EXPECT_DOUBLE_EQ(engine().currentTime(), 0.0);
     EXPECT_TRUE(controller.state().isPlaying);
@@ -177,6 +193,7 @@ TEST_F(PlaybackControllerTest, ShuffleTogglePlayVolumeAndTagRefresh) {
     controller.seek(1);
     EXPECT_FALSE(controller.state().track);
     controller.play(good, 1);
+    settle();
     advance(0.5);
     controller.setShuffle(true); // the current track keeps playing, where it was
     controller.setShuffle(false);
@@ -218,8 +235,8 @@ TEST_F(PlaybackControllerTest, JoinsFollowTheQueueAndItsChanges) {
         }
     };
     controller.play({album[0], broken("Rota"), album[1], album[2]}, 0);
-    ASSERT_TRUE(tasks.waitForTask()); // the decoder thread tried the next track at once
-    tasks.runPending();
+    settle();
+    if (errors.empty() && tasks.waitForTask()) tasks.runPending(); // the next track is tried at once
     EXPECT_EQ(errors, std::vector<std::string>{"No se pudo reproducir: Rota"});
     play(1.05);
     EXPECT_EQ(current(), album[1]);
@@ -245,6 +262,7 @@ TEST_F(PlaybackControllerTest, JoinsFollowTheQueueAndItsChanges) {
     // A failed load leaves nothing playing behind the screen.
     controller.play(album, 0);
     controller.play({broken("Otra")}, 0);
+    settle();
     EXPECT_FALSE(engine().isPlaying());
     EXPECT_FALSE(engine().hasFile());
     EXPECT_FALSE(controller.state().track);
