@@ -30,28 +30,20 @@ constexpr auto refillInterval = std::chrono::milliseconds(40);
 constexpr auto endWatchInterval = std::chrono::milliseconds(5);
 constexpr double volumeRampSeconds = 0.02;
 
-// What identifies a file's contents cheaply: a tag write or a replacement changes it.
-struct FileStampNow {
-    std::filesystem::file_time_type time{};
-    std::uintmax_t size = 0;
-    bool known = false;
-    bool operator==(const FileStampNow&) const = default;
-};
-
-FileStampNow stampOf(const std::string& path) {
-    std::error_code ec, ec2;
-    FileStampNow st;
-    st.time = std::filesystem::last_write_time(path, ec);
-    st.size = std::filesystem::file_size(path, ec2);
-    st.known = !ec && !ec2;
-    return st;
-}
-
 std::string fileName(const std::string& path) {
     return std::filesystem::path(path).filename().string();
 }
 
 } // namespace
+
+AudioEngine::FileStamp AudioEngine::FileStamp::of(const std::string& path) {
+    std::error_code timeError, sizeError;
+    FileStamp stamp;
+    stamp.modified = std::filesystem::last_write_time(path, timeError).time_since_epoch().count();
+    stamp.size = std::filesystem::file_size(path, sizeError);
+    stamp.known = !timeError && !sizeError;
+    return stamp;
+}
 
 // The track that follows the loaded one, opened on the decoder thread. Whoever
 // claims it first, the decoder thread (to join it into the ring) or the owner (to
@@ -61,8 +53,8 @@ struct AudioEngine::Prepared {
     enum Claim { free, byDecoder, byOwner };
 
     std::string path;
-    LoadedFile file;   // written before `status` becomes ready
-    FileStampNow stamp;
+    LoadedFile file; // written before `status` becomes ready
+    bool countLength = false;
     std::atomic<int> status{pending};
     std::atomic<int> claim{free};
     Poster post;
@@ -77,8 +69,7 @@ struct AudioEngine::Prepared {
     // Decoder thread. Never throws.
     void open() {
         try {
-            file = AudioEngine::openFile(path);
-            stamp = stampOf(path);
+            file = AudioEngine::openFile(path, countLength);
             if (alsoThere) alsoThere();
             status.store(ready, std::memory_order_release);
             if (post && onReady) post(onReady);
@@ -111,6 +102,7 @@ struct AudioEngine::Segment {
     int channels = 2;
     OutputFormat format;
     bool exactLength = true;
+    FileStamp stamp;
     std::shared_ptr<AudioDecoder> decoder;
     std::weak_ptr<AudioOutput> output;
     Task onFinished;
@@ -133,6 +125,7 @@ struct AudioEngine::Segment {
     bool started = false;
     bool finishedPosted = false;
     std::shared_ptr<AudioDecoder> source; // the file being decoded now
+    FileStamp sourceStamp;
     int64_t sourceEnd = 0;
     bool sourceExact = true;
     int64_t decodedTo = 0; // in the source's frames
@@ -353,11 +346,9 @@ private:
         if (p->status.load(std::memory_order_acquire) != Prepared::ready) return false;
         if (p->file.format != s.format || !p->claimFor(Prepared::byDecoder)) return false;
         // Rewritten since it was opened (a tag write, a replaced file): open it again.
-        auto now = stampOf(p->path);
-        if (now.known && p->stamp.known && !(now == p->stamp)) {
+        if (p->file.stamp.changedTo(FileStamp::of(p->path))) {
             try {
-                p->file = AudioEngine::openFile(p->path);
-                p->stamp = now;
+                p->file = AudioEngine::openFile(p->path, false);
             } catch (const std::exception&) {
                 p->status.store(Prepared::failed, std::memory_order_release);
                 if (p->post && p->onFailed) p->post(p->onFailed);
@@ -369,6 +360,7 @@ private:
             }
         }
         s.source = p->file.decoder;
+        s.sourceStamp = p->file.stamp;
         if (s.source->position() != 0) s.source->seek(0);
         s.sourceExact = p->file.exactLength;
         s.sourceEnd = s.sourceExact ? p->file.frames : std::numeric_limits<int64_t>::max();
@@ -376,6 +368,22 @@ private:
         std::lock_guard lock(s.mutex);
         s.joins.push_back({s.written, std::move(p)});
         return true;
+    }
+
+    // A tag write can rewrite the file being played in place, moving the audio under
+    // the open decoder: open it again and carry on from the same frame.
+    static void reopenIfRewritten(Segment& s) {
+        const auto now = FileStamp::of(s.source->path());
+        if (!s.sourceStamp.changedTo(now)) return;
+        s.sourceStamp = now; // once per change, whatever comes of it
+        try {
+            auto fresh = std::make_shared<AudioDecoder>(s.source->path());
+            if (fresh->sampleRate() != s.format.sampleRate ||
+                fresh->outputChannels() != s.format.channels || !fresh->seek(s.decodedTo))
+                return;
+            s.source = std::move(fresh);
+        } catch (const AudioDecodeError&) {
+        }
     }
 
     // The decoder reached the end of the current file: remember its real length
@@ -417,11 +425,13 @@ private:
         if (!s.started) {
             s.started = true;
             s.source = s.decoder;
+            s.sourceStamp = s.stamp;
             s.sourceEnd = s.endFrame;
             s.sourceExact = s.exactLength;
             if (s.decoder->position() != s.startFrame) s.decoder->seek(s.startFrame);
             s.decodedTo = s.startFrame;
         }
+        reopenIfRewritten(s);
         while (!s.eof.load(std::memory_order_relaxed) && !s.cancelled.load()) {
             std::size_t room = s.ring.writable() / ch;
             if (room < minWriteFrames) break;
@@ -431,6 +441,9 @@ private:
                           static_cast<std::size_t>(std::max<int64_t>(remaining, 0))});
             std::size_t n = want > 0 ? s.source->read(scratch.data(), want) : 0;
             if (n == 0) {
+                if (s.source->failed())
+                    report_("Datos dañados en " + fileName(s.source->path()) +
+                            ": se pasa a lo siguiente");
                 recordEnd(s);
                 if (!joinNext(s)) s.eof.store(true, std::memory_order_release);
                 continue;
@@ -513,11 +526,15 @@ void AudioEngine::stopStep() {
     isPlaying_ = false;
 }
 
-AudioEngine::LoadedFile AudioEngine::openFile(const std::string& path) {
+AudioEngine::LoadedFile AudioEngine::openFile(const std::string& path, bool countUnknownLength) {
+    const auto stamp = FileStamp::of(path); // before opening: a write after it shows
     auto decoder = std::make_shared<AudioDecoder>(path);
     int64_t frames = decoder->frames();
     bool exact = decoder->lengthIsExact();
-    if (frames <= 0) {
+    if (frames <= 0 && !countUnknownLength) {
+        frames = 0;
+        exact = false;
+    } else if (frames <= 0) {
         exact = true;
         // The container does not say how long it is: count by decoding once.
         AudioDecoder counter(path);
@@ -533,6 +550,7 @@ AudioEngine::LoadedFile AudioEngine::openFile(const std::string& path) {
     file.format = {decoder->sampleRate(), decoder->outputChannels()};
     file.info = AudioFormatInfo::describe(decoder->description(), path);
     file.decoder = std::move(decoder);
+    file.stamp = stamp;
     return file;
 }
 
@@ -559,6 +577,7 @@ void AudioEngine::loadInBackground(const std::string& path, Task alsoThere, Load
     const int64_t request = ++loadCount_;
     auto p = makePrepared(path);
     p->alsoThere = std::move(alsoThere);
+    p->countLength = true; // nothing plays meanwhile
     std::weak_ptr<char> alive = alive_;
     p->onReady = [alive, self = this, request, done, path] {
         if (!alive.lock() || request != self->loadCount_) return;
@@ -736,7 +755,7 @@ void AudioEngine::play() {
                             : product >= static_cast<double>(file_->frames)
                                 ? file_->frames
                                 : static_cast<int64_t>(product);
-    if (startFrame >= file_->frames) {
+    if (startFrame >= file_->frames && file_->frames > 0) { // 0: not known yet
         finishTrack();
         return;
     }
@@ -754,6 +773,7 @@ void AudioEngine::play() {
     // A guessed length must not cut the end off: then the data decides where it ends.
     seg->endFrame = file_->exactLength ? file_->frames : std::numeric_limits<int64_t>::max();
     seg->exactLength = file_->exactLength;
+    seg->stamp = file_->stamp;
     seg->format = file_->format;
     seg->channels = file_->format.channels;
     seg->decoder = file_->decoder;
@@ -850,7 +870,7 @@ double AudioEngine::currentTime() const {
     }
     const int64_t inFile = segmentStart_ + std::max<int64_t>(sampleTime - segmentOrigin_, 0);
     const double t = static_cast<double>(inFile) / file_->format.sampleRate;
-    return std::min(t, duration());
+    return file_->frames > 0 ? std::min(t, duration()) : t;
 }
 
 void AudioEngine::setVolume(float volume) {

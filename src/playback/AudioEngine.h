@@ -104,6 +104,15 @@ public:
     class DecoderWorker;
 
 private:
+    // What tells a rewritten file (a tag write, a replacement) from the one opened.
+    struct FileStamp {
+        int64_t modified = 0; // file clock ticks
+        uint64_t size = 0;
+        bool known = false;
+        bool operator==(const FileStamp&) const = default;
+        static FileStamp of(const std::string& path);
+        bool changedTo(const FileStamp& now) const { return known && now.known && !(now == *this); }
+    };
     struct LoadedFile {
         std::shared_ptr<AudioDecoder> decoder;
         std::string path;
@@ -111,8 +120,11 @@ private:
         bool exactLength = true;
         OutputFormat format;
         AudioFormatInfo info;
+        FileStamp stamp;
     };
-    static LoadedFile openFile(const std::string& path);
+    // Without `countUnknownLength` a file whose container gives no length is not
+    // decoded through to count it: its length is learnt when its end is decoded.
+    static LoadedFile openFile(const std::string& path, bool countUnknownLength = true);
 
     void stopStep();
     void finishTrack();

@@ -75,6 +75,7 @@ struct Impl {
     int64_t dropCount = 0;                                    // by count, after starting over
     bool flushing = false;
     bool finished = false;
+    bool broken = false; // gave up on undecodable data
     bool needsPreroll = false;
 
     void open(const std::string& path) {
@@ -171,7 +172,7 @@ struct Impl {
                 break;
             }
             if (r != AVERROR(EAGAIN)) {
-                if (++errors > maxConsecutiveErrors) finished = true;
+                if (++errors > maxConsecutiveErrors) finished = broken = true;
                 continue;
             }
             if (flushing) { // a decoder that wants input after the flush: nothing more to get
@@ -191,7 +192,7 @@ struct Impl {
             int s = avcodec_send_packet(codec.get(), packet.get());
             av_packet_unref(packet.get());
             if (s < 0 && s != AVERROR(EAGAIN)) {
-                if (++errors > maxConsecutiveErrors) finished = true;
+                if (++errors > maxConsecutiveErrors) finished = broken = true;
             } else {
                 errors = 0;
             }
@@ -326,6 +327,8 @@ public:
         impl_->dropCount = frame;
         return true;
     }
+
+    bool failed() const override { return impl_->broken; }
 
     std::size_t read(float* out, std::size_t maxFrames) override {
         Impl& d = *impl_;
