@@ -77,8 +77,9 @@ struct AudioEngine::Prepared {
         } catch (const std::exception&) {
         } catch (...) {
         }
-        status.store(failed, std::memory_order_release);
+        // The notice is queued before the status shows (waitUntilPrepared relies on it).
         if (post && onFailed) post(onFailed);
+        status.store(failed, std::memory_order_release);
     }
 };
 
@@ -906,6 +907,15 @@ bool AudioEngine::waitUntilBuffered(std::chrono::milliseconds timeout) const {
         if (std::chrono::steady_clock::now() > deadline) return false;
         std::this_thread::sleep_for(std::chrono::microseconds(200));
     }
+}
+
+bool AudioEngine::waitUntilPrepared(std::chrono::milliseconds timeout) const {
+    const auto deadline = std::chrono::steady_clock::now() + timeout;
+    while (prepared_ && prepared_->status.load() == Prepared::pending) {
+        if (std::chrono::steady_clock::now() > deadline) return false;
+        std::this_thread::sleep_for(std::chrono::microseconds(200));
+    }
+    return true;
 }
 
 } // namespace trovan

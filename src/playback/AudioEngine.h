@@ -97,6 +97,8 @@ public:
     // or has reached the end of the current segment, and has announced every join
     // already played (tests and benchmarks that drive a virtual clock).
     bool waitUntilBuffered(std::chrono::milliseconds timeout) const;
+    // Blocks until the decoder thread has tried to open the prepared track, if any.
+    bool waitUntilPrepared(std::chrono::milliseconds timeout) const;
 
     struct Segment;
     struct Prepared;

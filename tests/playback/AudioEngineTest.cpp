@@ -184,8 +184,9 @@ TEST_F(AudioEngineTest, CutRecordingPlaysBackWholeAcrossJoins) {
         SCOPED_TRACE(album.name);
         fixtures::TempDir dir;
         const int rate = album.rate;
-        const std::vector<int64_t> cuts = {rate / 10, rate * 7 / 10 + 13, rate * 3 / 2 + 7,
-                                           rate * 2 + 111};
+        // Each track longer than the ring, so that the next one is named in time.
+        const std::vector<int64_t> cuts = {rate / 10, rate * 11 / 10 + 13, rate * 22 / 10 + 7,
+                                           rate * 3 + 111};
         std::vector<std::string> paths;
         for (std::size_t i = 0; i + 1 < cuts.size(); ++i)
             paths.push_back(testing::CutAlbum::write(

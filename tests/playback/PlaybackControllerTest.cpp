@@ -268,5 +268,85 @@ TEST_F(PlaybackControllerTest, JoinsFollowTheQueueAndItsChanges) {
     EXPECT_FALSE(controller.state().track);
 }
 
+// Next tracks that are damaged, empty, deleted or rewritten after they were opened,
+// one track on repeat, and a run of short tracks: the stream goes on, and each file
+// that cannot play is reported once.
+TEST_F(PlaybackControllerTest, BadNextTracksNeverStopTheStream) {
+    auto second = testing::tone("bad-1s.flac", {.seconds = 1});
+    auto short1 = testing::tone("bad-short.flac", {.seconds = 0.6});
+    auto other = testing::tone("bad-other.flac", {.frequency = 880, .seconds = 0.4});
+    auto copy = [&](const std::string& name, const std::string& from) {
+        return add(fixtures::copyTo(from, dir.path(), name).string(), name);
+    };
+    std::vector<std::string> paths;
+    std::vector<std::string> heard; // each track as it becomes the current one
+    controller.onChange = [&] {
+        if (controller.state().isPlaying && (heard.empty() || heard.back() != current()))
+            heard.push_back(current());
+    };
+    auto play = [&](double seconds) {
+        for (int i = 0; i < static_cast<int>(seconds * 100 + 0.5); ++i) {
+            advance(0.01);
+            tasks.runPending();
+        }
+    };
+    auto prepared = [&] {
+        ASSERT_TRUE(engine().waitUntilPrepared(std::chrono::seconds(10)));
+        tasks.runPending();
+    };
+    const auto zero = add(
+        fixtures::writeBroken(dir.path(), "vacia.flac", fixtures::Broken::zeroBytes).string(),
+        "Vacía");
+    paths = {copy("a.flac", second), broken("Rota"), zero, copy("b.flac", second),
+             copy("c.flac", second)};
+    controller.play(paths, 0);
+    settle();
+    for (int i = 0; i < 3; ++i) // Rota, Vacía, then b opens
+        prepared();
+    EXPECT_EQ(errors, (std::vector<std::string>{"No se pudo reproducir: Rota",
+                                                "No se pudo reproducir: Vacía"}));
+    std::filesystem::remove(paths[3]); // open already: it still plays
+    play(1.1);
+    prepared();
+    std::filesystem::copy_file(other, paths[4], // rewritten in place: opened again
+                               std::filesystem::copy_options::overwrite_existing);
+    play(1.35);
+    if (controller.queue().position && tasks.waitForTask()) tasks.runPending(); // the end
+    EXPECT_EQ(heard, (std::vector<std::string>{paths[0], paths[3], paths[4]}));
+    EXPECT_DOUBLE_EQ(controller.state().duration, 0.4);
+    EXPECT_FALSE(controller.queue().position);
+    EXPECT_EQ(errors.size(), 2u);
+
+    // One track on repeat joins itself; a run of short tracks plays through (those
+    // shorter than the ring may take the slower way, reloading).
+    controller.setRepeatMode(RepeatMode::all);
+    controller.play({paths[0]}, 0);
+    settle();
+    int rounds = 0;
+    for (double last = 0; rounds < 3;) {
+        ASSERT_LT(outputs.current->playedFrames(), 44100 * 10) << "stalled";
+        play(0.01);
+        rounds += engine().currentTime() < last;
+        last = engine().currentTime();
+    }
+    EXPECT_EQ(current(), paths[0]);
+    EXPECT_TRUE(controller.state().isPlaying);
+    controller.setRepeatMode(RepeatMode::off);
+    std::vector<std::string> run;
+    for (int i = 0; i < 20; ++i)
+        run.push_back(copy("run" + std::to_string(i) + ".flac", short1));
+    heard.clear();
+    controller.play(run, 0);
+    settle();
+    for (int i = 0; i < 100000 && controller.queue().position; ++i) {
+        advance(0.01);
+        tasks.runPending();
+        std::this_thread::yield(); // a load or notice in flight may need the decoder thread
+    }
+    EXPECT_EQ(heard, run);
+    EXPECT_FALSE(controller.state().isPlaying);
+    EXPECT_EQ(errors.size(), 2u);
+}
+
 } // namespace
 } // namespace trovan
