@@ -455,7 +455,8 @@ private:
         }
         if (s.cancelled.load()) return milliseconds(0);
         const bool joinAhead = watchJoins(s);
-        if (!s.eof.load(std::memory_order_relaxed)) return joinAhead ? endWatchInterval : refillInterval;
+        if (!s.eof.load(std::memory_order_relaxed))
+            return joinAhead ? endWatchInterval : refillInterval;
         if (s.finishedPosted) return milliseconds(0);
         if (!s.drained.load(std::memory_order_acquire)) return endWatchInterval;
         auto output = s.output.lock();
@@ -478,8 +479,7 @@ private:
 
 AudioEngine::AudioEngine(Poster post, OutputFactory outputs)
     : post_(std::move(post)), outputs_(std::move(outputs)),
-      equalizer_(std::make_unique<Equalizer>()),
-      core_(std::make_unique<RenderCore>(*equalizer_)) {
+      equalizer_(std::make_unique<Equalizer>()), core_(std::make_unique<RenderCore>(*equalizer_)) {
     // In the body: alive_ is built after the initialisers run.
     worker_ = std::make_unique<DecoderWorker>(
         [post = post_, alive = std::weak_ptr<char>(alive_), self = this](std::string message) {

@@ -124,13 +124,13 @@ void PlaybackController::start(std::optional<std::string> path, std::size_t atte
     }
     state_ = PlaybackState{std::move(known), false, std::nullopt, 0};
     preparedAt_.reset();
-    engine_->loadInBackground(
-        wanted, std::move(alsoThere),
-        [alive = std::weak_ptr<char>(alive_), self = this, request, wanted, read,
-         attemptsLeft](std::optional<AudioFormatInfo> info) {
-            if (alive.lock() && request == self->startCount_)
-                self->started(wanted, std::move(info), std::move(*read), attemptsLeft);
-        });
+    engine_->loadInBackground(wanted, std::move(alsoThere),
+                              [alive = std::weak_ptr<char>(alive_), self = this, request, wanted,
+                               read, attemptsLeft](std::optional<AudioFormatInfo> info) {
+                                  if (alive.lock() && request == self->startCount_)
+                                      self->started(wanted, std::move(info), std::move(*read),
+                                                    attemptsLeft);
+                              });
     changed();
 }
 

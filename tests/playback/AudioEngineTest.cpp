@@ -172,13 +172,19 @@ TEST_F(AudioEngineTest, CutRecordingPlaysBackWholeAcrossJoins) {
         double tolerance; // against the recording, per sample
     };
     const std::string flac = "-c:a flac -sample_fmt s16 -f flac";
+    using Tracks = std::vector<std::pair<std::string, std::string>>;
+    auto three = [](const std::string& ext, const std::string& options) {
+        return Tracks(3, {ext, options});
+    };
     const std::vector<Album> albums = {
-        {"sin pérdida", {{"flac", flac}, {"wav", "-c:a pcm_s16le -f wav"}, {"flac", flac}}, 44100,
+        {"sin pérdida",
+         {{"flac", flac}, {"wav", "-c:a pcm_s16le -f wav"}, {"flac", flac}},
+         44100,
          1e-4},
         // Each lossy track starts with a few milliseconds its decoder cannot rebuild exactly.
-        {"mp3", std::vector(3, std::pair<std::string, std::string>{"mp3", "-c:a libmp3lame -b:a 192k -f mp3"}), 44100, 0.08},
-        {"aac", std::vector(3, std::pair<std::string, std::string>{"m4a", "-c:a aac -b:a 192k -movie_timescale 44100 -f ipod"}), 44100, 0.08},
-        {"opus", std::vector(3, std::pair<std::string, std::string>{"opus", "-c:a libopus -b:a 128k -f opus"}), 48000, 0.08},
+        {"mp3", three("mp3", "-c:a libmp3lame -b:a 192k -f mp3"), 44100, 0.08},
+        {"aac", three("m4a", "-c:a aac -b:a 192k -movie_timescale 44100 -f ipod"), 44100, 0.08},
+        {"opus", three("opus", "-c:a libopus -b:a 128k -f opus"), 48000, 0.08},
     };
     for (const auto& album : albums) {
         SCOPED_TRACE(album.name);
@@ -231,8 +237,9 @@ TEST_F(AudioEngineTest, CutRecordingPlaysBackWholeAcrossJoins) {
                                           testing::CutAlbum::sample(cuts[0] + n, rate));
             if (error > worstError) worstError = error, worstAt = n;
             if (n > 0)
-                worstStep = std::max<double>(worstStep, std::abs(heard[static_cast<std::size_t>(n)] -
-                                                                 heard[static_cast<std::size_t>(n - 1)]));
+                worstStep =
+                    std::max<double>(worstStep, std::abs(heard[static_cast<std::size_t>(n)] -
+                                                         heard[static_cast<std::size_t>(n - 1)]));
         }
         EXPECT_LE(worstError, album.tolerance) << "at frame " << worstAt;
         EXPECT_LE(worstStep, testing::CutAlbum::maxStep(rate) + 2 * album.tolerance);

@@ -100,7 +100,14 @@ struct CutAlbum {
                              const std::string& codec, int64_t from, int64_t to, int rate) {
         const std::string expr = "0.5*sin(2*PI*440*t+3*sin(2*PI*0.9*t))";
         std::vector<std::string> argv = {
-            "ffmpeg", "-nostdin", "-v", "error", "-y", "-f", "lavfi", "-i",
+            "ffmpeg",
+            "-nostdin",
+            "-v",
+            "error",
+            "-y",
+            "-f",
+            "lavfi",
+            "-i",
             "aevalsrc=exprs=" + expr + "|" + expr + ":s=" + std::to_string(rate) +
                 ":d=" + std::to_string(to / rate + 1),
             "-af",

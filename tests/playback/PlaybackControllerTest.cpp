@@ -236,7 +236,8 @@ TEST_F(PlaybackControllerTest, JoinsFollowTheQueueAndItsChanges) {
     };
     controller.play({album[0], broken("Rota"), album[1], album[2]}, 0);
     settle();
-    if (errors.empty() && tasks.waitForTask()) tasks.runPending(); // the next track is tried at once
+    if (errors.empty() && tasks.waitForTask())
+        tasks.runPending(); // the next track is tried at once
     EXPECT_EQ(errors, std::vector<std::string>{"No se pudo reproducir: Rota"});
     play(1.05);
     EXPECT_EQ(current(), album[1]);
@@ -294,9 +295,9 @@ TEST_F(PlaybackControllerTest, BadNextTracksNeverStopTheStream) {
         ASSERT_TRUE(engine().waitUntilPrepared(std::chrono::seconds(10)));
         tasks.runPending();
     };
-    const auto zero = add(
-        fixtures::writeBroken(dir.path(), "vacia.flac", fixtures::Broken::zeroBytes).string(),
-        "Vacía");
+    const auto zero =
+        add(fixtures::writeBroken(dir.path(), "vacia.flac", fixtures::Broken::zeroBytes).string(),
+            "Vacía");
     paths = {copy("a.flac", second), broken("Rota"), zero, copy("b.flac", second),
              copy("c.flac", second)};
     controller.play(paths, 0);
