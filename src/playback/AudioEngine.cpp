@@ -338,14 +338,27 @@ private:
     // Moves the segment on into the prepared track, if it can follow without a gap.
     bool joinNext(Segment& s) {
         std::shared_ptr<Prepared> p;
-        {
-            std::lock_guard lock(mutex_);
-            p = prepared_;
+        // The owner may name another track meanwhile (taking the old one back): look again.
+        for (int attempt = 0; attempt < 3; ++attempt) {
+            {
+                std::lock_guard lock(mutex_);
+                p = prepared_;
+            }
+            if (!p || s.cancelled.load()) return false;
+            if (p->status.load(std::memory_order_acquire) == Prepared::pending) p->open();
+            if (p->status.load(std::memory_order_acquire) != Prepared::ready ||
+                p->file.format != s.format)
+                return false;
+            if (p->claimFor(Prepared::byDecoder)) break;
+            if (p->claim.load() != Prepared::byOwner) return false;
+            p.reset();
         }
-        if (!p || s.cancelled.load()) return false;
-        if (p->status.load(std::memory_order_acquire) == Prepared::pending) p->open();
-        if (p->status.load(std::memory_order_acquire) != Prepared::ready) return false;
-        if (p->file.format != s.format || !p->claimFor(Prepared::byDecoder)) return false;
+        if (!p) return false;
+        // The owner cancels before it looks at the claim: one of the two sees the other.
+        if (s.cancelled.load()) {
+            p->claim.store(Prepared::free);
+            return false;
+        }
         // Rewritten since it was opened (a tag write, a replaced file): open it again.
         if (p->file.stamp.changedTo(FileStamp::of(p->path))) {
             try {
@@ -405,16 +418,15 @@ private:
         const int64_t base = s.deviceBase.load(std::memory_order_acquire);
         const int64_t heard = output && base >= 0 ? output->playedFrames() - base : -1;
         bool waiting = false, post = false;
-        {
-            std::lock_guard lock(s.mutex);
-            for (auto& j : s.joins) {
-                if (j.posted) continue;
-                if (heard >= j.offset)
-                    post = j.posted = true;
-                else
-                    waiting = true;
-            }
+        std::lock_guard lock(s.mutex);
+        for (auto& j : s.joins) {
+            if (j.posted) continue;
+            if (heard >= j.offset)
+                post = j.posted = true;
+            else
+                waiting = true;
         }
+        // Queued before `posted` can be seen (waitUntilBuffered relies on it).
         if (post) s.post(s.onProgress);
         return waiting;
     }
@@ -620,10 +632,14 @@ void AudioEngine::prepareNext(std::optional<std::string> path, Task alsoThere) {
         prepared_->status.load() != Prepared::failed)
         return;
     catchUpJoins();
-    const bool inRing = prepared_ && prepared_->claim.load() == Prepared::byDecoder;
     auto fresh = path ? makePrepared(*path) : nullptr;
     if (fresh) fresh->alsoThere = std::move(alsoThere);
-    setPrepared(std::move(fresh));
+    auto old = std::exchange(prepared_, nullptr);
+    setPrepared(
+        std::move(fresh)); // first: the decoder thread looks again when it loses the old one
+    // Taking the old one away from the decoder thread fails only when it is in the ring.
+    const bool inRing =
+        old && !old->claimFor(Prepared::byOwner) && old->claim.load() == Prepared::byDecoder;
     if (inRing && isPlaying_) {
         // The ring already holds the start of the track no longer wanted: decode
         // the rest of the current one again from where the listener is.

@@ -250,6 +250,43 @@ TEST_F(AudioEngineTest, CutRecordingPlaysBackWholeAcrossJoins) {
     }
 }
 
+// Pausing, seeking and renaming the next track while the ring already holds the start
+// of the next one: the listener hears exactly what was asked for.
+TEST_F(AudioEngineTest, ActionsAroundAJoinStayExact) {
+    const auto second = tone("engine-2s-880.flac", {.frequency = 880, .seconds = 2});
+    const auto third = tone("engine-1s.flac", {.seconds = 1});
+    std::vector<std::string> joined;
+    engine.onTrackJoined = [&](const std::string& path) { joined.push_back(path); };
+    auto playFor = [&](double seconds) {
+        for (int i = 0; i < static_cast<int>(seconds * 100 + 0.5); ++i) {
+            advance(0.01);
+            tasks.runPending();
+        }
+    };
+    engine.prepareNext(second);
+    engine.play();
+    playFor(1.8); // the next track is in the ring, not yet heard
+    engine.pause();
+    EXPECT_DOUBLE_EQ(engine.currentTime(), 1.8);
+    engine.play();
+    engine.seek(1.0); // back in the old track: it joins again later
+    playFor(1.1);
+    EXPECT_EQ(joined, std::vector<std::string>{second});
+    EXPECT_EQ(engine.currentPath(), second);
+    EXPECT_NEAR(engine.currentTime(), 0.1, 1e-9);
+    engine.prepareNext(flac); // named at the join, as the controller does
+    engine.seek(1.5);         // in the new track
+    EXPECT_NEAR(engine.currentTime(), 1.5, 1e-9);
+    playFor(0.4); // the first track again is in the ring; now the third is wanted instead
+    engine.prepareNext(third);
+    EXPECT_NEAR(engine.currentTime(), 1.9, 1e-9);
+    playFor(0.2);
+    EXPECT_EQ(joined, (std::vector<std::string>{second, third}));
+    EXPECT_NEAR(engine.currentTime(), 0.1, 1e-9);
+    EXPECT_DOUBLE_EQ(engine.duration(), 1.0);
+    engine.onTrackJoined = nullptr;
+}
+
 // Damaged files (generated ones, and the real-world corpus when it is there) either play
 // for a second or fail to load; nothing may crash, hang or spin.
 TEST_F(AudioEngineTest, EveryDamagedFilePlaysOrFailsCleanly) {
