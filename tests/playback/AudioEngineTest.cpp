@@ -287,6 +287,44 @@ TEST_F(AudioEngineTest, ActionsAroundAJoinStayExact) {
     engine.onTrackJoined = nullptr;
 }
 
+// A tag write that rewrites the playing file in place (a large picture moves the audio
+// further in) changes nothing that is heard: the decoder opens it again where it was.
+TEST_F(AudioEngineTest, RewritingThePlayingFileKeepsTheSoundExact) {
+    fixtures::TempDir dir;
+    const auto original = tone("engine-noise.flac", {.wave = fixtures::Wave::noise, .seconds = 4});
+    const auto plain = fixtures::copyTo(original, dir.path(), "playing.flac");
+    // The same FLAC frames behind a larger header: a picture added without re-encoding.
+    const auto picture = dir.path() / "cover.png"; // noise: some hundred kilobytes
+    const auto covered = dir.path() / "covered.flac";
+    ASSERT_EQ(fixtures::runProcess({"ffmpeg", "-nostdin", "-v", "error", "-f", "lavfi", "-i",
+                                    "nullsrc=s=256x256,geq=random(1)*255:128:128", "-frames:v", "1",
+                                    picture.string()})
+                  .status,
+              0);
+    ASSERT_EQ(fixtures::runProcess({"ffmpeg", "-nostdin", "-v", "error", "-i", original, "-i",
+                                    picture.string(), "-map", "0", "-map", "1", "-c", "copy",
+                                    "-disposition:v", "attached_pic", covered.string()})
+                  .status,
+              0);
+    AudioDecoder reference(original);
+    std::vector<float> all(176400 * 2);
+    ASSERT_EQ(reference.read(all.data(), 176400), 176400u);
+
+    engine.load(plain.string());
+    engine.play();
+    std::vector<float> heard;
+    for (int i = 0; i < 390; ++i) { // 3.9 s: past the decoder's read-ahead
+        if (i == 30)
+            std::filesystem::copy_file(covered, plain,
+                                       std::filesystem::copy_options::overwrite_existing);
+        advance(0.01);
+        auto block = outputs.current->lastBlock();
+        heard.insert(heard.end(), block.end() - 441 * 2, block.end());
+    }
+    for (std::size_t i = 0; i < heard.size(); ++i)
+        ASSERT_EQ(heard[i], all[i]) << "frame " << i / 2;
+}
+
 // Damaged files (generated ones, and the real-world corpus when it is there) either play
 // for a second or fail to load; nothing may crash, hang or spin.
 TEST_F(AudioEngineTest, EveryDamagedFilePlaysOrFailsCleanly) {
