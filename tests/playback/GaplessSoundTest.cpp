@@ -115,13 +115,14 @@ TEST_F(GaplessSoundTest, AlbumsPlayThroughWithoutGapsOrClicks) {
     using testing::CutAlbum;
     const std::string flac = "-c:a flac -sample_fmt s16 -f flac";
 
-    // Three FLAC tracks of one recording at the sink's rate: one unbroken sound.
-    const std::vector<int64_t> cuts = {4800, 4800 + 33333, 4800 + 73334, 4800 + 103334};
+    // Three FLAC tracks of one recording at the sink's rate: one unbroken sound. Each is
+    // longer than the decoder's read-ahead, so the next one is named well in time.
+    const std::vector<int64_t> cuts = {4800, 4800 + 62401, 4800 + 134403, 4800 + 182405};
     std::vector<std::string> album;
     for (std::size_t i = 0; i + 1 < cuts.size(); ++i)
         album.push_back(CutAlbum::write(dir.path(), "t" + std::to_string(i) + ".flac", flac,
                                         cuts[i], cuts[i + 1], sinkRate));
-    auto s = record(3.0, [&] { controller.play(album, 0); });
+    auto s = record(4.6, [&] { controller.play(album, 0); });
     auto [first, last] = soundSpan(s);
     ASSERT_LT(first, last) << "nothing was heard";
     EXPECT_NEAR(double(last + 1 - first), double(cuts.back() - cuts.front()), 48);
