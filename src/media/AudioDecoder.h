@@ -60,6 +60,8 @@ public:
 
     // Frame index of the next frame `read` will deliver.
     int64_t position() const { return position_; }
+    // True when reading stopped on damaged data rather than at the end of the stream.
+    bool failed() const;
 
 private:
     std::unique_ptr<DecoderStream> impl_; // from the codec module

@@ -53,6 +53,10 @@ bool AudioDecoder::seek(int64_t frame) {
     return impl_->seek(position_);
 }
 
+bool AudioDecoder::failed() const {
+    return impl_->failed();
+}
+
 std::size_t AudioDecoder::read(float* out, std::size_t maxFrames) {
     const std::size_t n = impl_->read(out, maxFrames);
     position_ += static_cast<int64_t>(n);

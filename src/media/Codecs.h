@@ -24,6 +24,7 @@ public:
     virtual ~DecoderStream() = default;
     virtual bool seek(int64_t frame) = 0; // frame >= 0
     virtual std::size_t read(float* out, std::size_t maxFrames) = 0;
+    virtual bool failed() const { return false; }
 };
 
 struct DecoderOpening {

@@ -9,9 +9,11 @@
 #include <cmath>
 #include <condition_variable>
 #include <exception>
+#include <filesystem>
 #include <limits>
 #include <mutex>
 #include <thread>
+#include <utility>
 #include <vector>
 
 namespace trovan {
@@ -28,7 +30,58 @@ constexpr auto refillInterval = std::chrono::milliseconds(40);
 constexpr auto endWatchInterval = std::chrono::milliseconds(5);
 constexpr double volumeRampSeconds = 0.02;
 
+std::string fileName(const std::string& path) {
+    return std::filesystem::path(path).filename().string();
+}
+
 } // namespace
+
+AudioEngine::FileStamp AudioEngine::FileStamp::of(const std::string& path) {
+    std::error_code timeError, sizeError;
+    FileStamp stamp;
+    stamp.modified = std::filesystem::last_write_time(path, timeError).time_since_epoch().count();
+    stamp.size = std::filesystem::file_size(path, sizeError);
+    stamp.known = !timeError && !sizeError;
+    return stamp;
+}
+
+// The track that follows the loaded one, opened on the decoder thread. Whoever
+// claims it first, the decoder thread (to join it into the ring) or the owner (to
+// load it, or to reopen the output for it), owns `file` from then on.
+struct AudioEngine::Prepared {
+    enum Status { pending, ready, failed };
+    enum Claim { free, byDecoder, byOwner };
+
+    std::string path;
+    LoadedFile file; // written before `status` becomes ready
+    bool countLength = false;
+    std::atomic<int> status{pending};
+    std::atomic<int> claim{free};
+    Poster post;
+    Task onFailed;
+    Task onReady;   // posted once opened, when set
+    Task alsoThere; // run here once opened, when set
+
+    bool claimFor(Claim who) {
+        int expected = free;
+        return claim.compare_exchange_strong(expected, who);
+    }
+    // Decoder thread. Never throws.
+    void open() {
+        try {
+            file = AudioEngine::openFile(path, countLength);
+            if (alsoThere) alsoThere();
+            status.store(ready, std::memory_order_release);
+            if (post && onReady) post(onReady);
+            return;
+        } catch (const std::exception&) {
+        } catch (...) {
+        }
+        // The notice is queued before the status shows (waitUntilPrepared relies on it).
+        if (post && onFailed) post(onFailed);
+        status.store(failed, std::memory_order_release);
+    }
+};
 
 // One scheduled stretch of the file, from `startFrame` to the end. Shared by the
 // owner, the decoder thread and (through a raw pointer, see RenderCore) the
@@ -36,14 +89,32 @@ constexpr double volumeRampSeconds = 0.02;
 struct AudioEngine::Segment {
     Segment(std::size_t ringSamples) : ring(ringSamples) {}
 
+    // A prepared file that the decoder went on into, `offset` frames after the
+    // segment's first frame.
+    struct Join {
+        int64_t offset = 0;
+        std::shared_ptr<Prepared> next;
+        int64_t realEnd = -1; // its length, once decoded to the end, when it was a guess
+        bool posted = false;
+    };
+
     int64_t startFrame = 0;
     int64_t endFrame = 0;
     int channels = 2;
+    OutputFormat format;
+    bool exactLength = true;
+    FileStamp stamp;
     std::shared_ptr<AudioDecoder> decoder;
     std::weak_ptr<AudioOutput> output;
     Task onFinished;
+    Task onProgress; // a join was heard or a real length learnt
     Poster post;
     SpscRing ring;
+
+    // Decoder thread writes, owner reads.
+    std::mutex mutex;
+    std::vector<Join> joins;
+    int64_t firstRealEnd = -1;
 
     std::atomic<bool> cancelled{false};
     std::atomic<bool> eof{false};        // every frame of the segment is in the ring
@@ -54,7 +125,12 @@ struct AudioEngine::Segment {
     // Decoder-thread only.
     bool started = false;
     bool finishedPosted = false;
-    int64_t decodedTo = 0;
+    std::shared_ptr<AudioDecoder> source; // the file being decoded now
+    FileStamp sourceStamp;
+    int64_t sourceEnd = 0;
+    bool sourceExact = true;
+    int64_t decodedTo = 0; // in the source's frames
+    int64_t written = 0;   // frames written since the segment began
 };
 
 // Runs on the output's real-time thread. Never locks, allocates or blocks.
@@ -158,11 +234,15 @@ private:
     float volumeStep_ = 0.001f;
 };
 
-// Keeps the current segment's ring topped up and notices when its last frame has
-// been heard. One thread for the engine's lifetime.
+// Keeps the current segment's ring topped up, goes on into the prepared track when
+// a file ends, and notices when joins and the last frame have been heard. One
+// thread for the engine's lifetime; nothing thrown on it escapes.
 class AudioEngine::DecoderWorker {
 public:
-    DecoderWorker() : thread_([this] { run(); }) {}
+    using Report = std::function<void(std::string)>;
+
+    explicit DecoderWorker(Report report)
+        : report_(std::move(report)), thread_([this] { run(); }) {}
     ~DecoderWorker() {
         {
             std::lock_guard lock(mutex_);
@@ -179,11 +259,29 @@ public:
         }
         wake_.notify_all();
     }
+    void prepare(std::shared_ptr<Prepared> p) {
+        std::shared_ptr<Prepared> old;
+        {
+            std::lock_guard lock(mutex_);
+            old = std::exchange(prepared_, std::move(p));
+        }
+        wake_.notify_all();
+    }
 
 private:
+    bool preparedPending() const {
+        return prepared_ && prepared_->status.load(std::memory_order_acquire) == Prepared::pending;
+    }
+
     void run() {
         std::shared_ptr<Segment> current;
-        std::vector<float> scratch(decodeChunkFrames * 2);
+        std::vector<float> scratch;
+        try {
+            scratch.resize(decodeChunkFrames * 2);
+        } catch (...) {
+            report_("Sin memoria para reproducir");
+            return;
+        }
         std::unique_lock lock(mutex_);
         while (!quit_) {
             if (next_ != current) {
@@ -198,64 +296,210 @@ private:
             if (current && !current->cancelled.load()) {
                 auto seg = current;
                 lock.unlock();
-                again = service(*seg, scratch);
+                again = guardedService(*seg, scratch);
                 lock.lock();
             }
+            // With the ring topped up, open the next track ahead of time.
+            if (!quit_ && next_ == current && preparedPending()) {
+                auto p = prepared_;
+                lock.unlock();
+                p->open();
+                p.reset();
+                lock.lock();
+                continue;
+            }
             if (quit_ || next_ != current) continue;
+            auto wakeUp = [&] { return quit_ || next_ != current || preparedPending(); };
             if (again.count() > 0)
-                wake_.wait_for(lock, again, [&] { return quit_ || next_ != current; });
+                wake_.wait_for(lock, again, wakeUp);
             else
-                wake_.wait(lock, [&] { return quit_ || next_ != current; });
+                wake_.wait(lock, wakeUp);
         }
     }
 
+    std::chrono::milliseconds guardedService(Segment& s, std::vector<float>& scratch) {
+        std::string failure;
+        try {
+            return service(s, scratch);
+        } catch (const std::exception& e) {
+            failure = e.what();
+        } catch (...) {
+        }
+        // End the segment here: what is in the ring still plays, then playback moves on.
+        const std::string name = s.source ? fileName(s.source->path()) : std::string();
+        s.eof.store(true, std::memory_order_release);
+        try {
+            report_("No se pudo seguir reproduciendo " + name);
+        } catch (...) {
+        }
+        return endWatchInterval;
+    }
+
+    // Moves the segment on into the prepared track, if it can follow without a gap.
+    bool joinNext(Segment& s) {
+        std::shared_ptr<Prepared> p;
+        // The owner may name another track meanwhile (taking the old one back): look again.
+        for (int attempt = 0; attempt < 3; ++attempt) {
+            {
+                std::lock_guard lock(mutex_);
+                p = prepared_;
+            }
+            if (!p || s.cancelled.load()) return false;
+            if (p->status.load(std::memory_order_acquire) == Prepared::pending) p->open();
+            if (p->status.load(std::memory_order_acquire) != Prepared::ready ||
+                p->file.format != s.format)
+                return false;
+            if (p->claimFor(Prepared::byDecoder)) break;
+            if (p->claim.load() != Prepared::byOwner) return false;
+            p.reset();
+        }
+        if (!p) return false;
+        // The owner cancels before it looks at the claim: one of the two sees the other.
+        if (s.cancelled.load()) {
+            p->claim.store(Prepared::free);
+            return false;
+        }
+        // Rewritten since it was opened (a tag write, a replaced file): open it again.
+        if (p->file.stamp.changedTo(FileStamp::of(p->path))) {
+            try {
+                p->file = AudioEngine::openFile(p->path, false);
+            } catch (const std::exception&) {
+                p->status.store(Prepared::failed, std::memory_order_release);
+                if (p->post && p->onFailed) p->post(p->onFailed);
+                return false;
+            }
+            if (p->file.format != s.format) {
+                p->claim.store(Prepared::free); // the owner reopens the output for it
+                return false;
+            }
+        }
+        s.source = p->file.decoder;
+        s.sourceStamp = p->file.stamp;
+        if (s.source->position() != 0) s.source->seek(0);
+        s.sourceExact = p->file.exactLength;
+        s.sourceEnd = s.sourceExact ? p->file.frames : std::numeric_limits<int64_t>::max();
+        s.decodedTo = 0;
+        std::lock_guard lock(s.mutex);
+        s.joins.push_back({s.written, std::move(p)});
+        return true;
+    }
+
+    // A tag write can rewrite the file being played in place, moving the audio under
+    // the open decoder: open it again and carry on from the same frame.
+    static void reopenIfRewritten(Segment& s) {
+        const auto now = FileStamp::of(s.source->path());
+        if (!s.sourceStamp.changedTo(now)) return;
+        s.sourceStamp = now; // once per change, whatever comes of it
+        try {
+            auto fresh = std::make_shared<AudioDecoder>(s.source->path());
+            if (fresh->sampleRate() != s.format.sampleRate ||
+                fresh->outputChannels() != s.format.channels || !fresh->seek(s.decodedTo))
+                return;
+            s.source = std::move(fresh);
+        } catch (const AudioDecodeError&) {
+        }
+    }
+
+    // The decoder reached the end of the current file: remember its real length
+    // when it was only a guess.
+    static void recordEnd(Segment& s) {
+        if (s.sourceExact) return;
+        {
+            std::lock_guard lock(s.mutex);
+            (s.joins.empty() ? s.firstRealEnd : s.joins.back().realEnd) = s.decodedTo;
+        }
+        s.post(s.onProgress);
+    }
+
+    // Posts a notice for every join the listener has now heard; true while one is
+    // still ahead in the ring.
+    static bool watchJoins(Segment& s) {
+        auto output = s.output.lock();
+        const int64_t base = s.deviceBase.load(std::memory_order_acquire);
+        const int64_t heard = output && base >= 0 ? output->playedFrames() - base : -1;
+        bool waiting = false, post = false;
+        std::lock_guard lock(s.mutex);
+        for (auto& j : s.joins) {
+            if (j.posted) continue;
+            if (heard >= j.offset)
+                post = j.posted = true;
+            else
+                waiting = true;
+        }
+        // Queued before `posted` can be seen (waitUntilBuffered relies on it).
+        if (post) s.post(s.onProgress);
+        return waiting;
+    }
+
     // Returns when to look at the segment again; zero when it needs nothing more.
-    static std::chrono::milliseconds service(Segment& s, std::vector<float>& scratch) {
+    std::chrono::milliseconds service(Segment& s, std::vector<float>& scratch) {
         using std::chrono::milliseconds;
         const auto ch = static_cast<std::size_t>(s.channels);
         if (!s.started) {
             s.started = true;
+            s.source = s.decoder;
+            s.sourceStamp = s.stamp;
+            s.sourceEnd = s.endFrame;
+            s.sourceExact = s.exactLength;
             if (s.decoder->position() != s.startFrame) s.decoder->seek(s.startFrame);
             s.decodedTo = s.startFrame;
         }
+        reopenIfRewritten(s);
         while (!s.eof.load(std::memory_order_relaxed) && !s.cancelled.load()) {
             std::size_t room = s.ring.writable() / ch;
             if (room < minWriteFrames) break;
-            int64_t remaining = s.endFrame - s.decodedTo;
+            int64_t remaining = s.sourceEnd - s.decodedTo;
             std::size_t want =
                 std::min({room, decodeChunkFrames,
                           static_cast<std::size_t>(std::max<int64_t>(remaining, 0))});
-            std::size_t n = want > 0 ? s.decoder->read(scratch.data(), want) : 0;
+            std::size_t n = want > 0 ? s.source->read(scratch.data(), want) : 0;
             if (n == 0) {
-                s.eof.store(true, std::memory_order_release);
-                break;
+                if (s.source->failed())
+                    report_("Datos dañados en " + fileName(s.source->path()) +
+                            ": se pasa a lo siguiente");
+                recordEnd(s);
+                if (!joinNext(s)) s.eof.store(true, std::memory_order_release);
+                continue;
             }
             s.ring.write(scratch.data(), n * ch);
             s.decodedTo += static_cast<int64_t>(n);
+            s.written += static_cast<int64_t>(n);
         }
         if (s.cancelled.load()) return milliseconds(0);
-        if (!s.eof.load(std::memory_order_relaxed)) return refillInterval;
+        const bool joinAhead = watchJoins(s);
+        if (!s.eof.load(std::memory_order_relaxed))
+            return joinAhead ? endWatchInterval : refillInterval;
         if (s.finishedPosted) return milliseconds(0);
         if (!s.drained.load(std::memory_order_acquire)) return endWatchInterval;
         auto output = s.output.lock();
         if (output && output->playedFrames() < s.endDevice.load(std::memory_order_relaxed))
             return endWatchInterval;
+        watchJoins(s);
         s.finishedPosted = true;
         s.post(s.onFinished);
         return milliseconds(0);
     }
 
+    Report report_;
     std::mutex mutex_;
     std::condition_variable wake_;
     std::shared_ptr<Segment> next_;
+    std::shared_ptr<Prepared> prepared_;
     bool quit_ = false;
     std::thread thread_; // last: starts after the members above exist
 };
 
 AudioEngine::AudioEngine(Poster post, OutputFactory outputs)
     : post_(std::move(post)), outputs_(std::move(outputs)),
-      equalizer_(std::make_unique<Equalizer>()), core_(std::make_unique<RenderCore>(*equalizer_)),
-      worker_(std::make_unique<DecoderWorker>()) {}
+      equalizer_(std::make_unique<Equalizer>()), core_(std::make_unique<RenderCore>(*equalizer_)) {
+    // In the body: alive_ is built after the initialisers run.
+    worker_ = std::make_unique<DecoderWorker>(
+        [post = post_, alive = std::weak_ptr<char>(alive_), self = this](std::string message) {
+            post([alive, self, message = std::move(message)] {
+                if (alive.lock() && self->onError) self->onError(message);
+            });
+        });
+}
 
 AudioEngine::~AudioEngine() {
     onTrackEnd = nullptr;
@@ -279,6 +523,7 @@ void AudioEngine::bumpGeneration() {
 
 void AudioEngine::stopStep() {
     bumpGeneration();
+    catchUpJoins(); // a join already heard belongs to the new track
     if (isPlaying_) stoppedAt_ = currentTime();
     if (segment_) {
         core_->detach();
@@ -286,14 +531,23 @@ void AudioEngine::stopStep() {
         worker_->assign(nullptr);
         segment_.reset();
     }
+    segmentOrigin_ = 0;
+    appliedJoins_ = 0;
+    // The dropped ring had already gone on into the prepared track: open it afresh.
+    if (prepared_ && prepared_->claim.load() == Prepared::byDecoder)
+        setPrepared(makePrepared(prepared_->path));
     isPlaying_ = false;
 }
 
-AudioFormatInfo AudioEngine::load(const std::string& path) {
+AudioEngine::LoadedFile AudioEngine::openFile(const std::string& path, bool countUnknownLength) {
+    const auto stamp = FileStamp::of(path); // before opening: a write after it shows
     auto decoder = std::make_shared<AudioDecoder>(path);
     int64_t frames = decoder->frames();
     bool exact = decoder->lengthIsExact();
-    if (frames <= 0) {
+    if (frames <= 0 && !countUnknownLength) {
+        frames = 0;
+        exact = false;
+    } else if (frames <= 0) {
         exact = true;
         // The container does not say how long it is: count by decoding once.
         AudioDecoder counter(path);
@@ -309,12 +563,174 @@ AudioFormatInfo AudioEngine::load(const std::string& path) {
     file.format = {decoder->sampleRate(), decoder->outputChannels()};
     file.info = AudioFormatInfo::describe(decoder->description(), path);
     file.decoder = std::move(decoder);
+    file.stamp = stamp;
+    return file;
+}
+
+AudioFormatInfo AudioEngine::load(const std::string& path) {
+    // The prepared track, when that is the one asked for, is already open.
+    const bool usePrepared = prepared_ && prepared_->path == path &&
+                             prepared_->status.load(std::memory_order_acquire) == Prepared::ready &&
+                             prepared_->claimFor(Prepared::byOwner);
+    LoadedFile file = usePrepared ? prepared_->file : openFile(path);
 
     stopStep();
     connect(file.format);
+    setPrepared(nullptr);
     file_ = std::move(file);
     stoppedAt_ = 0;
+    ++loadCount_;
     return file_->info;
+}
+
+void AudioEngine::loadInBackground(const std::string& path, Task alsoThere, LoadDone done) {
+    stopStep();
+    file_.reset();
+    stoppedAt_ = 0;
+    const int64_t request = ++loadCount_;
+    auto p = makePrepared(path);
+    p->alsoThere = std::move(alsoThere);
+    p->countLength = true; // nothing plays meanwhile
+    std::weak_ptr<char> alive = alive_;
+    p->onReady = [alive, self = this, request, done, path] {
+        if (!alive.lock() || request != self->loadCount_) return;
+        std::optional<AudioFormatInfo> info;
+        try {
+            info = self->load(path); // takes the prepared file
+        } catch (const std::exception&) {
+        }
+        done(info);
+    };
+    p->onFailed = [alive, self = this, request, done] {
+        if (!alive.lock() || request != self->loadCount_) return;
+        self->setPrepared(nullptr);
+        done(std::nullopt);
+    };
+    setPrepared(std::move(p));
+}
+
+std::shared_ptr<AudioEngine::Prepared> AudioEngine::makePrepared(const std::string& path) {
+    auto p = std::make_shared<Prepared>();
+    p->path = path;
+    p->post = post_;
+    p->onFailed = [alive = std::weak_ptr<char>(alive_), self = this,
+                   weak = std::weak_ptr<Prepared>(p)] {
+        if (alive.lock())
+            if (auto prepared = weak.lock()) self->preparedFailed(prepared);
+    };
+    return p;
+}
+
+void AudioEngine::setPrepared(std::shared_ptr<Prepared> prepared) {
+    prepared_ = std::move(prepared);
+    worker_->prepare(prepared_);
+}
+
+void AudioEngine::prepareNext(std::optional<std::string> path, Task alsoThere) {
+    if (prepared_ && path && prepared_->path == *path &&
+        prepared_->claim.load() != Prepared::byOwner &&
+        prepared_->status.load() != Prepared::failed)
+        return;
+    catchUpJoins();
+    auto fresh = path ? makePrepared(*path) : nullptr;
+    if (fresh) fresh->alsoThere = std::move(alsoThere);
+    auto old = std::exchange(prepared_, nullptr);
+    setPrepared(
+        std::move(fresh)); // first: the decoder thread looks again when it loses the old one
+    // Taking the old one away from the decoder thread fails only when it is in the ring.
+    const bool inRing =
+        old && !old->claimFor(Prepared::byOwner) && old->claim.load() == Prepared::byDecoder;
+    if (inRing && isPlaying_) {
+        // The ring already holds the start of the track no longer wanted: decode
+        // the rest of the current one again from where the listener is.
+        const double at = currentTime();
+        stopStep();
+        stoppedAt_ = at;
+        play();
+    }
+}
+
+void AudioEngine::preparedFailed(const std::shared_ptr<Prepared>& prepared) {
+    if (prepared == prepared_ && onNextFailed) {
+        auto callback = onNextFailed;
+        callback(prepared->path);
+    }
+}
+
+void AudioEngine::announceJoin(const std::string& path) {
+    post_([alive = std::weak_ptr<char>(alive_), self = this, path, loads = loadCount_] {
+        if (alive.lock() && self->loadCount_ == loads && self->onTrackJoined)
+            self->onTrackJoined(path);
+    });
+}
+
+void AudioEngine::progressArrived(int64_t generation) {
+    if (generation == generation_) catchUpJoins(true);
+}
+
+// Owner thread: moves the current file on past every join the listener has heard,
+// and takes the real length of a file once its end has been decoded. The owner
+// hears of a join at once when this runs for a notice from the decoder thread, else
+// (in the middle of one of its own calls) through the poster.
+void AudioEngine::catchUpJoins(bool deliverNow) {
+    if (!segment_ || !file_) return;
+    const int64_t base = segment_->deviceBase.load(std::memory_order_acquire);
+    const int64_t heard = output_ && base >= 0 ? output_->playedFrames() - base : -1;
+    std::vector<std::string> joined;
+    bool lengthLearnt = false;
+    {
+        std::lock_guard lock(segment_->mutex);
+        auto& joins = segment_->joins;
+        while (appliedJoins_ < joins.size() && heard >= joins[appliedJoins_].offset) {
+            auto& j = joins[appliedJoins_++];
+            file_ = j.next->file;
+            segmentOrigin_ = j.offset;
+            segmentStart_ = 0;
+            if (prepared_ == j.next) prepared_.reset();
+            joined.push_back(file_->path);
+        }
+        const int64_t realEnd =
+            appliedJoins_ == 0 ? segment_->firstRealEnd : joins[appliedJoins_ - 1].realEnd;
+        if (!file_->exactLength && realEnd > 0) {
+            file_->frames = realEnd;
+            file_->exactLength = true;
+            lengthLearnt = true;
+        }
+    }
+    if (!joined.empty() && !prepared_) worker_->prepare(nullptr);
+    for (const auto& path : joined) {
+        if (!deliverNow) {
+            announceJoin(path);
+        } else if (onTrackJoined) {
+            auto callback = onTrackJoined; // the handler may replace it
+            callback(path);
+        }
+    }
+    if (lengthLearnt && joined.empty())
+        post_([alive = std::weak_ptr<char>(alive_), self = this] {
+            if (alive.lock() && self->onDurationChanged) self->onDurationChanged();
+        });
+}
+
+// The loaded file ended with a prepared track that could not join the ring (another
+// rate or channel count, or prepared too late): reopen the output for it and go on.
+bool AudioEngine::adoptPrepared() {
+    if (!prepared_ || prepared_->status.load(std::memory_order_acquire) != Prepared::ready ||
+        !prepared_->claimFor(Prepared::byOwner))
+        return false;
+    auto p = std::move(prepared_);
+    setPrepared(nullptr);
+    file_ = p->file;
+    stoppedAt_ = 0;
+    announceJoin(file_->path);
+    try {
+        connect(file_->format);
+    } catch (const std::exception&) {
+        if (output_) output_->stop();
+        return true;
+    }
+    play();
+    return true;
 }
 
 void AudioEngine::connect(const OutputFormat& format) {
@@ -356,7 +772,7 @@ void AudioEngine::play() {
                             : product >= static_cast<double>(file_->frames)
                                 ? file_->frames
                                 : static_cast<int64_t>(product);
-    if (startFrame >= file_->frames) {
+    if (startFrame >= file_->frames && file_->frames > 0) { // 0: not known yet
         finishTrack();
         return;
     }
@@ -365,18 +781,26 @@ void AudioEngine::play() {
         return;
     }
     segmentStart_ = startFrame;
+    segmentOrigin_ = 0;
+    appliedJoins_ = 0;
     const auto ch = static_cast<std::size_t>(file_->format.channels);
     const auto ringFrames = std::max(static_cast<std::size_t>(ringSeconds * rate), minRingFrames);
     auto seg = std::make_shared<Segment>(ringFrames * ch);
     seg->startFrame = startFrame;
     // A guessed length must not cut the end off: then the data decides where it ends.
     seg->endFrame = file_->exactLength ? file_->frames : std::numeric_limits<int64_t>::max();
+    seg->exactLength = file_->exactLength;
+    seg->stamp = file_->stamp;
+    seg->format = file_->format;
     seg->channels = file_->format.channels;
     seg->decoder = file_->decoder;
     seg->output = output_;
     seg->post = post_;
     seg->onFinished = [alive = std::weak_ptr<char>(alive_), self = this, gen = generation_] {
         if (alive.lock()) self->completionArrived(gen);
+    };
+    seg->onProgress = [alive = std::weak_ptr<char>(alive_), self = this, gen = generation_] {
+        if (alive.lock()) self->progressArrived(gen);
     };
     segment_ = seg;
     core_->attach(seg.get());
@@ -393,8 +817,10 @@ void AudioEngine::completionArrived(int64_t generation) {
 }
 
 void AudioEngine::finishTrack() {
+    catchUpJoins(true); // the owner hears of the last join before the end
     stopStep();
     stoppedAt_ = file_ ? duration() : 0;
+    if (adoptPrepared()) return;
     // Nothing more to play: let the device rest until the next play.
     if (output_) output_->stop();
     if (onTrackEnd) {
@@ -421,6 +847,8 @@ void AudioEngine::seek(double seconds) {
 
 void AudioEngine::unload() {
     stopStep();
+    setPrepared(nullptr);
+    ++loadCount_;
     file_.reset();
     stoppedAt_ = 0;
 }
@@ -443,6 +871,11 @@ double AudioEngine::duration() const {
     return static_cast<double>(file_->frames) / file_->format.sampleRate;
 }
 
+std::optional<AudioFormatInfo> AudioEngine::formatInfo() const {
+    if (!file_) return std::nullopt;
+    return file_->info;
+}
+
 double AudioEngine::currentTime() const {
     if (!file_ || !isPlaying_ || !segment_ || !output_) return stoppedAt_;
     int64_t sampleTime = 0;
@@ -452,8 +885,9 @@ double AudioEngine::currentTime() const {
         const int64_t consumed = segment_->consumed.load(std::memory_order_acquire);
         sampleTime = std::clamp<int64_t>(played - base, 0, consumed);
     }
-    const double t = static_cast<double>(segmentStart_ + sampleTime) / file_->format.sampleRate;
-    return std::min(t, duration());
+    const int64_t inFile = segmentStart_ + std::max<int64_t>(sampleTime - segmentOrigin_, 0);
+    const double t = static_cast<double>(inFile) / file_->format.sampleRate;
+    return file_->frames > 0 ? std::min(t, duration()) : t;
 }
 
 void AudioEngine::setVolume(float volume) {
@@ -477,10 +911,27 @@ bool AudioEngine::waitUntilBuffered(std::chrono::milliseconds timeout) const {
         const auto ch = static_cast<std::size_t>(seg->channels);
         const std::size_t enough =
             std::min<std::size_t>(2 * minWriteFrames, seg->ring.capacity() / ch - minWriteFrames);
-        if (seg->eof.load() || seg->ring.readable() / ch >= enough) return true;
+        bool joinUnannounced = false;
+        if (output_ && seg->deviceBase.load() >= 0) {
+            const int64_t heard = output_->playedFrames() - seg->deviceBase.load();
+            std::lock_guard lock(seg->mutex);
+            for (const auto& j : seg->joins)
+                joinUnannounced = joinUnannounced || (!j.posted && heard >= j.offset);
+        }
+        if (!joinUnannounced && (seg->eof.load() || seg->ring.readable() / ch >= enough))
+            return true;
         if (std::chrono::steady_clock::now() > deadline) return false;
         std::this_thread::sleep_for(std::chrono::microseconds(200));
     }
+}
+
+bool AudioEngine::waitUntilPrepared(std::chrono::milliseconds timeout) const {
+    const auto deadline = std::chrono::steady_clock::now() + timeout;
+    while (prepared_ && prepared_->status.load() == Prepared::pending) {
+        if (std::chrono::steady_clock::now() > deadline) return false;
+        std::this_thread::sleep_for(std::chrono::microseconds(200));
+    }
+    return true;
 }
 
 } // namespace trovan

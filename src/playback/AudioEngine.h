@@ -27,6 +27,12 @@ public:
 // come back from other threads (end of a segment, device changes) are handed to the
 // `Poster`, which must run them on the owner's thread; a generation counter makes
 // an end-of-segment notice that arrives after a stop, pause, seek or load stale.
+//
+// Gapless: the owner names the track that follows (`prepareNext`); the decoder
+// thread opens it ahead of time and, when the current file ends, goes on decoding
+// it into the same ring. The engine switches its current file when the output has
+// played the first frame of the new one and tells the owner (`onTrackJoined`). A
+// next track in another format is started by reopening the output instead.
 class AudioEngine {
 public:
     using Task = std::function<void()>;
@@ -39,17 +45,37 @@ public:
     AudioEngine& operator=(const AudioEngine&) = delete;
 
     Equalizer& equalizer() { return *equalizer_; }
-    // Called once each time a track plays to its end by itself.
+    // Called once each time a track plays to its end by itself and nothing prepared
+    // follows it.
     std::function<void()> onTrackEnd;
+    // Playback moved on to the prepared track, which is now the loaded file.
+    std::function<void(const std::string& path)> onTrackJoined;
+    // The prepared track could not be opened (once per prepareNext).
+    std::function<void(const std::string& path)> onNextFailed;
+    // The real length of the loaded file became known (its length was a guess).
+    std::function<void()> onDurationChanged;
+    // Something went wrong on the decoder thread; a message for the user.
+    std::function<void(const std::string& message)> onError;
 
     // Opens the file and connects the output for its rate and channel count; does
     // not start playback. Throws (AudioDecodeError, AudioEngineError) leaving the
     // engine as it was.
     AudioFormatInfo load(const std::string& path);
+    // The same without blocking: the current track stops and is unloaded at once,
+    // the file is opened on the decoder thread (then `alsoThere`, if given, runs
+    // there too), and `done` runs on the owner's thread with the format, or with
+    // nothing when the file cannot be played. A later load or unload makes a pending
+    // one stale: its `done` is never called.
+    using LoadDone = std::function<void(std::optional<AudioFormatInfo>)>;
+    void loadInBackground(const std::string& path, Task alsoThere, LoadDone done);
     void play();
     void pause();
     void seek(double seconds);
     void unload();
+    // The track to play after the loaded one ends (none: stop there). Opened on the
+    // decoder thread, which then runs `alsoThere` if given; asking for the same path
+    // again keeps what is already open.
+    void prepareNext(std::optional<std::string> path, Task alsoThere = {});
     // The output device changed (or its stream died): rebuild it and carry on
     // from the same position.
     void recoverFromConfigurationChange();
@@ -58,6 +84,8 @@ public:
     bool isPlaying() const { return isPlaying_; }
     bool hasFile() const { return file_.has_value(); }
     double duration() const;
+    std::string currentPath() const { return file_ ? file_->path : std::string(); }
+    std::optional<AudioFormatInfo> formatInfo() const;
 
     // Output gain 0…1, applied with a short ramp.
     void setVolume(float volume);
@@ -66,15 +94,27 @@ public:
     // "cubeb", "null", or "" before the first load.
     std::string outputKind() const;
     // Blocks until the decoder is at least two thousand frames ahead of the output
-    // or has reached the end of the current segment (tests and benchmarks that
-    // drive a virtual clock).
+    // or has reached the end of the current segment, and has announced every join
+    // already played (tests and benchmarks that drive a virtual clock).
     bool waitUntilBuffered(std::chrono::milliseconds timeout) const;
+    // Blocks until the decoder thread has tried to open the prepared track, if any.
+    bool waitUntilPrepared(std::chrono::milliseconds timeout) const;
 
     struct Segment;
+    struct Prepared;
     class RenderCore;
     class DecoderWorker;
 
 private:
+    // What tells a rewritten file (a tag write, a replacement) from the one opened.
+    struct FileStamp {
+        int64_t modified = 0; // file clock ticks
+        uint64_t size = 0;
+        bool known = false;
+        bool operator==(const FileStamp&) const = default;
+        static FileStamp of(const std::string& path);
+        bool changedTo(const FileStamp& now) const { return known && now.known && !(now == *this); }
+    };
     struct LoadedFile {
         std::shared_ptr<AudioDecoder> decoder;
         std::string path;
@@ -82,10 +122,21 @@ private:
         bool exactLength = true;
         OutputFormat format;
         AudioFormatInfo info;
+        FileStamp stamp;
     };
+    // Without `countUnknownLength` a file whose container gives no length is not
+    // decoded through to count it: its length is learnt when its end is decoded.
+    static LoadedFile openFile(const std::string& path, bool countUnknownLength = true);
 
     void stopStep();
     void finishTrack();
+    bool adoptPrepared();
+    void catchUpJoins(bool deliverNow = false);
+    void progressArrived(int64_t generation);
+    void preparedFailed(const std::shared_ptr<Prepared>& prepared);
+    void setPrepared(std::shared_ptr<Prepared> prepared);
+    std::shared_ptr<Prepared> makePrepared(const std::string& path);
+    void announceJoin(const std::string& path);
     void connect(const OutputFormat& format);
     void completionArrived(int64_t generation);
     void bumpGeneration();
@@ -100,7 +151,11 @@ private:
     std::shared_ptr<Segment> segment_;
     std::optional<LoadedFile> file_;
     std::optional<OutputFormat> connectedFormat_;
-    int64_t segmentStart_ = 0;
+    std::shared_ptr<Prepared> prepared_;
+    int64_t segmentStart_ = 0;  // file frame at segmentOrigin_
+    int64_t segmentOrigin_ = 0; // segment frame where the current file's part begins
+    std::size_t appliedJoins_ = 0;
+    int64_t loadCount_ = 0; // a join notice or background load from before the latest load is stale
     double stoppedAt_ = 0;
     int64_t generation_ = 0;
     bool isPlaying_ = false;

@@ -13,13 +13,86 @@ constexpr double endTolerance = 0.05;
 
 PlaybackController::PlaybackController(std::unique_ptr<AudioEngine> engine)
     : engine_(std::move(engine)), rng_(std::random_device{}()) {
-    engine_->onTrackEnd = [alive = std::weak_ptr<char>(alive_), self = this] {
+    std::weak_ptr<char> alive = alive_;
+    engine_->onTrackEnd = [alive, self = this] {
         if (alive.lock()) self->trackEnded();
+    };
+    engine_->onTrackJoined = [alive, self = this](const std::string& path) {
+        if (alive.lock()) self->joined(path);
+    };
+    engine_->onNextFailed = [alive, self = this](const std::string& path) {
+        if (alive.lock()) self->nextFailed(path);
+    };
+    engine_->onDurationChanged = [alive, self = this] {
+        if (!alive.lock()) return;
+        self->state_.duration = self->engine_->duration();
+        self->changed();
+    };
+    engine_->onError = [alive, self = this](const std::string& message) {
+        if (alive.lock() && self->onError) self->onError(message);
     };
 }
 
 PlaybackController::~PlaybackController() {
     engine_->onTrackEnd = nullptr;
+    engine_->onTrackJoined = nullptr;
+    engine_->onNextFailed = nullptr;
+    engine_->onDurationChanged = nullptr;
+    engine_->onError = nullptr;
+}
+
+// What the library knows of a file, else the tags read with the prepared track, else
+// just its path: nothing is read from the disk here.
+Track PlaybackController::trackFor(const std::string& path) const {
+    if (auto known = lookup ? lookup(path) : std::nullopt) return std::move(*known);
+    if (preparedTrack_ && *preparedTrack_ && (*preparedTrack_)->path == path)
+        return **preparedTrack_;
+    Track bare;
+    bare.path = path;
+    return bare;
+}
+
+// Names the track that follows the current one to the engine, which opens it ahead.
+void PlaybackController::prepareFollowing() {
+    failedAhead_ = 0;
+    preparedAt_ = queue_.following(queue_.position, true);
+    prepare();
+}
+
+void PlaybackController::prepare() {
+    auto path = queue_.pathAt(preparedAt_);
+    AudioEngine::Task alsoThere;
+    if (path && !(lookup && lookup(*path))) {
+        auto read = std::make_shared<std::optional<Track>>();
+        alsoThere = [read, p = *path] { *read = Track::read(p); };
+        preparedTrack_ = read;
+    }
+    engine_->prepareNext(path, std::move(alsoThere));
+}
+
+// The prepared track is now the one heard: the queue moves on once, and elapsed
+// time starts again from zero.
+void PlaybackController::joined(const std::string& path) {
+    if (queue_.pathAt(preparedAt_) == path) queue_.position = preparedAt_;
+    state_.track = trackFor(path);
+    state_.format = engine_->formatInfo();
+    state_.duration = engine_->duration();
+    state_.isPlaying = engine_->isPlaying();
+    prepareFollowing();
+    changed();
+}
+
+void PlaybackController::nextFailed(const std::string& path) {
+    if (queue_.pathAt(preparedAt_) != path) return;
+    if (onError) onError("No se pudo reproducir: " + trackFor(path).displayTitle());
+    // Skip it, as the user's next would; give up after a round of failures.
+    if (++failedAhead_ >= queue_.order.size()) {
+        preparedAt_.reset();
+    } else {
+        const auto skipped = queue_.following(preparedAt_, false);
+        preparedAt_ = skipped == preparedAt_ ? std::nullopt : skipped;
+    }
+    prepare();
 }
 
 void PlaybackController::changed() {
@@ -32,32 +105,73 @@ void PlaybackController::play(std::vector<std::string> paths, int startAt) {
 }
 
 void PlaybackController::start(std::optional<std::string> path, std::size_t attemptsLeft) {
-    while (path) {
-        std::optional<Track> track = lookup ? lookup(*path) : std::nullopt;
-        if (!track) track = Track::read(*path);
-        if (!track) break;
-        try {
-            AudioFormatInfo info = engine_->load(track->path);
-            state_.track = std::move(*track);
-            state_.format = info;
-            state_.duration = engine_->hasFile() ? engine_->duration() : 0;
-            engine_->play();
-            state_.isPlaying = engine_->isPlaying();
-            changed();
-            return;
-        } catch (const std::exception&) {
-            if (onError) onError("No se pudo reproducir: " + track->displayTitle());
-        }
-        if (attemptsLeft < 2) break;
-        path = queue_.advance(false);
-        --attemptsLeft;
+    if (!path) {
+        stopWithNothing();
+        return;
     }
-    state_.isPlaying = false;
+    const std::string wanted = *path;
+    auto known = lookup ? lookup(wanted) : std::nullopt;
+    // A file the library does not know: its tags are read where the file is opened.
+    auto read = std::make_shared<std::optional<Track>>(known);
+    AudioEngine::Task alsoThere;
+    if (!known) alsoThere = [read, wanted] { *read = Track::read(wanted); };
+    const uint64_t request = ++startCount_;
+    loading_ = true;
+    playWhenLoaded_ = true;
+    if (!known) {
+        known.emplace();
+        known->path = wanted;
+    }
+    state_ = PlaybackState{std::move(known), false, std::nullopt, 0};
+    preparedAt_.reset();
+    engine_->loadInBackground(wanted, std::move(alsoThere),
+                              [alive = std::weak_ptr<char>(alive_), self = this, request, wanted,
+                               read, attemptsLeft](std::optional<AudioFormatInfo> info) {
+                                  if (alive.lock() && request == self->startCount_)
+                                      self->started(wanted, std::move(info), std::move(*read),
+                                                    attemptsLeft);
+                              });
+    changed();
+}
+
+void PlaybackController::started(const std::string& path, std::optional<AudioFormatInfo> info,
+                                 std::optional<Track> track, std::size_t attemptsLeft) {
+    loading_ = false;
+    if (!track) {
+        track.emplace();
+        track->path = path;
+    }
+    if (info) {
+        state_.track = std::move(*track);
+        state_.format = std::move(info);
+        state_.duration = engine_->duration();
+        if (playWhenLoaded_) engine_->play();
+        state_.isPlaying = engine_->isPlaying();
+        prepareFollowing();
+        changed();
+        return;
+    }
+    if (onError) onError("No se pudo reproducir: " + track->displayTitle());
+    if (attemptsLeft < 2) {
+        stopWithNothing();
+        return;
+    }
+    start(queue_.advance(false), attemptsLeft - 1);
+}
+
+// Nothing could be loaded: the old track must not go on behind a stopped screen.
+void PlaybackController::stopWithNothing() {
+    ++startCount_;
+    loading_ = false;
+    engine_->unload();
+    state_ = PlaybackState{};
+    preparedAt_.reset();
     changed();
 }
 
 void PlaybackController::resume() {
-    if (!state_.track) return;
+    if (loading_) playWhenLoaded_ = true;
+    if (!state_.track || loading_) return;
     if (engine_->isPlaying()) {
         if (!state_.isPlaying) {
             state_.isPlaying = true;
@@ -65,7 +179,7 @@ void PlaybackController::resume() {
         }
         return;
     }
-    const bool restart = engine_->currentTime() >= state_.duration - endTolerance;
+    const bool restart = engine_->currentTime() >= engine_->duration() - endTolerance;
     if (restart) engine_->seek(0);
     engine_->play();
     state_.isPlaying = engine_->isPlaying();
@@ -74,20 +188,21 @@ void PlaybackController::resume() {
 }
 
 void PlaybackController::pause() {
+    if (loading_) playWhenLoaded_ = false;
     engine_->pause();
-    state_.isPlaying = false;
+    state_.isPlaying = engine_->isPlaying();
     changed();
 }
 
 void PlaybackController::togglePlay() {
-    if (state_.isPlaying)
+    if (loading_ ? playWhenLoaded_ : state_.isPlaying)
         pause();
     else
         resume();
 }
 
 void PlaybackController::seek(double seconds) {
-    if (!state_.track) return;
+    if (!state_.track || loading_) return;
     engine_->seek(seconds);
     state_.isPlaying = engine_->isPlaying();
     changed();
@@ -119,20 +234,25 @@ void PlaybackController::refreshCurrentTrack() {
 }
 
 void PlaybackController::trackEnded() {
-    if (auto path = queue_.advance(true)) {
+    // The engine had nothing ready to go on with (the next track was named too late,
+    // or every one after it failed): load the prepared position the slow way.
+    queue_.position = preparedAt_;
+    if (auto path = queue_.currentPath()) {
         start(path, queue_.paths.size());
         return;
     }
-    state_.isPlaying = false;
+    state_.isPlaying = engine_->isPlaying();
     changed();
 }
 
 void PlaybackController::setShuffle(bool on) {
     queue_.setShuffle(on, rng_);
+    if (engine_->hasFile()) prepareFollowing();
 }
 
 void PlaybackController::setRepeatMode(RepeatMode mode) {
     queue_.repeatMode = mode;
+    if (engine_->hasFile()) prepareFollowing();
 }
 
 void PlaybackController::setVolume(float volume, bool muted) {

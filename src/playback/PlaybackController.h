@@ -15,8 +15,9 @@
 namespace trovan {
 
 // Turns a list of paths into continuous playback: keeps the queue, loads each
-// track into the engine, skips files that will not play, follows the end of each
-// track, and publishes a PlaybackState after every change. Owner's thread only.
+// track into the engine and names the one after it for a gapless join, skips files
+// that will not play, follows each join and end of track, and publishes a
+// PlaybackState after every change. Owner's thread only.
 class PlaybackController {
 public:
     explicit PlaybackController(std::unique_ptr<AudioEngine> engine);
@@ -36,8 +37,11 @@ public:
     std::function<void()> onSeek;
     std::function<void(const std::string&)> onError;
 
-    // Replaces the queue and starts paths[startAt] (nothing when out of range).
+    // Replaces the queue and starts paths[startAt] (nothing when out of range). The
+    // file opens in the background: until then the state shows the chosen track,
+    // not playing, and `loading()` is true.
     void play(std::vector<std::string> paths, int startAt);
+    bool loading() const { return loading_; }
     void resume();
     void pause();
     // Pause when playing, resume otherwise.
@@ -56,12 +60,26 @@ public:
 
 private:
     void start(std::optional<std::string> path, std::size_t attemptsLeft);
+    void started(const std::string& path, std::optional<AudioFormatInfo> info,
+                 std::optional<Track> track, std::size_t attemptsLeft);
+    void stopWithNothing();
     void changed();
+    Track trackFor(const std::string& path) const;
+    void prepareFollowing();
+    void prepare();
+    void joined(const std::string& path);
+    void nextFailed(const std::string& path);
 
     std::unique_ptr<AudioEngine> engine_;
     std::mt19937_64 rng_;
     PlaybackQueue queue_;
     PlaybackState state_;
+    std::optional<int> preparedAt_; // queue position of the track named to the engine
+    std::size_t failedAhead_ = 0;   // prepared tracks that failed since the last one played
+    std::shared_ptr<std::optional<Track>> preparedTrack_; // its tags, when the library lacks them
+    bool loading_ = false;
+    bool playWhenLoaded_ = true;
+    uint64_t startCount_ = 0; // a load finishing after another start is stale
     std::shared_ptr<char> alive_ = std::make_shared<char>(0);
 };
 

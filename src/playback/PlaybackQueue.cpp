@@ -17,22 +17,27 @@ void PlaybackQueue::replace(std::vector<std::string> newPaths, int startAt, std:
 }
 
 std::optional<std::string> PlaybackQueue::currentPath() const {
-    if (!position) return std::nullopt;
-    return paths[static_cast<std::size_t>(order[static_cast<std::size_t>(*position)])];
+    return pathAt(position);
+}
+
+std::optional<std::string> PlaybackQueue::pathAt(std::optional<int> at) const {
+    if (!at || *at < 0 || static_cast<std::size_t>(*at) >= order.size()) return std::nullopt;
+    return paths[static_cast<std::size_t>(order[static_cast<std::size_t>(*at)])];
+}
+
+std::optional<int> PlaybackQueue::following(std::optional<int> from, bool automatic) const {
+    if (!from) return std::nullopt;
+    if (automatic && repeatMode == RepeatMode::one) return from;
+    if (static_cast<std::size_t>(*from) + 1 < order.size()) return *from + 1;
+    if (repeatMode == RepeatMode::off) return std::nullopt;
+    return 0;
 }
 
 std::optional<std::string> PlaybackQueue::advance(bool automatic) {
     if (!position) return std::nullopt;
-    if (automatic && repeatMode == RepeatMode::one) return currentPath();
-    if (static_cast<std::size_t>(*position) + 1 < order.size()) {
-        ++*position;
-        return currentPath();
-    }
-    if (repeatMode == RepeatMode::off) {
-        if (automatic) position.reset();
-        return std::nullopt;
-    }
-    position = 0;
+    const auto next = following(position, automatic);
+    if (!next && !automatic) return std::nullopt; // the user's next at the end stays put
+    position = next;
     return currentPath();
 }
 

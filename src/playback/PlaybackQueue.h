@@ -25,6 +25,10 @@ struct PlaybackQueue {
     void replace(std::vector<std::string> newPaths, int startAt, std::mt19937_64& rng);
 
     std::optional<std::string> currentPath() const;
+    std::optional<std::string> pathAt(std::optional<int> at) const;
+    // The position after `from` in play order, by the same rules as advance; none at
+    // the end of a queue that does not repeat.
+    std::optional<int> following(std::optional<int> from, bool automatic) const;
     // The next path to play, or none. `automatic` is the end of a track (repeat-one
     // replays it; repeat off ends the queue), otherwise the user's next-track action.
     std::optional<std::string> advance(bool automatic);

@@ -161,6 +161,170 @@ TEST_F(AudioEngineTest, FailedLoadKeepsTheCurrentFileAndUnloadStops) {
     EXPECT_EQ(engine.currentTime(), 0.0);
 }
 
+// A recording cut into tracks comes out whole: the decoder goes on into each prepared
+// track with no frame lost or doubled (encoder delay and padding trimmed for the lossy
+// codecs), and each join is announced with elapsed time counted from its own frame.
+TEST_F(AudioEngineTest, CutRecordingPlaysBackWholeAcrossJoins) {
+    struct Album {
+        const char* name;
+        std::vector<std::pair<std::string, std::string>> tracks; // extension, ffmpeg options
+        int rate;
+        double tolerance; // against the recording, per sample
+    };
+    const std::string flac = "-c:a flac -sample_fmt s16 -f flac";
+    using Tracks = std::vector<std::pair<std::string, std::string>>;
+    auto three = [](const std::string& ext, const std::string& options) {
+        return Tracks(3, {ext, options});
+    };
+    const std::vector<Album> albums = {
+        {"sin pérdida",
+         {{"flac", flac}, {"wav", "-c:a pcm_s16le -f wav"}, {"flac", flac}},
+         44100,
+         1e-4},
+        // Each lossy track starts with a few milliseconds its decoder cannot rebuild exactly.
+        {"mp3", three("mp3", "-c:a libmp3lame -b:a 192k -f mp3"), 44100, 0.08},
+        {"aac", three("m4a", "-c:a aac -b:a 192k -movie_timescale 44100 -f ipod"), 44100, 0.08},
+        {"opus", three("opus", "-c:a libopus -b:a 128k -f opus"), 48000, 0.08},
+    };
+    for (const auto& album : albums) {
+        SCOPED_TRACE(album.name);
+        fixtures::TempDir dir;
+        const int rate = album.rate;
+        // Each track longer than the ring, so that the next one is named in time.
+        const std::vector<int64_t> cuts = {rate / 10, rate * 11 / 10 + 13, rate * 22 / 10 + 7,
+                                           rate * 3 + 111};
+        std::vector<std::string> paths;
+        for (std::size_t i = 0; i + 1 < cuts.size(); ++i)
+            paths.push_back(testing::CutAlbum::write(
+                dir.path(), std::to_string(i) + "." + album.tracks[i].first, album.tracks[i].second,
+                cuts[i], cuts[i + 1], rate));
+
+        std::vector<std::string> joined;
+        std::vector<int64_t> joinFrames;
+        engine.onTrackJoined = [&](const std::string& path) {
+            joined.push_back(path);
+            joinFrames.push_back(outputs.current->playedFrames() -
+                                 std::llround(engine.currentTime() * rate));
+            const std::size_t next = joined.size() + 1;
+            engine.prepareNext(next < paths.size() ? std::optional(paths[next]) : std::nullopt);
+        };
+        ended = 0;
+        engine.load(paths[0]);
+        engine.prepareNext(paths[1]);
+        engine.play();
+        const int64_t start = outputs.current->playedFrames();
+        std::vector<float> heard; // left channel
+        while (ended == 0 && heard.size() < static_cast<std::size_t>(cuts.back() + rate)) {
+            ASSERT_TRUE(engine.waitUntilBuffered(std::chrono::seconds(20)));
+            outputs.current->advance(512);
+            auto block = outputs.current->lastBlock();
+            for (std::size_t i = 0; i < block.size(); i += 2)
+                heard.push_back(block[i]);
+            tasks.runPending();
+        }
+        if (ended == 0 && tasks.waitForTask()) tasks.runPending(); // the end notice, if late
+        ASSERT_EQ(ended, 1);
+        EXPECT_EQ(joined, std::vector(paths.begin() + 1, paths.end()));
+        for (auto& f : joinFrames)
+            f += cuts[0] - start;
+        EXPECT_EQ(joinFrames, std::vector(cuts.begin() + 1, cuts.end() - 1));
+
+        double worstError = 0, worstStep = 0;
+        int64_t worstAt = 0;
+        const int64_t length = cuts.back() - cuts[0];
+        for (int64_t n = 0; n < length; ++n) {
+            const double error = std::abs(heard[static_cast<std::size_t>(n)] -
+                                          testing::CutAlbum::sample(cuts[0] + n, rate));
+            if (error > worstError) worstError = error, worstAt = n;
+            if (n > 0)
+                worstStep =
+                    std::max<double>(worstStep, std::abs(heard[static_cast<std::size_t>(n)] -
+                                                         heard[static_cast<std::size_t>(n - 1)]));
+        }
+        EXPECT_LE(worstError, album.tolerance) << "at frame " << worstAt;
+        EXPECT_LE(worstStep, testing::CutAlbum::maxStep(rate) + 2 * album.tolerance);
+        // Silence once the last track has ended: nothing was played twice.
+        for (auto n = static_cast<std::size_t>(length); n < heard.size(); ++n)
+            ASSERT_EQ(heard[n], 0.0f) << "frame " << n;
+        engine.onTrackJoined = nullptr;
+    }
+}
+
+// Pausing, seeking and renaming the next track while the ring already holds the start
+// of the next one: the listener hears exactly what was asked for.
+TEST_F(AudioEngineTest, ActionsAroundAJoinStayExact) {
+    const auto second = tone("engine-2s-880.flac", {.frequency = 880, .seconds = 2});
+    const auto third = tone("engine-1s.flac", {.seconds = 1});
+    std::vector<std::string> joined;
+    engine.onTrackJoined = [&](const std::string& path) { joined.push_back(path); };
+    auto playFor = [&](double seconds) {
+        for (int i = 0; i < static_cast<int>(seconds * 100 + 0.5); ++i) {
+            advance(0.01);
+            tasks.runPending();
+        }
+    };
+    engine.prepareNext(second);
+    engine.play();
+    playFor(1.8); // the next track is in the ring, not yet heard
+    engine.pause();
+    EXPECT_DOUBLE_EQ(engine.currentTime(), 1.8);
+    engine.play();
+    engine.seek(1.0); // back in the old track: it joins again later
+    playFor(1.1);
+    EXPECT_EQ(joined, std::vector<std::string>{second});
+    EXPECT_EQ(engine.currentPath(), second);
+    EXPECT_NEAR(engine.currentTime(), 0.1, 1e-9);
+    engine.prepareNext(flac); // named at the join, as the controller does
+    engine.seek(1.5);         // in the new track
+    EXPECT_NEAR(engine.currentTime(), 1.5, 1e-9);
+    playFor(0.4); // the first track again is in the ring; now the third is wanted instead
+    engine.prepareNext(third);
+    EXPECT_NEAR(engine.currentTime(), 1.9, 1e-9);
+    playFor(0.2);
+    EXPECT_EQ(joined, (std::vector<std::string>{second, third}));
+    EXPECT_NEAR(engine.currentTime(), 0.1, 1e-9);
+    EXPECT_DOUBLE_EQ(engine.duration(), 1.0);
+    engine.onTrackJoined = nullptr;
+}
+
+// A tag write that rewrites the playing file in place (a large picture moves the audio
+// further in) changes nothing that is heard: the decoder opens it again where it was.
+TEST_F(AudioEngineTest, RewritingThePlayingFileKeepsTheSoundExact) {
+    fixtures::TempDir dir;
+    const auto original = tone("engine-noise.flac", {.wave = fixtures::Wave::noise, .seconds = 4});
+    const auto plain = fixtures::copyTo(original, dir.path(), "playing.flac");
+    // The same FLAC frames behind a larger header: a picture added without re-encoding.
+    const auto picture = dir.path() / "cover.png"; // noise: some hundred kilobytes
+    const auto covered = dir.path() / "covered.flac";
+    ASSERT_EQ(fixtures::runProcess({"ffmpeg", "-nostdin", "-v", "error", "-f", "lavfi", "-i",
+                                    "nullsrc=s=256x256,geq=random(1)*255:128:128", "-frames:v", "1",
+                                    picture.string()})
+                  .status,
+              0);
+    ASSERT_EQ(fixtures::runProcess({"ffmpeg", "-nostdin", "-v", "error", "-i", original, "-i",
+                                    picture.string(), "-map", "0", "-map", "1", "-c", "copy",
+                                    "-disposition:v", "attached_pic", covered.string()})
+                  .status,
+              0);
+    AudioDecoder reference(original);
+    std::vector<float> all(176400 * 2);
+    ASSERT_EQ(reference.read(all.data(), 176400), 176400u);
+
+    engine.load(plain.string());
+    engine.play();
+    std::vector<float> heard;
+    for (int i = 0; i < 390; ++i) { // 3.9 s: past the decoder's read-ahead
+        if (i == 30)
+            std::filesystem::copy_file(covered, plain,
+                                       std::filesystem::copy_options::overwrite_existing);
+        advance(0.01);
+        auto block = outputs.current->lastBlock();
+        heard.insert(heard.end(), block.end() - 441 * 2, block.end());
+    }
+    for (std::size_t i = 0; i < heard.size(); ++i)
+        ASSERT_EQ(heard[i], all[i]) << "frame " << i / 2;
+}
+
 // Damaged files (generated ones, and the real-world corpus when it is there) either play
 // for a second or fail to load; nothing may crash, hang or spin.
 TEST_F(AudioEngineTest, EveryDamagedFilePlaysOrFailsCleanly) {

@@ -6,7 +6,10 @@
 #include "playback/NullOutput.h"
 #include "support/Fixtures.h"
 
+#include <cmath>
 #include <mutex>
+#include <sstream>
+#include <stdexcept>
 #include <thread>
 #include <utility>
 #include <vector>
@@ -80,5 +83,45 @@ inline void advanceSeconds(AudioEngine& engine, VirtualOutputs& outputs, double 
 inline std::string tone(const std::string& name, const fixtures::Tone& tone) {
     return fixtures::cached(name, tone).string();
 }
+
+// One recording cut sample-exactly into tracks: a tone whose pitch wanders (no
+// stretch of it repeats, so a lost or doubled frame shows), 0.5 at its peak.
+struct CutAlbum {
+    static double sample(int64_t frame, int rate) {
+        const double t = static_cast<double>(frame) / rate;
+        return 0.5 * std::sin(2 * M_PI * 440 * t + 3 * std::sin(2 * M_PI * 0.9 * t));
+    }
+    // The largest step the tone takes between two frames.
+    static double maxStep(int rate) { return 0.5 * 2 * M_PI * (440 + 3 * 0.9) / rate; }
+
+    // Writes frames [from, to) of the recording as dir/name, encoded with ffmpeg's
+    // `codec` options ("-c:a flac -f flac").
+    static std::string write(const std::filesystem::path& dir, const std::string& name,
+                             const std::string& codec, int64_t from, int64_t to, int rate) {
+        const std::string expr = "0.5*sin(2*PI*440*t+3*sin(2*PI*0.9*t))";
+        std::vector<std::string> argv = {
+            "ffmpeg",
+            "-nostdin",
+            "-v",
+            "error",
+            "-y",
+            "-f",
+            "lavfi",
+            "-i",
+            "aevalsrc=exprs=" + expr + "|" + expr + ":s=" + std::to_string(rate) +
+                ":d=" + std::to_string(to / rate + 1),
+            "-af",
+            "atrim=start_sample=" + std::to_string(from) + ":end_sample=" + std::to_string(to) +
+                ",asetpts=N/SR/TB"};
+        std::istringstream words(codec);
+        for (std::string w; words >> w;)
+            argv.push_back(w);
+        auto out = (dir / name).string();
+        argv.push_back(out);
+        auto r = fixtures::runProcess(argv);
+        if (r.status != 0) throw std::runtime_error("ffmpeg failed on " + out + "\n" + r.errors);
+        return out;
+    }
+};
 
 } // namespace trovan::testing

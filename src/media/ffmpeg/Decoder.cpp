@@ -65,6 +65,7 @@ struct Impl {
     // The converter's input format; rebuilt when a frame arrives in another one.
     int swrFormat = -1;
     int swrChannels = 0;
+    int swrRate = 0;
 
     std::vector<float> pending; // converted frames not yet handed out
     std::size_t pendingOffset = 0;
@@ -74,6 +75,7 @@ struct Impl {
     int64_t dropCount = 0;                                    // by count, after starting over
     bool flushing = false;
     bool finished = false;
+    bool broken = false; // gave up on undecodable data
     bool needsPreroll = false;
 
     void open(const std::string& path) {
@@ -113,9 +115,10 @@ struct Impl {
         if (!packet || !frame) throw AudioDecodeError("out of memory");
     }
 
-    // (Re)creates the converter for the given input; same rate in and out, so it
-    // never buffers and positions stay exact.
-    bool configure(const AVChannelLayout& inLayout, int sampleFormat) {
+    // (Re)creates the converter for the given input. At the stream's own rate it never
+    // buffers and positions stay exact; frames at another rate (a stream whose rate
+    // changes midway) are resampled to the stream's rate.
+    bool configure(const AVChannelLayout& inLayout, int sampleFormat, int inRate) {
         LayoutHolder in, out;
         if (inLayout.order == AV_CHANNEL_ORDER_UNSPEC || av_channel_layout_check(&inLayout) == 0)
             av_channel_layout_default(&in.layout, inLayout.nb_channels);
@@ -124,14 +127,27 @@ struct Impl {
         av_channel_layout_default(&out.layout, outChannels);
         SwrContext* raw = nullptr;
         if (swr_alloc_set_opts2(&raw, &out.layout, AV_SAMPLE_FMT_FLT, rate, &in.layout,
-                                static_cast<AVSampleFormat>(sampleFormat), rate, 0, nullptr) < 0)
+                                static_cast<AVSampleFormat>(sampleFormat), inRate, 0, nullptr) < 0)
             return false;
         SwrPtr fresh(raw);
         if (swr_init(fresh.get()) < 0) return false;
         swr = std::move(fresh);
         swrFormat = sampleFormat;
         swrChannels = inLayout.nb_channels;
+        swrRate = inRate;
         return true;
+    }
+
+    // Writes what a resampling converter still holds to pending[at...]; frame count.
+    std::size_t drainResampler(std::size_t at) {
+        if (!swr || swrRate == rate) return 0;
+        const int room = swr_get_out_samples(swr.get(), 0);
+        if (room <= 0) return 0;
+        const auto ch = static_cast<std::size_t>(outChannels);
+        pending.resize((at + static_cast<std::size_t>(room)) * ch);
+        uint8_t* outPlanes[1] = {reinterpret_cast<uint8_t*>(pending.data() + at * ch)};
+        const int got = swr_convert(swr.get(), outPlanes, room, nullptr, 0);
+        return got > 0 ? static_cast<std::size_t>(got) : 0;
     }
 
     // Decodes until one frame's worth of converted audio is pending. False at the end.
@@ -147,10 +163,16 @@ struct Impl {
             }
             if (r == AVERROR_EOF) {
                 finished = true;
+                if (std::size_t tail = drainResampler(0)) {
+                    pendingFrames = tail;
+                    pendingOffset = 0;
+                    nextPosition += static_cast<int64_t>(tail);
+                    return true;
+                }
                 break;
             }
             if (r != AVERROR(EAGAIN)) {
-                if (++errors > maxConsecutiveErrors) finished = true;
+                if (++errors > maxConsecutiveErrors) finished = broken = true;
                 continue;
             }
             if (flushing) { // a decoder that wants input after the flush: nothing more to get
@@ -170,7 +192,7 @@ struct Impl {
             int s = avcodec_send_packet(codec.get(), packet.get());
             av_packet_unref(packet.get());
             if (s < 0 && s != AVERROR(EAGAIN)) {
-                if (++errors > maxConsecutiveErrors) finished = true;
+                if (++errors > maxConsecutiveErrors) finished = broken = true;
             } else {
                 errors = 0;
             }
@@ -180,21 +202,29 @@ struct Impl {
 
     bool convert() {
         AVFrame* f = frame.get();
-        if (f->nb_samples <= 0 || f->sample_rate != rate) return false;
+        if (f->nb_samples <= 0 || f->sample_rate < minSampleRate || f->sample_rate > maxSampleRate)
+            return false;
         if (f->ch_layout.nb_channels <= 0 || f->ch_layout.nb_channels > maxChannels) return false;
-        if (!swr || f->format != swrFormat || f->ch_layout.nb_channels != swrChannels) {
-            if (!configure(f->ch_layout, f->format)) return false;
+        std::size_t carried = 0; // the old resampler's tail, played before this frame
+        if (!swr || f->format != swrFormat || f->ch_layout.nb_channels != swrChannels ||
+            f->sample_rate != swrRate) {
+            carried = drainResampler(0);
+            if (!configure(f->ch_layout, f->format, f->sample_rate)) return false;
         }
         int64_t pos = nextPosition;
         int64_t ts = f->best_effort_timestamp;
         if (ts != AV_NOPTS_VALUE) pos = av_rescale_q(ts - startTime, timeBase, AVRational{1, rate});
-        int n = f->nb_samples;
-        nextPosition = pos + n;
-
-        pending.resize(static_cast<std::size_t>(n) * static_cast<std::size_t>(outChannels));
-        uint8_t* outPlanes[1] = {reinterpret_cast<uint8_t*>(pending.data())};
-        int got =
-            swr_convert(swr.get(), outPlanes, n, const_cast<const uint8_t**>(f->extended_data), n);
+        pos -= static_cast<int64_t>(carried);
+        const int n = f->nb_samples;
+        const int room = swr_get_out_samples(swr.get(), n);
+        if (room < 0) return false;
+        const auto ch = static_cast<std::size_t>(outChannels);
+        pending.resize((carried + static_cast<std::size_t>(room)) * ch);
+        uint8_t* outPlanes[1] = {reinterpret_cast<uint8_t*>(pending.data() + carried * ch)};
+        const int converted = swr_convert(swr.get(), outPlanes, room,
+                                          const_cast<const uint8_t**>(f->extended_data), n);
+        const int got = static_cast<int>(carried) + std::max(converted, 0);
+        nextPosition = pos + got;
         if (got <= 0) return false;
         pendingFrames = static_cast<std::size_t>(got);
         pendingOffset = 0;
@@ -217,6 +247,7 @@ struct Impl {
 
     void resetDecoding() {
         avcodec_flush_buffers(codec.get());
+        if (swrRate != rate) swr.reset(); // a resampler's tail belongs to the old position
         dropCount = 0;
         pendingFrames = pendingOffset = 0;
         flushing = false;
@@ -251,9 +282,19 @@ public:
             frames = av_rescale_q(st->duration, st->time_base, perFrame);
         else if (impl_->format->duration != AV_NOPTS_VALUE && impl_->format->duration > 0)
             frames = av_rescale_q(impl_->format->duration, AVRational{1, AV_TIME_BASE}, perFrame);
+        // The decoder drops the encoder's priming samples (Opus pre-skip, an MP3's
+        // LAME delay) and trailing padding; the container's length still counts them.
+        bool padded = false;
+        if (par->initial_padding > 0 && impl_->startTime <= 0) {
+            frames -= av_rescale(par->initial_padding, impl_->rate,
+                                 par->sample_rate > 0 ? par->sample_rate : impl_->rate);
+        } else if (impl_->startTime > 0) {
+            frames -= av_rescale_q(impl_->startTime, st->time_base, perFrame);
+            padded = par->codec_id == AV_CODEC_ID_MP3; // its end padding is only known once decoded
+        }
         out.frames = std::max<int64_t>(frames, 0);
         out.lengthIsExact =
-            impl_->format->duration_estimation_method != AVFMT_DURATION_FROM_BITRATE;
+            !padded && impl_->format->duration_estimation_method != AVFMT_DURATION_FROM_BITRATE;
     }
 
     bool seek(int64_t frame) override {
@@ -286,6 +327,8 @@ public:
         impl_->dropCount = frame;
         return true;
     }
+
+    bool failed() const override { return impl_->broken; }
 
     std::size_t read(float* out, std::size_t maxFrames) override {
         Impl& d = *impl_;
