@@ -226,6 +226,9 @@ void PlaybackController::previous() {
 
 void PlaybackController::refreshCurrentTrack() {
     if (!state_.track || !lookup) return;
+    // A tag write may have reloaded the engine, dropping the track it had opened ahead;
+    // naming the same one again costs nothing when it is still open.
+    if (engine_->hasFile()) prepareFollowing();
     auto fresh = lookup(state_.track->path);
     if (fresh && *fresh != *state_.track) {
         state_.track = std::move(*fresh);

@@ -806,6 +806,7 @@ TEST(ControllerEditing, CoversAndDocumentsThroughTheEditorKeepThePlayingTrackWhe
 
     // Playing the second track, paused at 0.7 s.
     h.press({kDown, kDown, kEnter});
+    h.settle(); // the track opens off the main thread
     ASSERT_TRUE(h.state().playback.track);
     ASSERT_EQ(h.state().playback.track->path, paths[1]);
     h.c().seekTo(0.7);
