@@ -75,6 +75,9 @@ public:
         std::size_t got = 0;
         if (Segment* s = segment_.load(std::memory_order_seq_cst)) {
             got = s->ring.read(out, frames * ch) / ch;
+            // A damaged file can decode to NaN or infinity: silence, never full-scale noise.
+            for (std::size_t i = 0; i < got * ch; ++i)
+                if (!std::isfinite(out[i])) out[i] = 0.0f;
             if (got > 0 && s->deviceBase.load(std::memory_order_relaxed) < 0)
                 s->deviceBase.store(base, std::memory_order_release);
             if (got < frames) {
