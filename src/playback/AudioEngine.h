@@ -41,6 +41,9 @@ public:
     Equalizer& equalizer() { return *equalizer_; }
     // Called once each time a track plays to its end by itself.
     std::function<void()> onTrackEnd;
+    // A message for the user when the real output is lost ("Sin salida de audio: …",
+    // `problem` set) and when it comes back; said once per loss, on the owner's thread.
+    std::function<void(const std::string& message, bool problem)> onOutputNotice;
 
     // Opens the file and connects the output for its rate and channel count; does
     // not start playback. Throws (AudioDecodeError, AudioEngineError) leaving the
@@ -86,10 +89,12 @@ private:
 
     void stopStep();
     void finishTrack();
+    void fadeOut();
     void connect(const OutputFormat& format);
     void completionArrived(int64_t generation);
     void bumpGeneration();
     OutputEvents outputEvents();
+    void outputAvailability(bool available, const std::string& reason);
 
     Poster post_;
     OutputFactory outputs_;
@@ -104,6 +109,7 @@ private:
     double stoppedAt_ = 0;
     int64_t generation_ = 0;
     bool isPlaying_ = false;
+    bool outputMissing_ = false;
     std::shared_ptr<char> alive_ = std::make_shared<char>(0);
 };
 
