@@ -7,6 +7,10 @@
 
 #include <gtest/gtest.h>
 
+#include <spawn.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
 #include <algorithm>
 #include <cmath>
 #include <csignal>
@@ -15,6 +19,8 @@
 #include <functional>
 #include <future>
 #include <limits>
+#include <mutex>
+#include <optional>
 #include <thread>
 
 namespace trovan {
@@ -109,6 +115,74 @@ void writeFloatWav(const fs::path& path, int rate, const std::vector<float>& ste
     f.write("data", 4), u32(bytes);
     f.write(reinterpret_cast<const char*>(stereo.data()), std::streamsize(bytes));
 }
+
+// parec on the null sink's monitor for as long as it lives, with the time each piece
+// of the recording arrived: sample i was played no later than the arrival of any piece
+// that holds it, less the samples after it in that piece.
+class Recorder {
+public:
+    Recorder() {
+        int fds[2];
+        if (pipe(fds) != 0) return;
+        posix_spawn_file_actions_t actions;
+        posix_spawn_file_actions_init(&actions);
+        posix_spawn_file_actions_adddup2(&actions, fds[1], 1);
+        posix_spawn_file_actions_addclose(&actions, fds[0]);
+        const char* argv[] = {"parec",          "--latency-msec=5",    "-d", "nullsink.monitor",
+                              "--raw",          "--format=float32le", "--rate=48000",
+                              "--channels=2",   nullptr};
+        if (posix_spawnp(&pid_, "parec", &actions, nullptr, const_cast<char**>(argv), environ) != 0)
+            pid_ = -1;
+        posix_spawn_file_actions_destroy(&actions);
+        close(fds[1]);
+        fd_ = fds[0];
+        reader_ = std::thread([this] {
+            char buffer[4096];
+            for (ssize_t n; (n = read(fd_, buffer, sizeof buffer)) > 0;) {
+                auto now = Clock::now();
+                std::lock_guard lock(mutex_);
+                bytes_.append(buffer, std::size_t(n));
+                arrivals_.push_back({bytes_.size() / 8, now});
+            }
+        });
+    }
+    ~Recorder() { finish(); }
+    void finish() {
+        if (pid_ > 0) kill(pid_, SIGTERM), waitpid(pid_, nullptr, 0);
+        pid_ = -1;
+        if (reader_.joinable()) reader_.join();
+        if (fd_ >= 0) close(fd_);
+        fd_ = -1;
+    }
+    // The left channel, and the latest time each sample can have been played.
+    std::pair<std::vector<float>, std::vector<Clock::time_point>> take() {
+        finish();
+        std::vector<float> left(bytes_.size() / 8);
+        for (std::size_t i = 0; i < left.size(); ++i)
+            std::memcpy(&left[i], bytes_.data() + 8 * i, sizeof(float));
+        std::vector<Clock::time_point> at(left.size());
+        auto latest = Clock::time_point::max();
+        auto arrival = arrivals_.rbegin();
+        for (std::size_t i = left.size(); i-- > 0;) {
+            for (; arrival != arrivals_.rend() && arrival->first > i; ++arrival)
+                latest = std::min(latest, arrival->second - std::chrono::duration_cast<Clock::duration>(
+                                                                std::chrono::duration<double>(
+                                                                    double(arrival->first - i) / sinkRate)));
+            at[i] = latest;
+            latest -= std::chrono::duration_cast<Clock::duration>(
+                std::chrono::duration<double>(1.0 / sinkRate));
+        }
+        return {std::move(left), std::move(at)};
+    }
+
+private:
+    pid_t pid_ = -1;
+    int fd_ = -1;
+    std::thread reader_;
+    std::mutex mutex_;
+    std::string bytes_;
+    std::vector<std::pair<std::size_t, Clock::time_point>> arrivals_;
+};
 
 class SoundServerTest : public ::testing::Test {
 protected:
@@ -263,6 +337,111 @@ TEST_F(SoundServerTest, TonesEqualizerPauseAndEndThroughPulseAudio) {
     EXPECT_EQ(notices, (std::vector<std::string>{
                            "Sin salida de audio: no se puede conectar con el servidor de sonido",
                            "Salida de audio recuperada"}));
+}
+
+// Ten seconds at 48 kHz, one tone a second (second k at 400 + 100 k Hz, each joined to the
+// next without a jump), seeked back and forth and paused: each new position is heard within
+// 50 ms of its command, the old one for at most 10 ms after it, and no sample jumps further
+// than the tones themselves do.
+TEST_F(SoundServerTest, SeeksAndPausesAreHeardAtOnceWithoutClicks) {
+    PulseServer server(dir / "pulse");
+    ASSERT_GT(server.pid, 0) << "pulseaudio did not start";
+    constexpr double pi = 3.14159265358979323846, amplitude = 0.5;
+    std::vector<float> steps(sinkRate * 2 * 10);
+    double phase = 0;
+    for (std::size_t i = 0; i < steps.size() / 2; ++i) {
+        phase += 2 * pi * double(400 + 100 * (i / sinkRate)) / sinkRate;
+        steps[2 * i] = steps[2 * i + 1] = float(amplitude * std::sin(phase));
+    }
+    writeFloatWav(dir / "steps.wav", int(sinkRate), steps);
+    engine.load((dir / "steps.wav").string());
+    ASSERT_EQ(engine.outputKind(), "cubeb");
+
+    struct Command {
+        Clock::time_point at;
+        int from, to; // the second heard before and after it
+        bool resume;
+    };
+    std::vector<Command> commands;
+    Recorder recorder;
+    std::this_thread::sleep_for(150ms);
+    engine.play();
+    pump(300ms);
+    for (int j = 0; j < 20; ++j) {
+        const double to = (j % 2 ? 2.1 : 7.1) + 0.01 * j;
+        const int from = int(engine.currentTime());
+        commands.push_back({Clock::now(), from, int(to), false});
+        engine.seek(to);
+        pump(250ms);
+    }
+    for (int j = 0; j < 10; ++j) {
+        engine.pause();
+        pump(150ms);
+        const int at = int(engine.currentTime());
+        commands.push_back({Clock::now(), at, at, true});
+        engine.play();
+        pump(250ms);
+    }
+    engine.pause();
+    auto [heard, when] = recorder.take();
+    ASSERT_GT(heard.size(), sinkRate * 5);
+
+    // Upward zero crossings, and the second whose tone each period belongs to (-1: none).
+    std::vector<double> crossings;
+    for (std::size_t i = 1; i < heard.size(); ++i)
+        if (heard[i - 1] < 0 && heard[i] >= 0)
+            crossings.push_back(double(i) - 1 + heard[i - 1] / (heard[i - 1] - heard[i]));
+    auto second = [&](std::size_t m) {
+        const double hz = sinkRate / (crossings[m + 1] - crossings[m]);
+        const double k = std::round((hz - 400) / 100);
+        return std::abs(hz - 400 - 100 * k) < 25 ? int(k) : -1;
+    };
+    auto ms = [](Clock::duration d) { return std::chrono::duration<double, std::milli>(d).count(); };
+    for (const auto& c : commands) {
+        SCOPED_TRACE((c.resume ? "resume in second " : "seek from second ") + std::to_string(c.from) +
+                     " to " + std::to_string(c.to));
+        const auto first = std::size_t(std::lower_bound(when.begin(), when.end(), c.at) - when.begin());
+        auto m = std::size_t(std::lower_bound(crossings.begin(), crossings.end(), double(first)) -
+                             crossings.begin());
+        double oldUntil = double(first);
+        std::optional<double> newFrom;
+        for (; m + 3 < crossings.size() && crossings[m] < double(first + sinkRate / 5); ++m) {
+            if (!c.resume && second(m) == c.from) oldUntil = crossings[m + 1];
+            if (second(m) == c.to && second(m + 1) == c.to && second(m + 2) == c.to) {
+                newFrom = crossings[m];
+                break;
+            }
+        }
+        ASSERT_TRUE(newFrom) << "the new position was not heard";
+        EXPECT_LE((oldUntil - double(first)) * 1000 / sinkRate, 10.0) << "ms of the old position";
+        EXPECT_LE(ms(when[std::size_t(*newFrom)] - c.at), 50.0) << "ms until the new position";
+    }
+    const double allowed = 2 * pi * 1300 * amplitude / sinkRate * 1.05 + amplitude / 150;
+    std::size_t worst = 1;
+    for (std::size_t i = 1; i < heard.size(); ++i)
+        if (std::abs(heard[i] - heard[i - 1]) > std::abs(heard[worst] - heard[worst - 1])) worst = i;
+    EXPECT_LE(std::abs(heard[worst] - heard[worst - 1]), allowed)
+        << "a click " << ms(when[worst] - commands.front().at) << " ms after the first seek";
+
+    // Keys faster than anyone presses them, seeks on top of seeks, past the end and
+    // before the start: nothing sticks, and the last seek is what plays.
+    engine.play();
+    for (int j = 0; j < 100; ++j) {
+        engine.seek(double(j * 37 % 140) / 10 - 2);
+        if (j % 3 == 0) engine.seek(double(j % 11));
+        if (j % 10 == 0) j % 20 ? engine.play() : engine.pause();
+        pump(10ms);
+    }
+    engine.seek(-5);
+    engine.play();
+    EXPECT_NEAR(listen().hz, 400, 5);
+    engine.seek(3.1);
+    EXPECT_NEAR(listen().hz, 700, 5);
+    ends = 0;
+    engine.seek(99);
+    engine.play();
+    pump(400ms);
+    EXPECT_EQ(ends, 1);
 }
 
 } // namespace
