@@ -75,6 +75,11 @@ struct Impl {
     bool flushing = false;
     bool finished = false;
     bool needsPreroll = false;
+    // Ogg Vorbis: only the first frame after a seek takes its position from its timestamp,
+    // the rest are counted from it. The demuxer derives timestamps from the granule of the
+    // page that holds them, and on a file's first and last pages they are off by a packet.
+    bool countAfterSeek = false;
+    bool anchored = false;
 
     void open(const std::string& path) {
         AVFormatContext* raw = nullptr;
@@ -110,6 +115,7 @@ struct Impl {
         needsPreroll = id != AV_CODEC_ID_FLAC && id != AV_CODEC_ID_ALAC &&
                        kindOf(id) != AudioCodecKind::pcm && id != AV_CODEC_ID_VORBIS &&
                        id != AV_CODEC_ID_OPUS;
+        countAfterSeek = id == AV_CODEC_ID_VORBIS;
         if (!packet || !frame) throw AudioDecodeError("out of memory");
     }
 
@@ -187,7 +193,9 @@ struct Impl {
         }
         int64_t pos = nextPosition;
         int64_t ts = f->best_effort_timestamp;
-        if (ts != AV_NOPTS_VALUE) pos = av_rescale_q(ts - startTime, timeBase, AVRational{1, rate});
+        if (ts != AV_NOPTS_VALUE && !(countAfterSeek && anchored))
+            pos = av_rescale_q(ts - startTime, timeBase, AVRational{1, rate});
+        anchored = true;
         int n = f->nb_samples;
         nextPosition = pos + n;
 
@@ -218,6 +226,7 @@ struct Impl {
     void resetDecoding() {
         avcodec_flush_buffers(codec.get());
         dropCount = 0;
+        anchored = false;
         pendingFrames = pendingOffset = 0;
         flushing = false;
         finished = false;
@@ -258,7 +267,9 @@ public:
 
     bool seek(int64_t frame) override {
         Impl& d = *impl_;
-        const int64_t preroll = d.needsPreroll ? d.rate / 10 : 0;
+        // Vorbis lands a second early so that the frame it counts from is on a page whose
+        // timestamps hold (and a short file simply starts over).
+        const int64_t preroll = d.needsPreroll ? d.rate / 10 : d.countAfterSeek ? d.rate : 0;
         const int64_t from = frame - preroll;
         int r = -1;
         if (from > 0) {
