@@ -60,9 +60,8 @@ public:
     FallbackOutput(std::shared_ptr<SoundServer> server, const OutputFormat& format,
                    AudioRenderer& renderer, OutputEvents events)
         : server_(std::move(server)), format_(format), renderer_(renderer),
-          events_(std::move(events)),
-          current_(std::make_unique<NullOutput>(format, renderer, NullOutput::Clock::realTime,
-                                                1024)),
+          events_(std::move(events)), current_(std::make_unique<NullOutput>(
+                                          format, renderer, NullOutput::Clock::realTime, 1024)),
           thread_([this] { retryLoop(); }) {}
 
     ~FallbackOutput() override {

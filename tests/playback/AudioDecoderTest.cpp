@@ -101,10 +101,10 @@ TEST(AudioDecoderTest, SeeksNearTheStartAndTheEndOfShortFilesAreExact) {
     for (auto [format, seconds] : files) {
         const int rate = format == Format::opus ? 48000 : 44100;
         const fixtures::Tone tone{format, Wave::sine, 330, seconds, rate};
-        auto path = testing::tone("short-" + std::to_string(int(format)) + "-" +
-                                      std::to_string(int(seconds)) + "." +
-                                      fixtures::extension(format),
-                                  tone);
+        auto path =
+            testing::tone("short-" + std::to_string(int(format)) + "-" +
+                              std::to_string(int(seconds)) + "." + fixtures::extension(format),
+                          tone);
         SCOPED_TRACE(path);
         AudioDecoder linear(path);
         const auto ch = static_cast<std::size_t>(linear.outputChannels());
@@ -124,7 +124,8 @@ TEST(AudioDecoderTest, SeeksNearTheStartAndTheEndOfShortFilesAreExact) {
             ASSERT_EQ(d.read(got.data(), 256), want) << "seek to " << target;
             double worst = 0;
             for (std::size_t i = 0; i < want * ch; ++i)
-                worst = std::max(worst, std::abs(double(got[i]) - all[std::size_t(target) * ch + i]));
+                worst =
+                    std::max(worst, std::abs(double(got[i]) - all[std::size_t(target) * ch + i]));
             EXPECT_LE(worst, lossy ? 1e-4 : 0.0) << "seek to " << target;
         }
         EXPECT_TRUE(d.seek(total + 5));

@@ -81,8 +81,8 @@ Heard measure(const float* s, std::size_t n, std::size_t step = 1) {
 Heard steady(const std::vector<float>& s, std::size_t begin, std::size_t step = 1) {
     const std::size_t piece = sinkRate / 20 * step;
     std::vector<double> levels, pitches;
-    for (std::size_t at = begin + sinkRate * 3 / 10 * step; at + piece <= s.size() && levels.size() < 10;
-         at += piece) {
+    for (std::size_t at = begin + sinkRate * 3 / 10 * step;
+         at + piece <= s.size() && levels.size() < 10; at += piece) {
         auto h = measure(&s[at], piece, step);
         if (h.levelDb < -60) continue;
         levels.push_back(h.levelDb);
@@ -130,9 +130,9 @@ public:
         posix_spawn_file_actions_init(&actions);
         posix_spawn_file_actions_adddup2(&actions, fds[1], 1);
         posix_spawn_file_actions_addclose(&actions, fds[0]);
-        const char* argv[] = {"parec",          "--latency-msec=5",    "-d", "nullsink.monitor",
-                              "--raw",          "--format=float32le", "--rate=48000",
-                              "--channels=2",   nullptr};
+        const char* argv[] = {"parec", "--latency-msec=5",   "-d",           "nullsink.monitor",
+                              "--raw", "--format=float32le", "--rate=48000", "--channels=2",
+                              nullptr};
         if (posix_spawnp(&pid_, "parec", &actions, nullptr, const_cast<char**>(argv), environ) != 0)
             pid_ = -1;
         posix_spawn_file_actions_destroy(&actions);
@@ -167,9 +167,10 @@ public:
         auto arrival = arrivals_.rbegin();
         for (std::size_t i = left.size(); i-- > 0;) {
             for (; arrival != arrivals_.rend() && arrival->first > i; ++arrival)
-                latest = std::min(latest, arrival->second - std::chrono::duration_cast<Clock::duration>(
-                                                                std::chrono::duration<double>(
-                                                                    double(arrival->first - i) / sinkRate)));
+                latest = std::min(latest, arrival->second -
+                                              std::chrono::duration_cast<Clock::duration>(
+                                                  std::chrono::duration<double>(
+                                                      double(arrival->first - i) / sinkRate)));
             at[i] = latest;
             latest -= std::chrono::duration_cast<Clock::duration>(
                 std::chrono::duration<double>(1.0 / sinkRate));
@@ -276,9 +277,10 @@ TEST_F(SoundServerTest, TonesEqualizerPauseAndEndThroughPulseAudio) {
     // silence, and the next track still sounds at its level through the equalizer.
     std::vector<float> damaged(44100 * 2 * 3 / 2);
     for (std::size_t i = 0; i < damaged.size(); ++i)
-        damaged[i] = i % 97 == 0   ? std::numeric_limits<float>::quiet_NaN()
-                     : i % 89 == 0 ? std::numeric_limits<float>::infinity() * (i % 2 ? -1 : 1)
-                                   : 0.25f * float(std::sin(2 * 3.14159265 * 1000 * double(i / 2) / 44100));
+        damaged[i] = i % 97 == 0 ? std::numeric_limits<float>::quiet_NaN()
+                     : i % 89 == 0
+                         ? std::numeric_limits<float>::infinity() * (i % 2 ? -1 : 1)
+                         : 0.25f * float(std::sin(2 * 3.14159265 * 1000 * double(i / 2) / 44100));
     writeFloatWav(dir / "damaged.wav", 44100, damaged);
     EXPECT_LT(listen((dir / "damaged.wav").string()).levelDb, 0.0);
     EXPECT_NEAR(listen(khz).levelDb - base.levelDb, -6.0, 1.0);
@@ -329,7 +331,8 @@ TEST_F(SoundServerTest, TonesEqualizerPauseAndEndThroughPulseAudio) {
     EXPECT_GT(engine.currentTime(), at);
     PulseServer again(dir / "pulse");
     ASSERT_GT(again.pid, 0) << "pulseaudio did not start again";
-    for (auto deadline = Clock::now() + 4s; engine.outputKind() != "cubeb" && Clock::now() < deadline;)
+    for (auto deadline = Clock::now() + 4s;
+         engine.outputKind() != "cubeb" && Clock::now() < deadline;)
         pump(20ms);
     ASSERT_EQ(engine.outputKind(), "cubeb");
     EXPECT_TRUE(engine.isPlaying());
@@ -397,11 +400,14 @@ TEST_F(SoundServerTest, SeeksDropTheOldAudioAndPausesFade) {
         const double k = std::round((hz - 400) / 100);
         return std::abs(hz - 400 - 100 * k) < 25 ? int(k) : -1;
     };
-    auto ms = [](Clock::duration d) { return std::chrono::duration<double, std::milli>(d).count(); };
+    auto ms = [](Clock::duration d) {
+        return std::chrono::duration<double, std::milli>(d).count();
+    };
     for (const auto& c : commands) {
-        SCOPED_TRACE((c.resume ? "resume in second " : "seek from second ") + std::to_string(c.from) +
-                     " to " + std::to_string(c.to));
-        const auto first = std::size_t(std::lower_bound(when.begin(), when.end(), c.at) - when.begin());
+        SCOPED_TRACE((c.resume ? "resume in second " : "seek from second ") +
+                     std::to_string(c.from) + " to " + std::to_string(c.to));
+        const auto first =
+            std::size_t(std::lower_bound(when.begin(), when.end(), c.at) - when.begin());
         auto m = std::size_t(std::lower_bound(crossings.begin(), crossings.end(), double(first)) -
                              crossings.begin());
         double oldUntil = double(first);
