@@ -76,6 +76,7 @@ public:
         }
         const int64_t base = rendered_.load(std::memory_order_relaxed);
         std::size_t got = 0;
+        bool starved = false;
         Segment* s = segment_.load(std::memory_order_seq_cst);
         // After a fade out only silence follows: the ring stays where the pause was.
         if (s && fadeOut_.load(std::memory_order_acquire) &&
@@ -98,6 +99,7 @@ public:
                         s->drained.store(true, std::memory_order_release);
                     }
                 } else if (s->deviceBase.load(std::memory_order_relaxed) >= 0) {
+                    starved = true;
                     // The decoder fell behind: the silence we insert shifts the
                     // rest of the segment later on the device clock.
                     s->deviceBase.fetch_add(static_cast<int64_t>(frames - got),
@@ -106,6 +108,7 @@ public:
             }
             s->consumed.fetch_add(static_cast<int64_t>(got), std::memory_order_release);
             fade(out, got, ch, base);
+            if (starved) fadeTail(out, got, ch);
         }
         std::fill(out + got * ch, out + frames * ch, 0.0f);
         eq_.process(out, frames);
@@ -173,6 +176,17 @@ private:
             for (std::size_t c = 0; c < ch; ++c)
                 out[i * ch + c] *= gain;
         }
+    }
+
+    // The decoder fell behind and silence follows `got` frames: end them with a fade
+    // rather than a cut, and fade in again when the audio returns.
+    void fadeTail(float* out, std::size_t got, std::size_t ch) noexcept {
+        const std::size_t n = std::min(got, static_cast<std::size_t>(fadeLength_));
+        for (std::size_t k = 0; k < n; ++k)
+            for (std::size_t c = 0; c < ch; ++c)
+                out[(got - n + k) * ch + c] *=
+                    static_cast<float>(n - 1 - k) / static_cast<float>(n);
+        fadeIn_ = 0;
     }
 
     void quiesce() const {

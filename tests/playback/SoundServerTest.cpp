@@ -434,8 +434,12 @@ TEST_F(SoundServerTest, SeeksDropTheOldAudioAndPausesFade) {
             return !c.resume && when[i] > c.at - 25ms && when[i] < c.at + 25ms;
         });
         if (c != commands.end() && ++cuts[std::size_t(c - commands.begin())] == 1) continue;
+        auto last = std::find_if(commands.rbegin(), commands.rend(),
+                                 [&](const Command& c) { return c.at <= when[i]; });
         ADD_FAILURE() << "a jump of " << std::abs(heard[i] - heard[i - 1]) << " "
-                      << ms(when[i] - commands.front().at) << " ms after the first seek";
+                      << ms(when[i] - commands.front().at) << " ms after the first seek, "
+                      << (last == commands.rend() ? -1.0 : ms(when[i] - last->at))
+                      << " ms after the last command";
     }
     // Keys faster than anyone presses them, seeks on top of seeks, past the end and
     // before the start: nothing sticks, and the last seek is what plays.
