@@ -367,6 +367,7 @@ TEST_F(SoundServerTest, SeeksDropTheOldAudioAndPausesFade) {
         bool resume;
     };
     std::vector<Command> commands;
+    std::vector<Clock::time_point> pauses;
     Recorder recorder;
     std::this_thread::sleep_for(150ms);
     engine.play();
@@ -379,6 +380,7 @@ TEST_F(SoundServerTest, SeeksDropTheOldAudioAndPausesFade) {
         pump(250ms);
     }
     for (int j = 0; j < 10; ++j) {
+        pauses.push_back(Clock::now());
         engine.pause();
         pump(150ms);
         const int at = int(engine.currentTime());
@@ -386,9 +388,40 @@ TEST_F(SoundServerTest, SeeksDropTheOldAudioAndPausesFade) {
         engine.play();
         pump(250ms);
     }
+    pauses.push_back(Clock::now());
     engine.pause();
     auto [heard, when] = recorder.take();
     ASSERT_GT(heard.size(), sinkRate * 5);
+
+    // Digital silence of 2 ms or more that no command explains (a pause fading out, a
+    // resume, the gap while a seek opens a new stream) is a dropout: the server ran dry on
+    // a loaded machine. Its edges are not clicks of ours, and a command next to one is
+    // not timed.
+    std::vector<std::pair<std::size_t, std::size_t>> dropouts;
+    auto near = [](Clock::time_point t, Clock::time_point at, auto before, auto after) {
+        return t > at - before && t < at + after;
+    };
+    for (std::size_t i = 0; i < heard.size();) {
+        std::size_t end = i;
+        while (end < heard.size() && heard[end] == 0.0f)
+            ++end;
+        if (end - i >= sinkRate / 500 && i > 0 && end < heard.size()) {
+            bool explained = false;
+            for (auto p : pauses)
+                explained |= near(when[i], p, 0ms, 300ms);
+            for (const auto& c : commands)
+                explained |=
+                    c.resume ? near(when[end], c.at, 0ms, 300ms) : near(when[i], c.at, 25ms, 100ms);
+            if (!explained) dropouts.push_back({i, end});
+        }
+        i = std::max(end, i + 1);
+    }
+    RecordProperty("dropouts", int(dropouts.size()));
+    auto beside = [&](Clock::time_point t, auto before, auto after) {
+        return std::any_of(dropouts.begin(), dropouts.end(), [&](auto d) {
+            return when[d.second] > t - before && when[d.first] < t + after;
+        });
+    };
 
     // Upward zero crossings, and the second whose tone each period belongs to (-1: none).
     std::vector<double> crossings;
@@ -403,7 +436,10 @@ TEST_F(SoundServerTest, SeeksDropTheOldAudioAndPausesFade) {
     auto ms = [](Clock::duration d) {
         return std::chrono::duration<double, std::milli>(d).count();
     };
+    int timed = 0;
     for (const auto& c : commands) {
+        if (beside(c.at, 30ms, 250ms)) continue;
+        ++timed;
         SCOPED_TRACE((c.resume ? "resume in second " : "seek from second ") +
                      std::to_string(c.from) + " to " + std::to_string(c.to));
         const auto first =
@@ -419,10 +455,14 @@ TEST_F(SoundServerTest, SeeksDropTheOldAudioAndPausesFade) {
                 break;
             }
         }
-        ASSERT_TRUE(newFrom) << "the new position was not heard";
+        if (!newFrom) {
+            ADD_FAILURE() << "the new position was not heard";
+            continue;
+        }
         EXPECT_LE((oldUntil - double(first)) * 1000 / sinkRate, 10.0) << "ms of the old position";
         EXPECT_LE(ms(when[std::size_t(*newFrom)] - c.at), 50.0) << "ms until the new position";
     }
+    EXPECT_GE(timed, 15) << dropouts.size() << " dropouts";
     // Through cubeb the server's buffer can only be dropped whole, and that cut of the old
     // position is the one jump allowed: at most one per seek, within 25 ms of it. The new
     // position fades in, and pauses and resumes fade: no jump anywhere else.
@@ -430,6 +470,11 @@ TEST_F(SoundServerTest, SeeksDropTheOldAudioAndPausesFade) {
     std::vector<int> cuts(commands.size());
     for (std::size_t i = 1; i < heard.size(); ++i) {
         if (std::abs(heard[i] - heard[i - 1]) <= allowed) continue;
+        if (std::any_of(dropouts.begin(), dropouts.end(), [&](auto d) {
+                return (i + 2 >= d.first && i <= d.first + 2) ||
+                       (i + 2 >= d.second && i <= d.second + 2);
+            }))
+            continue;
         auto c = std::find_if(commands.begin(), commands.end(), [&](const Command& c) {
             return !c.resume && when[i] > c.at - 25ms && when[i] < c.at + 25ms;
         });
