@@ -22,6 +22,9 @@ AppController::AppController(Terminal& terminal, Size size, SettingsStore settin
       pool_(pool), host_(std::move(host)), state_(settingsStore_.load()), layout_(size) {
     auto engine = std::make_unique<AudioEngine>(
         [post = host_.post](AudioEngine::Task task) { post(std::move(task)); }, host_.outputs);
+    engine->onOutputNotice = [this](const std::string& message, bool problem) {
+        report(message, problem);
+    };
     playback_ = std::make_unique<PlaybackController>(std::move(engine));
     playback_->lookup = [this](const std::string& path) -> std::optional<Track> {
         return state_.index.find(path);

@@ -29,6 +29,9 @@ constexpr std::size_t minRingFrames = 8 * minWriteFrames;
 constexpr auto refillInterval = std::chrono::milliseconds(40);
 constexpr auto endWatchInterval = std::chrono::milliseconds(5);
 constexpr double volumeRampSeconds = 0.02;
+// Every start of a segment fades in, and a pause fades out, over this long: enough to
+// keep the jump from clicking, too short to hear as a fade.
+constexpr double fadeSeconds = 0.004;
 
 std::string fileName(const std::string& path) {
     return std::filesystem::path(path).filename().string();
@@ -149,8 +152,17 @@ public:
         }
         const int64_t base = rendered_.load(std::memory_order_relaxed);
         std::size_t got = 0;
-        if (Segment* s = segment_.load(std::memory_order_seq_cst)) {
+        bool starved = false;
+        Segment* s = segment_.load(std::memory_order_seq_cst);
+        // After a fade out only silence follows: the ring stays where the pause was.
+        if (s && fadeOut_.load(std::memory_order_acquire) &&
+            fadeDone_.load(std::memory_order_relaxed) >= 0)
+            s = nullptr;
+        if (s) {
             got = s->ring.read(out, frames * ch) / ch;
+            // A damaged file can decode to NaN or infinity: silence, never full-scale noise.
+            for (std::size_t i = 0; i < got * ch; ++i)
+                if (!std::isfinite(out[i])) out[i] = 0.0f;
             if (got > 0 && s->deviceBase.load(std::memory_order_relaxed) < 0)
                 s->deviceBase.store(base, std::memory_order_release);
             if (got < frames) {
@@ -163,6 +175,7 @@ public:
                         s->drained.store(true, std::memory_order_release);
                     }
                 } else if (s->deviceBase.load(std::memory_order_relaxed) >= 0) {
+                    starved = true;
                     // The decoder fell behind: the silence we insert shifts the
                     // rest of the segment later on the device clock.
                     s->deviceBase.fetch_add(static_cast<int64_t>(frames - got),
@@ -170,6 +183,8 @@ public:
                 }
             }
             s->consumed.fetch_add(static_cast<int64_t>(got), std::memory_order_release);
+            fade(out, got, ch, base);
+            if (starved) fadeTail(out, got, ch);
         }
         std::fill(out + got * ch, out + frames * ch, 0.0f);
         eq_.process(out, frames);
@@ -181,6 +196,8 @@ public:
     // Owner thread. After it returns the callback no longer sees `segment_`'s old value.
     void attach(Segment* s) {
         segment_.store(s, std::memory_order_seq_cst);
+        fadeOut_.store(false, std::memory_order_seq_cst);
+        epoch_.fetch_add(1, std::memory_order_seq_cst);
         quiesce();
     }
     void detach() { attach(nullptr); }
@@ -191,15 +208,63 @@ public:
         rendered_.store(0);
         volumeStep_ = 1.0f / static_cast<float>(volumeRampSeconds * std::max(sampleRate, 1));
         volume_ = volumeTarget_.load();
+        fadeLength_ = std::max(1.0, fadeSeconds * sampleRate);
     }
     void setLive(bool live) {
         live_.store(live, std::memory_order_seq_cst);
         quiesce();
     }
+    // Owner thread: from the next block, fades the segment out and then plays silence.
+    void requestFadeOut() {
+        fadeDone_.store(-1, std::memory_order_relaxed);
+        fadeOut_.store(true, std::memory_order_seq_cst);
+    }
+    // The rendered frame at which the fade out ended, or -1 while it has not.
+    int64_t fadeOutEnd() const { return fadeDone_.load(std::memory_order_acquire); }
+    int64_t rendered() const { return rendered_.load(std::memory_order_acquire); }
+
     void setVolume(float v) { volumeTarget_.store(v, std::memory_order_relaxed); }
     float volume() const { return volumeTarget_.load(std::memory_order_relaxed); }
 
 private:
+    // Ramps the first frames of every segment up from silence and, on request, the
+    // current one down to it.
+    void fade(float* out, std::size_t got, std::size_t ch, int64_t base) noexcept {
+        const auto length = static_cast<std::size_t>(fadeLength_);
+        const auto epoch = epoch_.load(std::memory_order_acquire);
+        if (epoch != seenEpoch_) {
+            seenEpoch_ = epoch;
+            fadeIn_ = 0;
+            fadeLeft_ = 0;
+        }
+        const bool fadingOut = fadeOut_.load(std::memory_order_acquire);
+        if (fadingOut && fadeLeft_ == 0 && fadeDone_.load(std::memory_order_relaxed) < 0)
+            fadeLeft_ = length;
+        for (std::size_t i = 0; i < got; ++i) {
+            float gain = 1.0f;
+            if (fadeIn_ < length) gain = static_cast<float>(++fadeIn_) / static_cast<float>(length);
+            if (fadingOut) {
+                if (fadeLeft_ > 0) --fadeLeft_;
+                gain *= static_cast<float>(fadeLeft_) / static_cast<float>(length);
+                if (fadeLeft_ == 0 && fadeDone_.load(std::memory_order_relaxed) < 0)
+                    fadeDone_.store(base + static_cast<int64_t>(i) + 1, std::memory_order_release);
+            }
+            for (std::size_t c = 0; c < ch; ++c)
+                out[i * ch + c] *= gain;
+        }
+    }
+
+    // The decoder fell behind and silence follows `got` frames: end them with a fade
+    // rather than a cut, and fade in again when the audio returns.
+    void fadeTail(float* out, std::size_t got, std::size_t ch) noexcept {
+        const std::size_t n = std::min(got, static_cast<std::size_t>(fadeLength_));
+        for (std::size_t k = 0; k < n; ++k)
+            for (std::size_t c = 0; c < ch; ++c)
+                out[(got - n + k) * ch + c] *=
+                    static_cast<float>(n - 1 - k) / static_cast<float>(n);
+        fadeIn_ = 0;
+    }
+
     void quiesce() const {
         while (busy_.load(std::memory_order_seq_cst))
             std::this_thread::yield();
@@ -232,6 +297,14 @@ private:
     std::atomic<float> volumeTarget_{1.0f};
     float volume_ = 1.0f;
     float volumeStep_ = 0.001f;
+    double fadeLength_ = 176;
+    std::atomic<bool> fadeOut_{false};
+    std::atomic<int64_t> fadeDone_{-1};
+    std::atomic<uint64_t> epoch_{0}; // attachments so far: each one fades in anew
+    // Callback only.
+    uint64_t seenEpoch_ = 0;
+    std::size_t fadeIn_ = 0;
+    std::size_t fadeLeft_ = 0;
 };
 
 // Keeps the current segment's ring topped up, goes on into the prepared track when
@@ -758,7 +831,21 @@ OutputEvents AudioEngine::outputEvents() {
             if (alive.lock()) self->recoverFromConfigurationChange();
         });
     };
-    return OutputEvents{recover, recover};
+    auto availability = [post = post_, alive = std::weak_ptr<char>(alive_),
+                         self = this](bool available, const std::string& reason) {
+        post([alive, self, available, reason] {
+            if (alive.lock()) self->outputAvailability(available, reason);
+        });
+    };
+    return OutputEvents{recover, recover, availability};
+}
+
+void AudioEngine::outputAvailability(bool available, const std::string& reason) {
+    if (available == !outputMissing_) return;
+    outputMissing_ = !available;
+    if (onOutputNotice)
+        onOutputNotice(available ? "Salida de audio recuperada" : "Sin salida de audio: " + reason,
+                       !available);
 }
 
 void AudioEngine::play() {
@@ -805,6 +892,8 @@ void AudioEngine::play() {
     segment_ = seg;
     core_->attach(seg.get());
     worker_->assign(seg);
+    // A device that starts before the first block is decoded would play silence first.
+    if (output_->realTime()) waitUntilBuffered(std::chrono::milliseconds(50));
     if (!output_->isRunning() && !output_->start()) {
         stopStep();
         return;
@@ -831,15 +920,31 @@ void AudioEngine::finishTrack() {
 
 void AudioEngine::pause() {
     if (!isPlaying_) return;
+    fadeOut();
     stoppedAt_ = currentTime();
     stopStep();
-    if (output_) output_->stop();
+    if (output_) output_->discard();
+}
+
+void AudioEngine::fadeOut() {
+    if (!output_ || !output_->realTime() || !output_->isRunning()) return;
+    // What the device holds plays out, then the fade: the pause lands where it ends, and
+    // nothing from before it is heard again on resume.
+    core_->requestFadeOut();
+    for (auto deadline = std::chrono::steady_clock::now() + std::chrono::milliseconds(200);
+         std::chrono::steady_clock::now() < deadline;) {
+        const int64_t end = core_->fadeOutEnd();
+        if (end >= 0 && output_->playedFrames() >= end) return;
+        std::this_thread::sleep_for(std::chrono::milliseconds(1));
+    }
 }
 
 void AudioEngine::seek(double seconds) {
     if (!file_) return;
     const bool wasPlaying = isPlaying_;
     stopStep();
+    // What the device still holds is the old position: drop it rather than hear it.
+    if (wasPlaying && output_) output_->discard();
     if (std::isnan(seconds)) seconds = 0;
     stoppedAt_ = std::min(std::max(seconds, 0.0), std::max(duration() - 0.05, 0.0));
     if (wasPlaying) play();

@@ -56,6 +56,9 @@ public:
     std::function<void()> onDurationChanged;
     // Something went wrong on the decoder thread; a message for the user.
     std::function<void(const std::string& message)> onError;
+    // A message for the user when the real output is lost ("Sin salida de audio: …",
+    // `problem` set) and when it comes back; said once per loss, on the owner's thread.
+    std::function<void(const std::string& message, bool problem)> onOutputNotice;
 
     // Opens the file and connects the output for its rate and channel count; does
     // not start playback. Throws (AudioDecodeError, AudioEngineError) leaving the
@@ -137,10 +140,12 @@ private:
     void setPrepared(std::shared_ptr<Prepared> prepared);
     std::shared_ptr<Prepared> makePrepared(const std::string& path);
     void announceJoin(const std::string& path);
+    void fadeOut();
     void connect(const OutputFormat& format);
     void completionArrived(int64_t generation);
     void bumpGeneration();
     OutputEvents outputEvents();
+    void outputAvailability(bool available, const std::string& reason);
 
     Poster post_;
     OutputFactory outputs_;
@@ -159,6 +164,7 @@ private:
     double stoppedAt_ = 0;
     int64_t generation_ = 0;
     bool isPlaying_ = false;
+    bool outputMissing_ = false;
     std::shared_ptr<char> alive_ = std::make_shared<char>(0);
 };
 

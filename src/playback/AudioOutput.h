@@ -4,6 +4,7 @@
 #include <cstdint>
 #include <functional>
 #include <memory>
+#include <string>
 
 namespace trovan {
 
@@ -27,6 +28,9 @@ public:
 struct OutputEvents {
     std::function<void()> deviceChanged; // the default device or its format changed
     std::function<void()> failed;        // the stream died (e.g. the sound server went away)
+    // The real device could not be opened and a null output stands in for it (false, with
+    // the reason in Spanish), or it could again (true, empty reason).
+    std::function<void(bool available, const std::string& reason)> availability;
 };
 
 // A stream to a sound device, or to nowhere.
@@ -38,6 +42,11 @@ public:
     // After it returns the renderer is not called again until the next start.
     virtual void stop() = 0;
     virtual bool isRunning() const = 0;
+    // Stops like `stop` and drops what was handed to the device but not heard yet, so
+    // that the next start begins with fresh audio; the dropped frames count as played.
+    virtual void discard() { stop(); }
+    // False for an output that only advances when told to (tests).
+    virtual bool realTime() const { return true; }
     // Frames that have actually been heard since the stream was created; never
     // more than the frames rendered. Safe from any thread.
     virtual int64_t playedFrames() const = 0;
@@ -47,7 +56,9 @@ public:
 using OutputFactory =
     std::function<std::unique_ptr<AudioOutput>(const OutputFormat&, AudioRenderer&, OutputEvents)>;
 
-// The sound server through cubeb when it can be opened, else a real-time null output.
+// The sound server through cubeb when it can be opened, else a real-time null output
+// that keeps trying to reach the server (with backoff while it plays, and at every
+// start) and moves the stream to it as soon as it answers.
 OutputFactory systemOutputFactory();
 // Loads the cubeb module now (it is otherwise loaded by the first stream opened), so
 // that a background thread can pay for it before anyone waits.

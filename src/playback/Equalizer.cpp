@@ -146,8 +146,11 @@ void Equalizer::processStep(float* samples, std::size_t frames, double preGainFr
     const double step = (preGainTo - preGainFrom) / static_cast<double>(frames);
     for (std::size_t i = 0; i < frames; ++i) {
         double g = preGainFrom + step * static_cast<double>(i + 1);
-        for (std::size_t c = 0; c < ch; ++c)
-            buf[i * ch + c] = samples[i * ch + c] * g;
+        for (std::size_t c = 0; c < ch; ++c) {
+            // One NaN or infinity would stay in the filters' memory for good.
+            const float x = samples[i * ch + c];
+            buf[i * ch + c] = std::isfinite(x) ? x * g : 0.0;
+        }
     }
     for (int b = 0; b < bandCount; ++b) {
         if (!active_[b]) continue;
@@ -196,7 +199,8 @@ void Equalizer::processStep(float* samples, std::size_t frames, double preGainFr
         else if (wet_ > target)
             wet_ = std::max(target, wet_ - wetStep_);
         for (std::size_t c = 0; c < ch; ++c) {
-            double dry = samples[i * ch + c];
+            const float x = samples[i * ch + c];
+            const double dry = std::isfinite(x) ? x : 0.0;
             samples[i * ch + c] = static_cast<float>(dry + (buf[i * ch + c] - dry) * wet_);
         }
     }

@@ -26,6 +26,7 @@ public:
     bool isRunning() const override { return running_.load(); }
     int64_t playedFrames() const override { return played_.load(); }
     const char* kind() const override { return "null"; }
+    bool realTime() const override { return clock_ == Clock::realTime; }
 
     // Virtual clock only: renders `frames` frames (in blocks) if running.
     void advance(std::size_t frames);

@@ -120,5 +120,49 @@ TEST(AudioDecoderTest, FramesAtAnotherRateInsideOneFileAreResampled) {
     EXPECT_NEAR(crossings * 44100.0 / (22050 - 1001), 440, 5);
 }
 
+// In one-second files (and a longer Vorbis one, whose last page has its own timestamps)
+// every seek, close to the start or to the end, lands on the frame a straight decode
+// reaches there; a seek past the end reads nothing.
+TEST(AudioDecoderTest, SeeksNearTheStartAndTheEndOfShortFilesAreExact) {
+    if (!fixtures::available()) GTEST_SKIP() << "ffmpeg missing";
+    const std::pair<Format, double> files[] = {
+        {Format::flac, 1},   {Format::mp3, 1},  {Format::aac, 1},    {Format::alac, 1},
+        {Format::wav, 1},    {Format::aiff, 1}, {Format::caf, 1},    {Format::vorbis, 1},
+        {Format::vorbis, 5}, {Format::opus, 1}, {Format::oggFlac, 1}};
+    for (auto [format, seconds] : files) {
+        const int rate = format == Format::opus ? 48000 : 44100;
+        const fixtures::Tone tone{format, Wave::sine, 330, seconds, rate};
+        auto path =
+            testing::tone("short-" + std::to_string(int(format)) + "-" +
+                              std::to_string(int(seconds)) + "." + fixtures::extension(format),
+                          tone);
+        SCOPED_TRACE(path);
+        AudioDecoder linear(path);
+        const auto ch = static_cast<std::size_t>(linear.outputChannels());
+        std::vector<float> all, chunk(1000 * ch);
+        while (std::size_t n = linear.read(chunk.data(), 1000))
+            all.insert(all.end(), chunk.begin(), chunk.begin() + std::ptrdiff_t(n * ch));
+        const auto total = static_cast<int64_t>(all.size() / ch);
+        const bool lossy = format == Format::mp3 || format == Format::aac ||
+                           format == Format::vorbis || format == Format::opus;
+        AudioDecoder d(path);
+        std::vector<float> got(256 * ch);
+        for (int64_t target : {total - 1, int64_t{2}, total - 700, int64_t{130}, total - 2500,
+                               int64_t{1100}, total - 50000, int64_t{0}}) {
+            if (target < 0) continue;
+            ASSERT_TRUE(d.seek(target));
+            const auto want = static_cast<std::size_t>(std::min<int64_t>(256, total - target));
+            ASSERT_EQ(d.read(got.data(), 256), want) << "seek to " << target;
+            double worst = 0;
+            for (std::size_t i = 0; i < want * ch; ++i)
+                worst =
+                    std::max(worst, std::abs(double(got[i]) - all[std::size_t(target) * ch + i]));
+            EXPECT_LE(worst, lossy ? 1e-4 : 0.0) << "seek to " << target;
+        }
+        EXPECT_TRUE(d.seek(total + 5));
+        EXPECT_EQ(d.read(got.data(), 256), 0u);
+    }
+}
+
 } // namespace
 } // namespace trovan

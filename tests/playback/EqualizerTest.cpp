@@ -5,6 +5,7 @@
 
 #include <cmath>
 #include <cstring>
+#include <limits>
 #include <random>
 #include <vector>
 
@@ -154,6 +155,26 @@ TEST(EqualizerTest, SilenceAfterLoudAudioLeavesNoDenormals) {
         subnormal += eq.subnormalStateCount();
     }
     EXPECT_EQ(subnormal, 0u);
+}
+
+// A damaged file's NaN and infinities come out as silence, whether the equalizer is
+// steady or crossfading, and the next clean audio passes at its level.
+TEST(EqualizerTest, NonFiniteSamplesLeaveNoTraceInTheFilters) {
+    for (bool crossfading : {false, true}) {
+        Eq eq(gainsWith(5, -6), 48000);
+        if (crossfading) eq.apply(gainsWith(5, -6), false);
+        std::vector<float> bad(2048, std::numeric_limits<float>::quiet_NaN());
+        for (std::size_t i = 0; i < bad.size(); i += 3)
+            bad[i] = (i % 2 ? -1 : 1) * std::numeric_limits<float>::infinity();
+        eq.run(bad);
+        for (float v : bad)
+            ASSERT_EQ(v, 0.0f);
+        eq.apply(flat, true);
+        auto in = sine(1000, 48000), out = in;
+        eq.run(out);
+        for (std::size_t i = in.size() / 2; i < in.size(); ++i)
+            ASSERT_NEAR(out[i], in[i], 1e-3) << "sample " << i;
+    }
 }
 
 using P = EqualizerPresets;

@@ -77,6 +77,11 @@ struct Impl {
     bool finished = false;
     bool broken = false; // gave up on undecodable data
     bool needsPreroll = false;
+    // Ogg Vorbis: only the first frame after a seek takes its position from its timestamp,
+    // the rest are counted from it. The demuxer derives timestamps from the granule of the
+    // page that holds them, and on a file's first and last pages they are off by a packet.
+    bool countAfterSeek = false;
+    bool anchored = false;
 
     void open(const std::string& path) {
         AVFormatContext* raw = nullptr;
@@ -112,6 +117,7 @@ struct Impl {
         needsPreroll = id != AV_CODEC_ID_FLAC && id != AV_CODEC_ID_ALAC &&
                        kindOf(id) != AudioCodecKind::pcm && id != AV_CODEC_ID_VORBIS &&
                        id != AV_CODEC_ID_OPUS;
+        countAfterSeek = id == AV_CODEC_ID_VORBIS;
         if (!packet || !frame) throw AudioDecodeError("out of memory");
     }
 
@@ -213,7 +219,9 @@ struct Impl {
         }
         int64_t pos = nextPosition;
         int64_t ts = f->best_effort_timestamp;
-        if (ts != AV_NOPTS_VALUE) pos = av_rescale_q(ts - startTime, timeBase, AVRational{1, rate});
+        if (ts != AV_NOPTS_VALUE && !(countAfterSeek && anchored))
+            pos = av_rescale_q(ts - startTime, timeBase, AVRational{1, rate});
+        anchored = true;
         pos -= static_cast<int64_t>(carried);
         const int n = f->nb_samples;
         const int room = swr_get_out_samples(swr.get(), n);
@@ -249,6 +257,7 @@ struct Impl {
         avcodec_flush_buffers(codec.get());
         if (swrRate != rate) swr.reset(); // a resampler's tail belongs to the old position
         dropCount = 0;
+        anchored = false;
         pendingFrames = pendingOffset = 0;
         flushing = false;
         finished = false;
@@ -299,7 +308,9 @@ public:
 
     bool seek(int64_t frame) override {
         Impl& d = *impl_;
-        const int64_t preroll = d.needsPreroll ? d.rate / 10 : 0;
+        // Vorbis lands a second early so that the frame it counts from is on a page whose
+        // timestamps hold (and a short file simply starts over).
+        const int64_t preroll = d.needsPreroll ? d.rate / 10 : d.countAfterSeek ? d.rate : 0;
         const int64_t from = frame - preroll;
         int r = -1;
         if (from > 0) {

@@ -59,30 +59,38 @@ std::unique_ptr<CubebOutput> CubebOutput::open(std::shared_ptr<CubebContext> con
         return nullptr;
     std::unique_ptr<CubebOutput> out(
         new CubebOutput(std::move(context), format, renderer, std::move(events)));
+    if (!out->connect()) return nullptr;
+    return out;
+}
 
+bool CubebOutput::connect() {
     cubeb_stream_params params{};
     params.format = CUBEB_SAMPLE_FLOAT32NE;
-    params.rate = static_cast<uint32_t>(format.sampleRate);
-    params.channels = static_cast<uint32_t>(format.channels);
-    params.layout = format.channels == 1 ? CUBEB_LAYOUT_MONO : CUBEB_LAYOUT_STEREO;
+    params.rate = static_cast<uint32_t>(format_.sampleRate);
+    params.channels = static_cast<uint32_t>(format_.channels);
+    params.layout = format_.channels == 1 ? CUBEB_LAYOUT_MONO : CUBEB_LAYOUT_STEREO;
     params.prefs = CUBEB_STREAM_PREF_NONE;
 
-    uint32_t minLatency = 0;
-    if (cubeb_get_min_latency(out->context_->get(), &params, &minLatency) != CUBEB_OK)
-        minLatency = 256;
-    // About 50 ms: short enough that a seek is heard at once, long enough to ride
-    // out a busy machine and to keep wake-ups (and the CPU they cost) down.
-    uint32_t latency = std::max(minLatency, static_cast<uint32_t>(format.sampleRate / 20));
-
+    if (latency_ == 0) {
+        uint32_t minLatency = 0;
+        if (cubeb_get_min_latency(context_->get(), &params, &minLatency) != CUBEB_OK)
+            minLatency = 256;
+        // About 50 ms: long enough to ride out a busy machine and to keep wake-ups (and
+        // the CPU they cost) down; seeks do not wait for it, they drop it (discard).
+        latency_ = std::max(minLatency, static_cast<uint32_t>(format_.sampleRate / 20));
+    }
     cubeb_stream* raw = nullptr;
-    if (cubeb_stream_init(out->context_->get(), &raw, "Trovan", nullptr, nullptr, nullptr, &params,
-                          latency, &CubebCallbacks::data, &CubebCallbacks::state,
-                          out.get()) != CUBEB_OK ||
+    if (cubeb_stream_init(context_->get(), &raw, "Trovan", nullptr, nullptr, nullptr, &params,
+                          latency_, &CubebCallbacks::data, &CubebCallbacks::state,
+                          this) != CUBEB_OK ||
         !raw)
-        return nullptr;
-    out->stream_.reset(raw);
+        return false;
     cubeb_stream_register_device_changed_callback(raw, &CubebCallbacks::deviceChanged);
-    return out;
+    std::lock_guard lock(streamMutex_);
+    stream_.reset(raw);
+    streamBase_ = rendered_.load(std::memory_order_acquire);
+    lastPosition_.store(streamBase_);
+    return true;
 }
 
 CubebOutput::~CubebOutput() {
@@ -94,7 +102,7 @@ CubebOutput::~CubebOutput() {
 
 bool CubebOutput::start() {
     if (running_.load()) return true;
-    if (failed_.load() || cubeb_stream_start(stream_.get()) != CUBEB_OK) return false;
+    if (failed_.load() || !stream_ || cubeb_stream_start(stream_.get()) != CUBEB_OK) return false;
     running_ = true;
     return true;
 }
@@ -104,12 +112,27 @@ void CubebOutput::stop() {
     cubeb_stream_stop(stream_.get());
 }
 
+void CubebOutput::discard() {
+    stop();
+    if (failed_.load() || !stream_) return;
+    {
+        // Destroying the stream drops the server's buffer; the callback is not called
+        // again once the destroy returns.
+        std::lock_guard lock(streamMutex_);
+        stream_.reset();
+    }
+    if (!connect() && !failed_.exchange(true) && events_.failed) events_.failed();
+}
+
 int64_t CubebOutput::playedFrames() const {
+    std::lock_guard lock(streamMutex_);
     uint64_t pos = 0;
-    if (failed_.load() || cubeb_stream_get_position(stream_.get(), &pos) != CUBEB_OK)
+    if (failed_.load() || !stream_ || cubeb_stream_get_position(stream_.get(), &pos) != CUBEB_OK)
         return lastPosition_.load();
     // The position can run slightly past what we handed over: clamp it.
-    int64_t played = std::min(static_cast<int64_t>(pos), rendered_.load(std::memory_order_acquire));
+    int64_t played = std::min(streamBase_ + static_cast<int64_t>(pos),
+                              rendered_.load(std::memory_order_acquire));
+    played = std::max(played, lastPosition_.load());
     lastPosition_.store(played);
     return played;
 }

@@ -4,6 +4,7 @@
 
 #include <atomic>
 #include <memory>
+#include <mutex>
 #include <string>
 
 typedef struct cubeb cubeb;
@@ -37,6 +38,9 @@ public:
     bool start() override;
     void stop() override;
     bool isRunning() const override { return running_.load(); }
+    // The sound server keeps what it was given after a stop (and would play it on the
+    // next start): the stream is replaced by a fresh one instead.
+    void discard() override;
     int64_t playedFrames() const override;
     const char* kind() const override { return "cubeb"; }
 
@@ -48,12 +52,17 @@ private:
     struct StreamDestroyer {
         void operator()(cubeb_stream* s) const;
     };
+    bool connect();
 
     std::shared_ptr<CubebContext> context_;
     OutputFormat format_;
     AudioRenderer& renderer_;
     OutputEvents events_;
+    uint32_t latency_ = 0;
+    // Guards `stream_` against being replaced while another thread asks its position.
+    mutable std::mutex streamMutex_;
     std::unique_ptr<cubeb_stream, StreamDestroyer> stream_;
+    int64_t streamBase_ = 0; // frames rendered before the current stream was created
     std::atomic<bool> running_{false};
     std::atomic<bool> failed_{false};
     std::atomic<int64_t> rendered_{0};
