@@ -15,6 +15,7 @@
 #include <gtest/gtest.h>
 
 #include <chrono>
+#include <thread>
 #include <cstdlib>
 #include <deque>
 #include <filesystem>
@@ -83,6 +84,17 @@ public:
                 noteStatus();
             }
         }
+    }
+
+    // Settles until the chosen track plays: it opens on the decoder thread, which
+    // settle() does not wait for.
+    bool settleUntilPlaying() {
+        for (int i = 0; i < 2000; ++i) {
+            settle();
+            if (controller->state().playback.isPlaying) return true;
+            std::this_thread::sleep_for(std::chrono::milliseconds(5));
+        }
+        return false;
     }
 
     // Records the status message if it is a new one.
@@ -714,7 +726,7 @@ TEST(ControllerLibrary, CoversAreDecodedForTheShownAlbumsAndThePlayingTrack) {
 
     // Playing a track decodes its picture, if it has one, at the player's size.
     h.press({kTab, kEnd, kEnter});
-    h.settle();
+    ASSERT_TRUE(h.settleUntilPlaying());
     ASSERT_TRUE(h.state().playback.track);
     ASSERT_TRUE(h.state().cover);
     EXPECT_EQ(h.state().cover->key, h.state().playback.track->path);
@@ -806,7 +818,7 @@ TEST(ControllerEditing, CoversAndDocumentsThroughTheEditorKeepThePlayingTrackWhe
 
     // Playing the second track, paused at 0.7 s.
     h.press({kDown, kDown, kEnter});
-    h.settle(); // the track opens off the main thread
+    ASSERT_TRUE(h.settleUntilPlaying());
     ASSERT_TRUE(h.state().playback.track);
     ASSERT_EQ(h.state().playback.track->path, paths[1]);
     h.c().seekTo(0.7);
