@@ -55,12 +55,14 @@ std::optional<fs::path> ArtworkCache::write(int generation,
     const bool present = fs::file_size(file, ec) == bytes.size() && !ec;
     if (!present && !AppPaths::writeAtomically(file, view)) return std::nullopt;
     prune(file);
+    writtenGeneration_ = generation;
+    written_ = file;
     return file;
 }
 
 void ArtworkCache::clear(int generation) {
     std::lock_guard guard(lock_);
-    if (generation == latest_) prune({});
+    if (generation == latest_) prune(writtenGeneration_ == generation ? written_ : fs::path());
 }
 
 } // namespace trovan

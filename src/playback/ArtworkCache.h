@@ -24,7 +24,8 @@ public:
     // None when they cannot be written or the generation is stale.
     std::optional<std::filesystem::path> write(int generation,
                                                const std::vector<std::uint8_t>& bytes);
-    // Removes every cover, unless the generation is stale.
+    // Removes every cover, unless the generation is stale. A clear and the write that
+    // follows it in the same generation may run in either order: the written cover stays.
     void clear(int generation);
 
 private:
@@ -33,6 +34,8 @@ private:
     std::filesystem::path folder_;
     std::mutex lock_;
     std::atomic<int> latest_{0};
+    int writtenGeneration_ = -1; // under lock_
+    std::filesystem::path written_;
 };
 
 } // namespace trovan

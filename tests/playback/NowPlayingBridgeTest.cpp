@@ -1,10 +1,14 @@
 // File URLs both ways, as clients send and receive them.
 
+#include "playback/ArtworkCache.h"
 #include "playback/NowPlayingBridge.h"
 
 #include <gtest/gtest.h>
 
+#include <filesystem>
 #include <string>
+#include <unistd.h>
+#include <vector>
 
 using namespace trovan;
 
@@ -21,4 +25,24 @@ TEST(NowPlayingBridge, FileUrlsRoundTripAndOthersAreRefused) {
     for (const char* url : {"http://x/a.flac", "file:/a.flac", "file://host/a.flac", "file:///a%2",
                             "file:///a%zz", "file:///a%00b", "file:///a#b", "/plain/path", ""})
         EXPECT_EQ(NowPlayingBridge::pathFromFileUrl(url), std::nullopt) << url;
+}
+
+// Cover writes and clears run on worker threads in any order; a clear must not take the
+// cover written after it for the same track, and a newer track's clear removes it.
+TEST(ArtworkCache, AClearKeepsTheCoverOfItsOwnGeneration) {
+    const auto folder = std::filesystem::temp_directory_path() /
+                        ("trovan-artwork-test-" + std::to_string(::getpid()));
+    std::filesystem::create_directories(folder);
+    trovan::ArtworkCache cache(folder);
+    const std::vector<std::uint8_t> jpeg{0xFF, 0xD8, 0xFF, 0xE0, 1, 2, 3};
+    const int first = cache.next();
+    const auto file = cache.write(first, jpeg);
+    ASSERT_TRUE(file);
+    cache.clear(first); // arrived late: the write of its own generation stays
+    EXPECT_TRUE(std::filesystem::is_regular_file(*file));
+    const int second = cache.next();
+    EXPECT_FALSE(cache.write(first, jpeg)); // stale
+    cache.clear(second);
+    EXPECT_FALSE(std::filesystem::exists(*file));
+    std::filesystem::remove_all(folder);
 }
