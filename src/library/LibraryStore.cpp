@@ -336,11 +336,11 @@ void LibraryStore::Batch::add(const std::vector<Track>& upserts) {
 void LibraryStore::Batch::commit(const std::vector<std::string>& deletions) {
     store_.remove(deletions);
     if (sqlite3_exec(store_.db_.get(), "COMMIT", nullptr, nullptr, nullptr) != SQLITE_OK) {
-        const std::string message = sqlite3_errmsg(store_.db_.get());
+        std::string message = sqlite3_errmsg(store_.db_.get());
         // A COMMIT that fails leaves the transaction open; nothing of it is kept.
-        if (!sqlite3_get_autocommit(store_.db_.get()))
-            static_cast<void>(
-                sqlite3_exec(store_.db_.get(), "ROLLBACK", nullptr, nullptr, nullptr));
+        if (!sqlite3_get_autocommit(store_.db_.get()) &&
+            sqlite3_exec(store_.db_.get(), "ROLLBACK", nullptr, nullptr, nullptr) != SQLITE_OK)
+            message += "; tampoco se pudo deshacer: " + std::string(sqlite3_errmsg(store_.db_.get()));
         open_ = false;
         throw std::runtime_error("no se pudo guardar la biblioteca (" + message + ")");
     }
