@@ -340,7 +340,8 @@ void LibraryStore::Batch::commit(const std::vector<std::string>& deletions) {
         // A COMMIT that fails leaves the transaction open; nothing of it is kept.
         if (!sqlite3_get_autocommit(store_.db_.get()) &&
             sqlite3_exec(store_.db_.get(), "ROLLBACK", nullptr, nullptr, nullptr) != SQLITE_OK)
-            message += "; tampoco se pudo deshacer: " + std::string(sqlite3_errmsg(store_.db_.get()));
+            message +=
+                "; tampoco se pudo deshacer: " + std::string(sqlite3_errmsg(store_.db_.get()));
         open_ = false;
         throw std::runtime_error("no se pudo guardar la biblioteca (" + message + ")");
     }
