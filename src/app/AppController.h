@@ -23,6 +23,7 @@
 #include <atomic>
 #include <chrono>
 #include <functional>
+#include <map>
 #include <memory>
 #include <optional>
 #include <set>
@@ -155,6 +156,12 @@ public:
 
     // --- Tag editing (ControllerEditing.cpp)
     void openTagForm();
+    // Reads the tags of what the keys act on, off the main thread, and hands them to
+    // `then` on it; says so when nothing is selected.
+    using TargetTags =
+        std::function<void(std::vector<std::string> paths,
+                           std::vector<std::map<std::string, std::vector<std::string>>> tags)>;
+    void readTargetTags(TargetTags then);
     void handleFormKey(const Key& key);
     void saveForm();
     void editAllTags();

@@ -60,19 +60,25 @@ constexpr const char* kNoTargets = "Selecciona una canción, un álbum o un arti
 // --- The form
 
 void AppController::openTagForm() {
+    readTargetTags([this](std::vector<std::string> paths, std::vector<PropertyMap> properties) {
+        state_.form = TagForm(std::move(paths), properties);
+        state_.overlay = Overlay::tagForm();
+        requestRender();
+    });
+}
+
+void AppController::readTargetTags(TargetTags then) {
     auto paths = targetPaths();
     if (paths.empty()) {
         report(kNoTargets, true);
         return;
     }
     pool_.submit([this, alive = std::weak_ptr<char>(alive_), post = host_.post,
-                  paths = std::move(paths)]() mutable {
+                  paths = std::move(paths), then = std::move(then)]() mutable {
         auto properties = TagEditor::properties(paths);
-        post([this, alive, paths = std::move(paths), properties = std::move(properties)]() mutable {
-            if (!alive.lock()) return;
-            state_.form = TagForm(std::move(paths), properties);
-            state_.overlay = Overlay::tagForm();
-            requestRender();
+        post([alive, paths = std::move(paths), properties = std::move(properties),
+              then = std::move(then)]() mutable {
+            if (alive.lock()) then(std::move(paths), std::move(properties));
         });
     });
 }
@@ -120,26 +126,16 @@ void AppController::saveForm() {
 // --- Documents in the user's editor
 
 void AppController::editAllTags() {
-    auto paths = targetPaths();
-    if (paths.empty()) {
-        report(kNoTargets, true);
-        return;
-    }
-    pool_.submit([this, alive = std::weak_ptr<char>(alive_), post = host_.post,
-                  paths = std::move(paths)]() mutable {
-        auto properties = TagEditor::properties(paths);
-        post([this, alive, paths = std::move(paths), properties = std::move(properties)] {
-            if (!alive.lock()) return;
-            auto edited = runEditor(TagDocument::render(properties), "tags.txt");
-            if (!edited) return;
-            TagPatch patch = TagDocument::parse(*edited, properties);
-            if (patch.isEmpty()) {
-                report("Sin cambios");
-                return;
-            }
-            report("Guardando tags…");
-            writeTags(patch, paths);
-        });
+    readTargetTags([this](std::vector<std::string> paths, std::vector<PropertyMap> properties) {
+        auto edited = runEditor(TagDocument::render(properties), "tags.txt");
+        if (!edited) return;
+        TagPatch patch = TagDocument::parse(*edited, properties);
+        if (patch.isEmpty()) {
+            report("Sin cambios");
+            return;
+        }
+        report("Guardando tags…");
+        writeTags(patch, paths);
     });
 }
 
