@@ -70,78 +70,87 @@ TEST(TerminalWrite, FramesGoOutWholeThroughSignalsAndFullPipesOrGiveUpOnErrors) 
     signal(SIGPIPE, SIG_DFL);
 }
 
-TEST(TerminalSession, EveryWayOutRestoresTheTerminalOnce) {
-    int master = -1;
-    const pid_t pid = forkpty(&master, nullptr, nullptr, nullptr);
-    if (pid == 0) { // the child's standard input and output are a fresh pseudo-terminal
-        winsize ws{};
-        ws.ws_row = 30; // no columns: the size is unknown
-        ioctl(1, TIOCSWINSZ, &ws);
-        if (!(Terminal::querySize() == Size{80, 24})) _exit(2);
-        termios now{};
-        Terminal t;
-        t.enter();
-        t.enter(); // already active: writes nothing
-        tcgetattr(0, &now);
-        if (now.c_lflag & (ECHO | ICANON | ISIG)) _exit(3);
-        restoreTerminal();
-        restoreTerminal(); // nothing left to restore: writes nothing
-        // Any other way out goes through the exit hook.
-        t.isActive = false;
-        t.enter();
-        std::exit(7);
-    }
-    std::string out;
-    char buf[4096];
-    for (ssize_t n; (n = read(master, buf, sizeof buf)) > 0 || (n < 0 && errno == EINTR);)
-        if (n > 0) out.append(buf, static_cast<std::size_t>(n));
-    int status = 0; // the read ends with EIO once the child is gone
-    waitpid(pid, &status, 0);
-    close(master);
-    EXPECT_TRUE(WIFEXITED(status) && WEXITSTATUS(status) == 7) << "wait status " << status;
-    const std::string once = std::string(kEnterSequence) + std::string(kLeaveSequence);
-    EXPECT_EQ(out, once + once);
-}
-
 namespace {
 
-// Runs `die` in a child on a fresh pseudo-terminal after entering the session; returns
-// its wait status, everything it wrote, and whether the terminal's modes are back.
-struct Death {
+// What a child run on a fresh pseudo-terminal left: its wait status, everything it
+// wrote, and whether the terminal's modes are back.
+struct PtyRun {
     int status = 0;
     std::string out;
     bool modesBack = false;
 };
 
-template <typename F> Death dieInSession(F die) {
+// Runs `child` with a fresh pseudo-terminal as its standard input and output.
+template <typename F> PtyRun onPty(F child) {
     int master = -1;
     const pid_t pid = forkpty(&master, nullptr, nullptr, nullptr);
     if (pid == 0) {
-        // As in a build without sanitizers, whose own handlers would report and abort.
-        for (int sig : {SIGSEGV, SIGBUS, SIGABRT, SIGILL, SIGFPE, SIGQUIT})
-            signal(sig, SIG_DFL);
-        Terminal t;
-        t.enter();
-        die();
+        child();
         _exit(0);
     }
-    Death d;
-    termios before{};
-    char buf[4096];
+    PtyRun r;
+    char buf[4096]; // the read ends with EIO once the child is gone
     for (ssize_t n; (n = read(master, buf, sizeof buf)) > 0 || (n < 0 && errno == EINTR);)
-        if (n > 0) d.out.append(buf, static_cast<std::size_t>(n));
-    waitpid(pid, &d.status, 0);
+        if (n > 0) r.out.append(buf, static_cast<std::size_t>(n));
+    waitpid(pid, &r.status, 0);
     // A fresh pty starts cooked; the session's raw mode must not have stayed.
-    tcgetattr(master, &before);
-    d.modesBack = (before.c_lflag & (ECHO | ICANON | ISIG)) == (ECHO | ICANON | ISIG);
+    termios now{};
+    tcgetattr(master, &now);
+    r.modesBack = (now.c_lflag & (ECHO | ICANON | ISIG)) == (ECHO | ICANON | ISIG);
     close(master);
-    return d;
+    return r;
 }
+
+const std::string kSession = std::string(kEnterSequence) + std::string(kLeaveSequence);
 
 } // namespace
 
+// Every way out restores the terminal once; standard error goes to the log only while the
+// session is active, and each run starts the log afresh.
+TEST(TerminalSession, LeavesOnceAndLogsStandardErrorOnlyWhileActive) {
+    const char* base = std::getenv("TMPDIR");
+    std::string logName = std::string(base && *base ? base : "/tmp") + "/trovan-log-XXXXXX";
+    const int fd = mkstemp(logName.data());
+    ASSERT_GE(fd, 0);
+    write(fd, "old run\n", 8);
+    close(fd);
+    const PtyRun r = onPty([&] {
+        winsize ws{};
+        ws.ws_row = 30; // no columns: the size is unknown
+        ioctl(1, TIOCSWINSZ, &ws);
+        if (!(Terminal::querySize() == Size{80, 24})) _exit(2);
+        if (!Terminal::logErrorsTo(logName.c_str())) _exit(3);
+        termios now{};
+        Terminal t;
+        t.enter();
+        t.enter(); // already active: writes nothing
+        tcgetattr(0, &now);
+        if (now.c_lflag & (ECHO | ICANON | ISIG)) _exit(4);
+        fputs("during\n", stderr);
+        restoreTerminal();
+        restoreTerminal(); // nothing left to restore: writes nothing
+        fputs("after\n", stderr);
+        // Back again (after an editor, say): to the log again, and any other way out
+        // goes through the exit hook.
+        t.isActive = false;
+        t.enter();
+        fputs("again\n", stderr);
+        std::exit(7);
+    });
+    EXPECT_TRUE(WIFEXITED(r.status) && WEXITSTATUS(r.status) == 7) << "wait status " << r.status;
+    EXPECT_EQ(r.out, kSession + "after\r\n" + kSession);
+    EXPECT_TRUE(r.modesBack);
+    std::string log;
+    if (FILE* f = fopen(logName.c_str(), "r")) {
+        for (int c; (c = fgetc(f)) != EOF;)
+            log += static_cast<char>(c);
+        fclose(f);
+    }
+    unlink(logName.c_str());
+    EXPECT_EQ(log, "during\nagain\n");
+}
+
 TEST(TerminalSession, FatalSignalsAndTerminateGiveTheTerminalBackAndStillKill) {
-    const std::string session = std::string(kEnterSequence) + std::string(kLeaveSequence);
     const std::pair<int, void (*)()> cases[] = {
         {SIGSEGV,
          [] { // a real fault: a write to a page that allows none
@@ -154,51 +163,17 @@ TEST(TerminalSession, FatalSignalsAndTerminateGiveTheTerminalBackAndStillKill) {
         {SIGABRT, [] { std::terminate(); }},
     };
     for (const auto& [sig, die] : cases) {
-        const Death d = dieInSession(die);
+        const PtyRun r = onPty([die = die] {
+            // As in a build without sanitizers, whose own handlers would report and abort.
+            for (int s : {SIGSEGV, SIGBUS, SIGABRT, SIGILL, SIGFPE, SIGQUIT})
+                signal(s, SIG_DFL);
+            Terminal t;
+            t.enter();
+            die();
+        });
         SCOPED_TRACE(strsignal(sig));
-        EXPECT_TRUE(WIFSIGNALED(d.status) && WTERMSIG(d.status) == sig) << "status " << d.status;
-        EXPECT_EQ(d.out.substr(0, session.size()), session);
-        EXPECT_TRUE(d.modesBack);
+        EXPECT_TRUE(WIFSIGNALED(r.status) && WTERMSIG(r.status) == sig) << "status " << r.status;
+        EXPECT_EQ(r.out.substr(0, kSession.size()), kSession);
+        EXPECT_TRUE(r.modesBack);
     }
-}
-
-TEST(TerminalSession, StandardErrorGoesToTheLogOnlyWhileActive) {
-    const char* base = std::getenv("TMPDIR");
-    std::string logName = std::string(base && *base ? base : "/tmp") + "/trovan-log-XXXXXX";
-    const int fd = mkstemp(logName.data());
-    ASSERT_GE(fd, 0);
-    write(fd, "old run\n", 8); // each run starts the log afresh
-    close(fd);
-    int master = -1;
-    const pid_t pid = forkpty(&master, nullptr, nullptr, nullptr);
-    if (pid == 0) {
-        if (!Terminal::logErrorsTo(logName.c_str())) _exit(2);
-        Terminal t;
-        t.enter();
-        fputs("during\n", stderr);
-        restoreTerminal();
-        fputs("after\n", stderr);
-        t.isActive = false;
-        t.enter(); // back again (after an editor, say): to the log again
-        fputs("again\n", stderr);
-        _exit(0);
-    }
-    std::string out;
-    char buf[4096];
-    for (ssize_t n; (n = read(master, buf, sizeof buf)) > 0 || (n < 0 && errno == EINTR);)
-        if (n > 0) out.append(buf, static_cast<std::size_t>(n));
-    int status = 0;
-    waitpid(pid, &status, 0);
-    close(master);
-    EXPECT_TRUE(WIFEXITED(status) && WEXITSTATUS(status) == 0) << status;
-    std::string log;
-    if (FILE* f = fopen(logName.c_str(), "r")) {
-        for (int c; (c = fgetc(f)) != EOF;)
-            log += static_cast<char>(c);
-        fclose(f);
-    }
-    unlink(logName.c_str());
-    EXPECT_EQ(log, "during\nagain\n");
-    EXPECT_NE(out.find("after"), std::string::npos);
-    EXPECT_EQ(out.find("during"), std::string::npos);
 }
