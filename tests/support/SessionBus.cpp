@@ -17,19 +17,12 @@ bool SessionBus::available() {
 }
 
 SessionBus::SessionBus() {
-    const char* base = std::getenv("TMPDIR");
-    std::string tmpl = std::string(base && *base ? base : "/tmp") + "/trovan-bus-XXXXXX";
-    if (!mkdtemp(tmpl.data())) throw std::runtime_error("mkdtemp failed");
-    dir_ = tmpl;
     address_ = "unix:path=" + (dir_ / "bus").string();
     // --fork returns once the daemon listens.
     const ProcessResult r = runProcess({"dbus-daemon", "--session", "--fork", "--nopidfile",
                                         "--address=" + address_, "--print-pid"});
     pid_ = std::atoi(r.output.c_str());
-    if (r.status != 0 || pid_ <= 0) {
-        std::filesystem::remove_all(dir_);
-        throw std::runtime_error("dbus-daemon failed: " + r.errors);
-    }
+    if (r.status != 0 || pid_ <= 0) throw std::runtime_error("dbus-daemon failed: " + r.errors);
 }
 
 SessionBus::~SessionBus() {
@@ -47,8 +40,6 @@ SessionBus::~SessionBus() {
         for (int i = 0; i < 200 && running(); ++i)
             std::this_thread::sleep_for(std::chrono::milliseconds(10));
     }
-    std::error_code ignored;
-    std::filesystem::remove_all(dir_, ignored);
 }
 
 } // namespace trovan::fixtures

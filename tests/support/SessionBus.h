@@ -1,6 +1,7 @@
 #pragma once
 
-#include <filesystem>
+#include "support/TempDir.h"
+
 #include <string>
 
 namespace trovan::fixtures {
@@ -21,7 +22,7 @@ public:
     static bool available();
 
 private:
-    std::filesystem::path dir_;
+    TempDir dir_{"trovan-bus"};
     std::string address_;
     int pid_ = 0;
 };
