@@ -144,28 +144,24 @@ namespace {
 
 using trovan::testing::rgbaPng;
 
-// A red disc whose rim is half transparent, on a fully transparent square whose hidden
-// colour is green (it must never show).
-std::array<std::uint8_t, 4> disc(int x, int y, int size) {
-    const double dx = x + 0.5 - size / 2.0, dy = y + 0.5 - size / 2.0;
-    const double r = std::sqrt(dx * dx + dy * dy) / (size / 2.0);
-    if (r < 0.6) return {220, 40, 40, 255};
-    if (r < 0.85) return {220, 40, 40, 128};
-    return {0, 255, 0, 0};
-}
-
-Bytes solidPng(int w, int h, std::array<std::uint8_t, 4> rgba) {
-    return rgbaPng(w, h, [&](int, int) { return rgba; });
+Bytes solidPng(int w, int h, std::array<int, 4> rgba) {
+    return rgbaPng(w, h, std::to_string(rgba[0]), std::to_string(rgba[1]), std::to_string(rgba[2]),
+                   std::to_string(rgba[3]));
 }
 
 } // namespace
 
 // Transparent parts show the colour of the place the cover is drawn, and nothing of
 // the colour hidden under them bleeds into the rest, at any size or shape.
-TEST(CoverArtTransparency, CompositesOverTheGivenBackground) {
+TEST_F(CoverArtRendererTest, TransparencyCompositesOverTheGivenBackground) {
     const RGB bg = palette::background, red{220, 40, 40};
-    const auto px = CoverArtRenderer::pixels(
-        rgbaPng(40, 40, [](int x, int y) { return disc(x, y, 40); }), 10, 5);
+    // A red disc whose rim is half transparent, on a fully transparent square whose hidden
+    // colour is green (it must never show).
+    const std::string r = "hypot(X+0.5-20,Y+0.5-20)/20", in = "if(lt(" + r + ",0.85),";
+    const auto px =
+        CoverArtRenderer::pixels(rgbaPng(40, 40, in + "220,0)", in + "40,255)", in + "40,0)",
+                                         "if(lt(" + r + ",0.6),255," + in + "128,0))"),
+                                 10, 5);
     ASSERT_TRUE(px);
     EXPECT_EQ(px->front(), bg);
     EXPECT_EQ(px->back(), bg);
@@ -198,8 +194,7 @@ TEST(CoverArtTransparency, CompositesOverTheGivenBackground) {
 // Without an embedded picture, a cover image beside the track is used: cover, folder,
 // front, album, artwork, in that order whatever the folder's order, in any case, with any
 // of the image extensions; names that are not pictures are passed over.
-TEST(CoverArtFolderImage, PrefersTheNamesInOrder) {
-    fixtures::TempDir dir{"trovan-folder-cover"};
+TEST_F(CoverArtRendererTest, FolderImagesFollowTheNamesInOrder) {
     const auto album = dir / "album";
     std::filesystem::create_directories(album);
     const std::string track = (album / "01.mp3").string(); // need not exist

@@ -2,12 +2,14 @@
 // A small, varied library and ready-made states for the view tests.
 
 #include "state/AppState.h"
+#include "support/Process.h"
+#include "support/TempDir.h"
 #include "ui/Layout.h"
 
-#include <algorithm>
-#include <array>
 #include <chrono>
 #include <cstdint>
+#include <fstream>
+#include <iterator>
 #include <string>
 #include <vector>
 
@@ -88,63 +90,21 @@ inline AppState libraryState(const Layout& layout, const std::string& artistName
     return state;
 }
 
-// A PNG of 8-bit RGBA pixels, `pixel(x, y)` giving {r, g, b, a}, stored without
-// compression: covers with transparency, made without any tool.
-template <class Pixel> std::vector<std::uint8_t> rgbaPng(int width, int height, Pixel pixel) {
-    std::vector<std::uint8_t> raw;
-    for (int y = 0; y < height; ++y) {
-        raw.push_back(0); // no filter
-        for (int x = 0; x < width; ++x)
-            for (std::uint8_t v : pixel(x, y))
-                raw.push_back(v);
-    }
-    auto be32 = [](std::vector<std::uint8_t>& out, std::uint32_t v) {
-        for (int shift = 24; shift >= 0; shift -= 8)
-            out.push_back(static_cast<std::uint8_t>(v >> shift));
-    };
-    // zlib stream of stored blocks, with its Adler-32.
-    std::vector<std::uint8_t> z = {0x78, 0x01};
-    for (std::size_t at = 0; at < raw.size() || at == 0;) {
-        const std::size_t n = std::min<std::size_t>(65535, raw.size() - at);
-        z.push_back(at + n == raw.size() ? 1 : 0);
-        for (std::uint16_t v : {static_cast<std::uint16_t>(n), static_cast<std::uint16_t>(~n)}) {
-            z.push_back(static_cast<std::uint8_t>(v & 0xFF));
-            z.push_back(static_cast<std::uint8_t>(v >> 8));
-        }
-        z.insert(z.end(), raw.begin() + static_cast<std::ptrdiff_t>(at),
-                 raw.begin() + static_cast<std::ptrdiff_t>(at + n));
-        at += n;
-        if (raw.empty()) break;
-    }
-    std::uint32_t a = 1, b = 0;
-    for (std::uint8_t v : raw) {
-        a = (a + v) % 65521;
-        b = (b + a) % 65521;
-    }
-    be32(z, (b << 16) | a);
-
-    std::vector<std::uint8_t> png = {0x89, 'P', 'N', 'G', '\r', '\n', 0x1A, '\n'};
-    auto chunk = [&](const char* type, const std::vector<std::uint8_t>& data) {
-        be32(png, static_cast<std::uint32_t>(data.size()));
-        std::vector<std::uint8_t> body(type, type + 4);
-        body.insert(body.end(), data.begin(), data.end());
-        std::uint32_t crc = 0xFFFFFFFF;
-        for (std::uint8_t v : body) {
-            crc ^= v;
-            for (int k = 0; k < 8; ++k)
-                crc = (crc >> 1) ^ (0xEDB88320 & (0u - (crc & 1)));
-        }
-        png.insert(png.end(), body.begin(), body.end());
-        be32(png, ~crc);
-    };
-    std::vector<std::uint8_t> header;
-    be32(header, static_cast<std::uint32_t>(width));
-    be32(header, static_cast<std::uint32_t>(height));
-    header.insert(header.end(), {8, 6, 0, 0, 0}); // 8-bit RGBA, no interlace
-    chunk("IHDR", header);
-    chunk("IDAT", z);
-    chunk("IEND", {});
-    return png;
+// A PNG of 8-bit RGBA pixels drawn by the ffmpeg tool from one expression of X and Y
+// per channel (ffmpeg's geq filter): covers with transparency. Empty when ffmpeg fails.
+inline std::vector<std::uint8_t> rgbaPng(int width, int height, const std::string& r,
+                                         const std::string& g, const std::string& b,
+                                         const std::string& a) {
+    fixtures::TempDir dir("trovan-rgba");
+    const auto out = dir / "cover.png";
+    const auto run = fixtures::runProcess(
+        {"ffmpeg", "-nostdin", "-v", "error", "-f", "lavfi", "-i",
+         "nullsrc=s=" + std::to_string(width) + "x" + std::to_string(height), "-vf",
+         "format=rgba,geq=r='" + r + "':g='" + g + "':b='" + b + "':a='" + a + "'", "-frames:v",
+         "1", "-pix_fmt", "rgba", out.string()});
+    std::ifstream in(out, std::ios::binary);
+    return run.status == 0 ? std::vector<std::uint8_t>(std::istreambuf_iterator<char>(in), {})
+                           : std::vector<std::uint8_t>{};
 }
 
 } // namespace trovan::testing
