@@ -14,6 +14,7 @@
 #include <random>
 
 using namespace trovan;
+using trovan::testing::picture;
 using Bytes = std::vector<std::uint8_t>;
 
 namespace {
@@ -26,16 +27,6 @@ class CoverArtRendererTest : public ::testing::Test {
 protected:
     void SetUp() override {
         if (std::system("command -v ffmpeg >/dev/null") != 0) GTEST_SKIP() << "ffmpeg missing";
-    }
-    // Runs ffmpeg on the lavfi `source` with `args`, writing `name` in the test's folder,
-    // and returns its bytes.
-    Bytes picture(const std::string& name, const std::string& source, const std::string& args) {
-        const std::string out = (dir / name).string();
-        const std::string cmd = "ffmpeg -nostdin -v error -y -f lavfi -i " + source +
-                                " -frames:v 1 -q:v 2" + args + " '" + out + "'";
-        EXPECT_EQ(std::system(cmd.c_str()), 0) << cmd;
-        std::ifstream in(out, std::ios::binary);
-        return {std::istreambuf_iterator<char>(in), std::istreambuf_iterator<char>()};
     }
     fixtures::TempDir dir{"trovan-cover"};
 };
@@ -198,21 +189,24 @@ TEST_F(CoverArtRendererTest, FolderImagesFollowTheNamesInOrder) {
     const auto album = dir / "album";
     std::filesystem::create_directories(album);
     const std::string track = (album / "01.mp3").string(); // need not exist
-    auto write = [&](const std::string& name, std::uint8_t shade) {
-        const Bytes png = solidPng(1, 1, {shade, shade, shade, 255});
+    std::vector<Bytes> shades;                             // six distinct pictures
+    for (int v = 0; v < 6; ++v)
+        shades.push_back(solidPng(1, 1, {v * 40, v * 40, v * 40, 255}));
+    auto write = [&](const std::string& name, int shade) {
+        const Bytes& png = shades[static_cast<std::size_t>(shade)];
         std::ofstream(album / name, std::ios::binary)
             .write(reinterpret_cast<const char*>(png.data()), std::ssize(png));
         return png;
     };
-    write("albumart.jpg", 1);
+    write("albumart.jpg", 0);
     std::ofstream(album / "cover.txt") << "x";
     std::filesystem::create_directory(album / "cover.jpeg"); // a folder, not a picture
     const std::vector<std::pair<std::string, Bytes>> ranked = {
-        {"COVER.JPG", write("COVER.JPG", 10)},
-        {"Folder.PNG", write("Folder.PNG", 20)},
-        {"front.jpeg", write("front.jpeg", 30)},
-        {"Album.bmp", write("Album.bmp", 40)},
-        {"artwork.gif", write("artwork.gif", 50)}};
+        {"COVER.JPG", write("COVER.JPG", 1)},
+        {"Folder.PNG", write("Folder.PNG", 2)},
+        {"front.jpeg", write("front.jpeg", 3)},
+        {"Album.bmp", write("Album.bmp", 4)},
+        {"artwork.gif", write("artwork.gif", 5)}};
     for (const auto& [name, bytes] : ranked) {
         EXPECT_EQ(CoverArtRenderer::imageData(track), bytes) << name;
         std::filesystem::remove(album / name);
@@ -221,11 +215,11 @@ TEST_F(CoverArtRendererTest, FolderImagesFollowTheNamesInOrder) {
 
     // Every accepted extension; a cover that does not decode gives way to the next name.
     for (const std::string ext : {"jpg", "JPEG", "png", "WebP", "gif", "bmp"}) {
-        const Bytes bytes = write("cover." + ext, 60);
+        const Bytes bytes = write("cover." + ext, 1);
         EXPECT_EQ(CoverArtRenderer::imageData(track), bytes) << ext;
         std::filesystem::remove(album / ("cover." + ext));
     }
     std::ofstream(album / "cover.jpg") << "no es una imagen";
-    EXPECT_EQ(CoverArtRenderer::imageData(track), write("folder.webp", 70));
+    EXPECT_EQ(CoverArtRenderer::imageData(track), write("folder.webp", 2));
     EXPECT_FALSE(CoverArtRenderer::imageData((dir / "gone" / "01.mp3").string()));
 }

@@ -10,6 +10,7 @@
 #include <cstdint>
 #include <fstream>
 #include <iterator>
+#include <sstream>
 #include <string>
 #include <vector>
 
@@ -21,20 +22,9 @@ inline const StatusMessage::Clock::time_point kNow =
 inline Track makeTrack(std::string path, std::string title, std::string artist, std::string album,
                        int year, int number, int disc, int seconds, std::string codec,
                        std::string albumArtist = {}) {
-    Track t;
-    t.path = std::move(path);
-    t.title = std::move(title);
-    t.artist = std::move(artist);
-    t.albumArtist = std::move(albumArtist);
-    t.album = std::move(album);
-    t.year = year;
-    t.trackNumber = number;
-    t.discNumber = disc;
-    t.durationMs = seconds * 1000LL;
-    t.codec = std::move(codec);
-    t.sampleRate = 44100;
-    t.channels = 2;
-    return t;
+    return {path,  0,     0,    title,  artist, albumArtist,
+            album, "",    year, number, disc,   seconds * 1000LL,
+            codec, 44100, 0,    2};
 }
 
 // Artists across several letters, a "#" group with a digit and a CJK name, albums with
@@ -90,21 +80,31 @@ inline AppState libraryState(const Layout& layout, const std::string& artistName
     return state;
 }
 
-// A PNG of 8-bit RGBA pixels drawn by the ffmpeg tool from one expression of X and Y
-// per channel (ffmpeg's geq filter): covers with transparency. Empty when ffmpeg fails.
+// One frame of the ffmpeg lavfi `source` encoded by the ffmpeg tool (JPEG at high quality)
+// with the space-separated `options`, the file name's extension choosing the format;
+// empty when ffmpeg fails or lacks the encoder.
+inline std::vector<std::uint8_t> picture(const std::string& fileName, const std::string& source,
+                                         const std::string& options = {}) {
+    fixtures::TempDir dir("trovan-picture");
+    std::vector<std::string> argv = {"ffmpeg", "-nostdin", "-v",        "error", "-f",   "lavfi",
+                                     "-i",     source,     "-frames:v", "1",     "-q:v", "2"};
+    std::istringstream words(options);
+    for (std::string w; words >> w;)
+        argv.push_back(w);
+    argv.push_back((dir / fileName).string());
+    if (fixtures::runProcess(argv).status != 0) return {};
+    std::ifstream in(dir / fileName, std::ios::binary);
+    return {std::istreambuf_iterator<char>(in), {}};
+}
+
+// A PNG of 8-bit RGBA pixels from one expression of X and Y per channel (ffmpeg's geq
+// filter): covers with transparency.
 inline std::vector<std::uint8_t> rgbaPng(int width, int height, const std::string& r,
                                          const std::string& g, const std::string& b,
                                          const std::string& a) {
-    fixtures::TempDir dir("trovan-rgba");
-    const auto out = dir / "cover.png";
-    const auto run = fixtures::runProcess(
-        {"ffmpeg", "-nostdin", "-v", "error", "-f", "lavfi", "-i",
-         "nullsrc=s=" + std::to_string(width) + "x" + std::to_string(height), "-vf",
-         "format=rgba,geq=r='" + r + "':g='" + g + "':b='" + b + "':a='" + a + "'", "-frames:v",
-         "1", "-pix_fmt", "rgba", out.string()});
-    std::ifstream in(out, std::ios::binary);
-    return run.status == 0 ? std::vector<std::uint8_t>(std::istreambuf_iterator<char>(in), {})
-                           : std::vector<std::uint8_t>{};
+    return picture("cover.png", "nullsrc=s=" + std::to_string(width) + "x" + std::to_string(height),
+                   "-vf format=rgba,geq=r='" + r + "':g='" + g + "':b='" + b + "':a='" + a +
+                       "' -pix_fmt rgba");
 }
 
 } // namespace trovan::testing
