@@ -269,8 +269,7 @@ TEST(Mpris, PublishesPlaybackAndFollowsTheDesktopsCommands) {
     other.busAddress = bus.address();
     other.start();
     ASSERT_TRUE(other.waitForSession());
-    other.text("q");
-    other.expectCleanExit();
+    other.quit();
     EXPECT_EQ(c.meta("xesam:title"), "Cuatro");
 
     c.ctl({"stop"}); // pauses
@@ -372,8 +371,7 @@ TEST(Mpris, BadCallsGetAnErrorOrAClampAndAFloodIsAnswered) {
     s.text("-");
     EXPECT_TRUE(s.waitFor("Vol 95%")) << s.screen();
     EXPECT_TRUE(s.configHas("\"volume\": 0.95"));
-    s.text("q");
-    s.expectCleanExit();
+    s.quit();
 }
 
 TEST(Mpris, ABusThatNeverAnswersOrGoesAwayCostsNothing) {
@@ -390,8 +388,7 @@ TEST(Mpris, ABusThatNeverAnswersOrGoesAwayCostsNothing) {
     s.busAddress = "unix:path=" + path.string();
     s.start();
     ASSERT_TRUE(s.waitForSession()) << s.screen();
-    s.text("q");
-    s.expectCleanExit();
+    s.quit();
     close(silent);
 
     // The bus stops under a running program: it goes on, idle, without it.
@@ -405,6 +402,5 @@ TEST(Mpris, ABusThatNeverAnswersOrGoesAwayCostsNothing) {
     const long before = s.cpuTicks();
     std::this_thread::sleep_for(2s);
     EXPECT_EQ(s.cpuTicks(), before) << "the program used CPU time after the bus left";
-    s.text("q");
-    s.expectCleanExit();
+    s.quit();
 }
