@@ -15,7 +15,6 @@
 #include <gtest/gtest.h>
 
 #include <chrono>
-#include <thread>
 #include <cstdlib>
 #include <deque>
 #include <filesystem>
@@ -25,6 +24,7 @@
 #include <mutex>
 #include <random>
 #include <string>
+#include <thread>
 #include <tuple>
 #include <vector>
 
@@ -222,14 +222,9 @@ TEST(ControllerKeys, TheOpenOverlayDecidesWhereKeysGo) {
     h.type("t1:xx"); // the time prompt
     EXPECT_EQ(h.state().status->text, "Tiempo inválido: usa 1:42");
 
-    // Pastes: dropped without a prompt, inserted into an open one without line breaks.
+    // A paste without a prompt is dropped.
     h.c().handlePaste("vol 20");
     EXPECT_EQ(h.state().overlay, Overlay::none());
-    h.key(ch(":"));
-    h.c().handlePaste("vol\n 2");
-    h.c().handlePaste("0");
-    h.key(kEnter);
-    EXPECT_FLOAT_EQ(h.savedSettings().volume, 0.2f);
 
     // The folder list: j moves, x is ignored, d removes, a starts an "add " command.
     const auto a = h.home.subdir("a"), b = h.home.subdir("b");
@@ -811,7 +806,7 @@ TEST(ControllerEditing, FormWritesEveryTargetAndCountsTheFileThatFails) {
     }
 }
 
-TEST(ControllerEditing, CoversAndDocumentsThroughTheEditorKeepThePlayingTrackWhereItWas) {
+TEST(ControllerEditing, CoversAndLyricsKeepThePlayingTrackWhereItWas) {
     if (!fixtures::available()) GTEST_SKIP() << "ffmpeg is not installed";
     ControllerHarness h;
     const auto paths = loadAlbumFiles(h);
@@ -851,34 +846,13 @@ TEST(ControllerEditing, CoversAndDocumentsThroughTheEditorKeepThePlayingTrackWhe
     EXPECT_EQ(h.reports.back().text, "Carátula eliminada en 5 pistas");
     EXPECT_TRUE(fixtures::storedPictures(paths[4]).empty());
 
-    // The tag document, edited by a command that rewrites one line of it.
-    ::setenv("VISUAL",
-             "sed -i 's/^ALBUM: .*/ALBUM: Otro/; s/^TITLE: .*/TITLE: <varios>\\nmood: Alegre/'", 1);
-    h.key(ch("E"));
-    h.settle();
-    EXPECT_EQ(h.reports.back().text, "Tags guardados en 5 pistas");
-    for (const auto& p : paths) {
-        auto file = TagEditor::properties({p}).front();
-        EXPECT_EQ(file["ALBUM"], std::vector<std::string>{"Otro"});
-        EXPECT_EQ(file["MOOD"], std::vector<std::string>{"Alegre"});
-        EXPECT_EQ(file["LYRICS"], std::vector<std::string>{"la la"});
-    }
-    EXPECT_EQ(titleIn(paths[3]), "t3");
-
-    // Lyrics of the track under the cursor; an editor that cannot run changes nothing.
+    // The lyrics of the playing track, edited: blank lines and edge spaces trimmed.
     h.press({kDown, kDown});
     ::setenv("VISUAL", "printf '\\n Primera\\nSegunda \\n\\n' >", 1);
     h.key(ch("L"));
     h.settle();
+    ::setenv("VISUAL", "true", 1);
     EXPECT_EQ(h.reports.back().text, "Tags guardados en 1 pista");
     EXPECT_EQ(TagEditor::lyrics(paths[1]), "Primera\nSegunda");
-    const std::string before = TagEditor::lyrics(paths[1]);
-    ::setenv("VISUAL", "no-existe-este-editor", 1);
-    const auto reportsBefore = h.reports.size();
-    h.key(ch("L"));
-    h.settle();
-    EXPECT_EQ(h.reports.size(), reportsBefore);
-    EXPECT_EQ(TagEditor::lyrics(paths[1]), before);
-    ::setenv("VISUAL", "true", 1);
     EXPECT_NEAR(h.c().elapsed(), 0.7, 0.05);
 }
