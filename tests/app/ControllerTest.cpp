@@ -571,14 +571,19 @@ TEST(ControllerLibrary, FoldersAreNormalisedAndCheckedBeforeTheyAreStored) {
     h.settle();
 }
 
-TEST(ControllerLibrary, RequestsDuringAScanCollapseIntoOneForcedScan) {
+// Two albums by one artist, one of them with a cover.
+TEST(ControllerLibrary, ScanRequestsCollapseCoversAreDecodedAndFailuresAreReported) {
     if (!fixtures::available()) GTEST_SKIP() << "ffmpeg missing";
     ControllerHarness h;
     const fs::path music = h.home.subdir("music");
     fixtures::Tone tone;
-    tone.seconds = 0.2;
-    for (const char* name : {"a.flac", "b.flac"})
-        fixtures::copyTo(fixtures::cached("ctl-a.flac", tone), music, name);
+    tone.seconds = 0.5;
+    tone.tags = {{"ARTIST", {"Pintor"}}, {"ALBUM", {"Rojo"}}, {"TITLE", {"Uno"}}};
+    tone.covers = {fixtures::Cover{}};
+    fixtures::copyTo(fixtures::cached("ctl-cover.flac", tone), music, "uno.flac");
+    tone.tags = {{"ARTIST", {"Pintor"}}, {"ALBUM", {"Sin tapa"}}, {"TITLE", {"Dos"}}};
+    tone.covers = {};
+    fixtures::copyTo(fixtures::cached("ctl-nocover.flac", tone), music, "dos.flac");
 
     // Start-up: the scan is under way from the first frame.
     h.c().start({music.string()});
@@ -601,6 +606,24 @@ TEST(ControllerLibrary, RequestsDuringAScanCollapseIntoOneForcedScan) {
               (std::vector<std::string>{"Biblioteca al día: 2 archivos · 2 leídos · 0 quitados",
                                         "Biblioteca al día: 2 archivos · 0 leídos · 0 quitados",
                                         "Biblioteca al día: 2 archivos · 2 leídos · 0 quitados"}));
+
+    // The shown albums' covers are decoded, and the playing track's at the player's size.
+    ASSERT_EQ(h.state().albumCovers.size(), 2u);
+    int withPixels = 0;
+    for (const auto& [key, art] : h.state().albumCovers) {
+        if (!art.pixels) continue;
+        ++withPixels;
+        ASSERT_EQ(art.pixels->size(),
+                  static_cast<std::size_t>(Layout::albumCoverColumns * 2 * Layout::albumCoverRows));
+        EXPECT_GT(art.pixels->front().r, 200); // the generated cover is red
+    }
+    EXPECT_EQ(withPixels, 1);
+    h.press({kTab, kEnd, kEnter});
+    ASSERT_TRUE(h.settleUntilPlaying());
+    ASSERT_TRUE(h.state().playback.track);
+    ASSERT_TRUE(h.state().cover);
+    EXPECT_EQ(h.state().cover->key, h.state().playback.track->path);
+    EXPECT_EQ(h.state().cover->pixels.has_value(), h.state().playback.track->title == "Uno");
 
     // An empty folder where the music was (a drive not mounted): the tracks stay, and the
     // summary says which folder could not be read.
@@ -693,48 +716,13 @@ TEST(ControllerLibrary, AlbumsArePaddedForCoversOnlyInWidePanes) {
     }
 }
 
-TEST(ControllerLibrary, CoversAreDecodedForTheShownAlbumsAndThePlayingTrack) {
-    if (!fixtures::available()) GTEST_SKIP() << "ffmpeg missing";
+// Five tagged FLAC files of one album, the second one playing (paused), then edited.
+TEST(ControllerEditing, CoversLyricsAndTheFormKeepThePlayingTrackAndCountTheFileThatFails) {
+    if (!fixtures::available()) GTEST_SKIP() << "ffmpeg is not installed";
     ControllerHarness h;
+    h.type(":cover remove");
+    EXPECT_EQ(h.state().status->text, "Selecciona una canción, un álbum o un artista");
     const fs::path music = h.home.subdir("music");
-    fixtures::Tone tone;
-    tone.seconds = 0.5;
-    tone.tags = {{"ARTIST", {"Pintor"}}, {"ALBUM", {"Rojo"}}, {"TITLE", {"Uno"}}};
-    tone.covers = {fixtures::Cover{}};
-    fixtures::copyTo(fixtures::cached("ctl-cover.flac", tone), music, "uno.flac");
-    tone.tags = {{"ARTIST", {"Pintor"}}, {"ALBUM", {"Sin tapa"}}, {"TITLE", {"Dos"}}};
-    tone.covers = {};
-    fixtures::copyTo(fixtures::cached("ctl-nocover.flac", tone), music, "dos.flac");
-
-    h.c().start({music.string()});
-    h.settle();
-    ASSERT_EQ(h.state().albumCovers.size(), 2u);
-    int withPixels = 0;
-    for (const auto& [key, art] : h.state().albumCovers) {
-        if (!art.pixels) continue;
-        ++withPixels;
-        ASSERT_EQ(art.pixels->size(),
-                  static_cast<std::size_t>(Layout::albumCoverColumns * 2 * Layout::albumCoverRows));
-        EXPECT_GT(art.pixels->front().r, 200); // the generated cover is red
-    }
-    EXPECT_EQ(withPixels, 1);
-
-    // Playing a track decodes its picture, if it has one, at the player's size.
-    h.press({kTab, kEnd, kEnter});
-    ASSERT_TRUE(h.settleUntilPlaying());
-    ASSERT_TRUE(h.state().playback.track);
-    ASSERT_TRUE(h.state().cover);
-    EXPECT_EQ(h.state().cover->key, h.state().playback.track->path);
-    EXPECT_EQ(h.state().cover->pixels.has_value(), h.state().playback.track->title == "Uno");
-}
-
-namespace {
-
-// Five tagged FLAC files of one album in the store, shown, with the library cursor on
-// the album row.
-std::vector<std::string> loadAlbumFiles(ControllerHarness& h) {
-    const fs::path music = h.home / "music";
-    fs::create_directories(music);
     std::vector<std::string> paths;
     std::vector<Track> tracks;
     for (int i = 0; i < 5; ++i) {
@@ -743,76 +731,14 @@ std::vector<std::string> loadAlbumFiles(ControllerHarness& h) {
         tone.tags = {{"ARTIST", {"Ana"}},
                      {"ALBUM", {"Disco"}},
                      {"TITLE", {"t" + std::to_string(i)}},
-                     {"TRACKNUMBER", {std::to_string(i + 1)}},
-                     {"LYRICS", {"la la"}}};
+                     {"TRACKNUMBER", {std::to_string(i + 1)}}};
         auto file = fixtures::copyTo(
             fixtures::cached("controller-edit-" + std::to_string(i) + ".flac", tone), music);
         paths.push_back(file.string());
         tracks.push_back(*Track::read(file.string()));
     }
     load(h, tracks);
-    h.press({kRight, kHome});
-    EXPECT_EQ(libraryRowName(h), "<album>");
-    return paths;
-}
-
-std::string titleIn(const std::string& path) {
-    return Track::read(path)->title;
-}
-
-} // namespace
-
-TEST(ControllerEditing, FormWritesEveryTargetAndCountsTheFileThatFails) {
-    if (!fixtures::available()) GTEST_SKIP() << "ffmpeg is not installed";
-    ControllerHarness h;
-    h.type(":cover remove");
-    EXPECT_EQ(h.state().status->text, "Selecciona una canción, un álbum o un artista");
-    const auto paths = loadAlbumFiles(h);
-
-    h.key(ch("e"));
-    h.settle();
-    ASSERT_TRUE(h.state().form);
-    EXPECT_EQ(h.state().form->paths, paths);
-    EXPECT_TRUE(h.state().form->fields[0].mixed);
-    EXPECT_EQ(h.state().form->fields[3].input.text, "Disco");
-    h.key(kEnter);
-    EXPECT_EQ(h.state().status->text, "Sin cambios");
-    EXPECT_EQ(h.state().overlay, Overlay::none());
-
-    // The third file cannot be written: immutable for root, read-only for anyone else.
-    const bool root = ::geteuid() == 0;
-    if (root ? fixtures::runProcess({"chattr", "+i", paths[2]}).status != 0
-             : (fs::permissions(paths[2], fs::perms::owner_read), false))
-        GTEST_SKIP() << "chattr is not available";
-    h.key(ch("e"));
-    h.settle();
-    h.keys("Nuevo");
-    h.press({kDown, kDown, kDown});
-    for (int i = 0; i < 5; ++i)
-        h.key(kBackspace); // the album field emptied: ALBUM goes away
-    h.key(Key::ctrl('s'));
-    EXPECT_EQ(h.state().status->text, "Guardando tags…");
-    h.settle();
-    if (root) fixtures::runProcess({"chattr", "-i", paths[2]});
-    EXPECT_EQ(h.reports.back().text,
-              "No se pudo escribir 1 archivo(s): " + fs::path(paths[2]).filename().string());
-    EXPECT_TRUE(h.reports.back().isError);
-    for (std::size_t i = 0; i < paths.size(); ++i) {
-        const auto stored = h.state().index.find(paths[i]);
-        ASSERT_TRUE(stored);
-        EXPECT_EQ(stored->title, i == 2 ? "t2" : "Nuevo");
-        EXPECT_EQ(titleIn(paths[i]), stored->title);
-        EXPECT_EQ(stored->album.empty(), i != 2);
-    }
-}
-
-TEST(ControllerEditing, CoversAndLyricsKeepThePlayingTrackWhereItWas) {
-    if (!fixtures::available()) GTEST_SKIP() << "ffmpeg is not installed";
-    ControllerHarness h;
-    const auto paths = loadAlbumFiles(h);
-
-    // Playing the second track, paused at 0.7 s.
-    h.press({kDown, kDown, kEnter});
+    h.press({kRight, kHome, kDown, kDown, kEnter});
     ASSERT_TRUE(h.settleUntilPlaying());
     ASSERT_TRUE(h.state().playback.track);
     ASSERT_EQ(h.state().playback.track->path, paths[1]);
@@ -821,6 +747,7 @@ TEST(ControllerEditing, CoversAndLyricsKeepThePlayingTrackWhereItWas) {
     h.settle();
     ASSERT_FALSE(h.state().playback.isPlaying);
     h.press({kHome});
+    ASSERT_EQ(libraryRowName(h), "<album>");
 
     h.type(":cover " + (h.home / "no-existe.png").string());
     h.settle();
@@ -855,4 +782,41 @@ TEST(ControllerEditing, CoversAndLyricsKeepThePlayingTrackWhereItWas) {
     EXPECT_EQ(h.reports.back().text, "Tags guardados en 1 pista");
     EXPECT_EQ(TagEditor::lyrics(paths[1]), "Primera\nSegunda");
     EXPECT_NEAR(h.c().elapsed(), 0.7, 0.05);
+
+    // The form on the album: unchanged, it writes nothing.
+    h.press({kHome, ch("e")});
+    h.settle();
+    ASSERT_TRUE(h.state().form);
+    EXPECT_EQ(h.state().form->paths, paths);
+    EXPECT_TRUE(h.state().form->fields[0].mixed);
+    EXPECT_EQ(h.state().form->fields[3].input.text, "Disco");
+    h.key(kEnter);
+    EXPECT_EQ(h.state().status->text, "Sin cambios");
+    EXPECT_EQ(h.state().overlay, Overlay::none());
+
+    // The third file cannot be written: immutable for root, read-only for anyone else.
+    const bool root = ::geteuid() == 0;
+    if (root ? fixtures::runProcess({"chattr", "+i", paths[2]}).status != 0
+             : (fs::permissions(paths[2], fs::perms::owner_read), false))
+        GTEST_SKIP() << "chattr is not available";
+    h.key(ch("e"));
+    h.settle();
+    h.keys("Nuevo");
+    h.press({kDown, kDown, kDown});
+    for (int i = 0; i < 5; ++i)
+        h.key(kBackspace); // the album field emptied: ALBUM goes away
+    h.key(Key::ctrl('s'));
+    EXPECT_EQ(h.state().status->text, "Guardando tags…");
+    h.settle();
+    if (root) fixtures::runProcess({"chattr", "-i", paths[2]});
+    EXPECT_EQ(h.reports.back().text,
+              "No se pudo escribir 1 archivo(s): " + fs::path(paths[2]).filename().string());
+    EXPECT_TRUE(h.reports.back().isError);
+    for (std::size_t i = 0; i < paths.size(); ++i) {
+        const auto stored = h.state().index.find(paths[i]);
+        ASSERT_TRUE(stored);
+        EXPECT_EQ(stored->title, i == 2 ? "t2" : "Nuevo");
+        EXPECT_EQ(Track::read(paths[i])->title, stored->title);
+        EXPECT_EQ(stored->album.empty(), i != 2);
+    }
 }
