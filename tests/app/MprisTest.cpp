@@ -150,16 +150,12 @@ std::string fileUrl(const fs::path& p) {
     return "file://" + p.string(); // the generated paths need no escaping
 }
 
-std::string bytes(const std::vector<uint8_t>& v) {
-    return std::string(v.begin(), v.end());
-}
-
 // The file an artUrl names, checked to hold `expected`.
 void expectArt(const std::string& url, const std::vector<uint8_t>& expected) {
     ASSERT_EQ(url.rfind("file://", 0), 0u) << url;
     const fs::path file = url.substr(7);
     EXPECT_TRUE(fs::is_regular_file(file)) << file;
-    EXPECT_EQ(slurp(file), bytes(expected)) << file;
+    EXPECT_EQ(slurp(file), std::string(expected.begin(), expected.end())) << file;
 }
 
 } // namespace
