@@ -237,11 +237,10 @@ TEST(ControllerKeys, TheOpenOverlayDecidesWhereKeysGo) {
     h.key(ch("a"));
     EXPECT_EQ(h.state().overlay, Overlay::prompt(PromptKind::command));
     EXPECT_EQ(h.state().input.text, "add ");
+    h.key(kEsc);
     h.settle();
-}
 
-TEST(ControllerKeys, EqualizerOverlayAndCommands) {
-    ControllerHarness h;
+    // The equalizer: bands, gains, presets, and its commands.
     h.press({ch("="), kLeft}); // wraps to the last band
     EXPECT_EQ(h.state().eqBand, 9);
     h.press({ch("l"), kUp, ch("k")});
