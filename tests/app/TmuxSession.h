@@ -207,15 +207,20 @@ public:
         return user + system;
     }
 
-    // Waits for the program to end and checks it left the terminal as it found it.
-    void expectCleanExit() {
+    // Waits for the program to end with `status` and checks it left the terminal as it
+    // found it.
+    void expectCleanExit(int status = 0) {
         ASSERT_TRUE(waitUntil([&] { return has("done"); }, 10s)) << "program did not end";
         // Standard error (a sanitizer's report included) went to the log.
-        EXPECT_EQ(trim(file("status")), "0") << slurp(home() / "trovan.log");
+        EXPECT_EQ(trim(file("status")), std::to_string(status)) << slurp(home() / "trovan.log");
         EXPECT_FALSE(file("before").empty());
         EXPECT_EQ(file("after"), file("before")) << "terminal modes not restored";
         EXPECT_EQ(trim(file("nonblock")), "0") << "standard input left non-blocking";
         EXPECT_EQ(flags(), "0 1 0 0 0");
+    }
+    void quit() {
+        text("q");
+        expectCleanExit();
     }
 
 private:

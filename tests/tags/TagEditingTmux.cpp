@@ -75,8 +75,7 @@ TEST(TagEditingTmux, FormTagDocumentLyricsAndAMissingEditor) {
     EXPECT_TRUE(s.waitFor(" 0:04 ━")) << s.screen();
 
     // An editor that does not exist: nothing changes and the screen comes back.
-    s.keys("q");
-    s.expectCleanExit();
+    s.quit();
     const std::string before = fixtures::runProcess({"md5sum", (music / "alfa-1.flac").string(),
                                                      (music / "alfa-2.flac").string()})
                                    .output;
@@ -94,7 +93,6 @@ TEST(TagEditingTmux, FormTagDocumentLyricsAndAMissingEditor) {
     EXPECT_EQ(before, fixtures::runProcess({"md5sum", (music / "alfa-1.flac").string(),
                                             (music / "alfa-2.flac").string()})
                           .output);
-    s.keys("q");
-    s.expectCleanExit();
+    s.quit();
     ::unsetenv("EDITOR");
 }
