@@ -3,23 +3,14 @@
 // before stops decoding, and every file refused is left byte for byte as it was. Runs
 // only where that folder exists; works on a copy.
 
-#include "support/Fixtures.h"
-#include "tags/SafeWrite.h"
+#include "TagFiles.h"
 
 #include <gtest/gtest.h>
-
-#include <fstream>
 
 using namespace trovan;
 namespace fx = trovan::fixtures;
 namespace fs = std::filesystem;
-
-namespace {
-std::string bytesOf(const fs::path& file) {
-    std::ifstream in(file, std::ios::binary);
-    return {std::istreambuf_iterator<char>(in), std::istreambuf_iterator<char>()};
-}
-} // namespace
+using tagfiles::bytesOf;
 
 TEST(CorpusWrite, RefusedFilesStayIdenticalAndNoneStopsDecoding) {
     const auto corpus = fs::path(TROVAN_SOURCE_DIR) / ".." / "shared" / "corpus" / "taglib";
