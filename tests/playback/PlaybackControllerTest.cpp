@@ -150,24 +150,6 @@ TEST_F(PlaybackControllerTest, PlayStartsTheChosenTrackSkippingUnplayableOnes) {
     EXPECT_EQ(changes, 1);
 }
 
-TEST_F(PlaybackControllerTest, RepeatOffEndsTheQueueWithTheLastTrackLoaded) {
-    controller.play(good, 2);
-    settle();
-    engine().seek(4.9);
-    advance(0.2);
-    ASSERT_TRUE(tasks.waitForTask());
-    tasks.runPending(); // the engine's end of track reaches the controller
-    EXPECT_FALSE(controller.queue().position);
-    EXPECT_FALSE(controller.state().isPlaying);
-    EXPECT_EQ(current(), good[2]);
-    controller.next();
-    settle();
-    EXPECT_FALSE(engine().isPlaying());
-    controller.resume(); // after the end: from the start
-    EXPECT_DOUBLE_EQ(engine().currentTime(), 0.0);
-    EXPECT_TRUE(controller.state().isPlaying);
-}
-
 TEST_F(PlaybackControllerTest, PreviousRestartsAfterThreeSecondsAndRepeatOneReplays) {
     controller.play(good, 1);
     settle();
@@ -231,7 +213,7 @@ TEST_F(PlaybackControllerTest, ShuffleTogglePlayVolumeAndTagRefresh) {
 // after they were opened: each join moves the queue once and restarts elapsed time, a
 // repeat change made while the next track is open already is followed, each file that
 // cannot play is reported once, and the stream goes on. So does one track on repeat, and
-// a run of short tracks.
+// a run of short tracks, until the queue is over.
 TEST_F(PlaybackControllerTest, JoinsFollowTheQueueAndBadNextTracksNeverStopTheStream) {
     auto second = testing::tone("bad-1s.flac", {.seconds = 1});
     auto short1 = testing::tone("bad-short.flac", {.seconds = 0.6});
@@ -310,6 +292,13 @@ TEST_F(PlaybackControllerTest, JoinsFollowTheQueueAndBadNextTracksNeverStopTheSt
     EXPECT_EQ(heard, run);
     EXPECT_FALSE(controller.state().isPlaying);
     EXPECT_EQ(errors.size(), 2u);
+    EXPECT_EQ(current(), run.back()); // the queue is over with its last track loaded
+    controller.next();
+    settle();
+    EXPECT_FALSE(engine().isPlaying());
+    controller.resume(); // from the start
+    EXPECT_DOUBLE_EQ(engine().currentTime(), 0.0);
+    EXPECT_TRUE(controller.state().isPlaying);
 }
 
 } // namespace
