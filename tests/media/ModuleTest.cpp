@@ -1,5 +1,5 @@
-#include "media/Codecs.h"
 #include "media/Module.h"
+#include "media/Codecs.h"
 
 #include <gtest/gtest.h>
 
@@ -21,6 +21,5 @@ TEST(Module, LoadsTheCodecModuleAndReportsWhatIsMissing) {
     // A file that is no picture, and one that does not exist, give nothing.
     const std::vector<std::uint8_t> junk(100, 7);
     EXPECT_FALSE(ImageDecoder::isImage(junk));
-    EXPECT_FALSE(AudioFileProbe::read("/nonexistent/trovan.flac"));
     EXPECT_THROW(AudioDecoder("/nonexistent/trovan.flac"), AudioDecodeError);
 }

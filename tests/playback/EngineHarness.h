@@ -79,6 +79,15 @@ inline void advanceSeconds(AudioEngine& engine, VirtualOutputs& outputs, double 
     }
 }
 
+// Plays `seconds` in steps of 10 ms, running what the engine posts after each step.
+inline void playFor(AudioEngine& engine, VirtualOutputs& outputs, TaskQueue& tasks,
+                    double seconds) {
+    for (int i = 0; i < static_cast<int>(seconds * 100 + 0.5); ++i) {
+        advanceSeconds(engine, outputs, 0.01);
+        tasks.runPending();
+    }
+}
+
 // A generated tone, cached for every test program.
 inline std::string tone(const std::string& name, const fixtures::Tone& tone) {
     return fixtures::cached(name, tone).string();
@@ -99,20 +108,13 @@ struct CutAlbum {
     static std::string write(const std::filesystem::path& dir, const std::string& name,
                              const std::string& codec, int64_t from, int64_t to, int rate) {
         const std::string expr = "0.5*sin(2*PI*440*t+3*sin(2*PI*0.9*t))";
-        std::vector<std::string> argv = {
-            "ffmpeg",
-            "-nostdin",
-            "-v",
-            "error",
-            "-y",
-            "-f",
-            "lavfi",
-            "-i",
-            "aevalsrc=exprs=" + expr + "|" + expr + ":s=" + std::to_string(rate) +
-                ":d=" + std::to_string(to / rate + 1),
-            "-af",
-            "atrim=start_sample=" + std::to_string(from) + ":end_sample=" + std::to_string(to) +
-                ",asetpts=N/SR/TB"};
+        const std::string source = "aevalsrc=exprs=" + expr + "|" + expr +
+                                   ":s=" + std::to_string(rate) +
+                                   ":d=" + std::to_string(to / rate + 1);
+        const std::string cut = "atrim=start_sample=" + std::to_string(from) +
+                                ":end_sample=" + std::to_string(to) + ",asetpts=N/SR/TB";
+        std::vector<std::string> argv = {"ffmpeg", "-nostdin", "-v",   "error", "-y", "-f",
+                                         "lavfi",  "-i",       source, "-af",   cut};
         std::istringstream words(codec);
         for (std::string w; words >> w;)
             argv.push_back(w);

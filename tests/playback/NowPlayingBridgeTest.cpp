@@ -1,13 +1,13 @@
 // File URLs both ways, as clients send and receive them.
 
-#include "playback/ArtworkCache.h"
 #include "playback/NowPlayingBridge.h"
+#include "playback/ArtworkCache.h"
+#include "support/TempDir.h"
 
 #include <gtest/gtest.h>
 
 #include <filesystem>
 #include <string>
-#include <unistd.h>
 #include <vector>
 
 using namespace trovan;
@@ -30,10 +30,8 @@ TEST(NowPlayingBridge, FileUrlsRoundTripAndOthersAreRefused) {
 // Cover writes and clears run on worker threads in any order; a clear must not take the
 // cover written after it for the same track, and a newer track's clear removes it.
 TEST(ArtworkCache, AClearKeepsTheCoverOfItsOwnGeneration) {
-    const auto folder = std::filesystem::temp_directory_path() /
-                        ("trovan-artwork-test-" + std::to_string(::getpid()));
-    std::filesystem::create_directories(folder);
-    trovan::ArtworkCache cache(folder);
+    fixtures::TempDir folder;
+    trovan::ArtworkCache cache(folder.path());
     const std::vector<std::uint8_t> jpeg{0xFF, 0xD8, 0xFF, 0xE0, 1, 2, 3};
     const int first = cache.next();
     const auto file = cache.write(first, jpeg);
@@ -44,5 +42,4 @@ TEST(ArtworkCache, AClearKeepsTheCoverOfItsOwnGeneration) {
     EXPECT_FALSE(cache.write(first, jpeg)); // stale
     cache.clear(second);
     EXPECT_FALSE(std::filesystem::exists(*file));
-    std::filesystem::remove_all(folder);
 }

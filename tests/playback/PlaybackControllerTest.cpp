@@ -129,36 +129,25 @@ TEST_F(PlaybackControllerTest, PlayStartsTheChosenTrackSkippingUnplayableOnes) {
     EXPECT_TRUE(controller.state().isPlaying);
     EXPECT_DOUBLE_EQ(controller.state().duration, 5.0);
     EXPECT_EQ(controller.state().format.value().codec, "FLAC");
+
+    controller.setRepeatMode(RepeatMode::one); // skipping never retries the same file
+    controller.play(good, 0);                  // still loading when the next list comes
+    controller.play({broken("Uno"), broken("Dos")}, 0);
+    settle();
+    EXPECT_EQ(errors.size(), 3u);
+    EXPECT_EQ(errors.back(), "No se pudo reproducir: Dos");
+    // Nothing is left playing behind the screen.
+    EXPECT_FALSE(controller.state().track);
+    EXPECT_FALSE(engine().isPlaying());
+    EXPECT_FALSE(engine().hasFile());
+
+    controller.play(good, 1);
+    settle();
     changes = 0;
     controller.play(good, 7); // out of range: stops, with one notice
     settle();
     EXPECT_FALSE(controller.state().isPlaying);
     EXPECT_EQ(changes, 1);
-
-    controller.setRepeatMode(RepeatMode::one); // skipping never retries the same file
-    controller.play({broken("Uno"), broken("Dos")}, 0);
-    settle();
-    EXPECT_EQ(errors.size(), 3u);
-    EXPECT_EQ(errors.back(), "No se pudo reproducir: Dos");
-    EXPECT_FALSE(controller.state().isPlaying);
-}
-
-TEST_F(PlaybackControllerTest, RepeatOffEndsTheQueueWithTheLastTrackLoaded) {
-    controller.play(good, 2);
-    settle();
-    engine().seek(4.9);
-    advance(0.2);
-    ASSERT_TRUE(tasks.waitForTask());
-    tasks.runPending(); // the engine's end of track reaches the controller
-    EXPECT_FALSE(controller.queue().position);
-    EXPECT_FALSE(controller.state().isPlaying);
-    EXPECT_EQ(current(), good[2]);
-    controller.next();
-    settle();
-    EXPECT_FALSE(engine().isPlaying());
-    controller.resume(); // after the end: from the start
-    EXPECT_DOUBLE_EQ(engine().currentTime(), 0.0);
-    EXPECT_TRUE(controller.state().isPlaying);
 }
 
 TEST_F(PlaybackControllerTest, PreviousRestartsAfterThreeSecondsAndRepeatOneReplays) {
@@ -220,77 +209,24 @@ TEST_F(PlaybackControllerTest, ShuffleTogglePlayVolumeAndTagRefresh) {
     EXPECT_FLOAT_EQ(engine().volume(), 1.0f);
 }
 
-// Playing on through joins: each one moves the queue once and restarts elapsed time; a
-// prepared track that will not open is reported once and skipped; repeat changes made
-// while the next track is already open are followed; a load that fails stops for real.
-TEST_F(PlaybackControllerTest, JoinsFollowTheQueueAndItsChanges) {
-    std::vector<std::string> album;
-    for (int i = 0; i < 3; ++i)
-        album.push_back(
-            add(testing::tone("join-" + std::to_string(i) + ".flac", {.seconds = 1}), "Corta"));
-    auto play = [&](double seconds) {
-        for (int i = 0; i < static_cast<int>(seconds * 100 + 0.5); ++i) {
-            advance(0.01);
-            tasks.runPending();
-        }
-    };
-    controller.play({album[0], broken("Rota"), album[1], album[2]}, 0);
-    settle();
-    if (errors.empty() && tasks.waitForTask())
-        tasks.runPending(); // the next track is tried at once
-    EXPECT_EQ(errors, std::vector<std::string>{"No se pudo reproducir: Rota"});
-    play(1.05);
-    EXPECT_EQ(current(), album[1]);
-    EXPECT_EQ(controller.queue().position, 2);
-    EXPECT_NEAR(engine().currentTime(), 0.05, 1e-9);
-    EXPECT_TRUE(controller.state().isPlaying);
-    EXPECT_DOUBLE_EQ(controller.state().duration, 1.0);
-
-    controller.setRepeatMode(RepeatMode::one); // album[2] is already open: dropped
-    play(1.0);
-    EXPECT_EQ(current(), album[1]);
-    EXPECT_NEAR(engine().currentTime(), 0.05, 1e-9);
-    controller.setRepeatMode(RepeatMode::off);
-    play(1.0);
-    EXPECT_EQ(current(), album[2]);
-    EXPECT_EQ(controller.queue().position, 3);
-    play(1.0); // the end of the queue; its notice may still be on its way
-    if (controller.queue().position && tasks.waitForTask()) tasks.runPending();
-    EXPECT_FALSE(controller.queue().position);
-    EXPECT_FALSE(controller.state().isPlaying);
-    EXPECT_EQ(errors.size(), 1u);
-
-    // A failed load leaves nothing playing behind the screen.
-    controller.play(album, 0);
-    controller.play({broken("Otra")}, 0);
-    settle();
-    EXPECT_FALSE(engine().isPlaying());
-    EXPECT_FALSE(engine().hasFile());
-    EXPECT_FALSE(controller.state().track);
-}
-
-// Next tracks that are damaged, empty, deleted or rewritten after they were opened,
-// one track on repeat, and a run of short tracks: the stream goes on, and each file
-// that cannot play is reported once.
-TEST_F(PlaybackControllerTest, BadNextTracksNeverStopTheStream) {
+// Playing on through joins, with next tracks that are damaged, empty, deleted or rewritten
+// after they were opened: each join moves the queue once and restarts elapsed time, a
+// repeat change made while the next track is open already is followed, each file that
+// cannot play is reported once, and the stream goes on. So does one track on repeat, and
+// a run of short tracks, until the queue is over.
+TEST_F(PlaybackControllerTest, JoinsFollowTheQueueAndBadNextTracksNeverStopTheStream) {
     auto second = testing::tone("bad-1s.flac", {.seconds = 1});
     auto short1 = testing::tone("bad-short.flac", {.seconds = 0.6});
-    auto other = testing::tone("bad-other.flac", {.frequency = 880, .seconds = 0.4});
+    auto other = testing::tone("bad-other.flac", {.frequency = 880, .seconds = 0.8});
     auto copy = [&](const std::string& name, const std::string& from) {
         return add(fixtures::copyTo(from, dir.path(), name).string(), name);
     };
-    std::vector<std::string> paths;
     std::vector<std::string> heard; // each track as it becomes the current one
     controller.onChange = [&] {
         if (controller.state().isPlaying && (heard.empty() || heard.back() != current()))
             heard.push_back(current());
     };
-    auto play = [&](double seconds) {
-        for (int i = 0; i < static_cast<int>(seconds * 100 + 0.5); ++i) {
-            advance(0.01);
-            tasks.runPending();
-        }
-    };
+    auto play = [&](double seconds) { testing::playFor(engine(), outputs, tasks, seconds); };
     auto prepared = [&] {
         ASSERT_TRUE(engine().waitUntilPrepared(std::chrono::seconds(10)));
         tasks.runPending();
@@ -298,28 +234,37 @@ TEST_F(PlaybackControllerTest, BadNextTracksNeverStopTheStream) {
     const auto zero =
         add(fixtures::writeBroken(dir.path(), "vacia.flac", fixtures::Broken::zeroBytes).string(),
             "Vacía");
-    paths = {copy("a.flac", second), broken("Rota"), zero, copy("b.flac", second),
-             copy("c.flac", second)};
+    const std::vector<std::string> paths = {copy("a.flac", second), broken("Rota"), zero,
+                                            copy("b.flac", second), copy("c.flac", second)};
     controller.play(paths, 0);
     settle();
     for (int i = 0; i < 3; ++i) // Rota, Vacía, then b opens
         prepared();
     EXPECT_EQ(errors, (std::vector<std::string>{"No se pudo reproducir: Rota",
                                                 "No se pudo reproducir: Vacía"}));
-    std::filesystem::remove(paths[3]); // open already: it still plays
-    play(1.1);
-    prepared();
-    std::filesystem::copy_file(other, paths[4], // rewritten in place: opened again
+    std::filesystem::copy_file(other, paths[3], // rewritten in place: opened again
                                std::filesystem::copy_options::overwrite_existing);
-    play(1.35);
+    play(1.05);
+    EXPECT_EQ(current(), paths[3]);
+    EXPECT_EQ(controller.queue().position, 3);
+    EXPECT_NEAR(engine().currentTime(), 0.05, 1e-9);
+    EXPECT_DOUBLE_EQ(controller.state().duration, 0.8);
+    prepared();
+    controller.setRepeatMode(RepeatMode::one); // c is open already: dropped, b joins itself
+    play(0.8);
+    EXPECT_EQ(current(), paths[3]);
+    EXPECT_NEAR(engine().currentTime(), 0.05, 1e-9);
+    controller.setRepeatMode(RepeatMode::off);
+    prepared();
+    std::filesystem::remove(paths[4]); // open already: it still plays
+    play(1.8);
     if (controller.queue().position && tasks.waitForTask()) tasks.runPending(); // the end
     EXPECT_EQ(heard, (std::vector<std::string>{paths[0], paths[3], paths[4]}));
-    EXPECT_DOUBLE_EQ(controller.state().duration, 0.4);
+    EXPECT_DOUBLE_EQ(controller.state().duration, 1.0);
     EXPECT_FALSE(controller.queue().position);
+    EXPECT_FALSE(controller.state().isPlaying);
     EXPECT_EQ(errors.size(), 2u);
 
-    // One track on repeat joins itself; a run of short tracks plays through (those
-    // shorter than the ring may take the slower way, reloading).
     controller.setRepeatMode(RepeatMode::all);
     controller.play({paths[0]}, 0);
     settle();
@@ -332,6 +277,7 @@ TEST_F(PlaybackControllerTest, BadNextTracksNeverStopTheStream) {
     }
     EXPECT_EQ(current(), paths[0]);
     EXPECT_TRUE(controller.state().isPlaying);
+    // Tracks shorter than the ring may take the slower way, reloading.
     controller.setRepeatMode(RepeatMode::off);
     std::vector<std::string> run;
     for (int i = 0; i < 20; ++i)
@@ -340,13 +286,19 @@ TEST_F(PlaybackControllerTest, BadNextTracksNeverStopTheStream) {
     controller.play(run, 0);
     settle();
     for (int i = 0; i < 100000 && controller.queue().position; ++i) {
-        advance(0.01);
-        tasks.runPending();
+        play(0.01);
         std::this_thread::yield(); // a load or notice in flight may need the decoder thread
     }
     EXPECT_EQ(heard, run);
     EXPECT_FALSE(controller.state().isPlaying);
     EXPECT_EQ(errors.size(), 2u);
+    EXPECT_EQ(current(), run.back()); // the queue is over with its last track loaded
+    controller.next();
+    settle();
+    EXPECT_FALSE(engine().isPlaying());
+    controller.resume(); // from the start
+    EXPECT_DOUBLE_EQ(engine().currentTime(), 0.0);
+    EXPECT_TRUE(controller.state().isPlaying);
 }
 
 } // namespace

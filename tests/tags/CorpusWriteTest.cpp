@@ -3,23 +3,14 @@
 // before stops decoding, and every file refused is left byte for byte as it was. Runs
 // only where that folder exists; works on a copy.
 
-#include "support/Fixtures.h"
-#include "tags/SafeWrite.h"
+#include "TagFiles.h"
 
 #include <gtest/gtest.h>
-
-#include <fstream>
 
 using namespace trovan;
 namespace fx = trovan::fixtures;
 namespace fs = std::filesystem;
-
-namespace {
-std::string bytesOf(const fs::path& file) {
-    std::ifstream in(file, std::ios::binary);
-    return {std::istreambuf_iterator<char>(in), std::istreambuf_iterator<char>()};
-}
-} // namespace
+using tagfiles::bytesOf;
 
 TEST(CorpusWrite, RefusedFilesStayIdenticalAndNoneStopsDecoding) {
     const auto corpus = fs::path(TROVAN_SOURCE_DIR) / ".." / "shared" / "corpus" / "taglib";
@@ -45,20 +36,23 @@ TEST(CorpusWrite, RefusedFilesStayIdenticalAndNoneStopsDecoding) {
         },
         [&cover](TagLibFile& f) { return f.setPicture(cover); },
     };
-    int written = 0;
+    int writes = 0;
+    std::vector<bool> written(paths.size());
     for (const auto& edit : edits) {
-        for (const auto& p : paths) {
-            const std::string before = bytesOf(p);
-            if (SafeWrite::write(p, edit, 1 << 20)) {
-                EXPECT_EQ(bytesOf(p), before) << p << " refused but changed";
+        for (std::size_t i = 0; i < paths.size(); ++i) {
+            const std::string before = bytesOf(paths[i]);
+            if (SafeWrite::write(paths[i], edit, 1 << 20)) {
+                EXPECT_TRUE(bytesOf(paths[i]) == before) << paths[i] << " refused but changed";
             } else {
-                ++written;
+                ++writes;
+                written[i] = true;
             }
         }
     }
-    EXPECT_GT(written, 0);
+    EXPECT_GT(writes, 0);
+    // A refused file is still what it was; only the written ones need decoding again.
     for (std::size_t i = 0; i < paths.size(); ++i)
-        if (decoded[i]) {
+        if (decoded[i] && written[i]) {
             EXPECT_TRUE(fx::decodes(paths[i])) << paths[i] << " no longer decodes";
         }
     for (const auto& e : fs::recursive_directory_iterator(copy))
