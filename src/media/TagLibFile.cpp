@@ -180,8 +180,8 @@ public:
 
     TagLib::ByteVector readBlock(unsigned long length) override {
         if (length == 0 || pos_ >= size_) return {};
-        const auto wanted = static_cast<long>(std::min<unsigned long>(
-            length, static_cast<unsigned long>(size_ - pos_)));
+        const auto wanted = static_cast<long>(
+            std::min<unsigned long>(length, static_cast<unsigned long>(size_ - pos_)));
         TagLib::ByteVector out(static_cast<unsigned>(wanted), 0);
         long got = 0;
         if (wanted > kBlock) {
@@ -355,12 +355,12 @@ void TagLibFile::set(const std::string& key, const std::vector<std::string>& val
     auto map = impl_->props();
     auto k = fromUtf8(key);
     map.erase(k);
-    if (!values.empty()) {
-        TagLib::StringList list;
-        for (const auto& v : values)
-            list.append(fromUtf8(v));
-        map.insert(k, list);
-    }
+    // An empty value is no value: Xiph comments drop it, ID3v2 frames cannot hold it among
+    // others, MP4 would keep it. Leaving it out makes every format read back alike.
+    TagLib::StringList list;
+    for (const auto& v : values)
+        if (!v.empty()) list.append(fromUtf8(v));
+    if (!list.isEmpty()) map.insert(k, list);
     impl_->write(map);
 }
 

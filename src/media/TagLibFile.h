@@ -54,8 +54,8 @@ public:
     void remove(const std::string& key);
     // Adds values after the existing ones of a property.
     void append(const std::string& key, const std::vector<std::string>& values);
-    // Replaces a property by these values (delete, then append each); an empty list
-    // deletes it.
+    // Replaces a property by these values (delete, then append each). Empty values are
+    // left out, and a list with none deletes the property.
     void set(const std::string& key, const std::vector<std::string>& values);
 
     // Writes the changes to disk. MPEG files get an ID3v2.4 tag and never a new ID3v1 tag.

@@ -80,6 +80,15 @@ TEST(TagEditor, WritesTagsAndPicturesIntoEveryWritableFormat) {
         EXPECT_TRUE(fx::storedPictures(file).empty());
         EXPECT_EQ(propertiesOf(file)["ARTIST"], (std::vector<std::string>{"Uno", "Dos"}));
         EXPECT_TRUE(fx::decodes(file));
+
+        // Empty values, as the tag document gives them ("ARTIST: " lines), are no values.
+        patch = {};
+        patch.changes = {{"ARTIST", {"Uno", ""}}, {"GENRE", {""}}};
+        result = editor.apply(patch, {file.string()});
+        EXPECT_TRUE(result.failed.empty());
+        props = propertiesOf(file);
+        EXPECT_EQ(props["ARTIST"], std::vector<std::string>{"Uno"});
+        EXPECT_FALSE(props.count("GENRE"));
     }
     EXPECT_TRUE(workFiles(dir.path()).empty());
 }
