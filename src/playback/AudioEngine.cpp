@@ -929,12 +929,15 @@ void AudioEngine::pause() {
 void AudioEngine::fadeOut() {
     if (!output_ || !output_->realTime() || !output_->isRunning()) return;
     // What the device holds plays out, then the fade: the pause lands where it ends, and
-    // nothing from before it is heard again on resume.
+    // nothing from before it is heard again on resume. A busy sound server's position runs
+    // a little ahead of what it has played: 10 ms of the silence after the fade make sure
+    // the fade is not cut short.
     core_->requestFadeOut();
+    const int64_t margin = connectedFormat_ ? connectedFormat_->sampleRate / 100 : 0;
     for (auto deadline = std::chrono::steady_clock::now() + std::chrono::milliseconds(200);
          std::chrono::steady_clock::now() < deadline;) {
         const int64_t end = core_->fadeOutEnd();
-        if (end >= 0 && output_->playedFrames() >= end) return;
+        if (end >= 0 && output_->playedFrames() >= end + margin) return;
         std::this_thread::sleep_for(std::chrono::milliseconds(1));
     }
 }

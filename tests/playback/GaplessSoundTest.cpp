@@ -1,47 +1,16 @@
 // Albums played through a real PulseAudio daemon (a private one with a null sink):
 // the sink's monitor is recorded with parec and the joins between tracks examined.
 
-#include "EngineHarness.h"
+#include "PulseHarness.h"
 
 #include "playback/PlaybackController.h"
 
 #include <gtest/gtest.h>
 
-#include <csignal>
-#include <cstring>
-#include <fstream>
-#include <future>
-#include <thread>
-
 namespace trovan {
 namespace {
 
-using namespace std::chrono_literals;
-namespace fs = std::filesystem;
-using Clock = std::chrono::steady_clock;
-constexpr int sinkRate = 48000;
-
-// A private PulseAudio daemon with one null sink at 48 kHz, stopped on destruction.
-struct PulseServer {
-    explicit PulseServer(const fs::path& home) {
-        fs::create_directories(home);
-        fs::permissions(home, fs::perms::owner_all);
-        for (const char* var : {"XDG_RUNTIME_DIR", "HOME", "XDG_CONFIG_HOME"})
-            setenv(var, home.c_str(), 1);
-        unsetenv("PULSE_SERVER");
-        auto r = fixtures::runProcess(
-            {"pulseaudio", "--daemonize=yes", "--exit-idle-time=-1", "--system=no", "-n",
-             "--use-pid-file=yes",
-             "--load=module-null-sink sink_name=nullsink rate=48000 channels=2 norewinds=1",
-             "--load=module-native-protocol-unix auth-anonymous=1"});
-        if (r.status == 0) std::ifstream(home / "pulse" / "pid") >> pid;
-    }
-    ~PulseServer() {
-        for (int i = 0; pid > 0 && kill(pid, i < 250 ? SIGTERM : SIGKILL) == 0; ++i)
-            std::this_thread::sleep_for(20ms);
-    }
-    pid_t pid = -1;
-};
+using namespace testing;
 
 // A silent stretch of the recording.
 struct Gap {
@@ -51,32 +20,8 @@ struct Gap {
 class GaplessSoundTest : public ::testing::Test {
 protected:
     void SetUp() override {
-        if (!fixtures::available() || !fixtures::onPath("pulseaudio") || !fixtures::onPath("parec"))
-            GTEST_SKIP() << "ffmpeg, pulseaudio or parec missing";
+        if (!canRunPulse()) GTEST_SKIP() << "ffmpeg, pulseaudio or parec missing";
         controller.onError = [this](const std::string& m) { errors.push_back(m); };
-    }
-
-    // The left channel of what the sink plays during the next `seconds`, while posted
-    // work runs as the program's main loop would; `start` runs once parec listens.
-    std::vector<float> record(double seconds, const std::function<void()>& start) {
-        auto parec = std::async(std::launch::async, [seconds] {
-            return fixtures::runProcess({"timeout", std::to_string(seconds), "parec",
-                                         "--latency-msec=20", "-d", "nullsink.monitor", "--raw",
-                                         "--format=float32le", "--rate=48000", "--channels=2"});
-        });
-        std::this_thread::sleep_for(200ms);
-        start();
-        for (auto end = Clock::now() + std::chrono::milliseconds(int(seconds * 1000) - 200);
-             Clock::now() < end;) {
-            tasks.runPending();
-            std::this_thread::sleep_for(2ms);
-        }
-        tasks.runPending();
-        auto raw = parec.get().output;
-        std::vector<float> left(raw.size() / 8);
-        for (std::size_t i = 0; i < left.size(); ++i)
-            std::memcpy(&left[i], raw.data() + 8 * i, sizeof(float));
-        return left;
     }
 
     // Silent stretches of 1 ms or more between the first and the last sound.
@@ -94,17 +39,8 @@ protected:
         return found;
     }
 
-    static std::pair<std::size_t, std::size_t> soundSpan(const std::vector<float>& s) {
-        std::size_t first = 0, last = s.size();
-        while (first < s.size() && std::abs(s[first]) < 1e-3f)
-            ++first;
-        while (last > first && std::abs(s[last - 1]) < 1e-3f)
-            --last;
-        return {first, last == 0 ? 0 : last - 1};
-    }
-
     fixtures::TempDir dir{"trovan-gapless"};
-    testing::TaskQueue tasks;
+    TaskQueue tasks;
     PlaybackController controller{std::make_unique<AudioEngine>(tasks.poster())};
     std::vector<std::string> errors;
 };
@@ -112,7 +48,6 @@ protected:
 TEST_F(GaplessSoundTest, AlbumsPlayThroughWithoutGapsOrClicks) {
     PulseServer server(dir.path() / "pulse");
     ASSERT_GT(server.pid, 0) << "pulseaudio did not start";
-    using testing::CutAlbum;
     const std::string flac = "-c:a flac -sample_fmt s16 -f flac";
 
     // Three FLAC tracks of one recording at the sink's rate: one unbroken sound. Each is
@@ -122,7 +57,7 @@ TEST_F(GaplessSoundTest, AlbumsPlayThroughWithoutGapsOrClicks) {
     for (std::size_t i = 0; i + 1 < cuts.size(); ++i)
         album.push_back(CutAlbum::write(dir.path(), "t" + std::to_string(i) + ".flac", flac,
                                         cuts[i], cuts[i + 1], sinkRate));
-    auto s = record(4.6, [&] { controller.play(album, 0); });
+    auto s = recordSink(tasks, 4.6, [&] { controller.play(album, 0); });
     auto [first, last] = soundSpan(s);
     ASSERT_LT(first, last) << "nothing was heard";
     // A busy machine can starve the sound server's client for a few milliseconds
@@ -154,7 +89,7 @@ TEST_F(GaplessSoundTest, AlbumsPlayThroughWithoutGapsOrClicks) {
     std::vector<std::string> mixed = {
         CutAlbum::write(dir.path(), "m0.flac", flac, 0, 44100, 44100),
         CutAlbum::write(dir.path(), "m1.flac", flac, 0, 48000, 48000)};
-    s = record(3.2, [&] { controller.play(mixed, 0); });
+    s = recordSink(tasks, 3.2, [&] { controller.play(mixed, 0); });
     std::tie(first, last) = soundSpan(s);
     ASSERT_LT(first, last) << "nothing was heard";
     // The reopen is the silence where the first track ends; any other is a dropout.

@@ -77,6 +77,9 @@ bool CubebOutput::connect() {
             minLatency = 256;
         // About 50 ms: long enough to ride out a busy machine and to keep wake-ups (and
         // the CPU they cost) down; seeks do not wait for it, they drop it (discard).
+        // With about 10 ms a seek could fade out inside the stream instead, without the
+        // cut a discard makes, but a machine busy with disk writes then drops out ten
+        // times as often.
         latency_ = std::max(minLatency, static_cast<uint32_t>(format_.sampleRate / 20));
     }
     cubeb_stream* raw = nullptr;

@@ -1,0 +1,225 @@
+#pragma once
+// A private PulseAudio daemon with one null sink, what its monitor records, and the
+// measures the sound-server tests take of it.
+
+#include "EngineHarness.h"
+
+#include <gtest/gtest.h>
+
+#include <spawn.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <chrono>
+#include <cmath>
+#include <csignal>
+#include <cstring>
+#include <fstream>
+#include <functional>
+#include <mutex>
+#include <string>
+#include <thread>
+#include <utility>
+#include <vector>
+
+namespace trovan::testing {
+
+using SteadyClock = std::chrono::steady_clock;
+constexpr std::size_t sinkRate = 48000;
+
+inline bool canRunPulse() {
+    return fixtures::available() && fixtures::onPath("pulseaudio") && fixtures::onPath("parec");
+}
+
+// Runs posted work, as the program's main loop would, for a while.
+inline void pump(TaskQueue& tasks, std::chrono::milliseconds duration) {
+    for (auto end = SteadyClock::now() + duration; SteadyClock::now() < end;) {
+        tasks.runPending();
+        std::this_thread::sleep_for(std::chrono::milliseconds(2));
+    }
+    tasks.runPending();
+}
+
+// A private PulseAudio daemon with one null sink at 48 kHz, stopped on destruction.
+struct PulseServer {
+    explicit PulseServer(const std::filesystem::path& home) {
+        std::filesystem::create_directories(home);
+        std::filesystem::permissions(home, std::filesystem::perms::owner_all);
+        for (const char* var : {"XDG_RUNTIME_DIR", "HOME", "XDG_CONFIG_HOME"})
+            setenv(var, home.c_str(), 1);
+        unsetenv("PULSE_SERVER");
+        auto r = fixtures::runProcess(
+            {"pulseaudio", "--daemonize=yes", "--exit-idle-time=-1", "--system=no", "-n",
+             "--use-pid-file=yes",
+             "--load=module-null-sink sink_name=nullsink rate=48000 channels=2 norewinds=1",
+             "--load=module-native-protocol-unix auth-anonymous=1"});
+        if (r.status == 0) std::ifstream(home / "pulse" / "pid") >> pid;
+    }
+    ~PulseServer() { stop(); }
+    void stop() {
+        for (int i = 0; pid > 0 && kill(pid, i < 250 ? SIGTERM : SIGKILL) == 0; ++i)
+            std::this_thread::sleep_for(std::chrono::milliseconds(20));
+        pid = -1;
+    }
+    pid_t pid = -1;
+};
+
+// parec on the null sink's monitor for as long as it lives, with the time each piece
+// of the recording arrived. A sample reached the monitor no later than any piece that
+// holds it, less the samples after it: the earliest such bound times it (the null sink
+// renders up to its latency ahead, so this is when the sink took it, not when a device
+// would sound it).
+class SinkRecorder {
+public:
+    explicit SinkRecorder(int latencyMs = 20) {
+        int fds[2];
+        if (pipe(fds) != 0) return;
+        posix_spawn_file_actions_t actions;
+        posix_spawn_file_actions_init(&actions);
+        posix_spawn_file_actions_adddup2(&actions, fds[1], 1);
+        posix_spawn_file_actions_addclose(&actions, fds[0]);
+        const std::string latency = "--latency-msec=" + std::to_string(latencyMs);
+        const char* argv[] = {"parec", latency.c_str(),      "-d",           "nullsink.monitor",
+                              "--raw", "--format=float32le", "--rate=48000", "--channels=2",
+                              nullptr};
+        if (posix_spawnp(&pid_, "parec", &actions, nullptr, const_cast<char**>(argv), environ) != 0)
+            pid_ = -1;
+        posix_spawn_file_actions_destroy(&actions);
+        close(fds[1]);
+        fd_ = fds[0];
+        reader_ = std::thread([this] {
+            char buffer[4096];
+            for (ssize_t n; (n = read(fd_, buffer, sizeof buffer)) > 0;) {
+                auto now = SteadyClock::now();
+                std::lock_guard lock(mutex_);
+                bytes_.append(buffer, std::size_t(n));
+                arrivals_.push_back({bytes_.size() / 8, now});
+            }
+        });
+    }
+    ~SinkRecorder() { finish(); }
+
+    struct Recording {
+        std::vector<float> left;
+        std::vector<SteadyClock::time_point> when; // when each sample reached the sink
+    };
+    Recording take() {
+        finish();
+        Recording r{std::vector<float>(bytes_.size() / 8), {}};
+        for (std::size_t i = 0; i < r.left.size(); ++i)
+            std::memcpy(&r.left[i], bytes_.data() + 8 * i, sizeof(float));
+        r.when.resize(r.left.size());
+        auto seconds = [](double s) {
+            return std::chrono::duration_cast<SteadyClock::duration>(
+                std::chrono::duration<double>(s));
+        };
+        auto latest = SteadyClock::time_point::max();
+        auto arrival = arrivals_.rbegin();
+        for (std::size_t i = r.left.size(); i-- > 0;) {
+            for (; arrival != arrivals_.rend() && arrival->first > i; ++arrival)
+                latest = std::min(latest,
+                                  arrival->second - seconds(double(arrival->first - i) / sinkRate));
+            r.when[i] = latest;
+            latest -= seconds(1.0 / sinkRate);
+        }
+        return r;
+    }
+
+private:
+    void finish() {
+        if (pid_ > 0) kill(pid_, SIGTERM), waitpid(pid_, nullptr, 0);
+        pid_ = -1;
+        if (reader_.joinable()) reader_.join();
+        if (fd_ >= 0) close(fd_);
+        fd_ = -1;
+    }
+
+    pid_t pid_ = -1;
+    int fd_ = -1;
+    std::thread reader_;
+    std::mutex mutex_;
+    std::string bytes_;
+    std::vector<std::pair<std::size_t, SteadyClock::time_point>> arrivals_;
+};
+
+// The left channel of what the sink plays during the next `seconds` while posted work
+// runs; `start` runs once parec listens (an idle sink's monitor records nothing, so
+// there is nothing to wait for but time).
+inline std::vector<float> recordSink(TaskQueue& tasks, double seconds,
+                                     const std::function<void()>& start = {}) {
+    SinkRecorder recorder;
+    const auto listening = std::chrono::milliseconds(200);
+    std::this_thread::sleep_for(listening);
+    if (start) start();
+    pump(tasks, std::chrono::milliseconds(int(seconds * 1000)) - listening);
+    return recorder.take().left;
+}
+
+// A 32-bit float stereo WAV file.
+inline void writeFloatWav(const std::filesystem::path& path, int rate,
+                          const std::vector<float>& stereo) {
+    std::ofstream f(path, std::ios::binary);
+    auto u32 = [&](uint32_t v) { f.write(reinterpret_cast<const char*>(&v), 4); };
+    auto u16 = [&](uint16_t v) { f.write(reinterpret_cast<const char*>(&v), 2); };
+    const auto bytes = static_cast<uint32_t>(stereo.size() * 4);
+    f.write("RIFF", 4), u32(36 + bytes), f.write("WAVEfmt ", 8), u32(16);
+    u16(3), u16(2), u32(uint32_t(rate)), u32(uint32_t(rate) * 8), u16(8), u16(32);
+    f.write("data", 4), u32(bytes);
+    f.write(reinterpret_cast<const char*>(stereo.data()), std::streamsize(bytes));
+}
+
+struct Heard {
+    double levelDb = -300, hz = 0;
+};
+
+// Peak level and pitch (from upward zero crossings, interpolated between samples) of every
+// `step`th sample of s[0, n). The peak of a steady tone does not change when part of the
+// piece is missing, as a dropout on a busy machine leaves it.
+inline Heard measure(const float* s, std::size_t n, std::size_t step = 1) {
+    double peak = 0, first = -1, last = -1;
+    int crossings = -1;
+    for (std::size_t i = 0; i < n; i += step) {
+        peak = std::max(peak, std::abs(double(s[i])));
+        if (i >= step && s[i - step] < 0 && s[i] >= 0) {
+            last = double(i / step) - 1 + s[i - step] / (s[i - step] - s[i]);
+            if (++crossings == 0) first = last;
+        }
+    }
+    return {20 * std::log10(peak + 1e-15),
+            crossings > 0 ? crossings * double(sinkRate) / (last - first) : 0};
+}
+
+// Medians of level and pitch over the 50 ms pieces of s (every `step`th sample) from
+// 0.3 s after `begin` on that hold sound, at most ten: a dropout spoils a piece, not the
+// result.
+inline Heard steady(const std::vector<float>& s, std::size_t begin, std::size_t step = 1) {
+    const std::size_t piece = sinkRate / 20 * step;
+    std::vector<double> levels, pitches;
+    for (std::size_t at = begin + sinkRate * 3 / 10 * step;
+         at + piece <= s.size() && levels.size() < 10; at += piece) {
+        auto h = measure(&s[at], piece, step);
+        if (h.levelDb < -60) continue;
+        levels.push_back(h.levelDb);
+        pitches.push_back(h.hz);
+    }
+    if (levels.size() < 5) {
+        ADD_FAILURE() << "only " << levels.size() << " pieces with sound";
+        return {};
+    }
+    std::sort(levels.begin(), levels.end());
+    std::sort(pitches.begin(), pitches.end());
+    return {levels[levels.size() / 2], pitches[pitches.size() / 2]};
+}
+
+// The first and last samples louder than -60 dB (first > last when there are none).
+inline std::pair<std::size_t, std::size_t> soundSpan(const std::vector<float>& s) {
+    std::size_t first = 0, last = s.size();
+    while (first < s.size() && std::abs(s[first]) < 1e-3f)
+        ++first;
+    while (last > first && std::abs(s[last - 1]) < 1e-3f)
+        --last;
+    return {first, last == 0 ? 0 : last - 1};
+}
+
+} // namespace trovan::testing
