@@ -152,6 +152,11 @@ public:
     bool waitGone(const std::string& text, std::chrono::milliseconds limit = 20s) {
         return waitUntil([&] { return screen().find(text) == npos; }, limit);
     }
+    // What the program wrote reaches the output file through tmux's pipe a moment after
+    // the screen shows it.
+    bool outputHas(const std::string& text) {
+        return waitUntil([&] { return output().find(text) != npos; }, 5s);
+    }
     bool configHas(const std::string& text) {
         return waitUntil([&] { return config().find(text) != npos; }, 5s);
     }
