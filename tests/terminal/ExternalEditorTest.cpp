@@ -6,6 +6,7 @@
 
 #include <cstdlib>
 #include <filesystem>
+#include <string>
 
 using namespace trovan;
 namespace fs = std::filesystem;
@@ -30,11 +31,13 @@ struct EditorEnv {
     }
 };
 
-int leftovers() {
+// Working files named after `name` left in the temporary folder. Each test uses names of
+// its own: ctest runs the tests of this file side by side in one temporary folder.
+int leftovers(const std::string& name) {
     const char* tmp = std::getenv("TMPDIR");
     int n = 0;
     for (const auto& e : fs::directory_iterator(tmp && *tmp ? tmp : "/tmp"))
-        n += e.path().filename().string().find("-trovan-editor-test.txt") != std::string::npos;
+        n += e.path().filename().string().find(name) != std::string::npos;
     return n;
 }
 
@@ -52,15 +55,16 @@ TEST(ExternalEditor, EditorChoiceAndWhatComesBack) {
     Terminal inactive;
     // The path reaches the command as one word whatever it holds; the command is split.
     EditorEnv env("printf 'nuevo\\n' >", nullptr);
-    EXPECT_EQ(ExternalEditor::edit("viejo", "a b'c\"-trovan-editor-test.txt", inactive), "nuevo\n");
+    EXPECT_EQ(ExternalEditor::edit("viejo", "a b'c\"-trovan-editor-choice.txt", inactive),
+              "nuevo\n");
     EditorEnv::set("VISUAL", "true");
-    EXPECT_EQ(ExternalEditor::edit("igual", "x-trovan-editor-test.txt", inactive), std::nullopt);
+    EXPECT_EQ(ExternalEditor::edit("igual", "x-trovan-editor-choice.txt", inactive), std::nullopt);
     EditorEnv::set("VISUAL", ": >");
-    EXPECT_EQ(ExternalEditor::edit("todo", "x-trovan-editor-test.txt", inactive), "");
+    EXPECT_EQ(ExternalEditor::edit("todo", "x-trovan-editor-choice.txt", inactive), "");
     EditorEnv::set("VISUAL", "no-existe-este-editor");
-    EXPECT_EQ(ExternalEditor::edit("texto", "x-trovan-editor-test.txt", inactive), std::nullopt);
+    EXPECT_EQ(ExternalEditor::edit("texto", "x-trovan-editor-choice.txt", inactive), std::nullopt);
     EXPECT_FALSE(inactive.isActive);
-    EXPECT_EQ(leftovers(), 0);
+    EXPECT_EQ(leftovers("-trovan-editor-choice.txt"), 0);
 }
 
 // Ctrl-C typed into the editor reaches us too and must not end the program; an editor
@@ -73,9 +77,10 @@ TEST(ExternalEditor, SignalsMeantForTheEditor) {
         "  i=$((i+1)); if [ $i -gt 200 ]; then : > \"$1.colgado\"; kill -CONT $me; exit; fi; "
         "  sleep 0.02; done; kill -CONT $p) & "
         "kill -INT $p; kill -STOP $me; "
-        "if [ -e \"$1.colgado\" ]; then rm \"$1.colgado\"; echo colgado; else echo nuevo; fi > \"$1\"; "
+        "if [ -e \"$1.colgado\" ]; then rm \"$1.colgado\"; echo colgado; else echo nuevo; fi > "
+        "\"$1\"; "
         ": ",
         nullptr);
-    EXPECT_EQ(ExternalEditor::edit("viejo", "x-trovan-editor-test.txt", inactive), "nuevo\n");
-    EXPECT_EQ(leftovers(), 0);
+    EXPECT_EQ(ExternalEditor::edit("viejo", "x-trovan-editor-signals.txt", inactive), "nuevo\n");
+    EXPECT_EQ(leftovers("-trovan-editor-signals.txt"), 0);
 }
