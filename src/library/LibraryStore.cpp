@@ -338,13 +338,10 @@ void LibraryStore::Batch::commit(const std::vector<std::string>& deletions) {
     if (sqlite3_exec(store_.db_.get(), "COMMIT", nullptr, nullptr, nullptr) != SQLITE_OK) {
         std::string message = sqlite3_errmsg(store_.db_.get());
         // A COMMIT that fails leaves the transaction open; nothing of it is kept.
-        if (!sqlite3_get_autocommit(store_.db_.get())) {
-            const int rolledBack =
-                sqlite3_exec(store_.db_.get(), "ROLLBACK", nullptr, nullptr, nullptr);
-            if (rolledBack != SQLITE_OK)
-                message +=
-                    "; tampoco se pudo deshacer: " + std::string(sqlite3_errmsg(store_.db_.get()));
-        }
+        if (!sqlite3_get_autocommit(store_.db_.get()) &&
+            sqlite3_exec(store_.db_.get(), "ROLLBACK", nullptr, nullptr, nullptr) != SQLITE_OK)
+            message +=
+                "; tampoco se pudo deshacer: " + std::string(sqlite3_errmsg(store_.db_.get()));
         open_ = false;
         throw std::runtime_error("no se pudo guardar la biblioteca (" + message + ")");
     }
