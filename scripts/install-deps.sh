@@ -35,12 +35,53 @@ for p in "${packages[@]}"; do
 done
 [[ ${#missing[@]} -eq 0 ]] && exit 0
 
-echo "Instalando paquetes: ${missing[*]}" >&2
+echo "Faltan ${#missing[@]} paquetes de Debian: ${missing[*]}" >&2
 sudo=()
 if [[ $(id -u) -ne 0 ]]; then
   command -v sudo >/dev/null || { echo "Hace falta root o sudo para instalar: ${missing[*]}" >&2; exit 1; }
   sudo=(sudo)
 fi
 export DEBIAN_FRONTEND=noninteractive
+echo "Actualizando la lista de paquetes…" >&2
 "${sudo[@]}" apt-get update -qq
-"${sudo[@]}" apt-get install -y -qq --no-install-recommends "${missing[@]}" >/dev/null
+# apt-get's chatter goes to a log shown only on failure; what is seen is a count of the
+# packages fetched and set up (one line that counts on a terminal, a line every 25
+# elsewhere).
+log=$(mktemp "${TMPDIR:-/tmp}/trovan-apt-XXXXXX")
+trap 'rm -f "$log"' EXIT
+progress() { # stage
+  local n=0 tty=0
+  [[ -t 2 ]] && tty=1
+  while IFS= read -r line; do
+    printf '%s\n' "$line" >>"$log"
+    case $line in
+      Get:* | Setting\ up*) ;;
+      *) continue ;;
+    esac
+    n=$((n + 1))
+    if [[ $tty == 1 ]]; then
+      printf '\r  %s: %d' "$1" "$n" >&2
+    elif ((n % 25 == 0)); then
+      printf '  %s: %d\n' "$1" "$n" >&2
+    fi
+  done
+  if [[ $tty == 1 ]]; then
+    ((n > 0)) && printf '\n' >&2
+  elif ((n % 25 != 0)); then
+    printf '  %s: %d\n' "$1" "$n" >&2
+  fi
+  return 0
+}
+echo "Descargando los paquetes y sus dependencias…" >&2
+if ! "${sudo[@]}" apt-get install -y -d --no-install-recommends "${missing[@]}" 2>&1 |
+  progress "descargados"; then
+  cat "$log" >&2
+  exit 1
+fi
+echo "Instalando…" >&2
+if ! "${sudo[@]}" apt-get install -y --no-install-recommends -o Dpkg::Use-Pty=0 "${missing[@]}" 2>&1 |
+  progress "instalados"; then
+  cat "$log" >&2
+  exit 1
+fi
+echo "Paquetes instalados." >&2

@@ -6,6 +6,7 @@ set -euo pipefail
 out=${1:?usage: sample-library.sh FOLDER}
 [[ -f "$out/.complete" ]] && exit 0
 command -v ffmpeg >/dev/null || { echo "sample-library: ffmpeg is missing" >&2; exit 1; }
+echo "Generando la biblioteca de ejemplo…" >&2
 rm -rf "$out.tmp"
 mkdir -p "$out.tmp/.covers"
 tmp="$out.tmp"
@@ -17,8 +18,32 @@ cover sunset "gradients=s=128x128:c0=0xff7a59:c1=0x3b1f5c:x0=0:y0=0:x1=128:y1=12
 cover sea "gradients=s=128x128:c0=0x1d6fa5:c1=0x9ee6d8:x0=0:y0=128:x1=128:y1=0"
 cover forest "gradients=s=128x128:c0=0x1f4d2b:c1=0xe0d27a:x0=64:y0=0:x1=64:y1=128"
 
-# track FILE SECONDS HZ COVER(or -) key=value...
+# The tracks are encoded side by side, one per core, with a count of those done.
+total=12 launched=0 done_count=0 jobs=$(nproc 2>/dev/null || echo 2)
+tty=0
+[[ -t 2 ]] && tty=1
+finished() {
+  done_count=$((done_count + 1))
+  if [[ $tty == 1 ]]; then
+    printf '\r  %d/%d canciones' "$done_count" "$total" >&2
+    [[ $done_count == "$total" ]] && printf '\n' >&2
+  else
+    printf '  %d/%d canciones\n' "$done_count" "$total" >&2
+  fi
+  return 0
+}
+reap() { # wait for one encoder; a failed one stops the whole generation
+  wait -n || { echo "sample-library: ffmpeg falló" >&2; exit 1; }
+  finished
+}
 track() {
+  while ((launched - done_count >= jobs)); do reap; done
+  launched=$((launched + 1))
+  encode "$@" &
+}
+
+# encode FILE SECONDS HZ COVER(or -) key=value...
+encode() {
   local file=$1 seconds=$2 hz=$3 pic=$4
   shift 4
   local meta=()
@@ -64,6 +89,7 @@ Canta, canta, ñandú"
 track "$d/Pampa/02 Horizonte.wav" 22 311 - artist="$d" album="Pampa" date=2015 track=2 title="Horizonte"
 cp "$tmp/.covers/forest.jpg" "$tmp/$d/Pampa/cover.jpg"
 
+while ((done_count < launched)); do reap; done
 rm -rf "$tmp/.covers"
 touch "$tmp/.complete"
 rm -rf "$out"
