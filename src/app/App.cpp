@@ -11,7 +11,6 @@
 #include <asio/io_context.hpp>
 #include <asio/post.hpp>
 #include <asio/posix/stream_descriptor.hpp>
-#include <asio/signal_set.hpp>
 #include <asio/steady_timer.hpp>
 
 #include <algorithm>
@@ -26,6 +25,7 @@
 #include <filesystem>
 #include <poll.h>
 #include <pthread.h>
+#include <sys/signalfd.h>
 #include <sys/statvfs.h>
 #include <unistd.h>
 
@@ -56,13 +56,12 @@ struct App::Sources {
         : input(io), signals(io) {}
     ~Sources() {
         // Standard input stays open for whoever runs after us.
-        asio::error_code ignored;
         if (input.is_open()) input.release();
-        signals.cancel(ignored);
     }
 
     asio::posix::stream_descriptor input;
-    asio::signal_set signals;
+    // A signalfd: the handled signals stay blocked in every thread and arrive here.
+    asio::posix::stream_descriptor signals;
     std::unique_ptr<asio::steady_timer> ticker;
 };
 
@@ -145,12 +144,11 @@ int App::main(const std::vector<std::string>& arguments) {
     // probing); during the session that goes to a log instead of over the screen.
     const bool logging = Terminal::logErrorsTo(AppPaths::logFile());
 
-    // Every thread started from here on inherits a mask that blocks the signals the main
-    // loop handles, so none of them is interrupted by one; the main thread takes them
-    // again once the loop runs.
+    // The signals the main loop handles stay blocked in every thread for the whole run
+    // (threads inherit the mask, the sound server's and the bus library's included) and
+    // are read from a signalfd by the loop: none of them ever interrupts a thread.
     const sigset_t handled = handledSignals();
-    sigset_t previous;
-    pthread_sigmask(SIG_BLOCK, &handled, &previous);
+    pthread_sigmask(SIG_BLOCK, &handled, nullptr);
 
     asio::io_context io;
     App app(io, store);
@@ -167,7 +165,6 @@ int App::main(const std::vector<std::string>& arguments) {
     app.render();
     app.preloadModules();
     app.controller().connectNowPlaying();
-    pthread_sigmask(SIG_SETMASK, &previous, nullptr);
     io.run();
     // The loop only runs dry if every source failed: leave as on end of input.
     app.controller().quit();
@@ -295,17 +292,27 @@ void App::readInput() {
 }
 
 void App::listenToSignals() {
-    for (int sig : kHandledSignals) {
-        std::signal(sig, SIG_IGN);
-        sources_->signals.add(sig);
-    }
+    const sigset_t handled = handledSignals();
+    const int fd = ::signalfd(-1, &handled, SFD_CLOEXEC | SFD_NONBLOCK);
+    if (fd < 0) return; // without it only the keys quit; the terminal is still restored
+    asio::error_code ec;
+    sources_->signals.assign(fd, ec);
     waitForSignal();
 }
 
 void App::waitForSignal() {
-    sources_->signals.async_wait([this](const asio::error_code& ec, int sig) {
-        if (ec == asio::error::operation_aborted) return;
-        assert(onMainThread());
+    sources_->signals.async_wait(asio::posix::descriptor_base::wait_read,
+                                 [this](const asio::error_code& ec) {
+                                     if (ec == asio::error::operation_aborted) return;
+                                     readSignals();
+                                 });
+}
+
+void App::readSignals() {
+    assert(onMainThread());
+    signalfd_siginfo info{};
+    while (::read(sources_->signals.native_handle(), &info, sizeof info) == sizeof info) {
+        const int sig = static_cast<int>(info.ssi_signo);
         if (sig == SIGWINCH) {
             renderer_.front.reset();
             controller_->resize(Terminal::querySize());
@@ -321,8 +328,8 @@ void App::waitForSignal() {
         } else {
             controller_->quit();
         }
-        waitForSignal();
-    });
+    }
+    waitForSignal();
 }
 
 void App::suspend() {

@@ -92,6 +92,7 @@ private:
     void waitForInput();
     void readInput();
     void waitForSignal();
+    void readSignals();
     void armTicker();
     bool onMainThread() const { return std::this_thread::get_id() == mainThread_; }
 

@@ -148,7 +148,12 @@ std::optional<std::string> ExternalEditor::edit(const std::string& text,
     ::sigaddset(&defaults, SIGTSTP);
     ::sigaddset(&defaults, SIGINT);
     ::posix_spawnattr_setsigdefault(&attributes, &defaults);
-    ::posix_spawnattr_setflags(&attributes, POSIX_SPAWN_SETSIGDEF);
+    // Our threads keep the signals the main loop reads blocked; the editor gets none
+    // blocked, as a shell would start it.
+    sigset_t none;
+    ::sigemptyset(&none);
+    ::posix_spawnattr_setsigmask(&attributes, &none);
+    ::posix_spawnattr_setflags(&attributes, POSIX_SPAWN_SETSIGDEF | POSIX_SPAWN_SETSIGMASK);
     pid_t child = 0;
     const int spawned = ::posix_spawn(&child, "/bin/sh", nullptr, &attributes, argv, environ);
     ::posix_spawnattr_destroy(&attributes);
