@@ -50,12 +50,15 @@ public:
     // Every property, keys in TagLib's order.
     std::map<std::string, std::vector<std::string>> properties() const;
 
+    // The edits below touch only what holds the key (ID3v2 frames, MP4 items, Xiph
+    // fields): every other frame keeps its description, language and text encoding, and
+    // frames that hold the key keep theirs as far as the new values allow.
     // Deletes a property.
     void remove(const std::string& key);
     // Adds values after the existing ones of a property.
     void append(const std::string& key, const std::vector<std::string>& values);
-    // Replaces a property by these values (delete, then append each). Empty values are
-    // left out, and a list with none deletes the property.
+    // Replaces a property by these values. Empty values are left out, and a list with
+    // none deletes the property.
     void set(const std::string& key, const std::vector<std::string>& values);
 
     // Writes the changes to disk. MPEG files get an ID3v2.4 tag and never a new ID3v1 tag.
