@@ -541,6 +541,20 @@ struct TagLibFile::Impl {
     }
 };
 
+std::string Picture::mimeTypeOf(const std::vector<uint8_t>& data) {
+    auto starts = [&](std::size_t at, std::string_view magic) {
+        return data.size() >= at + magic.size() &&
+               std::equal(magic.begin(), magic.end(), data.begin() + static_cast<long>(at),
+                          [](char m, uint8_t b) { return static_cast<uint8_t>(m) == b; });
+    };
+    if (starts(0, "\xFF\xD8\xFF")) return "image/jpeg";
+    if (starts(0, "\x89PNG\r\n\x1A\n")) return "image/png";
+    if (starts(0, "GIF87a") || starts(0, "GIF89a")) return "image/gif";
+    if (starts(0, "BM") && data.size() >= 26) return "image/bmp";
+    if (starts(0, "RIFF") && starts(8, "WEBP")) return "image/webp";
+    return {};
+}
+
 TagLibFile::TagLibFile(std::string path, std::unique_ptr<Impl> impl)
     : path_(std::move(path)), impl_(std::move(impl)) {}
 

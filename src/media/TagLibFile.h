@@ -3,6 +3,7 @@
 // ARTIST, LYRICS, each with a list of values), its audio properties and its embedded
 // cover picture. Used by one thread at a time; unsaved changes are dropped on release.
 
+#include <cstddef>
 #include <cstdint>
 #include <map>
 #include <memory>
@@ -16,6 +17,13 @@ namespace trovan {
 struct Picture {
     std::vector<uint8_t> data;
     std::string mimeType;
+
+    // Larger images are not covers, and tag formats store them badly (a FLAC block holds
+    // 16 MiB): they are refused before anything is written.
+    static constexpr std::size_t maxBytes = std::size_t(32) << 20;
+    // The type the bytes show: "image/jpeg", "image/png", "image/gif", "image/bmp" or
+    // "image/webp"; empty for anything else.
+    static std::string mimeTypeOf(const std::vector<uint8_t>& data);
 
     bool operator==(const Picture&) const = default;
 };
