@@ -56,7 +56,8 @@ void configure() {
     std::call_once(once, [] {
         static SilentListener silent;
         TagLib::setDebugListener(&silent);
-        TagLib::ID3v2::FrameFactory::instance()->setDefaultTextEncoding(TagLib::String::UTF8);
+        // No default text encoding for ID3v2: TagLib would impose it on every frame it
+        // reads, re-encoding frames nobody edited. New frames get UTF-8 where made.
     });
 }
 
@@ -287,11 +288,13 @@ private:
 
 using Values = TagLib::StringList;
 
-// The keys a frame shows in the property map (TagLib keeps the base class's accessor to
-// itself; the kinds that map to keys make theirs public).
+// The keys a frame shows in the property map. TagLib keeps the base class's accessor to
+// itself and it is not virtual: each kind's own is called, the derived kinds first.
 TagLib::PropertyMap keysOf(const TagLib::ID3v2::Frame* frame) {
     using namespace TagLib::ID3v2;
+    if (auto* f = dynamic_cast<const UserTextIdentificationFrame*>(frame)) return f->asProperties();
     if (auto* f = dynamic_cast<const TextIdentificationFrame*>(frame)) return f->asProperties();
+    if (auto* f = dynamic_cast<const UserUrlLinkFrame*>(frame)) return f->asProperties();
     if (auto* f = dynamic_cast<const CommentsFrame*>(frame)) return f->asProperties();
     if (auto* f = dynamic_cast<const UnsynchronizedLyricsFrame*>(frame)) return f->asProperties();
     if (auto* f = dynamic_cast<const UrlLinkFrame*>(frame)) return f->asProperties();
@@ -325,6 +328,21 @@ void setOneValue(TagLib::ID3v2::Frame* frame, const TagLib::String& value) {
         frame->setText(value);
 }
 
+// Frames made here hold UTF-8 text (TagLib widens it to UTF-16 in an ID3v2.3 tag).
+TagLib::ID3v2::Frame* inUtf8(TagLib::ID3v2::Frame* frame) {
+    using namespace TagLib::ID3v2;
+    constexpr auto utf8 = TagLib::String::UTF8;
+    if (auto* f = dynamic_cast<TextIdentificationFrame*>(frame))
+        f->setTextEncoding(utf8);
+    else if (auto* f = dynamic_cast<CommentsFrame*>(frame))
+        f->setTextEncoding(utf8);
+    else if (auto* f = dynamic_cast<UnsynchronizedLyricsFrame*>(frame))
+        f->setTextEncoding(utf8);
+    else if (auto* f = dynamic_cast<UserUrlLinkFrame*>(frame))
+        f->setTextEncoding(utf8);
+    return frame;
+}
+
 // A frame of the key holding `value`: like `model` (kind, description, language and
 // encoding) when there is one.
 TagLib::ID3v2::Frame* frameFor(const TagLib::String& key, const TagLib::String& value,
@@ -350,29 +368,31 @@ TagLib::ID3v2::Frame* frameFor(const TagLib::String& key, const TagLib::String& 
         f->setUrl(value);
         return f;
     }
-    return Frame::createTextualFrame(key, Values(value));
+    return inUtf8(Frame::createTextualFrame(key, Values(value)));
 }
 
 // New frames for a key the tag does not hold: TagLib's own choice of frame, but one
 // frame per value for the kinds that hold one (TagLib would fall back to a TXXX frame).
 void addFrames(TagLib::ID3v2::Tag* tag, const TagLib::String& key, const Values& values) {
-    TagLib::ID3v2::Frame* first = TagLib::ID3v2::Frame::createTextualFrame(key, values);
+    using TagLib::ID3v2::Frame;
+    Frame* first = Frame::createTextualFrame(key, values);
     if (!first) return;
     if (values.size() > 1) {
         delete first;
-        first = TagLib::ID3v2::Frame::createTextualFrame(key, Values(values.front()));
+        first = Frame::createTextualFrame(key, Values(values.front()));
         if (!first) return;
         if (!holdsOneValue(first)) {
             delete first;
-            tag->addFrame(TagLib::ID3v2::Frame::createTextualFrame(key, values));
+            tag->addFrame(inUtf8(Frame::createTextualFrame(key, values)));
             return;
         }
+        inUtf8(first);
         tag->addFrame(first);
         for (auto it = std::next(values.begin()); it != values.end(); ++it)
             if (auto* f = frameFor(key, *it, first)) tag->addFrame(f);
         return;
     }
-    tag->addFrame(first);
+    tag->addFrame(inUtf8(first));
 }
 
 void editPairFrames(TagLib::ID3v2::Tag* tag, const TagLib::String& key, const Values& values,
@@ -390,8 +410,9 @@ void editPairFrames(TagLib::ID3v2::Tag* tag, const TagLib::String& key, const Va
     if (!values.isEmpty()) home.insert(key, values);
     for (auto* frame : frames)
         tag->removeFrame(frame);
-    if (!people.isEmpty()) tag->addFrame(TextIdentificationFrame::createTIPLFrame(people));
-    if (!credits.isEmpty()) tag->addFrame(TextIdentificationFrame::createTMCLFrame(credits));
+    if (!people.isEmpty()) tag->addFrame(inUtf8(TextIdentificationFrame::createTIPLFrame(people)));
+    if (!credits.isEmpty())
+        tag->addFrame(inUtf8(TextIdentificationFrame::createTMCLFrame(credits)));
 }
 
 void editId3v2(TagLib::ID3v2::Tag* tag, const TagLib::String& key, const Values& values) {
