@@ -26,6 +26,7 @@
 #include <taglib/textidentificationframe.h>
 #include <taglib/tpropertymap.h>
 #include <taglib/uniquefileidentifierframe.h>
+#include <taglib/unknownframe.h>
 #include <taglib/unsynchronizedlyricsframe.h>
 #include <taglib/urllinkframe.h>
 #include <taglib/vorbisfile.h>
@@ -495,8 +496,32 @@ void editMp4(TagLib::MP4::Tag* tag, const TagLib::String& key, const Values& val
             tag->setItem(name, item);
 }
 
-// Tags whose property maps hold all they have (APE, ID3v1, RIFF INFO, ASF): TagLib
-// rewrites only the keys whose values differ.
+// RIFF INFO: TagLib sets every field again from the map, shortening some (a full date
+// becomes its year); the fields that do not hold the key go back as they were.
+void editInfo(TagLib::RIFF::Info::Tag* tag, const TagLib::String& key, const Values& values) {
+    const auto before = tag->fieldListMap();
+    const auto shown = tag->properties();
+    std::vector<TagLib::ByteVector> holders;
+    if (shown.contains(key)) {
+        for (const auto& [id, text] : before) {
+            tag->removeField(id);
+            const auto without = tag->properties();
+            if (!without.contains(key) || without.find(key)->second != shown.find(key)->second)
+                holders.push_back(id);
+            tag->setFieldText(id, text);
+        }
+    }
+    auto changed = shown;
+    changed.erase(key);
+    if (!values.isEmpty()) changed.insert(key, values);
+    tag->setProperties(changed);
+    for (const auto& [id, text] : before)
+        if (std::find(holders.begin(), holders.end(), id) == holders.end())
+            tag->setFieldText(id, text);
+}
+
+// Tags whose property maps hold all they have (APE, ID3v1, ASF): TagLib rewrites only
+// the keys whose values differ.
 template <class Tag> void editMap(Tag* tag, const TagLib::String& key, const Values& values) {
     auto map = tag->properties();
     if (!map.contains(key) && values.isEmpty()) return;
@@ -532,12 +557,39 @@ void editKey(TagLib::File* file, const TagLib::String& key, const Values& values
         if (f->tag()) editMp4(f->tag(), key, values);
     } else if (auto* f = dynamic_cast<TagLib::RIFF::WAV::File*>(file)) {
         if (f->hasID3v2Tag() || !f->hasInfoTag()) editId3v2(f->ID3v2Tag(), key, values);
-        if (f->hasInfoTag()) editMap(f->InfoTag(), key, values);
+        if (f->hasInfoTag()) editInfo(f->InfoTag(), key, values);
     } else if (auto* f = dynamic_cast<TagLib::RIFF::AIFF::File*>(file)) {
         editId3v2(f->tag(), key, values);
     } else {
         editMap(file, key, values);
     }
+}
+
+// Frames TagLib reads but does not write again: ID3v2.2 frames it cannot convert (three
+// letter names) and ID3v2.3 frames ID3v2.4 has no place for. It would drop them from the
+// file on any save; such a file is not saved at all.
+bool dropsFrames(const TagLib::ID3v2::Tag* tag) {
+    static const std::array<TagLib::ByteVector, 6> gone = {"EQUA", "RVAD", "TIME",
+                                                           "TRDA", "TSIZ", "TDAT"};
+    if (!tag) return false;
+    for (const auto* frame : tag->frameList()) {
+        if (!dynamic_cast<const TagLib::ID3v2::UnknownFrame*>(frame)) continue;
+        const auto id = frame->frameID();
+        if (id.size() != 4 || std::find(gone.begin(), gone.end(), id) != gone.end()) return true;
+    }
+    return false;
+}
+
+bool dropsFrames(TagLib::File* file) {
+    if (auto* f = dynamic_cast<TagLib::MPEG::File*>(file))
+        return f->hasID3v2Tag() && dropsFrames(f->ID3v2Tag());
+    if (auto* f = dynamic_cast<TagLib::RIFF::WAV::File*>(file))
+        return f->hasID3v2Tag() && dropsFrames(f->ID3v2Tag());
+    if (auto* f = dynamic_cast<TagLib::RIFF::AIFF::File*>(file))
+        return f->hasID3v2Tag() && dropsFrames(f->tag());
+    if (auto* f = dynamic_cast<TagLib::FLAC::File*>(file))
+        return f->hasID3v2Tag() && dropsFrames(f->ID3v2Tag());
+    return false;
 }
 
 } // namespace
@@ -641,6 +693,7 @@ void TagLibFile::set(const std::string& key, const std::vector<std::string>& val
 
 bool TagLibFile::save() {
     auto* file = impl_->file();
+    if (dropsFrames(file)) return false;
     if (auto* mpeg = dynamic_cast<TagLib::MPEG::File*>(file)) {
         // The plain save() would add a Latin-1 ID3v1 tag; keep only the tags already there.
         int tags = TagLib::MPEG::File::ID3v2;

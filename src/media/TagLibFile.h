@@ -70,6 +70,7 @@ public:
     void set(const std::string& key, const std::vector<std::string>& values);
 
     // Writes the changes to disk. MPEG files get an ID3v2.4 tag and never a new ID3v1 tag.
+    // False, writing nothing, when TagLib would drop frames it read but cannot write.
     bool save();
 
     // None when the file has no audio properties.

@@ -156,9 +156,10 @@ inline Entries read(const std::filesystem::path& path, bool exact = false) {
             for (const auto& a : attributes)
                 out.emplace("asf " + str(name), str(a.toString()) + hex(a.toByteVector()));
     } else {
-        for (const auto& [key, values] : file->properties())
+        const auto properties = file->properties();
+        for (const auto& [key, values] : properties)
             out.emplace("properties " + str(key), joined(values));
-        for (const auto& id : file->properties().unsupportedData())
+        for (const auto& id : properties.unsupportedData())
             out.emplace("unsupported " + str(id), "");
     }
     return out;
