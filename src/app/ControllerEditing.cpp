@@ -15,6 +15,7 @@
 
 #include <algorithm>
 #include <cstdlib>
+#include <filesystem>
 #include <fstream>
 #include <iterator>
 
@@ -42,15 +43,6 @@ std::optional<std::vector<std::uint8_t>> readBytes(const std::string& path) {
                                     std::istreambuf_iterator<char>());
     if (in.bad()) return std::nullopt;
     return bytes;
-}
-
-std::string lowerExtension(const std::string& path) {
-    const std::string name = fileName(path);
-    auto dot = name.rfind('.');
-    std::string ext = dot == std::string::npos ? "" : name.substr(dot + 1);
-    for (char& c : ext)
-        if (c >= 'A' && c <= 'Z') c = static_cast<char>(c - 'A' + 'a');
-    return ext;
 }
 
 constexpr const char* kNoTargets = "Selecciona una canción, un álbum o un artista";
@@ -129,7 +121,16 @@ void AppController::editAllTags() {
     readTargetTags([this](std::vector<std::string> paths, std::vector<PropertyMap> properties) {
         auto edited = runEditor(TagDocument::render(properties), "tags.txt");
         if (!edited) return;
-        TagPatch patch = TagDocument::parse(*edited, properties);
+        auto [patch, problems] = TagDocument::parse(*edited, properties);
+        if (!problems.empty()) {
+            // Nothing is written from a document that does not read cleanly.
+            report(problems.front() +
+                       (problems.size() > 1 ? " (y " + std::to_string(problems.size() - 1) + " más)"
+                                            : "") +
+                       "; no se guardó nada",
+                   true);
+            return;
+        }
         if (patch.isEmpty()) {
             report("Sin cambios");
             return;
@@ -147,8 +148,9 @@ void AppController::editLyrics() {
     }
     pool_.submit(
         [this, alive = std::weak_ptr<char>(alive_), post = host_.post, path = paths.front()] {
-            std::string old = TagEditor::lyrics(path);
-            post([this, alive, path, old = std::move(old)] {
+            auto all = TagEditor::properties({path}).front()["LYRICS"];
+            std::string old = all.empty() ? std::string() : all.front();
+            post([this, alive, path, old = std::move(old), all = std::move(all)] {
                 if (!alive.lock()) return;
                 auto edited = runEditor(old, "letra.txt");
                 if (!edited) return;
@@ -157,12 +159,7 @@ void AppController::editLyrics() {
                     report("Sin cambios");
                     return;
                 }
-                TagPatch patch;
-                if (text.empty())
-                    patch.remove.insert("LYRICS");
-                else
-                    patch.changes["LYRICS"] = {text};
-                writeTags(patch, {path});
+                writeTags(TagDocument::lyricsPatch(all, text), {path});
             });
         });
 }
@@ -187,16 +184,26 @@ void AppController::setCover(const std::string& image) {
     const std::string path = expandHome(image);
     pool_.submit([this, alive = std::weak_ptr<char>(alive_), post = host_.post, path,
                   paths = std::move(paths)]() mutable {
-        auto bytes = readBytes(path);
-        const bool ok = bytes && !bytes->empty() && ImageDecoder::isImage(*bytes);
+        // The type comes from the bytes, whatever the file's name says.
+        std::string refused;
         std::optional<Picture> picture;
-        if (ok)
-            picture = Picture{std::move(*bytes),
-                              lowerExtension(path) == "png" ? "image/png" : "image/jpeg"};
-        post([this, alive, path, ok, picture = std::move(picture), paths = std::move(paths)] {
+        std::error_code size;
+        if (std::filesystem::file_size(path, size) > Picture::maxBytes && !size) {
+            refused = "La imagen pesa más de 32 MiB: " + path;
+        } else if (auto bytes = readBytes(path);
+                   !bytes || bytes->empty() || !ImageDecoder::isImage(*bytes)) {
+            refused = "No se pudo leer la imagen: " + path;
+        } else if (bytes->size() > Picture::maxBytes) {
+            refused = "La imagen pesa más de 32 MiB: " + path;
+        } else if (auto mime = Picture::mimeTypeOf(*bytes); mime.empty()) {
+            refused = "La carátula debe ser JPEG, PNG, GIF, BMP o WebP: " + path;
+        } else {
+            picture = Picture{std::move(*bytes), mime};
+        }
+        post([this, alive, refused, picture = std::move(picture), paths = std::move(paths)] {
             if (!alive.lock()) return;
-            if (!ok) {
-                report("No se pudo leer la imagen: " + path, true);
+            if (!refused.empty()) {
+                report(refused, true);
                 return;
             }
             writePicture(picture, "Carátula actualizada", paths);

@@ -3,13 +3,17 @@
 #include <taglib/aifffile.h>
 #include <taglib/aiffproperties.h>
 #include <taglib/apefile.h>
+#include <taglib/apetag.h>
 #include <taglib/attachedpictureframe.h>
+#include <taglib/commentsframe.h>
 #include <taglib/fileref.h>
 #include <taglib/flacfile.h>
 #include <taglib/flacpicture.h>
 #include <taglib/flacproperties.h>
+#include <taglib/id3v1tag.h>
 #include <taglib/id3v2framefactory.h>
 #include <taglib/id3v2tag.h>
+#include <taglib/infotag.h>
 #include <taglib/mp4coverart.h>
 #include <taglib/mp4file.h>
 #include <taglib/mp4properties.h>
@@ -17,13 +21,20 @@
 #include <taglib/mpegfile.h>
 #include <taglib/oggflacfile.h>
 #include <taglib/opusfile.h>
+#include <taglib/podcastframe.h>
 #include <taglib/tdebuglistener.h>
+#include <taglib/textidentificationframe.h>
 #include <taglib/tpropertymap.h>
+#include <taglib/uniquefileidentifierframe.h>
+#include <taglib/unknownframe.h>
+#include <taglib/unsynchronizedlyricsframe.h>
+#include <taglib/urllinkframe.h>
 #include <taglib/vorbisfile.h>
 #include <taglib/wavfile.h>
 #include <taglib/wavproperties.h>
 #include <taglib/xiphcomment.h>
 
+#include <algorithm>
 #include <array>
 #include <cstring>
 #include <fcntl.h>
@@ -46,7 +57,8 @@ void configure() {
     std::call_once(once, [] {
         static SilentListener silent;
         TagLib::setDebugListener(&silent);
-        TagLib::ID3v2::FrameFactory::instance()->setDefaultTextEncoding(TagLib::String::UTF8);
+        // No default text encoding for ID3v2: TagLib would impose it on every frame it
+        // reads, re-encoding frames nobody edited. New frames get UTF-8 where made.
     });
 }
 
@@ -269,6 +281,317 @@ private:
     uint64_t clock_ = 0;
 };
 
+// --- Changing one key and nothing else. Handing TagLib a whole property map back makes
+// it rebuild every frame or item whose text differs from the map's: frames that share a
+// key are merged, descriptions and languages lost, items retyped. Each kind of tag is
+// edited at its own level instead, touching only what holds the key. An empty list of
+// values removes the key.
+
+using Values = TagLib::StringList;
+
+// The keys a frame shows in the property map. TagLib keeps the base class's accessor to
+// itself and it is not virtual: each kind's own is called, the derived kinds first.
+TagLib::PropertyMap keysOf(const TagLib::ID3v2::Frame* frame) {
+    using namespace TagLib::ID3v2;
+    if (auto* f = dynamic_cast<const UserTextIdentificationFrame*>(frame)) return f->asProperties();
+    if (auto* f = dynamic_cast<const TextIdentificationFrame*>(frame)) return f->asProperties();
+    if (auto* f = dynamic_cast<const UserUrlLinkFrame*>(frame)) return f->asProperties();
+    if (auto* f = dynamic_cast<const CommentsFrame*>(frame)) return f->asProperties();
+    if (auto* f = dynamic_cast<const UnsynchronizedLyricsFrame*>(frame)) return f->asProperties();
+    if (auto* f = dynamic_cast<const UrlLinkFrame*>(frame)) return f->asProperties();
+    if (auto* f = dynamic_cast<const UniqueFileIdentifierFrame*>(frame)) return f->asProperties();
+    if (auto* f = dynamic_cast<const PodcastFrame*>(frame)) return f->asProperties();
+    return {};
+}
+
+bool holdsKey(const TagLib::ID3v2::Frame* frame, const TagLib::String& key) {
+    return keysOf(frame).contains(key);
+}
+
+// Involved people and musician credits: role and name pairs, several keys in one frame.
+bool holdsPairs(const TagLib::ID3v2::Frame* frame) {
+    const auto id = frame->frameID();
+    return id == "TIPL" || id == "TMCL";
+}
+
+// Comments, lyrics and links hold one value per frame; text frames hold a list.
+bool holdsOneValue(const TagLib::ID3v2::Frame* frame) {
+    using namespace TagLib::ID3v2;
+    return dynamic_cast<const CommentsFrame*>(frame) ||
+           dynamic_cast<const UnsynchronizedLyricsFrame*>(frame) ||
+           dynamic_cast<const UrlLinkFrame*>(frame);
+}
+
+void setOneValue(TagLib::ID3v2::Frame* frame, const TagLib::String& value) {
+    if (auto* url = dynamic_cast<TagLib::ID3v2::UrlLinkFrame*>(frame))
+        url->setUrl(value);
+    else
+        frame->setText(value);
+}
+
+// Frames made here hold UTF-8 text (TagLib widens it to UTF-16 in an ID3v2.3 tag).
+TagLib::ID3v2::Frame* inUtf8(TagLib::ID3v2::Frame* frame) {
+    using namespace TagLib::ID3v2;
+    constexpr auto utf8 = TagLib::String::UTF8;
+    if (auto* f = dynamic_cast<TextIdentificationFrame*>(frame))
+        f->setTextEncoding(utf8);
+    else if (auto* f = dynamic_cast<CommentsFrame*>(frame))
+        f->setTextEncoding(utf8);
+    else if (auto* f = dynamic_cast<UnsynchronizedLyricsFrame*>(frame))
+        f->setTextEncoding(utf8);
+    else if (auto* f = dynamic_cast<UserUrlLinkFrame*>(frame))
+        f->setTextEncoding(utf8);
+    return frame;
+}
+
+// A frame of the key holding `value`: like `model` (kind, description, language and
+// encoding) when there is one.
+TagLib::ID3v2::Frame* frameFor(const TagLib::String& key, const TagLib::String& value,
+                               const TagLib::ID3v2::Frame* model) {
+    using namespace TagLib::ID3v2;
+    if (auto* c = dynamic_cast<const CommentsFrame*>(model)) {
+        auto* f = new CommentsFrame(c->textEncoding());
+        f->setLanguage(c->language());
+        f->setDescription(c->description());
+        f->setText(value);
+        return f;
+    }
+    if (auto* u = dynamic_cast<const UnsynchronizedLyricsFrame*>(model)) {
+        auto* f = new UnsynchronizedLyricsFrame(u->textEncoding());
+        f->setLanguage(u->language());
+        f->setDescription(u->description());
+        f->setText(value);
+        return f;
+    }
+    if (auto* w = dynamic_cast<const UserUrlLinkFrame*>(model)) {
+        auto* f = new UserUrlLinkFrame(w->textEncoding());
+        f->setDescription(w->description());
+        f->setUrl(value);
+        return f;
+    }
+    return inUtf8(Frame::createTextualFrame(key, Values(value)));
+}
+
+// New frames for a key the tag does not hold: TagLib's own choice of frame, but one
+// frame per value for the kinds that hold one (TagLib would fall back to a TXXX frame).
+void addFrames(TagLib::ID3v2::Tag* tag, const TagLib::String& key, const Values& values) {
+    using TagLib::ID3v2::Frame;
+    Frame* first = Frame::createTextualFrame(key, values);
+    if (!first) return;
+    if (values.size() > 1) {
+        delete first;
+        first = Frame::createTextualFrame(key, Values(values.front()));
+        if (!first) return;
+        if (!holdsOneValue(first)) {
+            delete first;
+            tag->addFrame(inUtf8(Frame::createTextualFrame(key, values)));
+            return;
+        }
+        inUtf8(first);
+        tag->addFrame(first);
+        for (auto it = std::next(values.begin()); it != values.end(); ++it)
+            if (auto* f = frameFor(key, *it, first)) tag->addFrame(f);
+        return;
+    }
+    tag->addFrame(inUtf8(first));
+}
+
+void editPairFrames(TagLib::ID3v2::Tag* tag, const TagLib::String& key, const Values& values,
+                    const std::vector<TagLib::ID3v2::Frame*>& frames) {
+    using namespace TagLib::ID3v2;
+    TagLib::PropertyMap people, credits;
+    for (auto* frame : frames) {
+        auto& into = frame->frameID() == "TIPL" ? people : credits;
+        for (const auto& [k, v] : keysOf(frame))
+            into.insert(k, v);
+    }
+    auto& home = frames.front()->frameID() == "TIPL" ? people : credits;
+    people.erase(key);
+    credits.erase(key);
+    if (!values.isEmpty()) home.insert(key, values);
+    for (auto* frame : frames)
+        tag->removeFrame(frame);
+    if (!people.isEmpty()) tag->addFrame(inUtf8(TextIdentificationFrame::createTIPLFrame(people)));
+    if (!credits.isEmpty())
+        tag->addFrame(inUtf8(TextIdentificationFrame::createTMCLFrame(credits)));
+}
+
+void editId3v2(TagLib::ID3v2::Tag* tag, const TagLib::String& key, const Values& values) {
+    using namespace TagLib::ID3v2;
+    std::vector<Frame*> hits, pairs;
+    for (auto* frame : tag->frameList())
+        if (holdsKey(frame, key)) (holdsPairs(frame) ? pairs : hits).push_back(frame);
+    if (!pairs.empty()) {
+        for (auto* frame : hits)
+            tag->removeFrame(frame);
+        editPairFrames(tag, key, values, pairs);
+        return;
+    }
+    if (values.isEmpty() || hits.empty()) {
+        for (auto* frame : hits)
+            tag->removeFrame(frame);
+        if (!values.isEmpty()) addFrames(tag, key, values);
+        return;
+    }
+    // The frames already there take the new values: they keep their place, description,
+    // language and encoding (TagLib widens a Latin-1 frame that needs it).
+    auto all = [&](auto test) { return std::all_of(hits.begin(), hits.end(), test); };
+    if (all([](Frame* f) { return dynamic_cast<TextIdentificationFrame*>(f) != nullptr; })) {
+        if (auto* user = dynamic_cast<UserTextIdentificationFrame*>(hits.front()))
+            user->setText(values); // keeps the description
+        else
+            static_cast<TextIdentificationFrame*>(hits.front())->setText(values);
+        for (std::size_t i = 1; i < hits.size(); ++i)
+            tag->removeFrame(hits[i]);
+    } else if (all([](Frame* f) { return holdsOneValue(f); })) {
+        const std::size_t kept = std::min<std::size_t>(hits.size(), values.size());
+        for (std::size_t i = 0; i < kept; ++i)
+            setOneValue(hits[i], values[static_cast<unsigned>(i)]);
+        for (std::size_t i = kept; i < hits.size(); ++i)
+            tag->removeFrame(hits[i]);
+        for (std::size_t i = kept; i < values.size(); ++i)
+            if (auto* f = frameFor(key, values[static_cast<unsigned>(i)], hits.front()))
+                tag->addFrame(f);
+    } else {
+        for (auto* frame : hits)
+            tag->removeFrame(frame);
+        addFrames(tag, key, values);
+    }
+}
+
+// A tag new to the file starts with what the file showed so far (from the tags TagLib
+// reads but does not write to, such as ID3v1), so that adding it hides nothing.
+void seedId3v2(TagLib::ID3v2::Tag* tag, const TagLib::PropertyMap& shown) {
+    for (const auto& [key, values] : shown)
+        addFrames(tag, key, values);
+}
+
+void editXiph(TagLib::Ogg::XiphComment* tag, const TagLib::String& key, const Values& values) {
+    tag->removeFields(key);
+    for (const auto& v : values)
+        tag->addField(key, v, false);
+}
+
+void editMp4(TagLib::MP4::Tag* tag, const TagLib::String& key, const Values& values) {
+    const TagLib::MP4::ItemMap before = tag->itemMap();
+    const TagLib::PropertyMap shown = tag->properties();
+    // The items that hold the key: without them it reads otherwise.
+    std::vector<TagLib::String> holders;
+    if (shown.contains(key)) {
+        for (const auto& [name, item] : before) {
+            tag->removeItem(name);
+            const auto without = tag->properties();
+            if (!without.contains(key) || without.find(key)->second != shown.find(key)->second)
+                holders.push_back(name);
+            tag->setItem(name, item);
+        }
+    }
+    TagLib::PropertyMap changed = shown;
+    changed.erase(key);
+    if (!values.isEmpty()) changed.insert(key, values);
+    tag->setProperties(changed);
+    // TagLib rebuilt every item from its text; the others go back exactly as they were.
+    for (const auto& [name, item] : before)
+        if (std::find(holders.begin(), holders.end(), name) == holders.end())
+            tag->setItem(name, item);
+}
+
+// RIFF INFO: TagLib sets every field again from the map, shortening some (a full date
+// becomes its year); the fields that do not hold the key go back as they were.
+void editInfo(TagLib::RIFF::Info::Tag* tag, const TagLib::String& key, const Values& values) {
+    const auto before = tag->fieldListMap();
+    const auto shown = tag->properties();
+    std::vector<TagLib::ByteVector> holders;
+    if (shown.contains(key)) {
+        for (const auto& [id, text] : before) {
+            tag->removeField(id);
+            const auto without = tag->properties();
+            if (!without.contains(key) || without.find(key)->second != shown.find(key)->second)
+                holders.push_back(id);
+            tag->setFieldText(id, text);
+        }
+    }
+    auto changed = shown;
+    changed.erase(key);
+    if (!values.isEmpty()) changed.insert(key, values);
+    tag->setProperties(changed);
+    for (const auto& [id, text] : before)
+        if (std::find(holders.begin(), holders.end(), id) == holders.end())
+            tag->setFieldText(id, text);
+}
+
+// Tags whose property maps hold all they have (APE, ID3v1, ASF): TagLib rewrites only
+// the keys whose values differ.
+template <class Tag> void editMap(Tag* tag, const TagLib::String& key, const Values& values) {
+    auto map = tag->properties();
+    if (!map.contains(key) && values.isEmpty()) return;
+    map.erase(key);
+    if (!values.isEmpty()) map.insert(key, values);
+    tag->setProperties(map);
+}
+
+void editKey(TagLib::File* file, const TagLib::String& key, const Values& values) {
+    if (auto* f = dynamic_cast<TagLib::MPEG::File*>(file)) {
+        if (!f->hasID3v2Tag() && f->hasAPETag()) {
+            editMap(f->APETag(), key, values);
+        } else {
+            if (!f->hasID3v2Tag() && !f->ID3v2Tag()) {
+                const auto shown = file->properties();
+                seedId3v2(f->ID3v2Tag(true), shown);
+            }
+            editId3v2(f->ID3v2Tag(true), key, values);
+            if (f->hasAPETag()) editMap(f->APETag(), key, values);
+        }
+        if (f->hasID3v1Tag()) editMap(f->ID3v1Tag(), key, values);
+    } else if (auto* f = dynamic_cast<TagLib::FLAC::File*>(file)) {
+        if (!f->hasXiphComment()) {
+            const auto shown = file->properties();
+            auto* tag = f->xiphComment(true);
+            for (const auto& [k, v] : shown)
+                editXiph(tag, k, v);
+        }
+        editXiph(f->xiphComment(true), key, values);
+    } else if (auto* xiph = dynamic_cast<TagLib::Ogg::XiphComment*>(file->tag())) {
+        editXiph(xiph, key, values);
+    } else if (auto* f = dynamic_cast<TagLib::MP4::File*>(file)) {
+        if (f->tag()) editMp4(f->tag(), key, values);
+    } else if (auto* f = dynamic_cast<TagLib::RIFF::WAV::File*>(file)) {
+        if (f->hasID3v2Tag() || !f->hasInfoTag()) editId3v2(f->ID3v2Tag(), key, values);
+        if (f->hasInfoTag()) editInfo(f->InfoTag(), key, values);
+    } else if (auto* f = dynamic_cast<TagLib::RIFF::AIFF::File*>(file)) {
+        editId3v2(f->tag(), key, values);
+    } else {
+        editMap(file, key, values);
+    }
+}
+
+// Frames TagLib reads but does not write again: ID3v2.2 frames it cannot convert (three
+// letter names) and ID3v2.3 frames ID3v2.4 has no place for. It would drop them from the
+// file on any save; such a file is not saved at all.
+bool dropsFrames(const TagLib::ID3v2::Tag* tag) {
+    static const std::array<TagLib::ByteVector, 6> gone = {"EQUA", "RVAD", "TIME",
+                                                           "TRDA", "TSIZ", "TDAT"};
+    if (!tag) return false;
+    for (const auto* frame : tag->frameList()) {
+        if (!dynamic_cast<const TagLib::ID3v2::UnknownFrame*>(frame)) continue;
+        const auto id = frame->frameID();
+        if (id.size() != 4 || std::find(gone.begin(), gone.end(), id) != gone.end()) return true;
+    }
+    return false;
+}
+
+bool dropsFrames(TagLib::File* file) {
+    if (auto* f = dynamic_cast<TagLib::MPEG::File*>(file))
+        return f->hasID3v2Tag() && dropsFrames(f->ID3v2Tag());
+    if (auto* f = dynamic_cast<TagLib::RIFF::WAV::File*>(file))
+        return f->hasID3v2Tag() && dropsFrames(f->ID3v2Tag());
+    if (auto* f = dynamic_cast<TagLib::RIFF::AIFF::File*>(file))
+        return f->hasID3v2Tag() && dropsFrames(f->tag());
+    if (auto* f = dynamic_cast<TagLib::FLAC::File*>(file))
+        return f->hasID3v2Tag() && dropsFrames(f->ID3v2Tag());
+    return false;
+}
+
 } // namespace
 
 struct TagLibFile::Impl {
@@ -285,11 +608,25 @@ struct TagLibFile::Impl {
         return *cache;
     }
 
-    void write(const TagLib::PropertyMap& map) {
-        file()->setProperties(map);
+    void edit(const std::string& key, const Values& values) {
+        editKey(file(), fromUtf8(key), values);
         cache.reset();
     }
 };
+
+std::string Picture::mimeTypeOf(const std::vector<uint8_t>& data) {
+    auto starts = [&](std::size_t at, std::string_view magic) {
+        return data.size() >= at + magic.size() &&
+               std::equal(magic.begin(), magic.end(), data.begin() + static_cast<long>(at),
+                          [](char m, uint8_t b) { return static_cast<uint8_t>(m) == b; });
+    };
+    if (starts(0, "\xFF\xD8\xFF")) return "image/jpeg";
+    if (starts(0, "\x89PNG\r\n\x1A\n")) return "image/png";
+    if (starts(0, "GIF87a") || starts(0, "GIF89a")) return "image/gif";
+    if (starts(0, "BM") && data.size() >= 26) return "image/bmp";
+    if (starts(0, "RIFF") && starts(8, "WEBP")) return "image/webp";
+    return {};
+}
 
 TagLibFile::TagLibFile(std::string path, std::unique_ptr<Impl> impl)
     : path_(std::move(path)), impl_(std::move(impl)) {}
@@ -335,37 +672,28 @@ std::map<std::string, std::vector<std::string>> TagLibFile::properties() const {
 }
 
 void TagLibFile::remove(const std::string& key) {
-    auto map = impl_->props();
-    map.erase(fromUtf8(key));
-    impl_->write(map);
+    impl_->edit(key, {});
 }
 
 void TagLibFile::append(const std::string& key, const std::vector<std::string>& values) {
     if (values.empty()) return;
-    auto map = impl_->props();
-    auto k = fromUtf8(key);
-    TagLib::StringList list = map.contains(k) ? map[k] : TagLib::StringList();
-    for (const auto& v : values)
-        list.append(fromUtf8(v));
-    map.replace(k, list);
-    impl_->write(map);
+    auto all = value(key) ? properties()[key] : std::vector<std::string>();
+    all.insert(all.end(), values.begin(), values.end());
+    set(key, all);
 }
 
 void TagLibFile::set(const std::string& key, const std::vector<std::string>& values) {
-    auto map = impl_->props();
-    auto k = fromUtf8(key);
-    map.erase(k);
     // An empty value is no value: Xiph comments drop it, ID3v2 frames cannot hold it among
     // others, MP4 would keep it. Leaving it out makes every format read back alike.
-    TagLib::StringList list;
+    Values list;
     for (const auto& v : values)
         if (!v.empty()) list.append(fromUtf8(v));
-    if (!list.isEmpty()) map.insert(k, list);
-    impl_->write(map);
+    impl_->edit(key, list);
 }
 
 bool TagLibFile::save() {
     auto* file = impl_->file();
+    if (dropsFrames(file)) return false;
     if (auto* mpeg = dynamic_cast<TagLib::MPEG::File*>(file)) {
         // The plain save() would add a Latin-1 ID3v1 tag; keep only the tags already there.
         int tags = TagLib::MPEG::File::ID3v2;

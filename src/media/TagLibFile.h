@@ -3,6 +3,7 @@
 // ARTIST, LYRICS, each with a list of values), its audio properties and its embedded
 // cover picture. Used by one thread at a time; unsaved changes are dropped on release.
 
+#include <cstddef>
 #include <cstdint>
 #include <map>
 #include <memory>
@@ -16,6 +17,13 @@ namespace trovan {
 struct Picture {
     std::vector<uint8_t> data;
     std::string mimeType;
+
+    // Larger images are not covers, and tag formats store them badly (a FLAC block holds
+    // 16 MiB): they are refused before anything is written.
+    static constexpr std::size_t maxBytes = std::size_t(32) << 20;
+    // The type the bytes show: "image/jpeg", "image/png", "image/gif", "image/bmp" or
+    // "image/webp"; empty for anything else.
+    static std::string mimeTypeOf(const std::vector<uint8_t>& data);
 
     bool operator==(const Picture&) const = default;
 };
@@ -50,15 +58,19 @@ public:
     // Every property, keys in TagLib's order.
     std::map<std::string, std::vector<std::string>> properties() const;
 
+    // The edits below touch only what holds the key (ID3v2 frames, MP4 items, Xiph
+    // fields): every other frame keeps its description, language and text encoding, and
+    // frames that hold the key keep theirs as far as the new values allow.
     // Deletes a property.
     void remove(const std::string& key);
     // Adds values after the existing ones of a property.
     void append(const std::string& key, const std::vector<std::string>& values);
-    // Replaces a property by these values (delete, then append each). Empty values are
-    // left out, and a list with none deletes the property.
+    // Replaces a property by these values. Empty values are left out, and a list with
+    // none deletes the property.
     void set(const std::string& key, const std::vector<std::string>& values);
 
     // Writes the changes to disk. MPEG files get an ID3v2.4 tag and never a new ID3v1 tag.
+    // False, writing nothing, when TagLib would drop frames it read but cannot write.
     bool save();
 
     // None when the file has no audio properties.

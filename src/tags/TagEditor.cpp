@@ -2,6 +2,7 @@
 
 #include "library/LibraryStore.h"
 
+#include <algorithm>
 #include <set>
 
 namespace trovan {
@@ -35,6 +36,13 @@ TagWriteResult TagEditor::apply(const TagPatch& patch, const std::vector<std::st
                 file.remove(key);
             for (const auto& [key, values] : patch.changes)
                 file.set(key, values);
+            // A key the format cannot hold (MP4 knows a fixed set, Xiph names exclude
+            // "=") is dropped by TagLib without a word: the file is not written then.
+            const auto now = file.properties();
+            for (const auto& [key, values] : patch.changes)
+                if (!now.count(key) && std::any_of(values.begin(), values.end(),
+                                                   [](const auto& v) { return !v.empty(); }))
+                    return false;
             return true;
         },
         growth);
@@ -42,10 +50,14 @@ TagWriteResult TagEditor::apply(const TagPatch& patch, const std::vector<std::st
 
 TagWriteResult TagEditor::setPicture(const std::optional<Picture>& picture,
                                      const std::vector<std::string>& paths) {
+    if (picture && picture->data.size() > Picture::maxBytes) return {{}, paths};
+    std::optional<Picture> stored = picture;
+    if (stored)
+        if (auto mime = Picture::mimeTypeOf(stored->data); !mime.empty()) stored->mimeType = mime;
     // Pictures in Xiph comments are stored in base64, a third larger.
-    const std::uint64_t growth = picture ? picture->data.size() / 3 * 4 + 1024 : 0;
+    const std::uint64_t growth = stored ? stored->data.size() / 3 * 4 + 1024 : 0;
     return write(
-        paths, [&picture](TagLibFile& file) { return file.setPicture(picture); }, growth);
+        paths, [&stored](TagLibFile& file) { return file.setPicture(stored); }, growth);
 }
 
 TagWriteResult TagEditor::write(const std::vector<std::string>& paths, const SafeWrite::Edit& body,

@@ -37,9 +37,12 @@ public:
     static std::string lyrics(const std::string& path);
 
     // Writes the patch into every file: removals first, then each changed key replaced
-    // by its complete list of values.
+    // by its complete list of values. Only the keys of the patch are touched; a file
+    // whose format cannot hold a changed key is not written.
     TagWriteResult apply(const TagPatch& patch, const std::vector<std::string>& paths);
-    // Replaces every embedded picture by `picture`, or removes them all.
+    // Replaces every embedded picture by `picture`, or removes them all. The picture's
+    // type is the one its bytes show; one larger than Picture::maxBytes is written
+    // nowhere (every path fails).
     TagWriteResult setPicture(const std::optional<Picture>& picture,
                               const std::vector<std::string>& paths);
 

@@ -752,10 +752,19 @@ TEST(ControllerEditing, CoversLyricsAndTheFormKeepThePlayingTrackAndCountTheFile
     h.settle();
     EXPECT_EQ(h.reports.back().text,
               "No se pudo leer la imagen: " + (h.home / "no-existe.png").string());
-    // A GIF is embedded, declared as JPEG.
-    const fs::path gif = h.home / "tapa.gif";
+    // An image larger than 32 MiB is refused before anything is written.
+    const fs::path huge = h.home / "enorme.png";
+    { std::ofstream(huge) << "x"; }
+    fs::resize_file(huge, (std::uintmax_t(32) << 20) + 1);
+    const auto stamp = fs::last_write_time(paths[4]);
+    h.type(":cover " + huge.string());
+    h.settle();
+    EXPECT_EQ(h.reports.back().text, "La imagen pesa más de 32 MiB: " + huge.string());
+    EXPECT_EQ(fs::last_write_time(paths[4]), stamp);
+    // A GIF named as a JPEG is embedded as the GIF it is.
+    const fs::path gif = h.home / "tapa.jpg";
     ASSERT_EQ(fixtures::runProcess({"ffmpeg", "-v", "error", "-f", "lavfi", "-i", "color=red:s=8x8",
-                                    "-frames:v", "1", gif.string()})
+                                    "-frames:v", "1", "-f", "gif", gif.string()})
                   .status,
               0);
     h.type(":cover " + gif.string());
@@ -763,7 +772,7 @@ TEST(ControllerEditing, CoversLyricsAndTheFormKeepThePlayingTrackAndCountTheFile
     EXPECT_EQ(h.reports.back().text, "Carátula actualizada en 5 pistas");
     auto pictures = fixtures::storedPictures(paths[4]);
     ASSERT_EQ(pictures.size(), 1u);
-    EXPECT_EQ(pictures[0].mimeType, "image/jpeg");
+    EXPECT_EQ(pictures[0].mimeType, "image/gif");
     EXPECT_EQ(h.state().playback.track->path, paths[1]);
     EXPECT_NEAR(h.c().elapsed(), 0.7, 0.05);
     EXPECT_FALSE(h.state().playback.isPlaying);

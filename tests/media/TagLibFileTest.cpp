@@ -131,3 +131,25 @@ TEST(TagLibFile, DamagedFilesReadTheSameThroughEitherOpening) {
         EXPECT_EQ(cached->picture(), plain->picture());
     }
 }
+
+// A cover's type is read from its first bytes, whatever it was called.
+TEST(TagLibFile, PictureTypesComeFromTheBytes) {
+    auto bytes = [](std::string s) { return std::vector<uint8_t>(s.begin(), s.end()); };
+    const struct {
+        std::vector<uint8_t> data;
+        std::string mime;
+    } cases[] = {
+        {bytes("\xFF\xD8\xFF\xE0rest"), "image/jpeg"},
+        {bytes("\x89PNG\r\n\x1A\n...."), "image/png"},
+        {bytes("GIF87a.."), "image/gif"},
+        {bytes("GIF89a.."), "image/gif"},
+        {bytes("BM" + std::string(30, '\0')), "image/bmp"},
+        {bytes(std::string("RIFF\x10\0\0\0WEBPVP8 ", 16)), "image/webp"},
+        {bytes(std::string("RIFF\x10\0\0\0WAVEfmt ", 16)), ""},
+        {bytes("BM"), ""},
+        {bytes("\x89PNG"), ""},
+        {{}, ""},
+    };
+    for (const auto& c : cases)
+        EXPECT_EQ(Picture::mimeTypeOf(c.data), c.mime);
+}

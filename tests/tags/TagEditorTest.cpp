@@ -218,3 +218,27 @@ TEST(TagEditor, HostileValuesLeaveEachFileWrittenAndDecodableOrUntouched) {
     }
     EXPECT_TRUE(workFiles(dir.path()).empty());
 }
+
+// The type stored with a cover is the one its bytes show, not the one it came with; a
+// cover above 32 MiB is written nowhere.
+TEST(TagEditor, CoversTakeTheirTypeFromTheirBytesAndHugeOnesAreRefused) {
+    if (!fx::available()) GTEST_SKIP() << "ffmpeg is not installed";
+    fx::TempDir dir;
+    TagEditor editor(nullptr);
+    fx::Cover cover;
+    cover.kind = fx::ImageKind::png;
+    const auto png = fx::image(cover);
+    for (auto format : {fx::Format::mp3, fx::Format::flac}) {
+        SCOPED_TRACE(fx::name(format));
+        const std::string file = copyOf(format, dir.path(), fx::name(format)).string();
+        ASSERT_TRUE(editor.setPicture(Picture{png, "image/jpeg"}, {file}).failed.empty());
+        const auto stored = fx::storedPictures(file);
+        ASSERT_EQ(stored.size(), 1u);
+        EXPECT_EQ(stored[0].mimeType, "image/png");
+
+        const std::string before = bytesOf(file);
+        const Picture huge{std::vector<uint8_t>(Picture::maxBytes + 1, 0), "image/png"};
+        EXPECT_EQ(editor.setPicture(huge, {file}).failed, std::vector<std::string>{file});
+        EXPECT_TRUE(bytesOf(file) == before);
+    }
+}
