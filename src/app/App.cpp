@@ -9,8 +9,8 @@
 #include "ui/Screen.h"
 
 #include <asio/io_context.hpp>
-#include <asio/post.hpp>
 #include <asio/posix/stream_descriptor.hpp>
+#include <asio/post.hpp>
 #include <asio/signal_set.hpp>
 #include <asio/steady_timer.hpp>
 
@@ -55,8 +55,7 @@ constexpr auto kProbeTimeout = std::chrono::milliseconds(40);
 } // namespace
 
 struct App::Sources {
-    explicit Sources(asio::io_context& io)
-        : input(io), signals(io) {}
+    explicit Sources(asio::io_context& io) : input(io), signals(io) {}
     ~Sources() {
         // Standard input stays open for whoever runs after us.
         asio::error_code ignored;
@@ -69,7 +68,9 @@ struct App::Sources {
     std::unique_ptr<asio::steady_timer> ticker;
 };
 
-std::string_view App::usage() { return kUsage; }
+std::string_view App::usage() {
+    return kUsage;
+}
 
 std::string App::dataFolderTrouble() {
     // The nearest folder that exists: the data folder may not have been created yet.
@@ -259,7 +260,9 @@ void App::readInput() {
     assert(onMainThread());
     // The reactor can report readiness that an earlier read already used up; a read
     // then would block the whole loop (frames included) until the next key.
-    struct pollfd ready {0, POLLIN, 0};
+    struct pollfd ready {
+        0, POLLIN, 0
+    };
     if (poll(&ready, 1, 0) == 0) {
         waitForInput();
         return;
@@ -281,7 +284,9 @@ void App::readInput() {
 
     // The reactor reports readiness on edges: when a read left bytes behind (a large
     // paste), read again from the queue instead of waiting for an edge that never comes.
-    struct pollfd pfd {0, POLLIN, 0};
+    struct pollfd pfd {
+        0, POLLIN, 0
+    };
     if (poll(&pfd, 1, 0) > 0) {
         asio::post(io_, [this] { readInput(); });
     } else {
@@ -316,10 +321,10 @@ void App::probeGraphics() {
 void App::applyGraphics() {
     const std::string& setting = controller_->state().settings.coverMode;
     appliedCoverMode_ = setting;
-    const GraphicsChoice choice =
-        chooseGraphics(terminalGraphics_, coverModeFromString(setting).value_or(CoverMode::automatic));
-    if (renderer_.graphics() == GraphicsProtocol::kitty && choice.protocol != GraphicsProtocol::kitty &&
-        terminal_.isActive) {
+    const GraphicsChoice choice = chooseGraphics(
+        terminalGraphics_, coverModeFromString(setting).value_or(CoverMode::automatic));
+    if (renderer_.graphics() == GraphicsProtocol::kitty &&
+        choice.protocol != GraphicsProtocol::kitty && terminal_.isActive) {
         Terminal::write(renderer_.leaveSequence());
         renderer_.forgetImages();
     }

@@ -116,7 +116,7 @@ private:
     std::unique_ptr<AppController> controller_;
     std::unique_ptr<BusLoop> bus_; // the session bus, once connected
     std::thread preload_;
-    TerminalGraphics terminalGraphics_;  // what the terminal said it can do
+    TerminalGraphics terminalGraphics_;           // what the terminal said it can do
     std::optional<std::string> appliedCoverMode_; // the setting the covers follow
 };
 

@@ -84,8 +84,8 @@ GraphicsChoice chooseGraphics(const TerminalGraphics& t, CoverMode mode) {
     }
     // Pictures are made at the cell's pixel size: without one there is nothing to size
     // them by. Sixel through a multiplexer lands wherever its cursor happens to be.
-    const bool sized = c.cellWidth > 0 && c.cellHeight > 0 && c.cellWidth <= 1000 &&
-                       c.cellHeight <= 1000;
+    const bool sized =
+        c.cellWidth > 0 && c.cellHeight > 0 && c.cellWidth <= 1000 && c.cellHeight <= 1000;
     if (!sized || (c.protocol == GraphicsProtocol::sixel && c.passthrough))
         c.protocol = GraphicsProtocol::none;
     return c;

@@ -169,8 +169,7 @@ void Renderer::transmit(std::string& out, const PixelImage& image, std::uint32_t
     uLongf packedSize = static_cast<uLongf>(packed.size());
     const bool compressed =
         compress2(packed.data(), &packedSize, raw, static_cast<uLong>(size), 6) == Z_OK;
-    const std::string data =
-        compressed ? base64(packed.data(), packedSize) : base64(raw, size);
+    const std::string data = compressed ? base64(packed.data(), packedSize) : base64(raw, size);
     constexpr std::size_t kChunk = 4096;
     for (std::size_t at = 0; at < data.size() || at == 0; at += kChunk) {
         const bool last = at + kChunk >= data.size();
@@ -311,7 +310,8 @@ const std::string& Renderer::sixel(const ImagePlacement& p) {
         while (sixelBytes_ > kSixelBudget && sixels_.size() > 1) {
             auto oldest = sixels_.end();
             for (auto e = sixels_.begin(); e != sixels_.end(); ++e)
-                if (e != it && (oldest == sixels_.end() || e->second.lastUse < oldest->second.lastUse))
+                if (e != it &&
+                    (oldest == sixels_.end() || e->second.lastUse < oldest->second.lastUse))
                     oldest = e;
             sixelBytes_ -= oldest->second.data.size();
             sixels_.erase(oldest);
@@ -374,8 +374,7 @@ std::string Renderer::render(ScreenBuffer buffer, std::optional<CursorPos> curso
         const Cell* oldRow = old ? old + static_cast<std::ptrdiff_t>(y) * w : nullptr;
         const char* forcedRow =
             forced.empty() ? nullptr : forced.data() + static_cast<std::ptrdiff_t>(y) * w;
-        const bool anyForced =
-            forcedRow && std::find(forcedRow, forcedRow + w, 1) != forcedRow + w;
+        const bool anyForced = forcedRow && std::find(forcedRow, forcedRow + w, 1) != forcedRow + w;
         // Cells have no padding, so an untouched row is one memory comparison.
         if (oldRow && !anyForced &&
             std::memcmp(row, oldRow, sizeof(Cell) * static_cast<std::size_t>(w)) == 0)
@@ -398,7 +397,8 @@ std::string Renderer::render(ScreenBuffer buffer, std::optional<CursorPos> curso
             out += c.ch.view();
             if (!written.empty()) {
                 written[static_cast<std::size_t>(y) * w + x] = 1;
-                if (c.ch.width() == 2 && x + 1 < w) written[static_cast<std::size_t>(y) * w + x + 1] = 1;
+                if (c.ch.width() == 2 && x + 1 < w)
+                    written[static_cast<std::size_t>(y) * w + x + 1] = 1;
             }
             cursorKnown = true;
             cx = x + c.ch.width();

@@ -91,8 +91,9 @@ std::vector<Colour> palette(const std::vector<std::uint32_t>& counts,
             b += s[2];
             n += counts[static_cast<std::size_t>(bin)];
         }
-        if (n) out.push_back(Colour{static_cast<int>(r / n), static_cast<int>(g / n),
-                                    static_cast<int>(b / n)});
+        if (n)
+            out.push_back(
+                Colour{static_cast<int>(r / n), static_cast<int>(g / n), static_cast<int>(b / n)});
     }
     return out;
 }
@@ -147,7 +148,8 @@ std::string SixelEncoder::encode(const PixelImage& image, int top, int height, i
         const auto bin = static_cast<std::size_t>(binOf(p));
         if (nearest[bin] < 0) {
             const auto& s = sums[bin];
-            const int r = static_cast<int>(s[0] / counts[bin]), g = static_cast<int>(s[1] / counts[bin]),
+            const int r = static_cast<int>(s[0] / counts[bin]),
+                      g = static_cast<int>(s[1] / counts[bin]),
                       b = static_cast<int>(s[2] / counts[bin]);
             int best = 0, bestDistance = 1 << 30;
             for (int k = 0; k < static_cast<int>(pal.size()); ++k) {
@@ -206,8 +208,8 @@ std::string SixelEncoder::encode(const PixelImage& image, int top, int height, i
             appendInt(out, static_cast<int>(k));
             for (int x = 0; x < end;) {
                 int run = 1;
-                while (x + run < end && bits[static_cast<std::size_t>(x + run)] ==
-                                            bits[static_cast<std::size_t>(x)])
+                while (x + run < end &&
+                       bits[static_cast<std::size_t>(x + run)] == bits[static_cast<std::size_t>(x)])
                     ++run;
                 appendRun(out, static_cast<char>(63 + bits[static_cast<std::size_t>(x)]), run);
                 x += run;

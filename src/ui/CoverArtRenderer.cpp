@@ -72,7 +72,7 @@ std::optional<std::vector<std::uint8_t>> CoverArtRenderer::imageData(const std::
 }
 
 std::shared_ptr<const PixelImage> CoverArtRenderer::image(std::span<const std::uint8_t> data,
-                                                         int width, int height, RGB background) {
+                                                          int width, int height, RGB background) {
     // Larger than any screen: a bad cell size must not ask for gigabytes.
     constexpr int kLargest = 4096;
     if (width < 1 || height < 1 || width > kLargest || height > kLargest) return nullptr;

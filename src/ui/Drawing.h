@@ -26,9 +26,8 @@ void fillOver(ScreenBuffer& buffer, Rect rect, Style style, const Glyph& ch = Gl
 
 // The cover's picture when the terminal shows images and the picture has the pixel size
 // of `columns` × `rows` cells; null otherwise (the half blocks are drawn instead).
-const std::shared_ptr<const PixelImage>* coverImage(const CoverArt* art,
-                                                    const GraphicsChoice& graphics, int columns,
-                                                    int rows);
+const std::shared_ptr<const PixelImage>*
+coverImage(const CoverArt* art, const GraphicsChoice& graphics, int columns, int rows);
 
 // "%02d"-style helpers that never overflow on absurd values.
 std::string twoDigits(long long n);
