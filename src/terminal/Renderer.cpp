@@ -277,6 +277,32 @@ void Renderer::kittyAfter(std::string& out, const std::vector<ImagePlacement>& o
     }
 }
 
+void Renderer::appendHalfBlocks(std::string& out, const ImagePlacement& p, int row) const {
+    const PixelImage& image = *p.image;
+    const int cw = p.imageColumns > 0 ? image.width / p.imageColumns : 0;
+    const int ch = p.imageRows > 0 ? image.height / p.imageRows : 0;
+    if (cw < 1 || ch < 1) return;
+    // The mean colour of a block of the picture's pixels.
+    auto mean = [&](int x0, int y0, int w, int h) {
+        unsigned sum[3] = {0, 0, 0};
+        const int n = std::max(1, w * h);
+        for (int y = y0; y < y0 + h; ++y)
+            for (int x = x0; x < x0 + w; ++x)
+                for (int k = 0; k < 3; ++k)
+                    sum[k] += image.rgb[(static_cast<std::size_t>(y) * image.width + x) * 3 + k];
+        return RGB{static_cast<std::uint8_t>(sum[0] / n), static_cast<std::uint8_t>(sum[1] / n),
+                   static_cast<std::uint8_t>(sum[2] / n)};
+    };
+    const int y0 = (p.firstRow + row) * ch;
+    appendMove(out, p.x, p.y + row);
+    for (int c = 0; c < p.columns; ++c) {
+        const int x0 = (p.firstColumn + c) * cw;
+        appendStyle(out, Style{mean(x0, y0, cw, ch / 2), mean(x0, y0 + ch / 2, cw, ch - ch / 2),
+                               false, false});
+        out += "\xE2\x96\x80"; // ▀
+    }
+}
+
 const std::string& Renderer::sixel(const ImagePlacement& p) {
     const PixelImage& image = *p.image;
     const SixelKey key{image.serial, p.firstRow, p.rows, p.firstColumn, p.columns};
@@ -416,14 +442,18 @@ std::string Renderer::render(ScreenBuffer buffer, std::optional<CursorPos> curso
                 for (int x = p.x; x < p.x + p.columns && !draw; ++x)
                     draw = written[static_cast<std::size_t>(y) * w + x] != 0;
             if (!draw) continue;
-            const std::string& data = sixel(p);
-            if (data.empty()) continue;
-            // The cursor stays beside a picture instead of going below it, so one that
-            // ends on the last row does not scroll the screen.
-            if (!opened) out += "\x1b[?8452h";
-            opened = true;
-            appendMove(out, p.x, p.y);
-            out += data;
+            // A sixel picture that reaches the last row scrolls the whole screen (xterm
+            // does, whatever mode it is in): that row is drawn in half blocks instead.
+            ImagePlacement upper = p;
+            if (p.y + p.rows >= h) --upper.rows;
+            if (upper.rows > 0) {
+                const std::string& data = sixel(upper);
+                if (!opened) out += "\x1b[?8452h";
+                opened = true;
+                appendMove(out, p.x, p.y);
+                out += data;
+            }
+            if (upper.rows < p.rows) appendHalfBlocks(out, p, p.rows - 1);
         }
         if (opened) out += "\x1b[?8452l";
     }

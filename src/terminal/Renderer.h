@@ -83,6 +83,8 @@ private:
                     const std::vector<ImagePlacement>& newImages);
     void transmit(std::string& out, const PixelImage& image, std::uint32_t id);
     const std::string& sixel(const ImagePlacement& p);
+    // One cell row of a placed picture as half blocks, two pixel rows per cell.
+    void appendHalfBlocks(std::string& out, const ImagePlacement& p, int row) const;
 
     GraphicsProtocol graphics_ = GraphicsProtocol::none;
     bool passthrough_ = false;
