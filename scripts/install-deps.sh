@@ -19,7 +19,7 @@ test_packages=(
   libgtest-dev libgmock-dev libbenchmark-dev clang libclang-rt-14-dev
   tmux pulseaudio pulseaudio-utils dbus playerctl python3-numpy procps man-db
   vim-tiny  # vi: the real editor of the tag-editing terminal tests
-  xterm xvfb imagemagick xdotool  # sixel covers checked on a real screen
+  xterm xvfb imagemagick xdotool fonts-dejavu-core  # sixel covers checked on a real screen
 )
 
 packages=("${run_packages[@]}")

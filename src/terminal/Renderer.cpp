@@ -309,9 +309,9 @@ const std::string& Renderer::sixel(const ImagePlacement& p) {
     auto it = sixels_.find(key);
     if (it == sixels_.end()) {
         const int ch = p.imageRows > 0 ? image.height / p.imageRows : 0;
-        // Whole bands only: a last band taller than the cells would spill into the row
-        // below (and scroll the screen at its foot).
-        const int height = p.rows * ch / 6 * 6;
+        // The exact height: the unused rows of the last band are left unset, so they
+        // show what is under them.
+        const int height = p.rows * ch;
         std::string data;
         if (p.firstColumn == 0 && p.columns == p.imageColumns) {
             data = SixelEncoder::encode(image, p.firstRow * ch, height, colorRegisters_);
