@@ -325,6 +325,16 @@ TEST_F(Graphics, KittyTransmitsEachCoverOnceAndDeletesPlacementsThatLeave) {
     EXPECT_EQ(after.placements.size(), before.placements.size());
     for (const auto& [id, pic] : after.pictures)
         EXPECT_EQ(pic.transmissions, 1) << "image " << id;
+
+    // Switched to half blocks: every picture of ours is deleted with its data.
+    const std::size_t mark = t.out.size();
+    t.send(":covers bloques\r");
+    ASSERT_TRUE(t.pump(5s, "Car\xC3\xA1tulas: bloques"));
+    t.pump(300ms);
+    const std::string rest = t.out.substr(mark);
+    EXPECT_NE(rest.find("\x1b_Ga=d,d=R,"), std::string::npos);
+    EXPECT_TRUE(hasHalfBlocks(rest));
+    EXPECT_EQ(rest.find("a=p"), std::string::npos);
 }
 
 // A terminal that answers nothing, and one that calls itself dumb (which is not even
