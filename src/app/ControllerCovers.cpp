@@ -152,7 +152,11 @@ void AppController::loadAlbumCovers() {
 
 void AppController::setGraphics(const GraphicsChoice& graphics) {
     if (graphics == state_.graphics) return;
+    const bool images = graphics.protocol != GraphicsProtocol::none ||
+                        state_.graphics.protocol != GraphicsProtocol::none;
     state_.graphics = graphics;
+    // Half blocks do not depend on the cell's pixels: nothing to make again.
+    if (!images) return;
     // Every picture is made again at the new size (or without an image at all).
     state_.albumCovers.clear();
     ++*albumCoverGeneration_;
