@@ -11,7 +11,7 @@ run_packages=(
   # libraries
   libicu-dev libsqlite3-dev libtag1-dev
   libavformat-dev libavcodec-dev libavutil-dev libswresample-dev libswscale-dev
-  libcubeb-dev nlohmann-json3-dev libasio-dev libsdbus-c++-dev libsystemd-dev
+  libcubeb-dev nlohmann-json3-dev libasio-dev libsdbus-c++-dev libsystemd-dev zlib1g-dev
   # the generated sample library
   ffmpeg
 )
@@ -19,6 +19,7 @@ test_packages=(
   libgtest-dev libgmock-dev libbenchmark-dev clang libclang-rt-14-dev
   tmux pulseaudio pulseaudio-utils dbus playerctl python3-numpy procps man-db
   vim-tiny  # vi: the real editor of the tag-editing terminal tests
+  xterm xvfb imagemagick xdotool fonts-dejavu-core  # sixel covers checked on a real screen
 )
 
 packages=("${run_packages[@]}")

@@ -48,6 +48,9 @@ constexpr int kHandledSignals[] = {SIGWINCH, SIGTERM, SIGHUP, SIGINT, SIGTSTP, S
 constexpr long long kLogLimit = 1 << 20;
 constexpr auto kLogCheckInterval = std::chrono::seconds(30);
 constexpr auto kSettingsQuietPeriod = std::chrono::milliseconds(500);
+// A terminal answers its queries in a few milliseconds; one that says nothing (or too
+// late) gets half-block covers, and its late replies are dropped by the input decoder.
+constexpr auto kProbeTimeout = std::chrono::milliseconds(40);
 
 } // namespace
 
@@ -154,6 +157,7 @@ int App::main(const std::vector<std::string>& arguments) {
     asio::io_context io;
     App app(io, store);
     app.terminal().enter();
+    app.probeGraphics();
     app.listenToInput();
     app.listenToSignals();
     if (!app.settingsProblem_.empty()) {
@@ -203,6 +207,8 @@ App::App(asio::io_context& io, std::shared_ptr<LibraryStore> store)
     settingsProblem_ = settings.loadProblem();
     controller_->needsRender = [this] { scheduleRender(); };
     controller_->screenInvalidated = [this] {
+        // The editor's session left and came back: our pictures were taken away.
+        renderer_.forgetImages();
         renderer_.front.reset();
         scheduleRender();
     };
@@ -271,19 +277,7 @@ void App::readInput() {
     // End of input or any other failure (the terminal went away): there is no retry.
     if (n <= 0) controller_->quit();
 
-    for (const InputEvent& event :
-         decoder_.decode(std::string_view(buf, static_cast<std::size_t>(n)))) {
-        if (const auto* key = std::get_if<Key>(&event); key && *key == Key::ctrl('z')) {
-            suspend(); // raw mode turns the terminal's Ctrl-Z into a plain byte
-        } else if (key) {
-            controller_->handleKey(*key);
-        } else if (const auto* mouse = std::get_if<MouseEvent>(&event)) {
-            controller_->handleMouse(*mouse);
-        } else if (const auto* paste = std::get_if<Paste>(&event)) {
-            controller_->handlePaste(paste->text);
-        }
-        controller_->needsRender();
-    }
+    dispatchInput(std::string_view(buf, static_cast<std::size_t>(n)));
 
     // The reactor reports readiness on edges: when a read left bytes behind (a large
     // paste), read again from the queue instead of waiting for an edge that never comes.
@@ -295,6 +289,45 @@ void App::readInput() {
     } else {
         waitForInput();
     }
+}
+
+void App::dispatchInput(std::string_view bytes) {
+    for (const InputEvent& event : decoder_.decode(bytes)) {
+        if (const auto* key = std::get_if<Key>(&event); key && *key == Key::ctrl('z')) {
+            suspend(); // raw mode turns the terminal's Ctrl-Z into a plain byte
+        } else if (key) {
+            controller_->handleKey(*key);
+        } else if (const auto* mouse = std::get_if<MouseEvent>(&event)) {
+            controller_->handleMouse(*mouse);
+        } else if (const auto* paste = std::get_if<Paste>(&event)) {
+            controller_->handlePaste(paste->text);
+        }
+        controller_->needsRender();
+    }
+}
+
+void App::probeGraphics() {
+    const auto host =
+        GraphicsProbe::host(std::getenv("TERM"), std::getenv("TMUX"), std::getenv("STY"));
+    std::string typed;
+    terminalGraphics_ = GraphicsProbe::run(host, 0, 1, kProbeTimeout, typed);
+    applyGraphics();
+    if (!typed.empty()) asio::post(io_, [this, typed] { dispatchInput(typed); });
+}
+
+void App::applyGraphics() {
+    const std::string& setting = controller_->state().settings.coverMode;
+    appliedCoverMode_ = setting;
+    const GraphicsChoice choice = chooseGraphics(
+        terminalGraphics_, coverModeFromString(setting).value_or(CoverMode::automatic));
+    if (renderer_.graphics() == GraphicsProtocol::kitty &&
+        choice.protocol != GraphicsProtocol::kitty && terminal_.isActive) {
+        Terminal::write(renderer_.leaveSequence());
+        renderer_.forgetImages();
+    }
+    renderer_.setGraphics(choice.protocol, choice.passthrough, choice.colorRegisters);
+    setLeaveExtra(renderer_.leaveSequence());
+    controller_->setGraphics(choice);
 }
 
 void App::listenToSignals() {
@@ -322,6 +355,13 @@ void App::readSignals() {
         if (sig == SIGWINCH) {
             renderer_.front.reset();
             controller_->resize(Terminal::querySize());
+            // A new font size changes the cells' pixels: covers are made again.
+            TerminalGraphics resized = terminalGraphics_;
+            GraphicsProbe::cellSizeFromWindow(1, resized);
+            if (!(resized == terminalGraphics_)) {
+                terminalGraphics_ = resized;
+                applyGraphics();
+            }
         } else if (sig == SIGTSTP) {
             suspend();
         } else if (sig == SIGCONT) {
@@ -347,6 +387,7 @@ void App::suspend() {
     // as the sound server stops getting samples.
     raise(SIGSTOP);
     terminal_.enter();
+    renderer_.forgetImages(); // leaving the session took our pictures away
     redrawAll();
 }
 
@@ -392,6 +433,8 @@ void App::render() {
         nextLogCheck_ = now + kLogCheckInterval;
         Terminal::trimErrorLog(kLogLimit);
     }
+    if (appliedCoverMode_ && *appliedCoverMode_ != controller_->state().settings.coverMode)
+        applyGraphics();
     Frame frame = composeFrame(*controller_);
     Terminal::write(renderer_.render(std::move(frame.buffer), frame.cursor));
 }

@@ -2,6 +2,7 @@
 
 #include "app/AppController.h"
 #include "app/WorkerPool.h"
+#include "terminal/GraphicsProbe.h"
 #include "terminal/InputDecoder.h"
 #include "terminal/Renderer.h"
 #include "terminal/ScreenBuffer.h"
@@ -62,6 +63,9 @@ public:
     void setTicking(bool on);
     // Composes and emits one frame now.
     void render();
+    // Asks the terminal which images it shows (inside the session, before the first
+    // frame) and draws covers accordingly; keys typed meanwhile are handled as usual.
+    void probeGraphics();
     // Loads the codec and sound-server modules on a thread of their own, once the first
     // frame is out, so that neither the first frame nor the first track waits for them.
     void preloadModules();
@@ -88,6 +92,10 @@ private:
     // with a full redraw.
     void suspend();
     void redrawAll();
+    // Draws covers the way the coverMode setting and the terminal allow.
+    void applyGraphics();
+    // Hands typed bytes to the controller, as events.
+    void dispatchInput(std::string_view bytes);
     void scheduleRender();
     void waitForInput();
     void readInput();
@@ -109,6 +117,8 @@ private:
     std::unique_ptr<AppController> controller_;
     std::unique_ptr<BusLoop> bus_; // the session bus, once connected
     std::thread preload_;
+    TerminalGraphics terminalGraphics_;           // what the terminal said it can do
+    std::optional<std::string> appliedCoverMode_; // the setting the covers follow
 };
 
 } // namespace trovan

@@ -151,6 +151,8 @@ public:
     // --- Covers and lyrics (ControllerCovers.cpp)
     void loadCover(const Track& track, bool force);
     void loadAlbumCovers();
+    // How covers are drawn changed (image protocol, cell size): they are made again.
+    void setGraphics(const GraphicsChoice& graphics);
     void toggleLyrics();
     void loadLyrics();
 

@@ -20,13 +20,25 @@ namespace {
 // their covers on the screen's own background.
 constexpr RGB kCoverBackground = palette::background;
 
-std::optional<std::vector<RGB>> decodeCover(const std::vector<std::string>& paths, int columns,
-                                            int rows) {
+// The picture at the cells' pixel size, when the terminal shows images.
+std::shared_ptr<const PixelImage> imageFor(const std::vector<std::uint8_t>& data, int columns,
+                                           int rows, const GraphicsChoice& graphics) {
+    if (graphics.protocol == GraphicsProtocol::none) return nullptr;
+    return CoverArtRenderer::image(data, columns * graphics.cellWidth, rows * graphics.cellHeight,
+                                   kCoverBackground);
+}
+
+CoverArt decodeCover(const std::string& key, const std::vector<std::string>& paths, int columns,
+                     int rows, const GraphicsChoice& graphics) {
+    CoverArt art{key, std::nullopt, nullptr};
     for (const auto& path : paths) {
-        if (auto data = CoverArtRenderer::imageData(path))
-            return CoverArtRenderer::pixels(*data, columns, rows, kCoverBackground);
+        if (auto data = CoverArtRenderer::imageData(path)) {
+            art.pixels = CoverArtRenderer::pixels(*data, columns, rows, kCoverBackground);
+            if (art.pixels) art.image = imageFor(*data, columns, rows, graphics);
+            break;
+        }
     }
-    return std::nullopt;
+    return art;
 }
 
 std::vector<std::string> splitLines(const std::string& text) {
@@ -56,22 +68,25 @@ void AppController::loadCover(const Track& track, bool force) {
     coverPath_ = track.path;
     const int columns = layout_.cover.width, rows = layout_.cover.height;
     pool_.submit([post = host_.post, alive = std::weak_ptr<char>(alive_), this, path = track.path,
-                  columns, rows] {
+                  columns, rows, graphics = state_.graphics] {
         std::optional<std::vector<std::uint8_t>> data;
         std::optional<std::vector<RGB>> pixels;
+        std::shared_ptr<const PixelImage> image;
         std::exception_ptr failure; // reported by the pool once the panel has its placeholder
         try {
             data = CoverArtRenderer::imageData(path);
             if (data) pixels = CoverArtRenderer::pixels(*data, columns, rows, kCoverBackground);
+            if (pixels) image = imageFor(*data, columns, rows, graphics);
         } catch (...) {
             failure = std::current_exception();
         }
         // Bytes that do not decode here are no cover for the desktop either; those that do
         // go to it as they are, decoded once.
         if (!pixels) data.reset();
-        post([alive, this, path, pixels = std::move(pixels), data = std::move(data)]() mutable {
+        post([alive, this, path, pixels = std::move(pixels), image = std::move(image),
+              data = std::move(data)]() mutable {
             if (!alive.lock() || coverPath_ != path) return;
-            state_.cover = CoverArt{path, pixels};
+            state_.cover = CoverArt{path, pixels, image};
             nowPlaying_->setArtwork(std::move(data));
             requestRender();
         });
@@ -107,31 +122,48 @@ void AppController::loadAlbumCovers() {
     // then is dropped (and asked for again when the artist comes back).
     const int generation = ++*albumCoverGeneration_;
     pool_.submit([post = host_.post, alive = std::weak_ptr<char>(alive_), this,
-                  current = albumCoverGeneration_, generation, jobs = std::move(jobs)] {
+                  current = albumCoverGeneration_, generation, jobs = std::move(jobs),
+                  graphics = state_.graphics] {
         // A cover that fails (memory running out) is shown as missing, the others still
         // load, and the pool reports the first failure at the end.
         std::exception_ptr failure;
         for (const auto& job : jobs) {
             const bool stale = current->load() != generation;
-            std::optional<std::vector<RGB>> pixels;
+            CoverArt art{job.key, std::nullopt, nullptr};
             if (!stale) {
                 try {
-                    pixels =
-                        decodeCover(job.paths, Layout::albumCoverColumns, Layout::albumCoverRows);
+                    art = decodeCover(job.key, job.paths, Layout::albumCoverColumns,
+                                      Layout::albumCoverRows, graphics);
                 } catch (...) {
                     if (!failure) failure = std::current_exception();
                 }
             }
-            post([alive, this, key = job.key, pixels = std::move(pixels), stale] {
+            post([alive, this, art = std::move(art), stale] {
                 if (!alive.lock()) return;
-                albumCoversLoading_.erase(key);
+                albumCoversLoading_.erase(art.key);
                 if (stale) return;
-                state_.albumCovers[key] = CoverArt{key, pixels};
+                state_.albumCovers[art.key] = art;
                 requestRender();
             });
         }
         if (failure) std::rethrow_exception(failure);
     });
+}
+
+void AppController::setGraphics(const GraphicsChoice& graphics) {
+    if (graphics == state_.graphics) return;
+    const bool images = graphics.protocol != GraphicsProtocol::none ||
+                        state_.graphics.protocol != GraphicsProtocol::none;
+    state_.graphics = graphics;
+    // Half blocks do not depend on the cell's pixels: nothing to make again.
+    if (!images) return;
+    // Every picture is made again at the new size (or without an image at all).
+    state_.albumCovers.clear();
+    ++*albumCoverGeneration_;
+    albumCoversLoading_.clear();
+    loadAlbumCovers();
+    if (state_.playback.track) loadCover(*state_.playback.track, true);
+    requestRender();
 }
 
 void AppController::toggleLyrics() {

@@ -363,6 +363,12 @@ void AppController::dispatch(const Action& action) {
     case K::setCover:
         setCover(action.text());
         break;
+    case K::setCoverMode:
+        // The main loop sees the new setting at the next frame and applies it.
+        state_.settings.coverMode = action.text();
+        saveSettings();
+        report("Carátulas: " + action.text());
+        break;
     case K::removeCover:
         removeCover();
         break;

@@ -18,6 +18,9 @@ struct Settings {
     std::string eqPreset = EQPreset::flat().name;
     std::vector<float> eqGains = EQPreset::flat().gains;
     std::vector<EQPreset> customPresets;
+    // How covers are drawn: "auto" (what the terminal can show), "kitty", "sixel" or
+    // "bloques" (half blocks).
+    std::string coverMode = "auto";
 
     bool operator==(const Settings&) const = default;
 };

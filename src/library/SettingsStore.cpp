@@ -103,6 +103,7 @@ Settings merge(const Settings& base, const Settings& ours, const Settings& their
     pick(out.eqPreset, base.eqPreset, ours.eqPreset);
     pick(out.eqGains, base.eqGains, ours.eqGains);
     pick(out.customPresets, base.customPresets, ours.customPresets);
+    pick(out.coverMode, base.coverMode, ours.coverMode);
     return out;
 }
 
@@ -302,6 +303,7 @@ std::string SettingsStore::encode(const Settings& s) {
         {"eqPreset", s.eqPreset},
         {"eqGains", gains(s.eqGains)},
         {"customPresets", presets},
+        {"coverMode", s.coverMode},
     };
     // json objects keep their keys sorted. Names typed in the program are UTF-8; should
     // one not be, it is repaired rather than making the whole save fail.
@@ -343,8 +345,7 @@ std::optional<Settings> SettingsStore::decode(std::string_view text, bool* rejec
     if (auto* v = find("eqGains"))
         if (auto list = floatList(*v); take(list && list->size() == s.eqGains.size()))
             s.eqGains = std::move(*list);
-    if (auto* v = find("customPresets");
-        v && take(v->is_array() && v->size() <= kMaxPresets)) {
+    if (auto* v = find("customPresets"); v && take(v->is_array() && v->size() <= kMaxPresets)) {
         for (const auto& e : *v) {
             // A preset needs both keys; a broken one is left out.
             if (!take(e.is_object() && e.contains("name") && e.contains("gains"))) continue;
@@ -352,6 +353,11 @@ std::optional<Settings> SettingsStore::decode(std::string_view text, bool* rejec
             auto list = floatList(e["gains"]);
             if (take(name && list)) s.customPresets.push_back({*name, std::move(*list)});
         }
+    }
+    if (auto* v = find("coverMode"); v && take(v->is_string())) {
+        const std::string mode = v->get<std::string>();
+        if (take(mode == "auto" || mode == "kitty" || mode == "sixel" || mode == "bloques"))
+            s.coverMode = mode;
     }
     if (rejected) *rejected = dropped;
     return s;

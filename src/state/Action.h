@@ -26,6 +26,7 @@ struct Action {
         eqSave,          // preset name (string)
         eqEnabled,       // on (bool)
         setCover,        // image path (string)
+        setCoverMode,    // "auto", "kitty", "sixel" or "bloques" (string)
         // Without a payload.
         focusNext,
         focusPrevious,
@@ -82,6 +83,7 @@ struct Action {
     static Action eqSave(std::string name) { return {Kind::eqSave, std::move(name)}; }
     static Action eqEnabled(bool on) { return {Kind::eqEnabled, on}; }
     static Action setCover(std::string path) { return {Kind::setCover, std::move(path)}; }
+    static Action setCoverMode(std::string mode) { return {Kind::setCoverMode, std::move(mode)}; }
 
     // Payload accessors; each returns the neutral value when the case carries another.
     int count() const { return get<int>(0); }

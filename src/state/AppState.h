@@ -9,10 +9,13 @@
 #include "playback/PlaybackState.h"
 #include "state/TagForm.h"
 #include "state/TextInput.h"
+#include "terminal/PixelImage.h"
 #include "terminal/Style.h"
+#include "terminal/TerminalGraphics.h"
 
 #include <chrono>
 #include <map>
+#include <memory>
 #include <optional>
 #include <set>
 #include <string>
@@ -64,6 +67,8 @@ struct StatusMessage {
 struct CoverArt {
     std::string key;                        // what the picture was taken from
     std::optional<std::vector<RGB>> pixels; // absent: no picture or not decodable
+    // The same picture at the cells' pixel size, when the terminal shows images.
+    std::shared_ptr<const PixelImage> image;
 
     // Key shared by every loader of an album's cover (artist key + folded album title).
     static std::string albumKey(const LibraryIndex::Artist& artist,
@@ -125,6 +130,8 @@ struct AppState {
     int lyricsOffset = 0;
     std::optional<IndexingProgress> indexing;
     std::optional<StatusMessage> status;
+    // How covers are drawn: as images (and at what cell size) or as half blocks.
+    GraphicsChoice graphics;
 
     explicit AppState(Settings s) : settings(std::move(s)) {}
 };

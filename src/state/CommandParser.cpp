@@ -14,7 +14,6 @@ bool isWhitespace(char c) {
     return c == ' ' || c == '\t' || c == '\n' || c == '\r' || c == '\v' || c == '\f';
 }
 
-
 } // namespace
 
 std::string_view trimWhitespace(std::string_view s) {
@@ -121,6 +120,14 @@ CommandResult CommandParser::parse(std::string_view text) {
         std::string lower = text::lower(argument);
         if (lower == "remove" || lower == "quitar") return Action(Action::Kind::removeCover);
         return Action::setCover(argument);
+    }
+    if (word == "covers" || word == "caratulas" || word == "carátulas") {
+        const std::string mode = text::lower(argument);
+        if (mode == "auto" || mode == "kitty" || mode == "sixel" || mode == "bloques")
+            return Action::setCoverMode(mode);
+        if (mode.empty())
+            return CommandError::missingArgument("modo (auto, kitty, sixel o bloques)");
+        return CommandError::invalidValue("carátulas: usa auto, kitty, sixel o bloques");
     }
     if (word == "q" || word == "quit" || word == "salir") return Action(Action::Kind::quit);
     if (word == "help" || word == "ayuda" || word == "h") return Action(Action::Kind::openHelp);

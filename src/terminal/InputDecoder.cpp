@@ -225,6 +225,12 @@ InputDecoder::Step InputDecoder::decodeOne(std::size_t p) {
             return Step{Outcome::none, 3};
         }
         if (available >= 2 && pending[p + 1] == '[') return decodeCSI(p);
+        // A kitty graphics reply that came after the start-up probe stopped waiting.
+        if (available >= 3 && pending[p + 1] == '_' && pending[p + 2] == 'G') {
+            const std::size_t st = pending.find("\x1b\\", p + 3);
+            if (st != std::string::npos) return Step{Outcome::none, st + 2 - p};
+            if (available < kLongestReply) return Step{Outcome::incomplete};
+        }
         return key(Kind::escape, 1);
     default:
         break;

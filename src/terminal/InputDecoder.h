@@ -17,6 +17,8 @@ namespace trovan {
 class InputDecoder {
 public:
     static constexpr std::size_t kPasteLimit = 256 * 1024;
+    // Terminal replies (kitty graphics) longer than this are not waited for.
+    static constexpr std::size_t kLongestReply = 4096;
 
     std::string pending;
     std::optional<std::string> pasteBuffer;

@@ -78,4 +78,33 @@ void ScreenBuffer::fill(Rect rect, Style style, const Glyph& ch) {
     }
 }
 
+void ScreenBuffer::placeImage(std::shared_ptr<const PixelImage> image, Rect whole, Rect clip,
+                              Style blank) {
+    if (!image || whole.width <= 0 || whole.height <= 0) return;
+    const int x0 = std::max({whole.x, clip.x, 0});
+    const int y0 = std::max({whole.y, clip.y, 0});
+    const int x1 = std::min({whole.x + whole.width, clip.x + clip.width, width_});
+    const int y1 = std::min({whole.y + whole.height, clip.y + clip.height, height_});
+    if (x0 >= x1 || y0 >= y1) return;
+    // Put cell by cell so that wide characters cut at the edges are repaired.
+    for (int y = y0; y < y1; ++y)
+        for (int x = x0; x < x1; ++x)
+            put(Glyph(" ", 1), x, y, blank);
+    images_.push_back(ImagePlacement{std::move(image), x0, y0, x1 - x0, y1 - y0, x0 - whole.x,
+                                     y0 - whole.y, whole.width, whole.height});
+}
+
+void ScreenBuffer::hideImagesDrawnOver(const ScreenBuffer& before) {
+    if (before.width_ != width_ || before.height_ != height_) {
+        images_.clear();
+        return;
+    }
+    std::erase_if(images_, [&](const ImagePlacement& p) {
+        for (int y = p.y; y < p.y + p.rows; ++y)
+            for (int x = p.x; x < p.x + p.columns; ++x)
+                if (!(cells_[index(x, y)] == before.cells_[index(x, y)])) return true;
+        return false;
+    });
+}
+
 } // namespace trovan

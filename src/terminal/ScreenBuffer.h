@@ -1,13 +1,33 @@
 #pragma once
 
 #include "terminal/Cell.h"
+#include "terminal/PixelImage.h"
 #include "terminal/Rect.h"
 #include "terminal/Style.h"
 
+#include <memory>
 #include <string_view>
 #include <vector>
 
 namespace trovan {
+
+// A picture shown over a block of cells, possibly cut by the edges of what it is drawn
+// in: `columns` × `rows` cells from (x, y) show the part of the picture that starts
+// `firstColumn` cells from its left and `firstRow` cells from its top.
+struct ImagePlacement {
+    std::shared_ptr<const PixelImage> image;
+    int x = 0;
+    int y = 0;
+    int columns = 0;
+    int rows = 0;
+    int firstColumn = 0;
+    int firstRow = 0;
+    int imageColumns = 0; // the whole picture, in cells
+    int imageRows = 0;
+
+    Rect area() const { return Rect{x, y, columns, rows}; }
+    bool operator==(const ImagePlacement&) const = default;
+};
 
 // One frame: a full grid of cells, row-major. Drawing clips silently to the grid and
 // keeps double-width characters consistent (a wide character is its cell plus an empty
@@ -32,6 +52,14 @@ public:
     // Set every visible cell of `rect`; no wide-character repair.
     void fill(Rect rect, Style style, const Glyph& ch = Glyph(" ", 1));
 
+    // Shows `image` over the cells of `whole`, cut to `clip` and to the grid; those cells
+    // become blanks in `blank`. Nothing when no cell is left.
+    void placeImage(std::shared_ptr<const PixelImage> image, Rect whole, Rect clip, Style blank);
+    const std::vector<ImagePlacement>& images() const { return images_; }
+    // Takes away the pictures any of whose cells differ from `before` (something was
+    // drawn over them); the cells stay as they are.
+    void hideImagesDrawnOver(const ScreenBuffer& before);
+
     bool operator==(const ScreenBuffer&) const = default;
 
 private:
@@ -45,6 +73,7 @@ private:
     int width_ = 0;
     int height_ = 0;
     std::vector<Cell> cells_;
+    std::vector<ImagePlacement> images_;
 };
 
 } // namespace trovan

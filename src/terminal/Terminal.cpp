@@ -5,6 +5,7 @@
 #include <csignal>
 #include <cstdio>
 #include <cstdlib>
+#include <cstring>
 #include <exception>
 #include <fcntl.h>
 #include <poll.h>
@@ -27,6 +28,11 @@ bool hooksInstalled = false;
 // Standard error while a session is active: the log file, and where it pointed before.
 int errorLogFd = -1;
 int savedStderrFd = -1;
+
+// Written by restoreTerminal() before the leave sequence. Changed only on the main
+// thread while no restore can be running on it; the size is published last.
+char leaveExtra[256];
+std::atomic<std::size_t> leaveExtraSize{0};
 
 constexpr int kFatalSignals[] = {SIGSEGV, SIGBUS, SIGABRT, SIGILL, SIGFPE, SIGQUIT};
 
@@ -106,11 +112,20 @@ void restoreTerminal() {
     if (!restorePending.exchange(false)) return;
     // Only async-signal-safe calls: this also runs from the fatal-signal handler. One
     // plain write, as looping is pointless there.
-    ssize_t n = ::write(1, kLeaveSequence.data(), kLeaveSequence.size());
+    const std::size_t extra = leaveExtraSize.load();
+    ssize_t n = extra ? ::write(1, leaveExtra, extra) : 0;
+    n = ::write(1, kLeaveSequence.data(), kLeaveSequence.size());
     (void)n;
     tcsetattr(0, TCSAFLUSH, &savedAttributes);
     if (savedFlags != -1) fcntl(0, F_SETFL, savedFlags);
     if (savedStderrFd != -1) dup2(savedStderrFd, 2);
+}
+
+void setLeaveExtra(std::string_view bytes) {
+    leaveExtraSize = 0;
+    if (bytes.size() >= sizeof leaveExtra) return;
+    std::memcpy(leaveExtra, bytes.data(), bytes.size());
+    leaveExtraSize = bytes.size();
 }
 
 bool Terminal::logErrorsTo(const std::filesystem::path& file) {

@@ -48,6 +48,10 @@ public:
 // touch any Terminal's isActive.
 void restoreTerminal();
 
+// Bytes restoreTerminal() writes before leaving the alternate screen (taking our kitty
+// pictures away); at most 255 of them, empty for none.
+void setLeaveExtra(std::string_view bytes);
+
 // The bytes written on entering and leaving the session.
 inline constexpr std::string_view kEnterSequence =
     "\x1b[?1049h\x1b[?25l\x1b[?1002h\x1b[?1006h\x1b[?2004h\x1b[2J";

@@ -71,6 +71,29 @@ std::optional<std::vector<std::uint8_t>> CoverArtRenderer::imageData(const std::
     return folderImage(path);
 }
 
+std::shared_ptr<const PixelImage> CoverArtRenderer::image(std::span<const std::uint8_t> data,
+                                                          int width, int height, RGB background) {
+    // Larger than any screen: a bad cell size must not ask for gigabytes.
+    constexpr int kLargest = 4096;
+    if (width < 1 || height < 1 || width > kLargest || height > kLargest) return nullptr;
+    auto decoded = ImageDecoder::decodeToFill(data, width, height);
+    if (!decoded) return nullptr;
+    const std::size_t n = static_cast<std::size_t>(width) * static_cast<std::size_t>(height);
+    std::vector<std::uint8_t> rgb = std::move(decoded->rgb);
+    if (rgb.size() != 3 * n) return nullptr;
+    if (decoded->alpha.size() == n) {
+        const std::uint8_t bg[3] = {background.r, background.g, background.b};
+        for (std::size_t i = 0; i < n; ++i) {
+            const int a = decoded->alpha[i];
+            for (int c = 0; c < 3; ++c) {
+                std::uint8_t& v = rgb[3 * i + static_cast<std::size_t>(c)];
+                v = static_cast<std::uint8_t>(std::min(255, v + ((255 - a) * bg[c] + 127) / 255));
+            }
+        }
+    }
+    return PixelImage::make(width, height, std::move(rgb));
+}
+
 std::optional<std::vector<RGB>> CoverArtRenderer::pixels(std::span<const std::uint8_t> data,
                                                          int columns, int rows, RGB background) {
     if (columns < 1 || rows < 1) return std::nullopt;

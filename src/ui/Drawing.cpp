@@ -60,6 +60,15 @@ void fillOver(ScreenBuffer& buffer, Rect rect, Style style, const Glyph& ch) {
     buffer.fill(rect, style, ch);
 }
 
+const std::shared_ptr<const PixelImage>*
+coverImage(const CoverArt* art, const GraphicsChoice& graphics, int columns, int rows) {
+    if (!art || !art->image || graphics.protocol == GraphicsProtocol::none) return nullptr;
+    const PixelImage& image = *art->image;
+    if (image.width != columns * graphics.cellWidth || image.height != rows * graphics.cellHeight)
+        return nullptr;
+    return &art->image;
+}
+
 std::string twoDigits(long long n) {
     if (n < 1) return "  ";
     std::string s = std::to_string(n);

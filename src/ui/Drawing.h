@@ -1,6 +1,7 @@
 #pragma once
 // Small drawing helpers shared by the views.
 
+#include "state/AppState.h"
 #include "state/TextInput.h"
 #include "terminal/Renderer.h"
 #include "terminal/ScreenBuffer.h"
@@ -22,6 +23,11 @@ CursorPos input(ScreenBuffer& buffer, const TextInput& in, int x, int y, int wid
 // straddles its left or right edge, so a box drawn over text never leaves half a
 // character behind.
 void fillOver(ScreenBuffer& buffer, Rect rect, Style style, const Glyph& ch = Glyph(" ", 1));
+
+// The cover's picture when the terminal shows images and the picture has the pixel size
+// of `columns` × `rows` cells; null otherwise (the half blocks are drawn instead).
+const std::shared_ptr<const PixelImage>*
+coverImage(const CoverArt* art, const GraphicsChoice& graphics, int columns, int rows);
 
 // "%02d"-style helpers that never overflow on absurd values.
 std::string twoDigits(long long n);

@@ -182,7 +182,18 @@ void LibraryView::draw(const AppState& state, const Layout& layout, ScreenBuffer
             auto it = state.albumCovers.find(CoverArt::albumKey(*artist, artist->albums[a]));
             if (it != state.albumCovers.end()) coverOf[a] = &it->second;
         }
-        coverRow(buffer, coverOf[a], list.x + 1, y, i - start);
+        const auto* image = draw::coverImage(coverOf[a], state.graphics, Layout::albumCoverColumns,
+                                             Layout::albumCoverRows);
+        if (!image) {
+            coverRow(buffer, coverOf[a], list.x + 1, y, i - start);
+        } else if (i == first || i == start) {
+            // The whole picture at once, cut to the list when its block is scrolled
+            // partly out of view.
+            const Rect whole{list.x + 1, list.y + (start - first), Layout::albumCoverColumns,
+                             Layout::albumCoverRows};
+            buffer.placeImage(*image, whole, Rect{list.x, list.y, list.width, last - first},
+                              palette::defaultStyle);
+        }
     }
 }
 

@@ -2,6 +2,7 @@
 
 #include "terminal/Palette.h"
 #include "text/Text.h"
+#include "ui/Drawing.h"
 
 #include <algorithm>
 #include <cmath>
@@ -33,7 +34,12 @@ void PlayerView::draw(double elapsed, const AppState& state, const Layout& layou
                       ScreenBuffer& buffer) {
     buffer.fill({layout.header.x, layout.playerRule, layout.header.width, 1},
                 palette::on(palette::rule), Glyph("─", 1));
-    drawCover(state.cover ? state.cover->pixels : std::nullopt, layout.cover, buffer);
+    const CoverArt* cover = state.cover ? &*state.cover : nullptr;
+    const Rect& r = layout.cover;
+    if (const auto* image = draw::coverImage(cover, state.graphics, r.width, r.height))
+        buffer.placeImage(*image, r, r, palette::defaultStyle);
+    else
+        drawCover(cover ? cover->pixels : std::nullopt, r, buffer);
     drawInfo(state, layout.nowPlaying, buffer);
     drawButtons(state, layout, buffer);
     drawProgress(elapsed, state, layout, buffer);

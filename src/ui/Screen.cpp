@@ -35,7 +35,13 @@ std::optional<CursorPos> Screen::draw(const AppState& state, const Layout& layou
     ArtistView::draw(state, layout, buffer);
     LibraryView::draw(state, layout, buffer);
     PlayerView::draw(elapsed, state, layout, buffer);
-    return Overlays::draw(state, layout, buffer);
+    if (buffer.images().empty() || state.overlay.kind == Overlay::Kind::none)
+        return Overlays::draw(state, layout, buffer);
+    // Pictures lie above the text: one that a box or prompt is drawn over is hidden.
+    const ScreenBuffer under = buffer;
+    auto cursor = Overlays::draw(state, layout, buffer);
+    buffer.hideImagesDrawnOver(under);
+    return cursor;
 }
 
 } // namespace trovan

@@ -14,6 +14,7 @@
 #include <filesystem>
 #include <fstream>
 #include <functional>
+#include <map>
 #include <sstream>
 #include <string>
 #include <thread>
@@ -101,6 +102,8 @@ public:
 
     // DBUS_SESSION_BUS_ADDRESS for the next start.
     std::string busAddress = defaultBusAddress();
+    // More variables for the program's window at the next start.
+    std::map<std::string, std::string> environment;
 
     const fs::path& dir() const { return dir_; }
     fs::path home() const { return dir_ / "home"; }
@@ -117,7 +120,7 @@ public:
             command += " " + shellQuote(a);
         tmux("-f /dev/null new-session -d -s t -x " + std::to_string(width) + " -y " +
              std::to_string(height) + " -e COLORTERM=truecolor -e TROVAN_HOME=" +
-             shellQuote(home().string()) + privateHome() +
+             shellQuote(home().string()) + privateHome() + extraEnvironment() +
              " -e DBUS_SESSION_BUS_ADDRESS=" + shellQuote(busAddress) + " " + shellQuote(command));
         tmux("pipe-pane -t t -o " + shellQuote("cat >> " + shellQuote((run_ / "out").string())));
         std::ofstream(run_ / "go") << "";
@@ -231,6 +234,12 @@ public:
 private:
     // The program's HOME and XDG folders inside this session's folder: whatever the
     // sound server's client or other libraries write there goes away with it.
+    std::string extraEnvironment() const {
+        std::string out;
+        for (const auto& [name, value] : environment)
+            out += " -e " + shellQuote(name + "=" + value);
+        return out;
+    }
     std::string privateHome() {
         const fs::path user = dir_ / "user";
         fs::create_directories(user / "runtime");

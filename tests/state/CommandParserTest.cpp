@@ -37,6 +37,8 @@ TEST(CommandParser, CommandsSynonymsCaseAndQuoting) {
         {Action::setVolume(static_cast<float>(50.5 / 100.0)), {"vol 50.5"}},
         {A::removeCover, {"cover REMOVE", "CARÁTULA Quitar"}},
         {Action::setCover("a b.jpg"), {"cover \"a b.jpg\""}},
+        {Action::setCoverMode("sixel"), {"covers sixel", "CARÁTULAS Sixel", "caratulas sixel"}},
+        {Action::setCoverMode("bloques"), {"covers bloques"}},
         {Action::setCover("/tmp/x.png"), {"caratula /tmp/x.png"}},
         {A::quit, {"q", "SALIR", "q now"}},
         {A::openHelp, {"ayuda", "H extra"}}};
@@ -53,6 +55,8 @@ TEST(CommandParser, ErrorMessages) {
     const std::pair<const char*, std::vector<const char*>> cases[] = {
         {"Falta el argumento: ruta", {"add", "add \t "}},
         {"Falta el argumento: imagen o remove", {"cover"}},
+        {"Valor inválido para carátulas: usa auto, kitty, sixel o bloques",
+         {"covers iterm", "caratulas 3"}},
         {"Valor inválido para tiempo: usa 1:42",
          {"seek", "seek 1:2:3:4", "seek -5", "seek 1:-2", "seek abc", "seek 1:4x",
           "seek :", "seek nan", "seek inf"}},

@@ -1,0 +1,197 @@
+// Pictures on the terminal: reading the start-up replies, choosing how to draw, sixel
+// encoding, and the renderer's picture bookkeeping.
+
+#include "terminal/GraphicsProbe.h"
+#include "terminal/Renderer.h"
+#include "terminal/SixelEncoder.h"
+
+#include <gtest/gtest.h>
+
+#include <algorithm>
+#include <array>
+#include <map>
+
+using namespace trovan;
+
+TEST(GraphicsProbe, ReadsRepliesInAnyPiecesAndKeepsTypedBytes) {
+    struct Case {
+        const char* name;
+        std::string bytes;
+        bool done, kitty, sixel;
+        int cellWidth, cellHeight, registers;
+        std::string typed;
+    };
+    const Case cases[] = {
+        {"kitty", "\x1b_Gi=31;OK\x1b\\\x1b[6;20;10t\x1b[?62;22c", true, true, false, 10, 20, 0, ""},
+        {"xterm vt340", "\x1b[6;17;9t\x1b[?1;0;1024S\x1b[?63;1;2;4;6;9;15;22c", true, false, true,
+         9, 17, 1024, ""},
+        {"refused kitty", "\x1b_Gi=31;ENOTSUPPORTED:no\x1b\\\x1b[?62c", true, false, false, 0, 0, 0,
+         ""},
+        {"keys around", "j\x1b[?62;4cq", true, false, true, 0, 0, 0, "jq"},
+        {"half an answer", "\x1b_Gi=31;OK\x1b\\\x1b[6;20", false, true, false, 0, 0, 0,
+         "\x1b[6;20"},
+        {"garbage", "\x1b[6;0;-5t\x1b[?1;3;0S\x1bZ\x1b[?c", true, false, false, 0, 0, 0, "\x1bZ"},
+    };
+    for (const auto& c : cases) {
+        SCOPED_TRACE(c.name);
+        // Whole, and one byte at a time.
+        for (bool split : {false, true}) {
+            GraphicsProbe::Parser p;
+            if (split)
+                for (char b : c.bytes)
+                    p.feed(std::string_view(&b, 1));
+            else
+                p.feed(c.bytes);
+            p.finish();
+            EXPECT_EQ(p.done, c.done);
+            EXPECT_EQ(p.found.kitty, c.kitty);
+            EXPECT_EQ(p.found.sixel, c.sixel);
+            EXPECT_EQ(p.found.cellWidth, c.cellWidth);
+            EXPECT_EQ(p.found.cellHeight, c.cellHeight);
+            EXPECT_EQ(p.found.colorRegisters, c.registers);
+            EXPECT_EQ(p.typed, c.typed);
+        }
+    }
+}
+
+TEST(GraphicsProbe, ChoosesImagesOnlyWithACellSizeAndSixelNeverThroughTmux) {
+    using P = GraphicsProtocol;
+    TerminalGraphics both{true, true, false, 10, 20, 0};
+    TerminalGraphics sixelOnly{false, true, false, 9, 17, 16};
+    TerminalGraphics noSize{true, true, false, 0, 20, 0};
+    TerminalGraphics tmux{true, false, true, 10, 20, 0};
+    EXPECT_EQ(chooseGraphics(both, CoverMode::automatic).protocol, P::kitty);
+    EXPECT_EQ(chooseGraphics(both, CoverMode::sixel).protocol, P::sixel);
+    EXPECT_EQ(chooseGraphics(both, CoverMode::blocks).protocol, P::none);
+    EXPECT_EQ(chooseGraphics(sixelOnly, CoverMode::automatic).protocol, P::sixel);
+    EXPECT_EQ(chooseGraphics(sixelOnly, CoverMode::automatic).colorRegisters, 16);
+    EXPECT_EQ(chooseGraphics(sixelOnly, CoverMode::kitty).protocol, P::kitty);
+    EXPECT_EQ(chooseGraphics(noSize, CoverMode::kitty).protocol, P::none);
+    EXPECT_EQ(chooseGraphics(tmux, CoverMode::automatic).protocol, P::kitty);
+    EXPECT_TRUE(chooseGraphics(tmux, CoverMode::automatic).passthrough);
+    EXPECT_EQ(chooseGraphics(tmux, CoverMode::sixel).protocol, P::none);
+    EXPECT_EQ(GraphicsProbe::host("xterm", nullptr, nullptr), GraphicsProbe::Host::terminal);
+    EXPECT_EQ(GraphicsProbe::host("xterm", "/tmp/t,1,0", nullptr), GraphicsProbe::Host::tmux);
+    EXPECT_EQ(GraphicsProbe::host("screen.xterm", nullptr, nullptr), GraphicsProbe::Host::screen);
+    EXPECT_EQ(GraphicsProbe::host("dumb", nullptr, nullptr), GraphicsProbe::Host::silent);
+    EXPECT_EQ(GraphicsProbe::host(nullptr, nullptr, nullptr), GraphicsProbe::Host::silent);
+}
+
+namespace {
+
+// Decodes what SixelEncoder writes (raster attributes, RGB registers, runs, "$", "-").
+std::vector<std::uint8_t> decodeSixel(const std::string& s, int& width, int& height) {
+    std::map<int, std::array<int, 3>> colours;
+    std::size_t p = s.find('"');
+    std::sscanf(s.c_str() + p, "\"1;1;%d;%d", &width, &height);
+    std::vector<std::uint8_t> rgb(static_cast<std::size_t>(width) * height * 3, 0);
+    int x = 0, band = 0, colour = 0;
+    p = s.find('#');
+    while (p < s.size()) {
+        const char c = s[p];
+        if (c == '#') {
+            int n = 0, used = 0, r, g, b;
+            std::sscanf(s.c_str() + p, "#%d%n", &n, &used);
+            p += static_cast<std::size_t>(used);
+            if (s[p] == ';' &&
+                std::sscanf(s.c_str() + p, ";2;%d;%d;%d%n", &r, &g, &b, &used) == 3) {
+                colours[n] = {r * 255 / 100, g * 255 / 100, b * 255 / 100};
+                p += static_cast<std::size_t>(used);
+            }
+            colour = n;
+            continue;
+        }
+        int count = 1;
+        if (c == '!') {
+            int used = 0;
+            std::sscanf(s.c_str() + p, "!%d%n", &count, &used);
+            p += static_cast<std::size_t>(used);
+        }
+        const char d = s[p++];
+        if (d == '$') {
+            x = 0;
+        } else if (d == '-') {
+            x = 0;
+            band += 6;
+        } else if (d >= 63 && d <= 126) {
+            for (int i = 0; i < count; ++i, ++x)
+                for (int bit = 0; bit < 6; ++bit)
+                    if (((d - 63) >> bit) & 1 && band + bit < height && x < width)
+                        for (int k = 0; k < 3; ++k)
+                            rgb[(static_cast<std::size_t>(band + bit) * width + x) * 3 + k] =
+                                static_cast<std::uint8_t>(
+                                    colours[colour][static_cast<std::size_t>(k)]);
+        } else {
+            break; // the string terminator
+        }
+    }
+    return rgb;
+}
+
+std::shared_ptr<const PixelImage> gradient(int w, int h) {
+    std::vector<std::uint8_t> rgb;
+    for (int y = 0; y < h; ++y)
+        for (int x = 0; x < w; ++x) {
+            rgb.push_back(static_cast<std::uint8_t>(x * 255 / (w - 1)));
+            rgb.push_back(static_cast<std::uint8_t>(y * 255 / (h - 1)));
+            rgb.push_back(x < w / 2 ? 200 : 30);
+        }
+    return PixelImage::make(w, h, std::move(rgb));
+}
+
+} // namespace
+
+TEST(SixelEncoder, DecodesBackCloseToThePictureWithFewRegisters) {
+    const auto image = gradient(37, 40);
+    for (int colours : {256, 16}) {
+        SCOPED_TRACE(colours);
+        const std::string s = SixelEncoder::encode(*image, 4, 30, colours);
+        ASSERT_TRUE(s.starts_with("\x1bP0;1;0q"));
+        ASSERT_TRUE(s.ends_with("\x1b\\"));
+        EXPECT_LE(std::count(s.begin(), s.end(), '#'), colours * 6 + colours);
+        int w = 0, h = 0;
+        const auto rgb = decodeSixel(s, w, h);
+        ASSERT_EQ(w, 37);
+        ASSERT_EQ(h, 30);
+        long long error = 0;
+        for (int y = 0; y < h; ++y)
+            for (int x = 0; x < w; ++x)
+                for (int k = 0; k < 3; ++k)
+                    error +=
+                        std::abs(rgb[(static_cast<std::size_t>(y) * w + x) * 3 + k] -
+                                 image->rgb[(static_cast<std::size_t>(y + 4) * w + x) * 3 + k]);
+        const double mean = static_cast<double>(error) / (w * h * 3);
+        EXPECT_LT(mean, colours == 256 ? 6.0 : 24.0);
+    }
+    EXPECT_TRUE(SixelEncoder::encode(*image, 40, 6).empty());
+}
+
+// Sixel pictures are drawn after their cells, again only when those cells were drawn;
+// the cells a picture leaves are erased and drawn again.
+TEST(Renderer, SixelPicturesAreRedrawnOnlyWhenTheirCellsAre) {
+    Renderer r;
+    r.setGraphics(GraphicsProtocol::sixel);
+    const auto image = gradient(40, 60); // 4 × 3 cells of 10 × 20 pixels
+    const Style plain{};
+    auto frame = [&](int y) {
+        ScreenBuffer b(20, 10, plain);
+        if (y >= 0) b.placeImage(image, Rect{2, y, 4, 3}, Rect{0, 0, 20, 10}, plain);
+        return b;
+    };
+    const std::string first = r.render(frame(1), std::nullopt);
+    EXPECT_NE(first.find("\x1b[2;3H\x1bP"), std::string::npos);
+    EXPECT_EQ(r.render(frame(1), std::nullopt).find("\x1bP"), std::string::npos);
+    ScreenBuffer changed = frame(1);
+    changed.text("x", 3, 2, 1, plain);
+    // A changed cell under the picture: the picture is drawn over it again.
+    std::string again = r.render(changed, std::nullopt);
+    // (a cell written into the picture's area is not one of its blanks, but the
+    // picture still covers it)
+    EXPECT_NE(again.find("\x1bP"), std::string::npos);
+    const std::string moved = r.render(frame(5), std::nullopt);
+    EXPECT_NE(moved.find("\x1b[2;3H\x1b[0m\x1b[4X"), std::string::npos); // old rows erased
+    EXPECT_NE(moved.find("\x1b[6;3H\x1bP"), std::string::npos);
+    const std::string gone = r.render(frame(-1), std::nullopt);
+    EXPECT_EQ(gone.find("\x1bP"), std::string::npos);
+    EXPECT_NE(gone.find("\x1b[8;3H\x1b[0m\x1b[4X"), std::string::npos);
+}
