@@ -68,7 +68,7 @@ struct CoverArt {
     std::string key;                        // what the picture was taken from
     std::optional<std::vector<RGB>> pixels; // absent: no picture or not decodable
     // The same picture at the cells' pixel size, when the terminal shows images.
-    std::shared_ptr<const PixelImage> image;
+    std::shared_ptr<const PixelImage> image{};
 
     // Key shared by every loader of an album's cover (artist key + folded album title).
     static std::string albumKey(const LibraryIndex::Artist& artist,
