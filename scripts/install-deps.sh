@@ -19,6 +19,7 @@ test_packages=(
   libgtest-dev libgmock-dev libbenchmark-dev clang libclang-rt-14-dev
   tmux pulseaudio pulseaudio-utils dbus playerctl python3-numpy procps man-db
   vim-tiny  # vi: the real editor of the tag-editing terminal tests
+  bindfs  # a user-space (FUSE) mount: folders there are polled, not watched
 )
 
 packages=("${run_packages[@]}")
