@@ -18,6 +18,8 @@ struct Settings {
     std::string eqPreset = EQPreset::flat().name;
     std::vector<float> eqGains = EQPreset::flat().gains;
     std::vector<EQPreset> customPresets;
+    bool watch = true;   // follow the folders' changes as they happen
+    int pollMinutes = 5; // how often folders that cannot be watched are looked at again
 
     bool operator==(const Settings&) const = default;
 };

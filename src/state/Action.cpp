@@ -39,6 +39,8 @@ const char* name(Action::Kind k) {
         return "eqEnabled";
     case K::setCover:
         return "setCover";
+    case K::watch:
+        return "watch";
     case K::focusNext:
         return "focusNext";
     case K::focusPrevious:

@@ -26,6 +26,7 @@ struct Action {
         eqSave,          // preset name (string)
         eqEnabled,       // on (bool)
         setCover,        // image path (string)
+        watch,           // "on", "off", or "" to show how each folder is followed (string)
         // Without a payload.
         focusNext,
         focusPrevious,
@@ -82,6 +83,7 @@ struct Action {
     static Action eqSave(std::string name) { return {Kind::eqSave, std::move(name)}; }
     static Action eqEnabled(bool on) { return {Kind::eqEnabled, on}; }
     static Action setCover(std::string path) { return {Kind::setCover, std::move(path)}; }
+    static Action watch(std::string mode) { return {Kind::watch, std::move(mode)}; }
 
     // Payload accessors; each returns the neutral value when the case carries another.
     int count() const { return get<int>(0); }
