@@ -101,6 +101,9 @@ public:
 
     // DBUS_SESSION_BUS_ADDRESS for the next start.
     std::string busAddress = defaultBusAddress();
+    // More of the program's environment ("NAME=value"), and a command it runs under.
+    std::vector<std::string> environment;
+    std::vector<std::string> launcher;
 
     const fs::path& dir() const { return dir_; }
     fs::path home() const { return dir_ / "home"; }
@@ -112,13 +115,17 @@ public:
         fs::create_directories(run_);
         std::ofstream(run_ / "run.sh") << kWrapper;
         std::string command = "sh " + shellQuote((run_ / "run.sh").string()) + " " +
-                              shellQuote(run_.string()) + " " + shellQuote(TROVAN_BINARY);
+                              shellQuote(run_.string());
+        for (const auto& a : launcher)
+            command += " " + shellQuote(a);
+        command += " " + shellQuote(TROVAN_BINARY);
         for (const auto& a : args)
             command += " " + shellQuote(a);
         tmux("-f /dev/null new-session -d -s t -x " + std::to_string(width) + " -y " +
              std::to_string(height) + " -e COLORTERM=truecolor -e TROVAN_HOME=" +
              shellQuote(home().string()) + privateHome() +
-             " -e DBUS_SESSION_BUS_ADDRESS=" + shellQuote(busAddress) + " " + shellQuote(command));
+             " -e DBUS_SESSION_BUS_ADDRESS=" + shellQuote(busAddress) + extraEnvironment() + " " +
+             shellQuote(command));
         tmux("pipe-pane -t t -o " + shellQuote("cat >> " + shellQuote((run_ / "out").string())));
         std::ofstream(run_ / "go") << "";
         waitUntil([&] { return has("pid"); }, 10s);
@@ -229,6 +236,13 @@ public:
     }
 
 private:
+    std::string extraEnvironment() const {
+        std::string env;
+        for (const auto& e : environment)
+            env += " -e " + shellQuote(e);
+        return env;
+    }
+
     // The program's HOME and XDG folders inside this session's folder: whatever the
     // sound server's client or other libraries write there goes away with it.
     std::string privateHome() {
