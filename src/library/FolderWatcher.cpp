@@ -22,14 +22,13 @@ namespace {
 // after writing, moved in and out, deleted, attributes (touch, chmod), and the folder
 // itself going away.
 constexpr uint32_t kMask = IN_CREATE | IN_CLOSE_WRITE | IN_MOVED_FROM | IN_MOVED_TO | IN_DELETE |
-                           IN_ATTRIB | IN_DELETE_SELF | IN_MOVE_SELF | IN_ONLYDIR |
-                           IN_EXCL_UNLINK;
+                           IN_ATTRIB | IN_DELETE_SELF | IN_MOVE_SELF | IN_ONLYDIR | IN_EXCL_UNLINK;
 // Reads per call: a flood of events leaves the loop free between rounds.
 constexpr int kReadsPerRound = 64;
 
 bool within(std::string_view path, const std::string& folder) {
-    return path == folder || (path.size() > folder.size() && path.starts_with(folder) &&
-                              path[folder.size()] == '/');
+    return path == folder ||
+           (path.size() > folder.size() && path.starts_with(folder) && path[folder.size()] == '/');
 }
 
 bool dotOrDotDot(const char* n) {
@@ -65,17 +64,28 @@ bool usableFolder(const std::string& path) {
 
 std::optional<std::string> FolderWatcher::untrustedFileSystem(int64_t magic) {
     switch (static_cast<uint32_t>(magic)) {
-    case 0x6969: return "nfs";
-    case 0x517B: return "smb";
-    case 0xFF534D42: return "cifs";
-    case 0xFE534D42: return "smb2";
-    case 0x65735546: return "fuse";
-    case 0x01021997: return "9p";
-    case 0x00C36400: return "ceph";
-    case 0x5346414F: return "afs";
-    case 0x73757245: return "coda";
-    case 0x564C: return "ncp";
-    default: return std::nullopt;
+    case 0x6969:
+        return "nfs";
+    case 0x517B:
+        return "smb";
+    case 0xFF534D42:
+        return "cifs";
+    case 0xFE534D42:
+        return "smb2";
+    case 0x65735546:
+        return "fuse";
+    case 0x01021997:
+        return "9p";
+    case 0x00C36400:
+        return "ceph";
+    case 0x5346414F:
+        return "afs";
+    case 0x73757245:
+        return "coda";
+    case 0x564C:
+        return "ncp";
+    default:
+        return std::nullopt;
     }
 }
 
@@ -192,7 +202,8 @@ bool FolderWatcher::addTree(const std::string& folder, bool followLink) {
             std::lock_guard lock(mutex_);
             // A watch follows its folder through a rename: the old name goes.
             if (auto it = folderOf_.find(wd); it != folderOf_.end() && it->second != path) {
-                if (auto old = watchOf_.find(it->second); old != watchOf_.end() && old->second == wd)
+                if (auto old = watchOf_.find(it->second);
+                    old != watchOf_.end() && old->second == wd)
                     watchOf_.erase(old);
             }
             folderOf_[wd] = path;
@@ -218,7 +229,8 @@ bool FolderWatcher::addTree(const std::string& folder, bool followLink) {
 
 void FolderWatcher::removeTree(const std::string& folder) {
     std::lock_guard lock(mutex_);
-    for (auto it = watchOf_.lower_bound(folder); it != watchOf_.end() && within(it->first, folder);) {
+    for (auto it = watchOf_.lower_bound(folder);
+         it != watchOf_.end() && within(it->first, folder);) {
         if (fd_ >= 0) inotify_rm_watch(fd_, it->second);
         folderOf_.erase(it->second);
         it = watchOf_.erase(it);

@@ -648,8 +648,8 @@ namespace trovan {
 namespace {
 
 bool within(std::string_view path, const std::string& folder) {
-    return path == folder || (path.size() > folder.size() && path.starts_with(folder) &&
-                              path[folder.size()] == '/');
+    return path == folder ||
+           (path.size() > folder.size() && path.starts_with(folder) && path[folder.size()] == '/');
 }
 
 // Whether a root can be trusted to show what is on the disk: a folder that lists

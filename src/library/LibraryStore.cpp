@@ -210,9 +210,13 @@ std::vector<Track> LibraryStore::loadAll() {
     return tracks;
 }
 
-TrackTable LibraryStore::loadTable() { return load(nullptr); }
+TrackTable LibraryStore::loadTable() {
+    return load(nullptr);
+}
 
-TrackTable LibraryStore::loadUnder(const std::string& folder) { return load(&folder); }
+TrackTable LibraryStore::loadUnder(const std::string& folder) {
+    return load(&folder);
+}
 
 TrackTable LibraryStore::load(const std::string* folder) {
     std::lock_guard lock(mutex_);

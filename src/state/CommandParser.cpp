@@ -14,7 +14,6 @@ bool isWhitespace(char c) {
     return c == ' ' || c == '\t' || c == '\n' || c == '\r' || c == '\v' || c == '\f';
 }
 
-
 } // namespace
 
 std::string_view trimWhitespace(std::string_view s) {

@@ -114,18 +114,18 @@ public:
         run_ = dir_ / ("run" + std::to_string(++runs_));
         fs::create_directories(run_);
         std::ofstream(run_ / "run.sh") << kWrapper;
-        std::string command = "sh " + shellQuote((run_ / "run.sh").string()) + " " +
-                              shellQuote(run_.string());
+        std::string command =
+            "sh " + shellQuote((run_ / "run.sh").string()) + " " + shellQuote(run_.string());
         for (const auto& a : launcher)
             command += " " + shellQuote(a);
         command += " " + shellQuote(TROVAN_BINARY);
         for (const auto& a : args)
             command += " " + shellQuote(a);
         tmux("-f /dev/null new-session -d -s t -x " + std::to_string(width) + " -y " +
-             std::to_string(height) + " -e COLORTERM=truecolor -e TROVAN_HOME=" +
-             shellQuote(home().string()) + privateHome() +
-             " -e DBUS_SESSION_BUS_ADDRESS=" + shellQuote(busAddress) + extraEnvironment() + " " +
-             shellQuote(command));
+             std::to_string(height) +
+             " -e COLORTERM=truecolor -e TROVAN_HOME=" + shellQuote(home().string()) +
+             privateHome() + " -e DBUS_SESSION_BUS_ADDRESS=" + shellQuote(busAddress) +
+             extraEnvironment() + " " + shellQuote(command));
         tmux("pipe-pane -t t -o " + shellQuote("cat >> " + shellQuote((run_ / "out").string())));
         std::ofstream(run_ / "go") << "";
         waitUntil([&] { return has("pid"); }, 10s);

@@ -140,16 +140,20 @@ TEST(Watch, PollsUserSpaceMounts) {
         fs::create_directories(mount);
         if (fixtures::runProcess({"bindfs", music.string(), mount.string()}).status != 0)
             GTEST_SKIP() << "no FUSE mount here";
+        // Unmounted before the session's folder is removed, however the test ends.
+        struct Unmount {
+            fs::path at;
+            ~Unmount() { fixtures::runProcess({"umount", "-l", at.string()}); }
+        } unmount{mount};
         s.start({mount.string()}, 160, 40);
         EXPECT_TRUE(s.waitFor("Biblioteca al día: 4 archivos")) << s.screen();
         EXPECT_TRUE(s.waitFor(mount.string() + ": se revisa cada 5 min (sistema de archivos FUSE)"))
             << s.screen();
         s.command(":watch");
-        EXPECT_TRUE(s.waitFor("Vigilancia: " + mount.string() +
-                              " cada 5 min (sistema de archivos FUSE)"))
+        EXPECT_TRUE(
+            s.waitFor("Vigilancia: " + mount.string() + " cada 5 min (sistema de archivos FUSE)"))
             << s.screen();
         s.quit();
-        fixtures::runProcess({"umount", mount.string()});
     }
 }
 
@@ -163,8 +167,12 @@ TEST(Watch, PollsFoldersBeyondTheWatchLimit) {
         const fs::path music = makeMusic(s.dir());
         for (const char* sub : {"a", "b", "c"})
             fs::create_directories(music / sub);
-        s.launcher = {"unshare", "-r", "sh", "-c",
-                      "echo 2 > /proc/sys/user/max_inotify_watches && exec \"$@\"", "sh"};
+        s.launcher = {"unshare",
+                      "-r",
+                      "sh",
+                      "-c",
+                      "echo 2 > /proc/sys/user/max_inotify_watches && exec \"$@\"",
+                      "sh"};
         s.start({music.string()}, 160, 40);
         EXPECT_TRUE(s.waitFor("Biblioteca al día: 4 archivos")) << s.screen();
         EXPECT_TRUE(s.waitFor(music.string() + ": se revisa cada 5 min (no quedan vigilancias "
