@@ -9,8 +9,8 @@
 #include "ui/Screen.h"
 
 #include <asio/io_context.hpp>
-#include <asio/posix/stream_descriptor.hpp>
 #include <asio/post.hpp>
+#include <asio/posix/stream_descriptor.hpp>
 #include <asio/signal_set.hpp>
 #include <asio/steady_timer.hpp>
 
@@ -52,7 +52,8 @@ constexpr auto kSettingsQuietPeriod = std::chrono::milliseconds(500);
 } // namespace
 
 struct App::Sources {
-    explicit Sources(asio::io_context& io) : input(io), signals(io) {}
+    explicit Sources(asio::io_context& io)
+        : input(io), signals(io) {}
     ~Sources() {
         // Standard input stays open for whoever runs after us.
         asio::error_code ignored;
@@ -65,9 +66,7 @@ struct App::Sources {
     std::unique_ptr<asio::steady_timer> ticker;
 };
 
-std::string_view App::usage() {
-    return kUsage;
-}
+std::string_view App::usage() { return kUsage; }
 
 std::string App::dataFolderTrouble() {
     // The nearest folder that exists: the data folder may not have been created yet.
@@ -258,9 +257,7 @@ void App::readInput() {
     assert(onMainThread());
     // The reactor can report readiness that an earlier read already used up; a read
     // then would block the whole loop (frames included) until the next key.
-    struct pollfd ready {
-        0, POLLIN, 0
-    };
+    struct pollfd ready {0, POLLIN, 0};
     if (poll(&ready, 1, 0) == 0) {
         waitForInput();
         return;
@@ -278,8 +275,7 @@ void App::readInput() {
     // End of input or any other failure (the terminal went away): there is no retry.
     if (n <= 0) controller_->quit();
 
-    for (const InputEvent& event :
-         decoder_.decode(std::string_view(buf, static_cast<std::size_t>(n)))) {
+    for (const InputEvent& event : decoder_.decode(std::string_view(buf, static_cast<std::size_t>(n)))) {
         if (const auto* key = std::get_if<Key>(&event); key && *key == Key::ctrl('z')) {
             suspend(); // raw mode turns the terminal's Ctrl-Z into a plain byte
         } else if (key) {
@@ -294,9 +290,7 @@ void App::readInput() {
 
     // The reactor reports readiness on edges: when a read left bytes behind (a large
     // paste), read again from the queue instead of waiting for an edge that never comes.
-    struct pollfd pfd {
-        0, POLLIN, 0
-    };
+    struct pollfd pfd {0, POLLIN, 0};
     if (poll(&pfd, 1, 0) > 0) {
         asio::post(io_, [this] { readInput(); });
     } else {

@@ -106,7 +106,7 @@ private:
     std::string settingsProblem_; // from reading config.json, shown once the session starts
     std::thread::id mainThread_;
     std::unique_ptr<AppController> controller_;
-    std::unique_ptr<BusLoop> bus_;   // the session bus, once connected
+    std::unique_ptr<BusLoop> bus_; // the session bus, once connected
     std::unique_ptr<BusLoop> watch_; // the music folders' change notifications
     std::thread preload_;
 };

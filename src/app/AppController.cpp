@@ -1,8 +1,8 @@
 #include "app/AppController.h"
 
 #include "app/WorkerPool.h"
-#include "library/FolderWatcher.h"
 #include "library/LibraryStore.h"
+#include "library/FolderWatcher.h"
 #include "playback/AudioEngine.h"
 #include "playback/LoopSource.h"
 #include "playback/NowPlayingBridge.h"

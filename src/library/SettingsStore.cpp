@@ -352,7 +352,8 @@ std::optional<Settings> SettingsStore::decode(std::string_view text, bool* rejec
     if (auto* v = find("eqGains"))
         if (auto list = floatList(*v); take(list && list->size() == s.eqGains.size()))
             s.eqGains = std::move(*list);
-    if (auto* v = find("customPresets"); v && take(v->is_array() && v->size() <= kMaxPresets)) {
+    if (auto* v = find("customPresets");
+        v && take(v->is_array() && v->size() <= kMaxPresets)) {
         for (const auto& e : *v) {
             // A preset needs both keys; a broken one is left out.
             if (!take(e.is_object() && e.contains("name") && e.contains("gains"))) continue;

@@ -14,6 +14,7 @@ bool isWhitespace(char c) {
     return c == ' ' || c == '\t' || c == '\n' || c == '\r' || c == '\v' || c == '\f';
 }
 
+
 } // namespace
 
 std::string_view trimWhitespace(std::string_view s) {
