@@ -21,6 +21,7 @@
 #include <malloc.h>
 #include <new>
 #include <system_error>
+#include <unordered_map>
 #include <utility>
 
 namespace trovan {
@@ -348,9 +349,10 @@ void AppController::runUpdate(FolderChanges changes) {
     pool_.submit([store = store_, roots = state_.settings.roots, changes = std::move(changes),
                   post = host_.post, alive = std::weak_ptr<char>(alive_), this]() {
         IndexSummary summary;
+        std::unordered_map<std::string, std::string> moves;
         std::string failure;
         try {
-            summary = Indexer::update(changes, roots, *store);
+            summary = Indexer::update(changes, roots, *store, 0, &moves);
         } catch (const std::bad_alloc&) {
             failure = "no hay memoria suficiente";
         } catch (const std::exception& e) {
@@ -358,8 +360,9 @@ void AppController::runUpdate(FolderChanges changes) {
         } catch (...) {
             failure = "error desconocido";
         }
-        post([alive, this, summary, failure] {
+        post([alive, this, summary, failure, moves = std::move(moves)] {
             if (!alive.lock()) return;
+            if (!moves.empty()) playback_->followMoves(moves);
             if (!failure.empty()) {
                 report("No se pudo actualizar la biblioteca: " + failure, true);
                 updateEnded();

@@ -678,7 +678,8 @@ std::string moveKey(std::string_view path, double mtime, int64_t size) {
 } // namespace
 
 IndexSummary Indexer::update(const FolderChanges& changes, const std::vector<std::string>& roots,
-                             LibraryStore& store, int workers) {
+                             LibraryStore& store, int workers,
+                             std::unordered_map<std::string, std::string>* moves) {
     auto rootOf = [&](const std::string& folder) -> const std::string* {
         for (const auto& root : roots)
             if (within(folder, root)) return &root;
@@ -799,6 +800,7 @@ IndexSummary Indexer::update(const FolderChanges& changes, const std::vector<std
             continue;
         }
         Track moved = *it->second;
+        if (moves) moves->emplace(moved.path, entry.first);
         moved.path = std::move(entry.first);
         upserts.push_back(std::move(moved));
         vanishedTracks.erase(it);

@@ -64,9 +64,11 @@ public:
     // stamp of one that vanished in the same update (a folder renamed or moved) takes
     // over its record without being read. Folders outside the roots are ignored; tracks
     // under a root that is missing or empty, or under a folder that cannot be read,
-    // stay, as in a full run. `fileCount` is the number of files listed.
+    // stay, as in a full run. `fileCount` is the number of files listed. The moved files'
+    // old and new paths go to `moves` when given.
     static IndexSummary update(const FolderChanges& changes, const std::vector<std::string>& roots,
-                               LibraryStore& store, int workers = 0);
+                               LibraryStore& store, int workers = 0,
+                               std::unordered_map<std::string, std::string>* moves = nullptr);
 
     // Walks every root: hidden entries (names starting with ".") are skipped and not
     // descended into, symbolic links are not followed (except a root that is one), and

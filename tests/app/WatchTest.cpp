@@ -52,8 +52,8 @@ TEST(Watch, FollowsCopiesDeletionsRenamesRewritesBurstsAndLostEvents) {
     const fs::path log = s.dir() / "updates.log";
     const fs::path staging = s.dir() / "staging";
     fs::create_directories(staging / "Cuarto");
-    fixtures::copyTo(song("delta-1", "Delta", "Cuarto", "Eco"), staging / "Cuarto", "1.flac");
-    fixtures::copyTo(song("delta-2", "Delta", "Cuarto", "Faro"), staging / "Cuarto", "2.flac");
+    fixtures::copyTo(song("delta-1", "Delta", "Cuarto", "Eco", 20), staging / "Cuarto", "1.flac");
+    fixtures::copyTo(song("delta-2", "Delta", "Cuarto", "Faro", 20), staging / "Cuarto", "2.flac");
     s.environment = {"TROVAN_WATCH_LOG=" + log.string()};
     s.start({music.string()}, 120, 40);
     ASSERT_TRUE(s.waitFor("Biblioteca al día: 4 archivos")) << s.screen();
@@ -83,15 +83,21 @@ TEST(Watch, FollowsCopiesDeletionsRenamesRewritesBurstsAndLostEvents) {
     EXPECT_NE(s.screen().find("Cometa"), npos) << s.screen();
     s.keys("Space");
 
-    // A renamed folder: its tracks move over with their tags, and nothing is read.
+    // A renamed folder: its tracks move over with their tags, nothing is read, and the
+    // album playing from it goes on from the new place.
+    s.text("/del");
+    ASSERT_TRUE(s.waitFor("BIBLIOTECA · DELTA")) << s.screen();
+    s.keys("Enter");
+    s.keys("Enter Down Enter");
+    ASSERT_TRUE(s.waitFor("Delta · Cuarto")) << s.screen();
     fs::rename(music / "Cuarto", music / "Quinto");
     ASSERT_TRUE(waitUntil([&] { return lines(log).size() == 3; }));
     EXPECT_EQ(lines(log)[2], "archivos=2 leidos=0 movidos=2 quitados=0");
-    s.keys("Escape");
-    s.text("/del");
-    ASSERT_TRUE(s.waitFor("BIBLIOTECA · DELTA")) << s.screen();
     EXPECT_TRUE(s.waitFor("Faro")) << s.screen();
-    s.keys("Escape");
+    s.text("n");
+    EXPECT_TRUE(waitUntil([&] { return count(s.screen(), "Faro") == 2; })) << s.screen();
+    EXPECT_EQ(s.screen().find("No se pudo"), npos) << s.screen();
+    s.keys("Space");
 
     // A file overwritten with other tags: the new ones show.
     run({"cp", song("epsilon", "Epsilon", "Sexto", "Gota").string(),
