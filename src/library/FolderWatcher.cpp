@@ -104,29 +104,34 @@ FolderWatcher::~FolderWatcher() {
 }
 
 void FolderWatcher::watch(const std::vector<std::string>& roots) {
-    std::lock_guard lock(mutex_);
-    for (auto it = roots_.begin(); it != roots_.end();) {
-        if (std::find(roots.begin(), roots.end(), it->root) == roots.end()) {
-            removeTree(it->root);
-            it = roots_.erase(it);
-        } else {
-            ++it;
+    {
+        std::lock_guard lock(mutex_);
+        for (auto it = roots_.begin(); it != roots_.end();) {
+            if (std::find(roots.begin(), roots.end(), it->root) == roots.end()) {
+                removeTree(it->root);
+                it = roots_.erase(it);
+            } else {
+                ++it;
+            }
         }
-    }
-    for (const auto& root : roots) {
-        auto it = std::find_if(roots_.begin(), roots_.end(),
-                               [&](const RootState& r) { return r.root == root; });
-        if (it == roots_.end()) {
+        for (const auto& root : roots) {
+            if (rootAt(root)) continue;
             RootState fresh;
             fresh.root = root;
             roots_.push_back(std::move(fresh));
-            it = roots_.end() - 1;
         }
-        watchRoot(*it);
     }
+    // The walks hold the lock one folder at a time: the loop's thread goes on reading
+    // events meanwhile.
+    for (const auto& root : roots)
+        watchRoot(root);
     // Nested roots share watches: put back the inner ones a dropped outer one took.
+    std::lock_guard lock(mutex_);
     for (auto& r : roots_)
-        if (r.mode == Mode::watched && !watchOf_.contains(r.root)) watchRoot(r);
+        if (r.mode == Mode::watched && !watchOf_.contains(r.root)) {
+            r.mode = Mode::missing;
+            watchRoot(r.root);
+        }
 }
 
 void FolderWatcher::clear() {
@@ -151,26 +156,38 @@ std::size_t FolderWatcher::watchCount() const {
     return watchOf_.size();
 }
 
-void FolderWatcher::watchRoot(RootState& root) {
-    root.reason = Reason::none;
-    root.fileSystem.clear();
-    if (!usableFolder(root.root)) {
-        dropRoot(root, Mode::missing);
-        return;
-    }
-    struct statfs fs {};
-    if (statfs(root.root.c_str(), &fs) == 0) {
-        if (auto name = untrustedFileSystem(static_cast<int64_t>(fs.f_type))) {
-            root.fileSystem = *name;
-            dropRoot(root, Mode::polled, *name == "fuse" ? Reason::userSpace : Reason::network);
-            return;
+void FolderWatcher::watchRoot(const std::string& path) {
+    Mode mode = Mode::watched;
+    Reason reason = Reason::none;
+    std::string fileSystem;
+    if (!usableFolder(path)) {
+        mode = Mode::missing;
+    } else {
+        struct statfs fs {};
+        if (statfs(path.c_str(), &fs) == 0)
+            fileSystem = untrustedFileSystem(static_cast<int64_t>(fs.f_type)).value_or("");
+        if (!fileSystem.empty()) {
+            mode = Mode::polled;
+            reason = fileSystem == "fuse" ? Reason::userSpace : Reason::network;
+        } else if (fd_ < 0 || !addTree(path, true)) {
+            mode = Mode::polled;
+            reason = Reason::watchLimit;
         }
     }
-    if (fd_ < 0 || !addTree(root.root, true)) {
-        dropRoot(root, Mode::polled, Reason::watchLimit);
+    std::lock_guard lock(mutex_);
+    RootState* root = rootAt(path);
+    if (!root) { // no longer listed
+        if (mode == Mode::watched) removeTree(path);
         return;
     }
-    root.mode = Mode::watched;
+    root->fileSystem = fileSystem;
+    if (mode == Mode::watched) {
+        if (root->mode != mode) rootsChanged_ = true;
+        root->mode = mode;
+        root->reason = reason;
+    } else {
+        dropRoot(*root, mode, reason);
+    }
 }
 
 void FolderWatcher::dropRoot(RootState& root, Mode mode, Reason reason) {

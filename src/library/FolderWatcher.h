@@ -74,7 +74,7 @@ public:
     static std::optional<std::string> untrustedFileSystem(int64_t magic);
 
 private:
-    void watchRoot(RootState& root);
+    void watchRoot(const std::string& path);
     // Adds watches for `folder` and every folder below it; false when the limit ran out.
     bool addTree(const std::string& folder, bool followLink);
     void removeTree(const std::string& folder);
