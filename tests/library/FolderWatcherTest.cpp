@@ -87,15 +87,9 @@ TEST(FolderWatcher, GathersFoldersAndHandsThemOutAfterAQuietMoment) {
     watcher.watch({root});
     EXPECT_EQ(watcher.roots().at(0).mode, FolderWatcher::Mode::watched);
     EXPECT_EQ(watcher.watchCount(), 4u); // music, new, new/deeper, renamed; not .cache
-
-    // Too many events for the kernel's queue: a rescan is all that is safe.
-    for (int i = 0; i < 10000; ++i)
-        std::ofstream(dir / "music" / (".h" + std::to_string(i)));
-    watcher.readEvents(t0);
-    EXPECT_TRUE(watcher.take().rescan);
 }
 
-TEST(FolderWatcher, FallsBackToPollingWhereWatchesRunOutOrCannotBeTrusted) {
+TEST(FolderWatcher, FallsBackToPollingWhereWatchesRunOut) {
     fx::TempDir dir;
     for (const char* sub : {"a/1", "a/2", "b"})
         fs::create_directories(dir / "one" / sub);
@@ -118,11 +112,6 @@ TEST(FolderWatcher, FallsBackToPollingWhereWatchesRunOutOrCannotBeTrusted) {
     EXPECT_EQ(roots.at(1).mode, FolderWatcher::Mode::watched);
     EXPECT_EQ(roots.at(2).mode, FolderWatcher::Mode::missing);
     EXPECT_EQ(watcher.watchCount(), 1u);
-
-    EXPECT_EQ(FolderWatcher::untrustedFileSystem(0x6969), "nfs");
-    EXPECT_EQ(FolderWatcher::untrustedFileSystem(0xFF534D42), "cifs");
-    EXPECT_EQ(FolderWatcher::untrustedFileSystem(0x65735546), "fuse");
-    EXPECT_FALSE(FolderWatcher::untrustedFileSystem(0xEF53)); // ext4
 }
 
 TEST(Indexer, UpdateLooksOnlyAtTheChangedFoldersAndCarriesMovedRecordsOver) {
