@@ -20,6 +20,7 @@ test_packages=(
   tmux pulseaudio pulseaudio-utils dbus playerctl python3-numpy procps man-db
   vim-tiny  # vi: the real editor of the tag-editing terminal tests
   xterm xvfb imagemagick xdotool fonts-dejavu-core  # sixel covers checked on a real screen
+  bindfs  # a user-space (FUSE) mount: folders there are polled, not watched
 )
 
 packages=("${run_packages[@]}")

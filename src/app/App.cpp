@@ -216,6 +216,10 @@ App::App(asio::io_context& io, std::shared_ptr<LibraryStore> store)
     controller_->serveBus = [this](LoopSource& source) {
         bus_ = std::make_unique<BusLoop>(io_, source);
     };
+    controller_->serveWatch = [this](LoopSource* source) {
+        watch_.reset();
+        if (source) watch_ = std::make_unique<BusLoop>(io_, *source);
+    };
 }
 
 App::~App() {

@@ -116,6 +116,7 @@ private:
     std::thread::id mainThread_;
     std::unique_ptr<AppController> controller_;
     std::unique_ptr<BusLoop> bus_; // the session bus, once connected
+    std::unique_ptr<BusLoop> watch_; // the music folders' change notifications
     std::thread preload_;
     TerminalGraphics terminalGraphics_;           // what the terminal said it can do
     std::optional<std::string> appliedCoverMode_; // the setting the covers follow

@@ -2,7 +2,9 @@
 
 #include "app/WorkerPool.h"
 #include "library/LibraryStore.h"
+#include "library/FolderWatcher.h"
 #include "playback/AudioEngine.h"
+#include "playback/LoopSource.h"
 #include "playback/NowPlayingBridge.h"
 #include "playback/PlaybackController.h"
 

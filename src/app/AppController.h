@@ -8,6 +8,7 @@
 // equalizer (ControllerEqualizer.cpp), covers and lyrics (ControllerCovers.cpp), tag editing
 // (ControllerEditing.cpp) and the desktop's media controls (ControllerNowPlaying.cpp).
 
+#include "library/FolderChanges.h"
 #include "library/LibraryIndex.h"
 #include "library/SettingsStore.h"
 #include "media/TagLibFile.h"
@@ -32,6 +33,7 @@
 
 namespace trovan {
 
+class FolderWatcher;
 class LibraryStore;
 class LoopSource;
 class NowPlayingBridge;
@@ -72,6 +74,8 @@ public:
     std::function<void(bool)> playingChanged; // playback started or stopped
     // Watch the session bus connection from the main loop.
     std::function<void(LoopSource&)> serveBus;
+    // Watch the music folders' change notifications from the main loop (none: stop).
+    std::function<void(LoopSource*)> serveWatch;
 
     const AppState& state() const { return state_; }
     const Layout& layout() const { return layout_; }
@@ -124,6 +128,10 @@ public:
     void rebuildArtistRows(const std::optional<std::string>& keepingKey);
     void rebuildLibraryRows();
     bool isScanning() const { return scanning_; }
+    // "on", "off", or "" to tell how each folder is followed.
+    void setWatching(const std::string& mode);
+    // Changes seen on disk are due (called from the main loop's watch source).
+    void folderChangesDue();
     // "~/x/../y/" becomes "/home/me/y".
     static std::string normalizeRoot(const std::string& path);
 
@@ -219,6 +227,16 @@ private:
     void runScan(bool force);
     // The scan is over (done or failed): run the one requested meanwhile, if any.
     void scanEnded();
+    // Following the folders' changes: the watcher, the incremental updates it asks for
+    // (one at a time, never beside a scan) and the timer of the folders that are polled.
+    void startWatcher();
+    void stopWatcher();
+    void runUpdate(FolderChanges changes);
+    void updateEnded();
+    // The watches were set up again: tell about folders that are polled, and poll.
+    void watchesSet();
+    void armPolling();
+    std::string watchSummary() const;
 
     Terminal& terminal_;
     SettingsStore settingsStore_;
@@ -233,6 +251,12 @@ private:
 
     bool scanning_ = false;
     std::optional<bool> pendingReindex_;
+    std::shared_ptr<FolderWatcher> watcher_;
+    std::unique_ptr<LoopSource> watchSource_;
+    bool updating_ = false;
+    FolderChanges pendingChanges_;
+    int pollGeneration_ = 0;
+    std::set<std::string> pollingTold_; // folders the user heard are polled
     // Errors about the folders given on the command line, shown again with the first
     // scan's summary so that it does not hide them.
     std::string startupErrors_;

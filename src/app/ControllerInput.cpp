@@ -257,6 +257,9 @@ void AppController::dispatch(const Action& action) {
     case K::reindex:
         reindex(action.flag());
         break;
+    case K::watch:
+        setWatching(action.text());
+        break;
     case K::eqPreset:
         choosePreset(action.text());
         break;

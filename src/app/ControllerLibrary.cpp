@@ -1,12 +1,15 @@
 // Keeping the shown library in step with the music folders: adding and removing
-// folders, rescans (one at a time, later requests folded into one), reloading the cache
-// into a new index and installing it without losing the user's place.
+// folders, rescans (one at a time, later requests folded into one), following the
+// folders' changes as they happen (or polling those that cannot be watched), reloading
+// the cache into a new index and installing it without losing the user's place.
 
 #include "app/AppController.h"
 
 #include "app/WorkerPool.h"
+#include "library/FolderWatcher.h"
 #include "library/Indexer.h"
 #include "library/LibraryStore.h"
+#include "playback/LoopSource.h"
 #include "playback/PlaybackController.h"
 #include "text/Text.h"
 
@@ -14,14 +17,56 @@
 #include <cstdio>
 #include <cstdlib>
 #include <filesystem>
+#include <fstream>
 #include <malloc.h>
 #include <new>
 #include <system_error>
+#include <unordered_map>
 #include <utility>
 
 namespace trovan {
 
 namespace fs = std::filesystem;
+
+namespace {
+
+// The watcher as the main loop serves it: its descriptor, and the moment the changes it
+// gathered are due.
+class WatchSource : public LoopSource {
+public:
+    WatchSource(std::shared_ptr<FolderWatcher> watcher, std::function<void()> due)
+        : watcher_(std::move(watcher)), due_(std::move(due)) {}
+    Wait wait() const override {
+        Wait w;
+        w.fd = watcher_->fd();
+        w.deadline = watcher_->due();
+        return w;
+    }
+    void process() override {
+        watcher_->readEvents();
+        due_();
+    }
+
+private:
+    std::shared_ptr<FolderWatcher> watcher_;
+    std::function<void()> due_;
+};
+
+std::string pollReason(const FolderWatcher::RootState& root) {
+    switch (root.reason) {
+    case FolderWatcher::Reason::network:
+        return "carpeta en red: " + root.fileSystem;
+    case FolderWatcher::Reason::userSpace:
+        return "sistema de archivos FUSE";
+    case FolderWatcher::Reason::watchLimit:
+        return "no quedan vigilancias libres: max_user_watches";
+    case FolderWatcher::Reason::none:
+        break;
+    }
+    return "sin avisos del sistema";
+}
+
+} // namespace
 
 std::string AppController::normalizeRoot(const std::string& path) {
     std::string expanded = path;
@@ -50,6 +95,7 @@ void AppController::start(const std::vector<std::string>& addingRoots) {
         if (state_.status && state_.status->isError)
             startupErrors_ += (startupErrors_.empty() ? "" : " · ") + state_.status->text;
     }
+    if (state_.settings.watch) startWatcher();
     // The scan counts as started from here: the cached library is loaded first, then
     // the folders are walked, and the header says we are looking from the first frame.
     scanning_ = true;
@@ -94,7 +140,7 @@ void AppController::removeRoot(const std::string& path) {
 }
 
 void AppController::reindex(bool force) {
-    if (scanning_) {
+    if (scanning_ || updating_) {
         pendingReindex_ = pendingReindex_.value_or(false) || force;
         return;
     }
@@ -103,6 +149,7 @@ void AppController::reindex(bool force) {
 
 void AppController::runScan(bool force) {
     scanning_ = true;
+    pendingChanges_ = {}; // the scan sees them all
     state_.indexing = IndexingProgress{0, 0};
     requestRender();
     const auto started = std::chrono::steady_clock::now();
@@ -115,10 +162,13 @@ void AppController::runScan(bool force) {
         });
     };
     pool_.submit([store = store_, roots = state_.settings.roots, force, progress, post = host_.post,
-                  alive = std::weak_ptr<char>(alive_), this, started] {
+                  alive = std::weak_ptr<char>(alive_), this, started, watcher = watcher_] {
         IndexSummary summary;
         std::string failure;
         try {
+            // Watches first: what changes while the folders are walked is seen afterwards.
+            // Each scan sets them up again, so a folder that came back is watched again.
+            if (watcher) watcher->watch(roots);
             summary = Indexer::run(roots, *store, force, progress);
         } catch (const std::bad_alloc&) {
             failure = "no hay memoria suficiente";
@@ -179,10 +229,167 @@ void AppController::runScan(bool force) {
 void AppController::scanEnded() {
     state_.indexing.reset();
     scanning_ = false;
+    watchesSet();
     if (pendingReindex_) {
         const bool pending = *pendingReindex_;
         pendingReindex_.reset();
         reindex(pending);
+    } else if (!pendingChanges_.empty()) {
+        runUpdate(std::exchange(pendingChanges_, {}));
+    }
+}
+
+void AppController::startWatcher() {
+    if (watcher_) return;
+    watcher_ = std::make_shared<FolderWatcher>();
+    if (watcher_->fd() < 0 || !serveWatch) return; // every folder is polled instead
+    watchSource_ = std::make_unique<WatchSource>(watcher_, guarded([this] { folderChangesDue(); }));
+    serveWatch(watchSource_.get());
+}
+
+void AppController::stopWatcher() {
+    if (serveWatch && watchSource_) serveWatch(nullptr);
+    watchSource_.reset();
+    watcher_.reset(); // a scan under way holds it until it ends
+    pendingChanges_ = {};
+    ++pollGeneration_;
+}
+
+void AppController::setWatching(const std::string& mode) {
+    if (mode.empty()) {
+        report(watchSummary());
+        return;
+    }
+    const bool on = mode == "on";
+    if (state_.settings.watch != on) {
+        state_.settings.watch = on;
+        saveSettings();
+    }
+    if (!on) {
+        stopWatcher();
+        report("Vigilancia desactivada: la biblioteca cambia con :reindex");
+        return;
+    }
+    const bool was = watcher_ != nullptr;
+    startWatcher();
+    report("Vigilancia activada");
+    // What changed while nobody looked is found by a rescan, which also sets the watches.
+    if (!was) reindex(false);
+}
+
+std::string AppController::watchSummary() const {
+    if (!watcher_) return "Vigilancia desactivada (:watch on para activarla)";
+    const auto roots = watcher_->roots();
+    if (roots.empty()) return "Vigilancia activada: sin carpetas todavía";
+    std::string text = "Vigilancia: ";
+    for (std::size_t i = 0; i < roots.size(); ++i) {
+        const auto& r = roots[i];
+        text += (i ? " · " : "") + r.root + " ";
+        if (r.mode == FolderWatcher::Mode::watched && watchSource_)
+            text += "al instante";
+        else if (r.mode == FolderWatcher::Mode::missing)
+            text += "no disponible (se revisa cada " + std::to_string(state_.settings.pollMinutes) +
+                    " min)";
+        else
+            text += "cada " + std::to_string(state_.settings.pollMinutes) + " min (" +
+                    pollReason(r) + ")";
+    }
+    return text;
+}
+
+void AppController::watchesSet() {
+    if (!watcher_) return;
+    std::string told;
+    for (const auto& r : watcher_->roots()) {
+        const bool polled = r.mode == FolderWatcher::Mode::polled ||
+                            (r.mode == FolderWatcher::Mode::watched && !watchSource_);
+        if (!polled || !pollingTold_.insert(r.root).second) continue;
+        told += (told.empty() ? "" : " · ") + r.root + ": se revisa cada " +
+                std::to_string(state_.settings.pollMinutes) + " min (" + pollReason(r) + ")";
+    }
+    // After the scan's summary, which is shown first.
+    if (!told.empty() && host_.postDelayed)
+        host_.postDelayed(std::chrono::seconds(4), guarded([this, told] { report(told); }));
+    armPolling();
+}
+
+void AppController::armPolling() {
+    const int generation = ++pollGeneration_;
+    if (!watcher_ || !host_.postDelayed) return;
+    const auto roots = watcher_->roots();
+    const bool needed = std::any_of(roots.begin(), roots.end(), [&](const auto& r) {
+        return r.mode != FolderWatcher::Mode::watched || !watchSource_;
+    });
+    // Nothing to poll: no timer, so an idle library wakes nothing up.
+    if (!needed) return;
+    host_.postDelayed(std::chrono::minutes(state_.settings.pollMinutes),
+                      guarded([this, generation] {
+                          if (generation == pollGeneration_) reindex(false);
+                      }));
+}
+
+void AppController::folderChangesDue() {
+    if (!watcher_) return;
+    // A root went away or ran out of watches meanwhile: it is polled from now on.
+    if (watcher_->rootsChanged()) watchesSet();
+    const auto due = watcher_->due();
+    if (!due || *due > std::chrono::steady_clock::now()) return;
+    FolderChanges changes = watcher_->take();
+    if (changes.rescan) {
+        reindex(false); // events were lost
+    } else if (scanning_ || updating_) {
+        pendingChanges_.merge(changes);
+    } else if (!changes.empty()) {
+        runUpdate(std::move(changes));
+    }
+}
+
+void AppController::runUpdate(FolderChanges changes) {
+    updating_ = true;
+    pool_.submit([store = store_, roots = state_.settings.roots, changes = std::move(changes),
+                  post = host_.post, alive = std::weak_ptr<char>(alive_), this]() {
+        IndexSummary summary;
+        std::unordered_map<std::string, std::string> moves;
+        std::string failure;
+        try {
+            summary = Indexer::update(changes, roots, *store, 0, &moves);
+        } catch (const std::bad_alloc&) {
+            failure = "no hay memoria suficiente";
+        } catch (const std::exception& e) {
+            failure = e.what();
+        } catch (...) {
+            failure = "error desconocido";
+        }
+        post([alive, this, summary, failure, moves = std::move(moves)] {
+            if (!alive.lock()) return;
+            if (!moves.empty()) playback_->followMoves(moves);
+            if (!failure.empty()) {
+                report("No se pudo actualizar la biblioteca: " + failure, true);
+                updateEnded();
+                return;
+            }
+            // For tests and for the curious: one line per update.
+            if (const char* log = std::getenv("TROVAN_WATCH_LOG"); log && *log)
+                std::ofstream(log, std::ios::app)
+                    << "archivos=" << summary.fileCount << " leidos=" << summary.readCount
+                    << " movidos=" << summary.movedCount << " quitados=" << summary.removedCount
+                    << "\n";
+            if (summary.readCount == 0 && summary.removedCount == 0 && summary.movedCount == 0)
+                updateEnded();
+            else
+                reloadLibrary([this] { updateEnded(); });
+        });
+    });
+}
+
+void AppController::updateEnded() {
+    updating_ = false;
+    if (pendingReindex_) {
+        const bool pending = *pendingReindex_;
+        pendingReindex_.reset();
+        reindex(pending);
+    } else if (!pendingChanges_.empty()) {
+        runUpdate(std::exchange(pendingChanges_, {}));
     }
 }
 

@@ -642,3 +642,185 @@ IndexSummary Indexer::scanInto(const std::vector<std::string>& roots, LibrarySto
 }
 
 } // namespace trovan
+
+namespace trovan {
+
+namespace {
+
+bool within(std::string_view path, const std::string& folder) {
+    return path == folder ||
+           (path.size() > folder.size() && path.starts_with(folder) && path[folder.size()] == '/');
+}
+
+// Whether a root can be trusted to show what is on the disk: a folder that lists
+// something. An unmounted drive leaves an empty mount point behind.
+bool usableRoot(const std::string& root) {
+    struct stat st {};
+    if (::stat(root.c_str(), &st) != 0 || !S_ISDIR(st.st_mode)) return false;
+    Dir dir = openFolder(root, true);
+    if (!dir) return false;
+    while (const dirent* e = readdir(dir.get())) {
+        const char* n = e->d_name;
+        if (!(n[0] == '.' && (n[1] == 0 || (n[1] == '.' && n[2] == 0)))) return true;
+    }
+    return false;
+}
+
+// A file's name and stamp: what a file moved by a rename keeps.
+std::string moveKey(std::string_view path, double mtime, int64_t size) {
+    const auto slash = path.rfind('/');
+    std::string key(path.substr(slash == std::string_view::npos ? 0 : slash + 1));
+    char stamp[64];
+    std::snprintf(stamp, sizeof stamp, "\n%a\n%lld", mtime, static_cast<long long>(size));
+    return key + stamp;
+}
+
+} // namespace
+
+IndexSummary Indexer::update(const FolderChanges& changes, const std::vector<std::string>& roots,
+                             LibraryStore& store, int workers,
+                             std::unordered_map<std::string, std::string>* moves) {
+    auto rootOf = [&](const std::string& folder) -> const std::string* {
+        for (const auto& root : roots)
+            if (within(folder, root)) return &root;
+        return nullptr;
+    };
+    // The sets are sorted, so a tree comes before the folders inside it.
+    std::vector<std::string> trees, folders;
+    for (const auto& t : changes.trees)
+        if (rootOf(t) && (trees.empty() || !within(t, trees.back()))) trees.push_back(t);
+    auto inTree = [&](const std::string& f) {
+        return std::any_of(trees.begin(), trees.end(),
+                           [&](const std::string& t) { return within(f, t); });
+    };
+    for (const auto& f : changes.folders)
+        if (rootOf(f) && !inTree(f)) folders.push_back(f);
+
+    std::vector<std::string> keep; // folders whose cached tracks stay whatever is found
+    std::vector<std::string> checked;
+    auto rootKept = [&](const std::string& scope) {
+        const std::string& root = *rootOf(scope);
+        if (std::find(checked.begin(), checked.end(), root) == checked.end()) {
+            checked.push_back(root);
+            if (!usableRoot(root)) keep.push_back(root);
+        }
+        return std::find(keep.begin(), keep.end(), root) != keep.end();
+    };
+
+    Walk walk;
+    FoundList found;
+    std::vector<std::string> subfolders;
+    for (const auto& t : trees) {
+        if (rootKept(t)) continue;
+        if (*rootOf(t) != t) {
+            walk.folders.push_back(t);
+            continue;
+        }
+        subfolders.clear();
+        Dir dir = openFolder(t, true);
+        if (!dir || !listFolder(dir.get(), t, found, subfolders).complete) keep.push_back(t);
+        for (auto& sub : subfolders)
+            walk.folders.push_back(std::move(sub));
+    }
+    for (const auto& f : folders) {
+        if (rootKept(f)) continue;
+        subfolders.clear();
+        Dir dir = openFolder(f, *rootOf(f) == f);
+        if (!dir) {
+            if (!vanished(errno)) keep.push_back(f);
+        } else if (!listFolder(dir.get(), f, found, subfolders).complete) {
+            keep.push_back(f);
+        }
+    }
+    if (!walk.folders.empty()) {
+        Crew crew(walk);
+        crew.start(std::min(activeCores(), static_cast<int>(walk.folders.size())) - 1);
+        walk.worker();
+        crew.finish();
+    }
+    keep.insert(keep.end(), walk.unlisted.begin(), walk.unlisted.end());
+    for (auto& entry : walk.files)
+        found.push_back(std::move(entry));
+    auto byPath = [](const auto& a, const auto& b) { return a.first < b.first; };
+    std::sort(found.begin(), found.end(), byPath);
+    found.erase(std::unique(found.begin(), found.end(),
+                            [](const auto& a, const auto& b) { return a.first == b.first; }),
+                found.end());
+
+    // What the cache holds in the same places.
+    std::vector<Track> cached;
+    auto collect = [&](const std::string& scope, bool deep) {
+        const TrackTable table = store.loadUnder(scope);
+        for (TrackTable::Id id = 0; id < table.size(); ++id) {
+            if (!deep && table.path(id).find('/', scope.size() + 1) != std::string_view::npos)
+                continue;
+            cached.push_back(table.track(id));
+        }
+    };
+    for (const auto& t : trees)
+        collect(t, true);
+    for (const auto& f : folders)
+        collect(f, false);
+    std::sort(cached.begin(), cached.end(),
+              [](const Track& a, const Track& b) { return a.path < b.path; });
+    cached.erase(std::unique(cached.begin(), cached.end(),
+                             [](const Track& a, const Track& b) { return a.path == b.path; }),
+                 cached.end());
+
+    Protected kept(std::move(keep));
+    std::vector<std::string> deletions;
+    std::unordered_multimap<std::string, const Track*> vanishedTracks;
+    FoundList appeared, changed;
+    {
+        std::size_t i = 0, j = 0;
+        while (i < found.size() || j < cached.size()) {
+            if (j == cached.size() || (i < found.size() && found[i].first < cached[j].path)) {
+                appeared.push_back(std::move(found[i++]));
+            } else if (i == found.size() || cached[j].path < found[i].first) {
+                const Track& t = cached[j++];
+                if (kept.keeps(t.path)) continue;
+                deletions.push_back(t.path);
+                vanishedTracks.emplace(moveKey(t.path, t.mtime, t.size), &t);
+            } else {
+                if (!(found[i].second == FileStamp{cached[j].mtime, cached[j].size}))
+                    changed.push_back(std::move(found[i]));
+                ++i;
+                ++j;
+            }
+        }
+    }
+
+    // A file that moved within the roots keeps its record under the new path.
+    std::vector<Track> upserts;
+    FoundList toRead = std::move(changed);
+    for (auto& entry : appeared) {
+        auto it = vanishedTracks.find(moveKey(entry.first, entry.second.mtime, entry.second.size));
+        if (it == vanishedTracks.end()) {
+            toRead.push_back(std::move(entry));
+            continue;
+        }
+        Track moved = *it->second;
+        if (moves) moves->emplace(moved.path, entry.first);
+        moved.path = std::move(entry.first);
+        upserts.push_back(std::move(moved));
+        vanishedTracks.erase(it);
+    }
+    const auto movedCount = static_cast<int64_t>(upserts.size());
+
+    auto tracks = readInParallel(toRead, {}, workers, [](const auto& entry) {
+        auto t = Track::read(entry.first, entry.second);
+        if (!t) nameUnreadable(entry.first);
+        return t;
+    });
+    const auto readCount = static_cast<int64_t>(tracks.size());
+    std::move(tracks.begin(), tracks.end(), std::back_inserter(upserts));
+    if (!upserts.empty() || !deletions.empty()) store.apply(upserts, deletions);
+
+    IndexSummary summary(static_cast<int64_t>(found.size()), readCount,
+                         static_cast<int64_t>(deletions.size()) - movedCount, kept.held(),
+                         static_cast<int64_t>(toRead.size()) - readCount);
+    summary.movedCount = movedCount;
+    return summary;
+}
+
+} // namespace trovan

@@ -4,6 +4,7 @@
 // new records and the removals in one batch. Stateless; run it off the main thread.
 
 #include "library/FileStamp.h"
+#include "library/FolderChanges.h"
 #include "library/Track.h"
 
 #include <cstdint>
@@ -31,6 +32,7 @@ struct IndexSummary {
     // cache holds tracks under them: those tracks were kept.
     std::vector<std::string> unavailable;
     int64_t unreadableCount = 0; // audio files that could not be read (named on stderr)
+    int64_t movedCount = 0;      // records carried to a new path without reading the file
 
     bool operator==(const IndexSummary&) const = default;
 };
@@ -56,6 +58,17 @@ public:
     // committed every few thousand records or seconds.
     static IndexSummary run(const std::vector<std::string>& roots, LibraryStore& store, bool force,
                             const Progress& progress = {});
+
+    // Brings only the changed folders in line: their files are listed again, new and
+    // changed ones read, vanished ones removed. A file that appears with the name and
+    // stamp of one that vanished in the same update (a folder renamed or moved) takes
+    // over its record without being read. Folders outside the roots are ignored; tracks
+    // under a root that is missing or empty, or under a folder that cannot be read,
+    // stay, as in a full run. `fileCount` is the number of files listed. The moved files'
+    // old and new paths go to `moves` when given.
+    static IndexSummary update(const FolderChanges& changes, const std::vector<std::string>& roots,
+                               LibraryStore& store, int workers = 0,
+                               std::unordered_map<std::string, std::string>* moves = nullptr);
 
     // Walks every root: hidden entries (names starting with ".") are skipped and not
     // descended into, symbolic links are not followed (except a root that is one), and

@@ -211,10 +211,26 @@ std::vector<Track> LibraryStore::loadAll() {
 }
 
 TrackTable LibraryStore::loadTable() {
+    return load(nullptr);
+}
+
+TrackTable LibraryStore::loadUnder(const std::string& folder) {
+    return load(&folder);
+}
+
+TrackTable LibraryStore::load(const std::string* folder) {
     std::lock_guard lock(mutex_);
     followFile();
-    auto s = prepare(db_.get(), kLoadAll);
+    // Every path below "folder/" sorts between "folder/" and "folder0" ('0' follows '/'),
+    // so the primary key's index answers it without a scan of the table.
+    auto s = prepare(db_.get(), folder ? std::string(kLoadAll) + " WHERE path > ?1 AND path < ?2"
+                                       : std::string(kLoadAll));
     auto* st = s.get();
+    if (folder) {
+        const std::string low = *folder + "/", high = *folder + "0";
+        sqlite3_bind_text(st, 1, low.data(), static_cast<int>(low.size()), SQLITE_TRANSIENT);
+        sqlite3_bind_text(st, 2, high.data(), static_cast<int>(high.size()), SQLITE_TRANSIENT);
+    }
     auto view = [st](int column) {
         auto* p = reinterpret_cast<const char*>(sqlite3_column_text(st, column));
         return p ? std::string_view(p, static_cast<std::size_t>(sqlite3_column_bytes(st, column)))
@@ -243,6 +259,7 @@ TrackTable LibraryStore::loadTable() {
         table.add(f);
     }
     if (rc != SQLITE_DONE) fail(db_.get(), "no se pudo leer la biblioteca");
+    if (folder) return table;
     rowsHint_ = table.size();
     // The pages read on the way are not needed again soon.
     sqlite3_db_release_memory(db_.get());

@@ -54,6 +54,8 @@ public:
     std::vector<Track> loadAll();
     // The same, straight into the compact form the library keeps in memory.
     TrackTable loadTable();
+    // The cached tracks whose path lies below `folder` (at any depth).
+    TrackTable loadUnder(const std::string& folder);
     // Whether no track is cached (a first scan).
     bool isEmpty();
     // Path to stamp of every cached track.
@@ -109,6 +111,7 @@ private:
     // connection has open (deleted, or another file renamed over it), the connection
     // moves to the file now there, so nothing is written into a file nobody will read.
     void followFile();
+    TrackTable load(const std::string* folder);
     void upsert(const std::vector<Track>& upserts);
     void remove(const std::vector<std::string>& paths);
 

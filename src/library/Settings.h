@@ -21,6 +21,8 @@ struct Settings {
     // How covers are drawn: "auto" (what the terminal can show), "kitty", "sixel" or
     // "bloques" (half blocks).
     std::string coverMode = "auto";
+    bool watch = true;   // follow the folders' changes as they happen
+    int pollMinutes = 5; // how often folders that cannot be watched are looked at again
 
     bool operator==(const Settings&) const = default;
 };

@@ -104,6 +104,8 @@ Settings merge(const Settings& base, const Settings& ours, const Settings& their
     pick(out.eqGains, base.eqGains, ours.eqGains);
     pick(out.customPresets, base.customPresets, ours.customPresets);
     pick(out.coverMode, base.coverMode, ours.coverMode);
+    pick(out.watch, base.watch, ours.watch);
+    pick(out.pollMinutes, base.pollMinutes, ours.pollMinutes);
     return out;
 }
 
@@ -304,6 +306,8 @@ std::string SettingsStore::encode(const Settings& s) {
         {"eqGains", gains(s.eqGains)},
         {"customPresets", presets},
         {"coverMode", s.coverMode},
+        {"watch", s.watch},
+        {"pollMinutes", s.pollMinutes},
     };
     // json objects keep their keys sorted. Names typed in the program are UTF-8; should
     // one not be, it is repaired rather than making the whole save fail.
@@ -340,6 +344,11 @@ std::optional<Settings> SettingsStore::decode(std::string_view text, bool* rejec
         if (auto mode = repeatModeFromString(v->get<std::string>()); take(mode.has_value()))
             s.repeatMode = *mode;
     if (auto* v = find("eqEnabled"); v && take(v->is_boolean())) s.eqEnabled = v->get<bool>();
+    if (auto* v = find("watch"); v && take(v->is_boolean())) s.watch = v->get<bool>();
+    if (auto* v = find("pollMinutes"); v && take(v->is_number_integer())) {
+        const auto minutes = v->get<long long>();
+        if (take(minutes >= 1 && minutes <= 1440)) s.pollMinutes = static_cast<int>(minutes);
+    }
     if (auto* v = find("eqPreset"))
         if (auto name = shortText(*v); take(name.has_value())) s.eqPreset = *name;
     if (auto* v = find("eqGains"))

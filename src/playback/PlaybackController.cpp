@@ -236,6 +236,24 @@ void PlaybackController::refreshCurrentTrack() {
     }
 }
 
+void PlaybackController::followMoves(const std::unordered_map<std::string, std::string>& moves) {
+    bool touched = false;
+    for (auto& path : queue_.paths)
+        if (auto it = moves.find(path); it != moves.end()) {
+            path = it->second;
+            touched = true;
+        }
+    if (state_.track)
+        if (auto it = moves.find(state_.track->path); it != moves.end()) {
+            state_.track->path = it->second;
+            touched = true;
+        }
+    if (!touched) return;
+    // The track named to play next may be one that moved.
+    if (engine_->hasFile()) prepareFollowing();
+    changed();
+}
+
 void PlaybackController::trackEnded() {
     // The engine had nothing ready to go on with (the next track was named too late,
     // or every one after it failed): load the prepared position the slow way.

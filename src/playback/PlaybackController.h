@@ -10,6 +10,7 @@
 #include <optional>
 #include <random>
 #include <string>
+#include <unordered_map>
 #include <vector>
 
 namespace trovan {
@@ -51,6 +52,8 @@ public:
     // Restarts the track after 3 s of play; otherwise goes to the previous one.
     void previous();
     void refreshCurrentTrack();
+    // Files that moved on disk (old path to new): the queue and the playing track follow.
+    void followMoves(const std::unordered_map<std::string, std::string>& moves);
     void trackEnded();
 
     void setShuffle(bool on);

@@ -41,6 +41,8 @@ const char* name(Action::Kind k) {
         return "setCover";
     case K::setCoverMode:
         return "setCoverMode";
+    case K::watch:
+        return "watch";
     case K::focusNext:
         return "focusNext";
     case K::focusPrevious:

@@ -27,6 +27,7 @@ struct Action {
         eqEnabled,       // on (bool)
         setCover,        // image path (string)
         setCoverMode,    // "auto", "kitty", "sixel" or "bloques" (string)
+        watch,           // "on", "off", or "" to show how each folder is followed (string)
         // Without a payload.
         focusNext,
         focusPrevious,
@@ -84,6 +85,7 @@ struct Action {
     static Action eqEnabled(bool on) { return {Kind::eqEnabled, on}; }
     static Action setCover(std::string path) { return {Kind::setCover, std::move(path)}; }
     static Action setCoverMode(std::string mode) { return {Kind::setCoverMode, std::move(mode)}; }
+    static Action watch(std::string mode) { return {Kind::watch, std::move(mode)}; }
 
     // Payload accessors; each returns the neutral value when the case carries another.
     int count() const { return get<int>(0); }

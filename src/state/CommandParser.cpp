@@ -106,6 +106,11 @@ CommandResult CommandParser::parse(std::string_view text) {
     if (word == "reindex" || word == "reindexar") return Action::reindex(false);
     if (word == "reindex!" || word == "reindexar!") return Action::reindex(true);
     if (word == "eq") return parseEqualizer(argument);
+    if (word == "watch" || word == "vigilar") {
+        const std::string mode = text::lower(argument);
+        if (mode.empty() || mode == "on" || mode == "off") return Action::watch(mode);
+        return CommandError::invalidValue("watch: on u off");
+    }
     if (word == "seek" || word == "ir") {
         if (auto seconds = parseTime(argument)) return Action::seekTo(*seconds);
         return CommandError::invalidValue("tiempo: usa 1:42");

@@ -176,6 +176,7 @@ const std::vector<HelpLine>& KeyBindings::helpLines() {
             {":rm <ruta>", "Quitar carpeta y reindexar"},
             {":paths", "Ver / quitar carpetas"},
             {":reindex[!]", "Reindexar (! relee todo)"},
+            {":watch [on|off]", "Seguir los cambios de las carpetas"},
             {":eq [preset|on|off]", "Ecualizador"},
             {":eq save <nombre>", "Guardar preset propio"},
             {":seek 1:42", "Ir a minuto"},

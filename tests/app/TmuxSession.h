@@ -104,6 +104,8 @@ public:
     std::string busAddress = defaultBusAddress();
     // More variables for the program's window at the next start.
     std::map<std::string, std::string> environment;
+    // A command the program runs under (unshare, a wrapper).
+    std::vector<std::string> launcher;
 
     const fs::path& dir() const { return dir_; }
     fs::path home() const { return dir_ / "home"; }
@@ -114,8 +116,11 @@ public:
         run_ = dir_ / ("run" + std::to_string(++runs_));
         fs::create_directories(run_);
         std::ofstream(run_ / "run.sh") << kWrapper;
-        std::string command = "sh " + shellQuote((run_ / "run.sh").string()) + " " +
-                              shellQuote(run_.string()) + " " + shellQuote(TROVAN_BINARY);
+        std::string command =
+            "sh " + shellQuote((run_ / "run.sh").string()) + " " + shellQuote(run_.string());
+        for (const auto& a : launcher)
+            command += " " + shellQuote(a);
+        command += " " + shellQuote(TROVAN_BINARY);
         for (const auto& a : args)
             command += " " + shellQuote(a);
         tmux("-f /dev/null new-session -d -s t -x " + std::to_string(width) + " -y " +

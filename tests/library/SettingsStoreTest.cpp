@@ -46,7 +46,8 @@ TEST(SettingsStore, MissingPartialAndBrokenFiles) {
         std::ofstream(store.url()) << "{" << bad << ", \"roots\": [\"/m\xC3\xBAsica\", 1]}";
         EXPECT_EQ(store.load(), Settings{.roots = {"/m\xC3\xBAsica"}}) << bad.substr(0, 40);
         // and the file as it was is kept aside.
-        EXPECT_EQ(store.loadProblem().rfind("Valores no v\xC3\xA1lidos en config.json; se guard", 0), 0u)
+        EXPECT_EQ(
+            store.loadProblem().rfind("Valores no v\xC3\xA1lidos en config.json; se guard", 0), 0u)
             << store.loadProblem();
         EXPECT_EQ(fs::file_size(dir / "config.json.bak"), fs::file_size(store.url()));
     }
@@ -85,8 +86,8 @@ TEST(SettingsStore, SavesSortedIndentedJsonThatReadsBack) {
     fx::TempDir dir;
     SettingsStore store(dir / "nested" / "deeper" / "config.json");
     const std::vector<float> gains = {1.5f, -2, 0, 0, 0, 0, 0, 0, 0, 12};
-    Settings s{{"/música/uno", "/b"},         0.8f, true, RepeatMode::one, false, "Mío", gains,
-               {{"Mío", gains}, {"Otro", {}}}};
+    Settings s{{"/música/uno", "/b"},          0.8f,  true, RepeatMode::one, false, "Mío", gains,
+               {{"Mío", gains}, {"Otro", {}}}, false, 12};
     ASSERT_TRUE(store.save(s));
     EXPECT_EQ(store.load(), s);
 
@@ -94,11 +95,11 @@ TEST(SettingsStore, SavesSortedIndentedJsonThatReadsBack) {
     read << std::ifstream(store.url()).rdbuf();
     const auto text = read.str();
     std::size_t at = 0; // keys in order, indented by two
-    for (const char* key : {"customPresets", "eqEnabled", "eqGains", "eqPreset", "repeatMode",
-                            "roots", "shuffle", "volume"})
+    for (const char* key : {"customPresets", "eqEnabled", "eqGains", "eqPreset", "pollMinutes",
+                            "repeatMode", "roots", "shuffle", "volume", "watch"})
         EXPECT_NE(at = text.find(std::string("\n  \"") + key + "\": ", at), std::string::npos)
             << key;
-    EXPECT_NE(text.find("\"volume\": 0.8\n"), std::string::npos) << text;
+    EXPECT_NE(text.find("\"volume\": 0.8,\n"), std::string::npos) << text;
 
     // Saving again replaces the file and leaves no temporary files behind.
     s.volume = 0.25f;

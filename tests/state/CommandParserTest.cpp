@@ -20,6 +20,8 @@ TEST(CommandParser, CommandsSynonymsCaseAndQuoting) {
         {A::listRoots, {"rm", "paths ignored", "rutas"}},
         {Action::reindex(false), {"REINDEXAR", "reindex !"}},
         {Action::reindex(true), {"reindex!", "reindexar!"}},
+        {Action::watch(""), {"watch", "VIGILAR  "}},
+        {Action::watch("off"), {"watch OFF", "vigilar off"}},
         {A::openEqualizer, {"eq"}},
         {Action::eqEnabled(true), {"eq ON"}},
         {Action::eqEnabled(false), {"eq off"}},
@@ -62,6 +64,7 @@ TEST(CommandParser, ErrorMessages) {
           "seek :", "seek nan", "seek inf"}},
         {"Valor inválido para volumen: 0–100",
          {"vol 101", "vol -1", "vol alto", "vol", "vol 5 0", "vol 50%"}},
+        {"Valor inválido para watch: on u off", {"watch sí", "watch on off"}},
         {"Comando desconocido: foo (usa :help)", {"foo bar", "FOO"}},
         {"Comando desconocido: canci\xC3\xB3n (usa :help)", {"CANCI\xC3\x93N"}},
         {"Comando desconocido: add\t/x (usa :help)", {"add\t/x"}}, // only spaces split
