@@ -55,6 +55,7 @@ struct Action {
         editAllTags,
         editLyrics,
         toggleLyrics,
+        syncLyrics,
         removeCover,
         quit,
     };

@@ -14,7 +14,6 @@ bool isWhitespace(char c) {
     return c == ' ' || c == '\t' || c == '\n' || c == '\r' || c == '\v' || c == '\f';
 }
 
-
 } // namespace
 
 std::string_view trimWhitespace(std::string_view s) {
@@ -122,6 +121,7 @@ CommandResult CommandParser::parse(std::string_view text) {
         if (lower == "remove" || lower == "quitar") return Action(Action::Kind::removeCover);
         return Action::setCover(argument);
     }
+    if (word == "sync" || word == "sincronizar") return Action(Action::Kind::syncLyrics);
     if (word == "q" || word == "quit" || word == "salir") return Action(Action::Kind::quit);
     if (word == "help" || word == "ayuda" || word == "h") return Action(Action::Kind::openHelp);
     return CommandError::unknownCommand(word);
