@@ -78,7 +78,7 @@ struct Lyrics {
     std::string title;
     std::vector<std::string> lines; // as shown (for timed lyrics, the texts of `timed`)
     LyricsOrigin origin = LyricsOrigin::tag;
-    std::optional<Lrc> timed;
+    std::optional<Lrc> timed = std::nullopt;
 
     bool operator==(const Lyrics&) const = default;
 };

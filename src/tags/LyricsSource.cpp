@@ -158,6 +158,20 @@ LoadedLyrics LyricsSource::load(const std::string& audio) {
     return out;
 }
 
+LyricsSource::Editable LyricsSource::editable(const std::string& audio) {
+    LoadedLyrics loaded = load(audio);
+    switch (loaded.origin) {
+    case LyricsOrigin::sidecar:
+        return {LyricsOrigin::sidecar, readSidecar(audio, nullptr).value_or("")};
+    case LyricsOrigin::sylt:
+        return {LyricsOrigin::tag, loaded.timed ? loaded.timed->serialize() : std::string()};
+    case LyricsOrigin::tag:
+        break;
+    }
+    auto file = TagLibFile::open(audio);
+    return {LyricsOrigin::tag, file ? file->value("LYRICS").value_or("") : std::string()};
+}
+
 bool LyricsSource::writeSidecar(const std::string& audio, const std::string& text) {
     return AppPaths::writeAtomically(sidecarPath(audio), text);
 }

@@ -30,6 +30,13 @@ public:
     // "dir/name.flac" → "dir/name.lrc".
     static std::filesystem::path sidecarPath(const std::string& audio);
     static LoadedLyrics load(const std::string& audio);
+    // The text to edit by hand for the lyrics `load` shows, time stamps included: the
+    // sidecar's or the tag's text as it is, or a SYLT frame as LRC (saved into the tag).
+    struct Editable {
+        LyricsOrigin origin = LyricsOrigin::tag;
+        std::string text;
+    };
+    static Editable editable(const std::string& audio);
 
     // The sidecar's text as UTF-8 (a byte-order mark dropped, UTF-16 and Latin-1
     // converted); absent when there is none, it cannot be read or it is too large (then
