@@ -28,15 +28,16 @@ std::string bigLrc() {
     return text;
 }
 
-AppState following(const Lrc& lrc) {
+AppState following(Lrc lrc) {
     AppState s{Settings{}};
     Track t;
     t.path = "/m/cancion.flac";
     t.title = "Canción";
     s.playback.track = t;
-    Lyrics lyrics{t.path, t.title, {}, LyricsOrigin::tag, lrc};
+    Lyrics lyrics{t.path, t.title, {}, LyricsOrigin::tag, std::nullopt};
     for (const auto& l : lrc.lines)
         lyrics.lines.push_back(l.text);
+    lyrics.timed = std::move(lrc);
     s.lyrics = std::move(lyrics);
     s.lyricsVisible = true;
     s.focus = Focus::library;

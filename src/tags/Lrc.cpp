@@ -92,6 +92,7 @@ std::optional<std::int64_t> Lrc::parseStamp(std::string_view s) {
 }
 
 std::string Lrc::withoutWordStamps(std::string_view text) {
+    if (text.find('<') == std::string_view::npos) return std::string(text);
     std::string out;
     out.reserve(text.size());
     std::size_t i = 0;
@@ -113,6 +114,7 @@ std::optional<Lrc> Lrc::parse(std::string_view text) {
     Lrc lrc;
     bool timed = false;
     std::int64_t last = 0; // time of the last stamped line, for the lines without one
+    std::vector<std::int64_t> stamps;
     std::size_t pos = 0;
     while (pos <= text.size()) {
         std::size_t end = text.find_first_of("\r\n", pos);
@@ -121,7 +123,7 @@ std::optional<Lrc> Lrc::parse(std::string_view text) {
         pos = end + 1;
         if (end < text.size() && text[end] == '\r' && pos < text.size() && text[pos] == '\n') ++pos;
 
-        std::vector<std::int64_t> stamps;
+        stamps.clear();
         bool badStamp = false;
         while (!rest.empty() && rest.front() == '[') {
             const std::size_t close = rest.find(']');
@@ -159,19 +161,21 @@ std::optional<Lrc> Lrc::parse(std::string_view text) {
     }
     if (!timed) return std::nullopt;
 
-    std::stable_sort(lrc.lines.begin(), lrc.lines.end(),
-                     [](const LrcLine& a, const LrcLine& b) { return a.ms < b.ms; });
+    auto earlier = [](const LrcLine& a, const LrcLine& b) { return a.ms < b.ms; };
+    if (!std::is_sorted(lrc.lines.begin(), lrc.lines.end(), earlier))
+        std::stable_sort(lrc.lines.begin(), lrc.lines.end(), earlier);
     // The same line stamped twice at one time is shown once.
-    std::vector<LrcLine> unique;
-    unique.reserve(lrc.lines.size());
-    std::size_t group = 0; // first line in `unique` with the current time
-    for (auto& line : lrc.lines) {
-        if (unique.empty() || unique.back().ms != line.ms) group = unique.size();
-        if (std::find(unique.begin() + static_cast<std::ptrdiff_t>(group), unique.end(), line) ==
-            unique.end())
-            unique.push_back(std::move(line));
+    auto& lines = lrc.lines;
+    std::size_t kept = 0, group = 0; // group: first kept line with the current time
+    for (std::size_t i = 0; i < lines.size(); ++i) {
+        if (kept == 0 || lines[kept - 1].ms != lines[i].ms) group = kept;
+        const auto from = lines.begin() + static_cast<std::ptrdiff_t>(group);
+        const auto to = lines.begin() + static_cast<std::ptrdiff_t>(kept);
+        if (std::find(from, to, lines[i]) != to) continue;
+        if (kept != i) lines[kept] = std::move(lines[i]);
+        ++kept;
     }
-    lrc.lines = std::move(unique);
+    lines.resize(kept);
     return lrc;
 }
 
