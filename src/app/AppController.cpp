@@ -105,7 +105,11 @@ void AppController::playbackChanged() {
             state_.cover.reset();
             coverPath_.clear();
         }
-        if (state_.lyricsVisible && lyricsFollowPlayback_) loadLyrics();
+        if (state_.lyricsSync) {
+            state_.lyricsSync.reset();
+            report("Sincronización cancelada: cambió la canción; no se guardó nada", true);
+        }
+        if (state_.lyricsVisible && (lyricsFollowPlayback_ || lyricsOfPlaying_)) loadLyrics();
     }
     if (fresh.isPlaying != lastReportedPlaying_) {
         lastReportedPlaying_ = fresh.isPlaying;

@@ -5,7 +5,8 @@
 // the loop's post. The implementation is split by concern: input routing
 // (ControllerInput.cpp), navigation and selection (ControllerNavigation.cpp), library
 // flows (ControllerLibrary.cpp), playback and settings (ControllerPlayback.cpp), the
-// equalizer (ControllerEqualizer.cpp), covers and lyrics (ControllerCovers.cpp), tag editing
+// equalizer (ControllerEqualizer.cpp), covers (ControllerCovers.cpp), lyrics
+// (ControllerLyrics.cpp), tag editing
 // (ControllerEditing.cpp) and the desktop's media controls (ControllerNowPlaying.cpp).
 
 #include "library/FolderChanges.h"
@@ -156,13 +157,21 @@ public:
     void choosePreset(const std::string& name);
     void setEqualizerEnabled(bool on);
 
-    // --- Covers and lyrics (ControllerCovers.cpp)
+    // --- Covers (ControllerCovers.cpp)
     void loadCover(const Track& track, bool force);
     void loadAlbumCovers();
     // How covers are drawn changed (image protocol, cell size): they are made again.
     void setGraphics(const GraphicsChoice& graphics);
+
+    // --- Lyrics (ControllerLyrics.cpp)
     void toggleLyrics();
     void loadLyrics();
+    // Timing mode on the playing track's lyrics.
+    void startSync();
+    // Writes lyrics text where they came from: the LYRICS tag through the checked write,
+    // or the sidecar file in one step; then shows them again.
+    void writeLyrics(const std::string& path, LyricsOrigin origin, const std::string& text,
+                     const std::string& success);
 
     // --- Tag editing (ControllerEditing.cpp)
     void openTagForm();
@@ -219,6 +228,13 @@ private:
     void handleRootsKey(const Key& key);
     void openPrompt(PromptKind kind, std::string text = {});
     void scrollLyrics(int n);
+    // Keys of the timed lyrics view (+, -, w, Enter on a picked line, Esc); false when
+    // the key means something else here.
+    bool handleLyricsKey(const Key& key);
+    bool handleSyncKey(const Key& key);
+    void saveSync();
+    // A click on list row `row` of the lyrics pane.
+    void clickLyrics(int row);
 
     int listHeight(Focus pane) const;
     void snapLibraryCursor();
@@ -266,6 +282,7 @@ private:
     std::set<std::string> albumCoversLoading_;
     int lyricsGeneration_ = 0;
     bool lyricsFollowPlayback_ = false; // the lyrics shown are the playing track's
+    bool lyricsOfPlaying_ = false;      // reload the playing track's, not the cursor's
     struct Click {
         int x = 0;
         int y = 0;

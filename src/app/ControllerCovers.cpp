@@ -1,5 +1,5 @@
-// Pictures and lyrics read off the main thread: the playing track's cover, the covers
-// beside the shown artist's albums, and the lyrics panel.
+// Pictures read off the main thread: the playing track's cover and the covers beside
+// the shown artist's albums.
 
 #include "app/AppController.h"
 
@@ -39,26 +39,6 @@ CoverArt decodeCover(const std::string& key, const std::vector<std::string>& pat
         }
     }
     return art;
-}
-
-std::vector<std::string> splitLines(const std::string& text) {
-    std::vector<std::string> lines;
-    std::string line;
-    for (std::size_t i = 0; i < text.size(); ++i) {
-        const char c = text[i];
-        if (c == '\r' || c == '\n') {
-            lines.push_back(line);
-            line.clear();
-            if (c == '\r' && i + 1 < text.size() && text[i + 1] == '\n') ++i;
-        } else {
-            line += c;
-        }
-    }
-    if (!line.empty()) lines.push_back(line);
-    // Trailing blank lines only push the text off the panel.
-    while (!lines.empty() && lines.back().empty())
-        lines.pop_back();
-    return lines;
 }
 
 } // namespace
@@ -164,49 +144,6 @@ void AppController::setGraphics(const GraphicsChoice& graphics) {
     loadAlbumCovers();
     if (state_.playback.track) loadCover(*state_.playback.track, true);
     requestRender();
-}
-
-void AppController::toggleLyrics() {
-    state_.lyricsVisible = !state_.lyricsVisible;
-    if (state_.lyricsVisible) loadLyrics();
-}
-
-void AppController::scrollLyrics(int n) {
-    const int lines = state_.lyrics ? static_cast<int>(state_.lyrics->lines.size()) : 0;
-    const int last = std::max(0, lines - std::max(1, layout_.libraryList.height));
-    state_.lyricsOffset = std::clamp(state_.lyricsOffset + n, 0, last);
-}
-
-void AppController::loadLyrics() {
-    // The track under the library cursor, else the one playing.
-    std::optional<Track> track;
-    lyricsFollowPlayback_ = false;
-    const int c = state_.library.cursor;
-    if (c >= 0 && c < static_cast<int>(state_.libraryRows.size()))
-        if (const auto* t =
-                state_.libraryRows[static_cast<std::size_t>(c)].get<LibraryRow::Track>())
-            track = state_.index.track(t->id);
-    if (!track && state_.playback.track) {
-        track = state_.playback.track;
-        lyricsFollowPlayback_ = true;
-    }
-    state_.lyricsOffset = 0;
-    const int generation = ++lyricsGeneration_;
-    if (!track) {
-        state_.lyrics.reset();
-        return;
-    }
-    pool_.submit([post = host_.post, alive = std::weak_ptr<char>(alive_), this, generation,
-                  path = track->path, title = track->displayTitle()] {
-        std::string text;
-        if (auto file = TagLibFile::open(path)) text = file->value("LYRICS").value_or("");
-        post([alive, this, generation, lyrics = Lyrics{path, title, splitLines(text)}] {
-            if (!alive.lock() || generation != lyricsGeneration_) return;
-            state_.lyrics = lyrics;
-            state_.lyricsOffset = 0;
-            requestRender();
-        });
-    });
 }
 
 } // namespace trovan

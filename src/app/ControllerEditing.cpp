@@ -9,6 +9,7 @@
 #include "playback/AudioEngine.h"
 #include "playback/PlaybackController.h"
 #include "state/CommandParser.h"
+#include "tags/LyricsSource.h"
 #include "tags/TagDocument.h"
 #include "tags/TagEditor.h"
 #include "terminal/ExternalEditor.h"
@@ -146,22 +147,28 @@ void AppController::editLyrics() {
         report("Selecciona una canción", true);
         return;
     }
-    pool_.submit(
-        [this, alive = std::weak_ptr<char>(alive_), post = host_.post, path = paths.front()] {
-            auto all = TagEditor::properties({path}).front()["LYRICS"];
-            std::string old = all.empty() ? std::string() : all.front();
-            post([this, alive, path, old = std::move(old), all = std::move(all)] {
-                if (!alive.lock()) return;
-                auto edited = runEditor(old, "letra.txt");
-                if (!edited) return;
-                const std::string text(trimWhitespace(*edited));
-                if (text == trimWhitespace(old)) {
-                    report("Sin cambios");
-                    return;
-                }
-                writeTags(TagDocument::lyricsPatch(all, text), {path});
-            });
+    pool_.submit([this, alive = std::weak_ptr<char>(alive_), post = host_.post,
+                  path = paths.front()] {
+        // Timed lyrics keep their stamps as text, and go back where they came from; the
+        // tag's other lyrics (other languages, other descriptions) are kept.
+        LyricsSource::Editable old = LyricsSource::editable(path);
+        auto all = TagEditor::properties({path}).front()["LYRICS"];
+        post([this, alive, path, old = std::move(old), all = std::move(all)] {
+            if (!alive.lock()) return;
+            auto edited = runEditor(old.text, "letra.txt");
+            if (!edited) return;
+            const std::string text(trimWhitespace(*edited));
+            if (text == trimWhitespace(old.text)) {
+                report("Sin cambios");
+                return;
+            }
+            if (old.origin == LyricsOrigin::sidecar) {
+                writeLyrics(path, old.origin, text.empty() ? text : text + "\n", "Letra guardada");
+                return;
+            }
+            writeTags(TagDocument::lyricsPatch(all, text), {path});
         });
+    });
 }
 
 std::optional<std::string> AppController::runEditor(const std::string& text,

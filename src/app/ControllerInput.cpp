@@ -32,6 +32,8 @@ constexpr auto kDoubleClick = std::chrono::milliseconds(400);
 void AppController::handleKey(const Key& key) {
     switch (state_.overlay.kind) {
     case Overlay::Kind::none:
+        if (state_.lyricsSync && handleSyncKey(key)) break;
+        if (handleLyricsKey(key)) break;
         if (auto action = KeyBindings::lookup(key)) dispatch(*action);
         break;
     case Overlay::Kind::help:
@@ -183,7 +185,10 @@ void AppController::handleMouse(const MouseEvent& event) {
         state_.focus = Focus::artists;
         selectArtistRow(state_.artists.offset + (y - l.artistsList.y));
         if (doubleClick) activate();
-    } else if (inside(l.libraryList, x, y) && !state_.lyricsVisible) {
+    } else if (inside(l.libraryList, x, y) && state_.lyricsVisible) {
+        state_.focus = Focus::library;
+        clickLyrics(y - l.libraryList.y);
+    } else if (inside(l.libraryList, x, y)) {
         state_.focus = Focus::library;
         selectLibraryRow(state_.library.offset + (y - l.libraryList.y));
         if (doubleClick) activate();
@@ -353,6 +358,9 @@ void AppController::dispatch(const Action& action) {
         break;
     case K::toggleLyrics:
         toggleLyrics();
+        break;
+    case K::syncLyrics:
+        startSync();
         break;
     case K::editTags:
         openTagForm();

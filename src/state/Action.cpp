@@ -99,6 +99,8 @@ const char* name(Action::Kind k) {
         return "editLyrics";
     case K::toggleLyrics:
         return "toggleLyrics";
+    case K::syncLyrics:
+        return "syncLyrics";
     case K::removeCover:
         return "removeCover";
     case K::quit:

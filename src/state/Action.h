@@ -57,6 +57,7 @@ struct Action {
         editAllTags,
         editLyrics,
         toggleLyrics,
+        syncLyrics,
         removeCover,
         quit,
     };

@@ -10,6 +10,7 @@
 #include "state/TagForm.h"
 #include "state/TextInput.h"
 #include "terminal/PixelImage.h"
+#include "tags/LyricsSource.h"
 #include "terminal/Style.h"
 #include "terminal/TerminalGraphics.h"
 
@@ -80,9 +81,24 @@ struct CoverArt {
 struct Lyrics {
     std::string path;
     std::string title;
-    std::vector<std::string> lines;
+    std::vector<std::string> lines; // as shown (for timed lyrics, the texts of `timed`)
+    LyricsOrigin origin = LyricsOrigin::tag;
+    std::optional<Lrc> timed = std::nullopt;
 
     bool operator==(const Lyrics&) const = default;
+};
+
+// Timing mode: the playing track's lines stamped one by one with the playback position.
+struct LyricsSync {
+    std::string path;
+    LyricsOrigin origin = LyricsOrigin::tag;
+    std::vector<std::string> lines;
+    std::vector<std::optional<std::int64_t>> stamps;       // milliseconds, one per line
+    std::vector<std::pair<std::string, std::string>> tags; // metadata kept from the lyrics
+    int marked = 0;      // the line the next Space stamps; lines.size() when all are
+    bool asking = false; // "save?" is on screen
+
+    bool operator==(const LyricsSync&) const = default;
 };
 
 // Cursor and scroll position of one list pane.
@@ -128,6 +144,9 @@ struct AppState {
     std::optional<Lyrics> lyrics;
     bool lyricsVisible = false;
     int lyricsOffset = 0;
+    // Line picked with the arrows in timed lyrics, waiting for Enter to seek there.
+    std::optional<int> lyricsCursor;
+    std::optional<LyricsSync> lyricsSync;
     std::optional<IndexingProgress> indexing;
     std::optional<StatusMessage> status;
     // How covers are drawn: as images (and at what cell size) or as half blocks.

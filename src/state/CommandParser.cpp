@@ -134,6 +134,7 @@ CommandResult CommandParser::parse(std::string_view text) {
             return CommandError::missingArgument("modo (auto, kitty, sixel o bloques)");
         return CommandError::invalidValue("carátulas: usa auto, kitty, sixel o bloques");
     }
+    if (word == "sync" || word == "sincronizar") return Action(Action::Kind::syncLyrics);
     if (word == "q" || word == "quit" || word == "salir") return Action(Action::Kind::quit);
     if (word == "help" || word == "ayuda" || word == "h") return Action(Action::Kind::openHelp);
     return CommandError::unknownCommand(word);

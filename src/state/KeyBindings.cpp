@@ -169,6 +169,17 @@ const std::vector<HelpLine>& KeyBindings::helpLines() {
             for (const auto& b : section.bindings)
                 out.push_back({HelpLine::Kind::entry, label(b), b.help});
         }
+        // Keys of the lyrics view with timed lyrics (panel focused); they stand in for
+        // the table's meaning of the same keys there.
+        out.push_back({});
+        out.push_back({HelpLine::Kind::header, "LETRA SINCRONIZADA", {}});
+        const std::pair<const char*, const char*> lyrics[] = {
+            {"↑ ↓  Enter", "Elegir línea · ir a ella"}, {"+ -", "Letra 100 ms antes / después"},
+            {"w", "Guardar letra (con desfase)"},       {":sync", "Marcar tiempos: Espacio marca"},
+            {"⌫  Esc", "Línea atrás · terminar"},
+        };
+        for (const auto& [keys, desc] : lyrics)
+            out.push_back({HelpLine::Kind::entry, keys, desc});
         out.push_back({});
         out.push_back({HelpLine::Kind::header, "COMANDOS", {}});
         const std::pair<const char*, const char*> commands[] = {
@@ -183,6 +194,7 @@ const std::vector<HelpLine>& KeyBindings::helpLines() {
             {":vol 80", "Volumen"},
             {":cover <imagen>", "Poner carátula a la selección"},
             {":cover remove", "Quitar carátula"},
+            {":sync", "Sincronizar la letra"},
             {":q", "Salir"},
         };
         for (const auto& [cmd, desc] : commands)

@@ -3,6 +3,7 @@
 #include "terminal/Palette.h"
 #include "text/Text.h"
 #include "ui/Drawing.h"
+#include "ui/LyricsView.h"
 #include "ui/PlayerView.h"
 
 #include <algorithm>
@@ -109,9 +110,10 @@ const LibraryIndex::Artist* LibraryView::shownArtist(const AppState& state) {
     return &state.index.artists[static_cast<std::size_t>(row->artist)];
 }
 
-void LibraryView::draw(const AppState& state, const Layout& layout, ScreenBuffer& buffer) {
+void LibraryView::draw(const AppState& state, const Layout& layout, ScreenBuffer& buffer,
+                       double elapsed) {
     if (state.lyricsVisible) {
-        drawLyrics(state, layout, buffer);
+        LyricsView::draw(state, layout, elapsed, buffer);
         return;
     }
     const bool focused = state.focus == Focus::library;
@@ -195,34 +197,6 @@ void LibraryView::draw(const AppState& state, const Layout& layout, ScreenBuffer
                               palette::defaultStyle);
         }
     }
-}
-
-void LibraryView::drawLyrics(const AppState& state, const Layout& layout, ScreenBuffer& buffer) {
-    const bool focused = state.focus == Focus::library;
-    const Rect& pane = layout.library;
-    std::string heading = "LETRA";
-    if (state.lyrics) heading += " · " + text::upper(state.lyrics->title);
-    buffer.text(heading, pane.x, pane.y, pane.width,
-                palette::on(focused ? palette::accent : palette::dim, true));
-
-    const Rect& list = layout.libraryList;
-    if (list.height < 1) return;
-    if (!state.lyrics) {
-        buffer.text("Reproduce o selecciona una canción", list.x, list.y, list.width,
-                    palette::on(palette::dim));
-        return;
-    }
-    const auto& lines = state.lyrics->lines;
-    if (lines.empty()) {
-        buffer.text("Esta canción no tiene letra. Pulsa L para agregarla.", list.x, list.y,
-                    list.width, palette::on(palette::dim));
-        return;
-    }
-    const int first = std::max(state.lyricsOffset, 0);
-    const int last = std::min(static_cast<int>(lines.size()), first + list.height);
-    for (int i = first; i < last; ++i)
-        buffer.text(lines[static_cast<std::size_t>(i)], list.x, list.y + (i - first), list.width,
-                    palette::on(palette::text));
 }
 
 } // namespace trovan

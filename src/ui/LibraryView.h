@@ -10,8 +10,9 @@ namespace trovan {
 // the lyrics of the current song.
 class LibraryView {
 public:
-    static void draw(const AppState& state, const Layout& layout, ScreenBuffer& buffer);
-    static void drawLyrics(const AppState& state, const Layout& layout, ScreenBuffer& buffer);
+    // `elapsed` (seconds into the playing track) places timed lyrics.
+    static void draw(const AppState& state, const Layout& layout, ScreenBuffer& buffer,
+                     double elapsed = 0);
 
     // The artist whose albums the pane shows, if any.
     static const LibraryIndex::Artist* shownArtist(const AppState& state);

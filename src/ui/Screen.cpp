@@ -33,7 +33,7 @@ std::optional<CursorPos> Screen::draw(const AppState& state, const Layout& layou
     }
     HeaderView::draw(state, layout, buffer, now);
     ArtistView::draw(state, layout, buffer);
-    LibraryView::draw(state, layout, buffer);
+    LibraryView::draw(state, layout, buffer, elapsed);
     PlayerView::draw(elapsed, state, layout, buffer);
     if (buffer.images().empty() || state.overlay.kind == Overlay::Kind::none)
         return Overlays::draw(state, layout, buffer);

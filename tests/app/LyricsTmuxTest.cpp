@@ -1,0 +1,267 @@
+// Timed lyrics in the real program on a real terminal: a FLAC with LRC in its LYRICS
+// tag, an MP3 with a SYLT frame (written here with TagLib's frame API) and a WAV with a
+// .lrc file beside it follow the song, jump to a line and take an offset; then the
+// timing mode stamps plain lyrics and saves them into the tag.
+
+#include "app/TmuxSession.h"
+#include "tags/TagEditor.h"
+#include "text/Text.h"
+
+#include <taglib/id3v2tag.h>
+#include <taglib/mpegfile.h>
+#include <taglib/synchronizedlyricsframe.h>
+
+#include <optional>
+#include <regex>
+
+using namespace trovan;
+using namespace trovan::e2e;
+
+namespace {
+
+using Clock = std::chrono::steady_clock;
+
+// Eight lines, one every two seconds from the first.
+const std::vector<std::pair<int, std::string>> kVerses = {
+    {1, "Verso uno"},   {3, "Verso dos"},   {5, "Verso tres"},   {7, "Verso cuatro"},
+    {9, "Verso cinco"}, {11, "Verso seis"}, {13, "Verso siete"}, {15, "Verso ocho"}};
+
+std::string lrcText(bool extras) {
+    std::string out = extras ? "\xEF\xBB\xBF[ar:Gamma]\r\n[ti:Ola]\r\n" : "";
+    for (const auto& [s, text] : kVerses)
+        out += "[00:" + std::string(s < 10 ? "0" : "") + std::to_string(s) + ".00]" + text +
+               (extras ? "\r\n" : "\n");
+    return out;
+}
+
+fs::path track(const fs::path& dir, const std::string& file, fixtures::Format format,
+               const std::string& artist, const std::string& lyrics = {}) {
+    fixtures::Tone t;
+    t.format = format;
+    t.seconds = 20;
+    t.frequency = 330;
+    t.tags = {{"ARTIST", {artist}}, {"ALBUM", {"Letras " + artist}}, {"TITLE", {artist}}};
+    if (!lyrics.empty()) t.tags["LYRICS"] = {lyrics};
+    return fixtures::write(dir, file, t);
+}
+
+void addSylt(const fs::path& file) {
+    TagLib::MPEG::File mp3(file.c_str());
+    ASSERT_TRUE(mp3.isValid());
+    auto* frame = new TagLib::ID3v2::SynchronizedLyricsFrame(TagLib::String::UTF8);
+    frame->setTimestampFormat(TagLib::ID3v2::SynchronizedLyricsFrame::AbsoluteMilliseconds);
+    frame->setType(TagLib::ID3v2::SynchronizedLyricsFrame::Lyrics);
+    frame->setLanguage("spa");
+    TagLib::ID3v2::SynchronizedLyricsFrame::SynchedTextList list;
+    for (const auto& [s, text] : kVerses)
+        list.append(
+            {static_cast<unsigned>(s * 1000), TagLib::String("\n" + text, TagLib::String::UTF8)});
+    frame->setSynchedText(list);
+    mp3.ID3v2Tag(true)->addFrame(frame); // the tag owns it
+    ASSERT_TRUE(mp3.save(TagLib::MPEG::File::ID3v2, TagLib::File::StripNone, TagLib::ID3v2::v4));
+}
+
+// One look at the screen: the clock of the progress line and the line drawn in the
+// accent colour, bold.
+struct Sample {
+    Clock::time_point at;
+    std::string clock;
+    std::string lit;
+};
+
+const std::string kLit = "\x1b[1m\x1b[38;2;122;162;247m";
+
+Sample sample(Session& s, const std::vector<std::string>& lines) {
+    Sample out{Clock::now(), {}, {}};
+    const std::string plain = s.screen(true);
+    std::stringstream rows(plain);
+    std::string row;
+    int y = 0;
+    while (std::getline(rows, row)) {
+        if (y++ == 39) {
+            static const std::regex escape("\x1b\\[[0-9;]*m");
+            static const std::regex time(R"((\d+:\d\d) *━)");
+            const std::string bare = std::regex_replace(row, escape, "");
+            std::smatch m;
+            if (std::regex_search(bare, m, time)) out.clock = m[1];
+        }
+        for (const auto& l : lines) {
+            const auto at = row.find(l);
+            if (at == npos) continue;
+            const auto sgr = row.rfind("\x1b[", at);
+            const std::string before = row.substr(0, at);
+            // The style in force where the text starts.
+            const auto lastFg = before.rfind("38;2;");
+            if (lastFg != npos && before.compare(lastFg, 16, "38;2;122;162;247") == 0 &&
+                before.rfind("\x1b[1m") != npos && sgr != npos)
+                out.lit = l;
+        }
+    }
+    return out;
+}
+
+std::vector<std::string> verseTexts() {
+    std::vector<std::string> out;
+    for (const auto& v : kVerses)
+        out.push_back(v.second);
+    return out;
+}
+
+// Watches the screen until `line` has been lit and the clock has shown `clock` (or 12 s
+// pass); returns every sample.
+std::vector<Sample> watch(Session& s, const std::string& line, const std::string& clock) {
+    std::vector<Sample> out;
+    bool lit = false, turned = false;
+    const auto end = Clock::now() + 12s;
+    while (Clock::now() < end) {
+        out.push_back(sample(s, verseTexts()));
+        lit = lit || out.back().lit == line;
+        turned = turned || out.back().clock == clock;
+        if (lit && turned) break;
+        std::this_thread::sleep_for(5ms);
+    }
+    return out;
+}
+
+// When the clock first showed `clock`, and when `line` was first lit, in the samples.
+std::optional<Clock::time_point> firstWith(const std::vector<Sample>& samples,
+                                           const std::function<bool(const Sample&)>& p) {
+    for (const auto& x : samples)
+        if (p(x)) return x.at;
+    return std::nullopt;
+}
+
+double seconds(Clock::duration d) {
+    return std::chrono::duration<double>(d).count();
+}
+
+std::string dump(const std::vector<Sample>& samples) {
+    std::string out;
+    for (const auto& x : samples)
+        out += x.clock + " " + x.lit + "\n";
+    return out;
+}
+
+// The line stamped at second `s` lights up `early` seconds before the clock turns to s.
+void expectChange(const std::vector<Sample>& samples, int s, const std::string& line,
+                  double early) {
+    char clock[16];
+    std::snprintf(clock, sizeof clock, "0:%02d", s);
+    auto lit = firstWith(samples, [&](const Sample& x) { return x.lit == line; });
+    auto turned = firstWith(samples, [&](const Sample& x) { return x.clock == clock; });
+    ASSERT_TRUE(lit && turned) << line << "\n" << dump(samples);
+    EXPECT_NEAR(seconds(*turned - *lit), early, 0.3) << line << "\n" << dump(samples);
+}
+
+void play(Session& s, const std::string& artist) {
+    s.keys("/");
+    s.text(artist);
+    s.keys("Enter");
+    ASSERT_TRUE(s.waitFor("BIBLIOTECA · " + text::upper(artist))) << s.screen();
+    s.keys("Enter Enter");
+    ASSERT_TRUE(s.waitFor(" 0:00 ━") || s.waitFor(" 0:01 ━")) << s.screen();
+}
+
+// The whole story on one track: the lines change with the song, Enter on a line seeks
+// there, an offset of +500 ms brings every change half a second forward.
+void followsTheSong(Session& s, const std::string& artist) {
+    SCOPED_TRACE(artist);
+    play(s, artist);
+    s.keys("l");
+    ASSERT_TRUE(s.waitFor("LETRA · " + text::upper(artist))) << s.screen();
+    ASSERT_TRUE(s.waitFor("Verso ocho")) << s.screen();
+
+    auto samples = watch(s, "Verso tres", "0:05");
+    expectChange(samples, 3, "Verso dos", 0);
+    expectChange(samples, 5, "Verso tres", 0);
+    // Earlier lines dim, later ones plain: nothing else is lit.
+    EXPECT_EQ(sample(s, verseTexts()).lit, "Verso tres");
+
+    // Two lines down, Enter: the song goes to 0:09 and that line is lit.
+    s.keys("Down Down Enter");
+    ASSERT_TRUE(waitUntil([&] { return sample(s, verseTexts()).lit == "Verso cinco"; }, 3s))
+        << s.screen();
+    const Sample jumped = sample(s, verseTexts());
+    EXPECT_TRUE(jumped.clock == "0:09" || jumped.clock == "0:10") << jumped.clock;
+
+    s.text("+++++");
+    ASSERT_TRUE(s.waitFor("+500 ms")) << s.screen();
+    samples = watch(s, "Verso seis", "0:11");
+    expectChange(samples, 11, "Verso seis", 0.5);
+    s.keys("l");
+}
+
+} // namespace
+
+TEST(LyricsTmux, TimedLyricsFollowJumpShiftAndAreMadeWithSpace) {
+    if (!haveTmux() || !fixtures::available()) GTEST_SKIP() << "tmux or ffmpeg missing";
+    Session s;
+    const fs::path music = s.dir() / "music";
+    fs::create_directories(music);
+    track(music, "alfa.flac", fixtures::Format::flac, "Alfa", lrcText(false));
+    addSylt(track(music, "beta.mp3", fixtures::Format::mp3, "Beta"));
+    // The sidecar wins over the tag's plain lyrics; it has CRLF, a BOM and metadata.
+    track(music, "gamma.wav", fixtures::Format::wav, "Gamma", "letra sin tiempos");
+    std::ofstream(music / "gamma.lrc", std::ios::binary) << lrcText(true);
+    const fs::path delta =
+        track(music, "delta.flac", fixtures::Format::flac, "Delta", "Uno\nDos\n\nTres\nCuatro");
+
+    s.start({music.string()});
+    ASSERT_TRUE(s.waitFor("4 canciones · 4 artistas")) << s.screen();
+
+    followsTheSong(s, "Alfa");
+    followsTheSong(s, "Beta");
+    followsTheSong(s, "Gamma");
+    EXPECT_EQ(s.screen().find("[ar:"), npos);
+
+    // Timing mode on four plain lines, from a seek to 0:02 (key 1 on a 20 s track).
+    play(s, "Delta");
+    s.command(":sync");
+    ASSERT_TRUE(s.waitFor("SINCRONIZAR")) << s.screen();
+    ASSERT_TRUE(s.waitFor("[--:--.--] Cuatro")) << s.screen();
+    // A key reaches the program somewhere between the start and the end of tmux's
+    // send-keys: each moment is the middle of that span.
+    auto send = [&](const std::string& key) {
+        const auto before = Clock::now();
+        s.keys(key);
+        return before + (Clock::now() - before) / 2;
+    };
+    const auto seeked = send("1");
+    const double presses[] = {0.6, 1.4, 2.2, 3.0};
+    double moments[4];
+    for (int i = 0; i < 4; ++i) {
+        std::this_thread::sleep_until(seeked + std::chrono::duration<double>(presses[i]));
+        moments[i] = 2.0 + seconds(send("Space") - seeked);
+    }
+    ASSERT_TRUE(s.waitFor("] Cuatro")) << s.screen();
+    ASSERT_EQ(s.screen().find("[--:--.--]"), npos) << s.screen();
+    s.keys("Escape");
+    ASSERT_TRUE(s.waitFor("¿Guardar la letra sincronizada?")) << s.screen();
+    s.text("s");
+    ASSERT_TRUE(s.waitFor("Letra sincronizada guardada en 1 pista")) << s.screen();
+
+    // Read back with a reader of our own: four stamps where Space was pressed.
+    const auto props = TagEditor::properties({delta.string()}).front();
+    ASSERT_TRUE(props.count("LYRICS"));
+    const std::string lrc = props.at("LYRICS").front();
+    static const std::regex line(R"(\[(\d\d):(\d\d)\.(\d\d)\](.*))");
+    std::vector<std::pair<double, std::string>> stamped;
+    for (std::sregex_iterator it(lrc.begin(), lrc.end(), line), end; it != end; ++it)
+        stamped.emplace_back(
+            std::stoi((*it)[1]) * 60 + std::stoi((*it)[2]) + std::stoi((*it)[3]) / 100.0, (*it)[4]);
+    ASSERT_EQ(stamped.size(), 4u) << lrc;
+    const char* words[] = {"Uno", "Dos", "Tres", "Cuatro"};
+    // The first press against the seek (the song moves on once the audio flows again,
+    // a few tens of milliseconds later); the others against the first, which leaves out
+    // that delay.
+    EXPECT_NEAR(stamped[0].first, moments[0], 0.15) << lrc;
+    for (int i = 0; i < 4; ++i) {
+        EXPECT_NEAR(stamped[static_cast<std::size_t>(i)].first - stamped[0].first,
+                    moments[i] - moments[0], 0.15)
+            << lrc;
+        EXPECT_EQ(stamped[static_cast<std::size_t>(i)].second, words[i]) << lrc;
+    }
+    // And the view follows: the last stamped line is lit.
+    ASSERT_TRUE(waitUntil([&] { return sample(s, {"Cuatro"}).lit == "Cuatro"; }, 5s)) << s.screen();
+    s.quit();
+}
