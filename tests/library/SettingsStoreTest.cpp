@@ -87,7 +87,7 @@ TEST(SettingsStore, SavesSortedIndentedJsonThatReadsBack) {
     SettingsStore store(dir / "nested" / "deeper" / "config.json");
     const std::vector<float> gains = {1.5f, -2, 0, 0, 0, 0, 0, 0, 0, 12};
     Settings s{{"/música/uno", "/b"},          0.8f,  true, RepeatMode::one, false, "Mío", gains,
-               {{"Mío", gains}, {"Otro", {}}}, false, 12};
+               {{"Mío", gains}, {"Otro", {}}}, "kitty", false, 12};
     ASSERT_TRUE(store.save(s));
     EXPECT_EQ(store.load(), s);
 
@@ -95,8 +95,8 @@ TEST(SettingsStore, SavesSortedIndentedJsonThatReadsBack) {
     read << std::ifstream(store.url()).rdbuf();
     const auto text = read.str();
     std::size_t at = 0; // keys in order, indented by two
-    for (const char* key : {"customPresets", "eqEnabled", "eqGains", "eqPreset", "pollMinutes",
-                            "repeatMode", "roots", "shuffle", "volume", "watch"})
+    for (const char* key : {"coverMode", "customPresets", "eqEnabled", "eqGains", "eqPreset",
+                            "pollMinutes", "repeatMode", "roots", "shuffle", "volume", "watch"})
         EXPECT_NE(at = text.find(std::string("\n  \"") + key + "\": ", at), std::string::npos)
             << key;
     EXPECT_NE(text.find("\"volume\": 0.8,\n"), std::string::npos) << text;
