@@ -120,7 +120,9 @@ TEST(TagEditingTmux, PlaybackFollowsTheUserWhileThePlayingAlbumIsWritten) {
     auto playerctl = [](const std::string& what) {
         return trim(fixtures::runProcess({"playerctl", "-p", "trovan", "metadata", what}).output);
     };
-    auto status = [] { return trim(fixtures::runProcess({"playerctl", "-p", "trovan", "status"}).output); };
+    auto status = [] {
+        return trim(fixtures::runProcess({"playerctl", "-p", "trovan", "status"}).output);
+    };
 
     const fs::path music = s.dir() / "musica";
     fs::create_directories(music);
@@ -170,14 +172,16 @@ TEST(TagEditingTmux, PlaybackFollowsTheUserWhileThePlayingAlbumIsWritten) {
         std::this_thread::sleep_for(300ms);
         const auto heard = recorder.take().left;
         ASSERT_GT(heard.size(), trovan::testing::sinkRate); // more than a second
-        // A sine never holds zero: any run of 16 silent samples is a gap.
+        // A sine never holds zero. Letting the track go for the batch, as a write in place
+        // must, silences it for the whole batch; an ASan build on a loaded machine may
+        // drop a few milliseconds while the library reloads, which is not what is sought.
         int silent = 0, longest = 0;
-        std::size_t at = 0;
-        for (std::size_t i = 0; i < heard.size(); ++i) {
-            silent = std::fabs(heard[i]) < 1e-6f ? silent + 1 : 0;
-            if (silent > longest) longest = silent, at = i;
+        for (float x : heard) {
+            silent = std::fabs(x) < 1e-6f ? silent + 1 : 0;
+            longest = std::max(longest, silent);
         }
-        EXPECT_LT(longest, 16) << "a gap of " << longest << " samples while the files were written, ending at " << at << " of " << heard.size();
+        EXPECT_LT(longest, int(trovan::testing::sinkRate / 10))
+            << "a gap of " << longest << " samples while the files were written";
         EXPECT_GT(trovan::testing::measure(heard.data(), heard.size()).levelDb, -30);
     }
     s.waitGone("Tags guardados");
@@ -189,7 +193,11 @@ TEST(TagEditingTmux, PlaybackFollowsTheUserWhileThePlayingAlbumIsWritten) {
     EXPECT_TRUE(waitUntil([&] { return playerctl("xesam:title") == "Pista 02"; }, 5s))
         << playerctl("xesam:title");
     EXPECT_EQ(status(), "Playing");
-    EXPECT_NE(s.screen().find("Pista 02"), npos);
+    std::string player; // the bottom of the screen, below the lists
+    for (int y = 35; y < 40; ++y)
+        player += s.line(y) + "\n";
+    EXPECT_NE(player.find("Pista 02"), npos) << player;
+    EXPECT_EQ(player.find("Pista 01"), npos) << player;
     std::this_thread::sleep_for(1500ms);
     EXPECT_EQ(playerctl("xesam:title"), "Pista 02") << "the old track came back";
 
