@@ -6,7 +6,9 @@
 #include "media/TagLibFile.h"
 #include "playback/PulseHarness.h"
 #include "support/SessionBus.h"
+#include "TagFiles.h"
 #include "tags/TagEditor.h"
+#include "tags/WriteJournal.h"
 
 using namespace trovan;
 using namespace trovan::e2e;
@@ -207,6 +209,26 @@ TEST(TagEditingTmux, PlaybackFollowsTheUserWhileThePlayingAlbumIsWritten) {
     EXPECT_EQ(status(), "Paused");
     EXPECT_EQ(s.line(38).find("❚❚"), npos) << s.line(38);
     EXPECT_EQ(playerctl("xesam:title"), "Pista 02");
-    s.quit();
+
+    // Quitting in the middle of a batch: each file is the old or the new version, the
+    // journal is closed and nothing of ours is left beside the music.
+    saveAlbum("Folk");
+    s.text("q");
+    s.expectCleanExit();
+    int written = 0;
+    for (int i = 1; i <= 20; ++i) {
+        char name[16];
+        std::snprintf(name, sizeof name, "%02d.flac", i);
+        const std::string genre = value(music / name, "GENRE");
+        EXPECT_TRUE(genre == "JazzRockPop" || genre == "JazzRockPopFolk") << name << " " << genre;
+        written += genre == "JazzRockPopFolk";
+    }
+    // Cut short, the shell is told how far it got.
+    if (written < 20) {
+        EXPECT_TRUE(s.outputHas("Se guardaron " + std::to_string(written) + " de 20 archivos"))
+            << written;
+    }
+    EXPECT_TRUE(tagfiles::workFiles(music).empty());
+    EXPECT_EQ(WriteJournal(s.home() / "escrituras.diario").openEntries(), 0u);
     ::unsetenv("PULSE_SERVER");
 }
