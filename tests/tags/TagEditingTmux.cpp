@@ -2,11 +2,11 @@
 // document in vi, the lyrics through an editor script, and an editor that does not exist;
 // and playback heard through PulseAudio while the playing album is written.
 
+#include "TagFiles.h"
 #include "app/TmuxSession.h"
 #include "media/TagLibFile.h"
 #include "playback/PulseHarness.h"
 #include "support/SessionBus.h"
-#include "TagFiles.h"
 #include "tags/TagEditor.h"
 #include "tags/WriteJournal.h"
 
