@@ -7,6 +7,7 @@
 #include "playback/LoopSource.h"
 #include "playback/NowPlayingBridge.h"
 #include "playback/PlaybackController.h"
+#include "tags/TagEditor.h"
 
 #include <cstdio>
 
@@ -16,6 +17,8 @@ namespace {
 constexpr auto kStatusLifetime = std::chrono::milliseconds(4000);
 // Slightly after the message expires, so the frame drawn then no longer shows it.
 constexpr auto kStatusRedraw = std::chrono::milliseconds(4100);
+// How long quitting waits for the tag write in hand.
+constexpr auto kWriteStopLimit = std::chrono::milliseconds(1500);
 } // namespace
 
 AppController::AppController(Terminal& terminal, Size size, SettingsStore settingsStore,
@@ -66,7 +69,7 @@ void AppController::postBack(Task task) {
 }
 
 double AppController::elapsed() const {
-    return playback_->state().track ? playback_->engine().currentTime() : 0.0;
+    return playback_->position();
 }
 
 void AppController::report(const std::string& text, bool error) {
@@ -119,14 +122,26 @@ void AppController::playbackChanged() {
 }
 
 void AppController::quit() {
+    // A batch of tag writes finishes or rolls back the file in hand and starts no other.
+    std::string unfinished;
+    if (tagEditor_ && writesInFlight_ > 0) {
+        std::size_t written = 0, total = 0;
+        const bool settled = tagEditor_->stopAndWait(kWriteStopLimit, written, total);
+        unfinished = "Se guardaron " + std::to_string(written) + " de " + std::to_string(total) +
+                     " archivos; los demás quedaron como estaban" +
+                     (settled ? "" : " (uno quedó a medias y se deshará al volver a abrir)");
+        report(unfinished, true);
+    }
     saveSettings();
     settingsStore_.flush();
     if (store_) store_->close(); // leaves no write-ahead log behind for the next start
-    if (playback_->engine().isPlaying()) playback_->engine().pause();
+    if (playback_->state().isPlaying) playback_->pause();
     if (terminal_.isActive) {
         restoreTerminal();
         terminal_.isActive = false;
     }
+    // The screen is gone: the shell gets the last word on the interrupted batch.
+    if (!unfinished.empty()) std::printf("trovan: %s\n", unfinished.c_str());
     std::fflush(stdout);
     if (host_.exit) host_.exit(0);
     // The host's exit must not come back; background threads may still be busy, so

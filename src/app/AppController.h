@@ -191,6 +191,9 @@ public:
     void writePicture(std::optional<Picture> picture, const std::string& message,
                       std::vector<std::string> paths);
     void finishWrite(const TagWriteResult& result, const std::string& success);
+    // Settles what an earlier run's interrupted writes left (at start-up, in the
+    // background).
+    void recoverWrites();
 
     // --- Desktop media controls (ControllerNowPlaying.cpp)
     // Publishes the player on the session bus, in the background; called once the first
@@ -201,15 +204,8 @@ public:
 
 private:
     using WriteJob = std::function<TagWriteResult(TagEditor&, const std::vector<std::string>&)>;
-    // The playing track let go for a write, to be taken up again where it was.
-    struct Resume {
-        std::string path;
-        double position = 0;
-        bool playing = false;
-    };
     void startWrite(std::vector<std::string> paths, std::string success, bool picture,
                     WriteJob job);
-    void resumeAfterWrite(const Resume& resume);
     // Runs the user's editor on `text`; the screen is redrawn in full afterwards.
     std::optional<std::string> runEditor(const std::string& text, const std::string& name);
 
@@ -264,6 +260,7 @@ private:
     std::unique_ptr<PlaybackController> playback_;
     std::unique_ptr<NowPlayingBridge> nowPlaying_;
     std::shared_ptr<TagEditor> tagEditor_;
+    int writesInFlight_ = 0;
 
     bool scanning_ = false;
     std::optional<bool> pendingReindex_;

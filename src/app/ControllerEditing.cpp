@@ -1,17 +1,17 @@
 // Tag editing: the in-screen form, the tag and lyrics documents in the user's editor,
-// and the cover commands. File work runs on the worker pool; the playing track is let go
-// before its file is rewritten and taken up again at the same position afterwards.
+// and the cover commands. File work runs on the worker pool; the playback controller
+// decides whether the playing track must be let go while its file is rewritten.
 
 #include "app/AppController.h"
 
 #include "app/WorkerPool.h"
 #include "media/ImageDecoder.h"
-#include "playback/AudioEngine.h"
 #include "playback/PlaybackController.h"
 #include "state/CommandParser.h"
 #include "tags/LyricsSource.h"
 #include "tags/TagDocument.h"
 #include "tags/TagEditor.h"
+#include "tags/WriteJournal.h"
 #include "terminal/ExternalEditor.h"
 
 #include <algorithm>
@@ -246,29 +246,23 @@ void AppController::writeTags(const TagPatch& patch, std::vector<std::string> pa
 
 void AppController::startWrite(std::vector<std::string> paths, std::string success, bool picture,
                                WriteJob job) {
-    // The engine must not read the file while it is rewritten (an in-place write of a
-    // hard-linked file changes it under the decoder).
-    std::optional<Resume> resume;
-    const PlaybackState& playing = playback_->state();
-    AudioEngine& engine = playback_->engine();
-    if (playing.track && engine.hasFile() &&
-        std::find(paths.begin(), paths.end(), playing.track->path) != paths.end()) {
-        resume = Resume{playing.track->path, engine.currentTime(), engine.isPlaying()};
-        engine.unload();
-    }
+    playback_->beginFileWrite(paths);
     if (!tagEditor_) tagEditor_ = std::make_shared<TagEditor>(store_);
+    ++writesInFlight_;
     pool_.submit([this, alive = std::weak_ptr<char>(alive_), post = host_.post, editor = tagEditor_,
-                  paths = std::move(paths), success = std::move(success), picture, resume,
+                  paths = std::move(paths), success = std::move(success), picture,
                   job = std::move(job)] {
         TagWriteResult result = job(*editor, paths);
-        post([this, alive, result = std::move(result), success, picture, resume] {
+        post([this, alive, result = std::move(result), success, picture] {
             if (!alive.lock()) return;
-            if (resume) resumeAfterWrite(*resume);
+            --writesInFlight_;
+            // Whatever the user did meanwhile stands; a track let go comes back only if
+            // nothing else was started.
+            if (writesInFlight_ == 0) playback_->endFileWrite();
             if (picture && state_.playback.track &&
-                (resume ||
-                 std::any_of(result.updated.begin(), result.updated.end(), [&](const Track& t) {
-                     return t.path == state_.playback.track->path;
-                 }))) {
+                std::any_of(result.updated.begin(), result.updated.end(), [&](const Track& t) {
+                    return t.path == state_.playback.track->path;
+                })) {
                 loadCover(*state_.playback.track, true);
             }
             if (picture) {
@@ -284,15 +278,21 @@ void AppController::startWrite(std::vector<std::string> paths, std::string succe
     });
 }
 
-void AppController::resumeAfterWrite(const Resume& resume) {
-    AudioEngine& engine = playback_->engine();
-    try {
-        engine.load(resume.path);
-        engine.seek(resume.position);
-        if (resume.playing) engine.play();
-    } catch (const std::exception&) {
-        report("No se pudo reproducir: " + fileName(resume.path), true);
-    }
+void AppController::recoverWrites() {
+    pool_.submit([this, alive = std::weak_ptr<char>(alive_), post = host_.post] {
+        auto recovery = WriteJournal::standard().recover();
+        if (recovery.messages.empty() && recovery.restored == 0) return;
+        post([this, alive, recovery = std::move(recovery)] {
+            if (!alive.lock()) return;
+            std::string text = recovery.restored > 0
+                                   ? "Se deshicieron " + std::to_string(recovery.restored) +
+                                         " escritura(s) interrumpida(s)"
+                                   : std::string();
+            for (const auto& m : recovery.messages)
+                text += (text.empty() ? "" : " · ") + m;
+            report(text, !recovery.messages.empty());
+        });
+    });
 }
 
 void AppController::finishWrite(const TagWriteResult& result, const std::string& success) {

@@ -17,7 +17,7 @@ bool isChar(const Key& key, const char* c) {
 } // namespace
 
 void AppController::applyEqualizer() {
-    playback_->engine().equalizer().apply(state_.settings.eqGains, state_.settings.eqEnabled);
+    playback_->setEqualizer(state_.settings.eqGains, state_.settings.eqEnabled);
 }
 
 void AppController::applyPreset(const EQPreset& preset) {

@@ -239,7 +239,7 @@ void AppController::dispatch(const Action& action) {
         extendSelection(action.count());
         break;
     case K::seekBy:
-        seekTo(playback_->engine().currentTime() + action.seconds());
+        seekTo(playback_->position() + action.seconds());
         break;
     case K::seekTo:
         seekTo(action.seconds());

@@ -98,6 +98,7 @@ void AppController::start(const std::vector<std::string>& addingRoots) {
     if (state_.settings.watch) startWatcher();
     // The scan counts as started from here: the cached library is loaded first, then
     // the folders are walked, and the header says we are looking from the first frame.
+    recoverWrites();
     scanning_ = true;
     state_.indexing = IndexingProgress{0, 0};
     reloadLibrary([this] {

@@ -1,5 +1,7 @@
 #include "playback/AudioEngine.h"
 
+#include <sys/stat.h>
+
 #include "media/AudioDecoder.h"
 #include "playback/DenormalGuard.h"
 #include "playback/SpscRing.h"
@@ -40,11 +42,14 @@ std::string fileName(const std::string& path) {
 } // namespace
 
 AudioEngine::FileStamp AudioEngine::FileStamp::of(const std::string& path) {
-    std::error_code timeError, sizeError;
     FileStamp stamp;
-    stamp.modified = std::filesystem::last_write_time(path, timeError).time_since_epoch().count();
-    stamp.size = std::filesystem::file_size(path, sizeError);
-    stamp.known = !timeError && !sizeError;
+    struct stat st {};
+    if (::stat(path.c_str(), &st) != 0) return stamp;
+    stamp.modified = int64_t(st.st_mtim.tv_sec) * 1000000000 + st.st_mtim.tv_nsec;
+    stamp.size = uint64_t(st.st_size);
+    stamp.device = uint64_t(st.st_dev);
+    stamp.inode = uint64_t(st.st_ino);
+    stamp.known = true;
     return stamp;
 }
 
@@ -462,7 +467,11 @@ private:
     static void reopenIfRewritten(Segment& s) {
         const auto now = FileStamp::of(s.source->path());
         if (!s.sourceStamp.changedTo(now)) return;
+        const bool replaced = !now.sameFileAs(s.sourceStamp);
         s.sourceStamp = now; // once per change, whatever comes of it
+        // Replaced by a rename (how tags are written): the open file is the old one,
+        // intact, and plays on without a pause.
+        if (replaced) return;
         try {
             auto fresh = std::make_shared<AudioDecoder>(s.source->path());
             if (fresh->sampleRate() != s.format.sampleRate ||

@@ -111,10 +111,12 @@ public:
 private:
     // What tells a rewritten file (a tag write, a replacement) from the one opened.
     struct FileStamp {
-        int64_t modified = 0; // file clock ticks
+        int64_t modified = 0; // nanoseconds
         uint64_t size = 0;
+        uint64_t device = 0, inode = 0;
         bool known = false;
         bool operator==(const FileStamp&) const = default;
+        bool sameFileAs(const FileStamp& o) const { return device == o.device && inode == o.inode; }
         static FileStamp of(const std::string& path);
         bool changedTo(const FileStamp& now) const { return known && now.known && !(now == *this); }
     };

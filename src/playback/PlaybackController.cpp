@@ -109,6 +109,8 @@ void PlaybackController::start(std::optional<std::string> path, std::size_t atte
         stopWithNothing();
         return;
     }
+    held_.reset();
+    startAt_.reset();
     const std::string wanted = *path;
     auto known = lookup ? lookup(wanted) : std::nullopt;
     // A file the library does not know: its tags are read where the file is opened.
@@ -145,6 +147,8 @@ void PlaybackController::started(const std::string& path, std::optional<AudioFor
         state_.track = std::move(*track);
         state_.format = std::move(info);
         state_.duration = engine_->duration();
+        if (startAt_) engine_->seek(*startAt_);
+        startAt_.reset();
         if (playWhenLoaded_) engine_->play();
         state_.isPlaying = engine_->isPlaying();
         prepareFollowing();
@@ -170,6 +174,12 @@ void PlaybackController::stopWithNothing() {
 }
 
 void PlaybackController::resume() {
+    if (held_) {
+        held_->playing = true;
+        state_.isPlaying = true;
+        changed();
+        return;
+    }
     if (loading_) playWhenLoaded_ = true;
     if (!state_.track || loading_) return;
     if (engine_->isPlaying()) {
@@ -188,6 +198,12 @@ void PlaybackController::resume() {
 }
 
 void PlaybackController::pause() {
+    if (held_) {
+        held_->playing = false;
+        state_.isPlaying = false;
+        changed();
+        return;
+    }
     if (loading_) playWhenLoaded_ = false;
     engine_->pause();
     state_.isPlaying = engine_->isPlaying();
@@ -195,13 +211,19 @@ void PlaybackController::pause() {
 }
 
 void PlaybackController::togglePlay() {
-    if (loading_ ? playWhenLoaded_ : state_.isPlaying)
+    if ((!held_ && loading_) ? playWhenLoaded_ : state_.isPlaying)
         pause();
     else
         resume();
 }
 
 void PlaybackController::seek(double seconds) {
+    if (held_) {
+        held_->position = std::clamp(seconds, 0.0, std::max(0.0, state_.duration));
+        changed();
+        if (onSeek) onSeek();
+        return;
+    }
     if (!state_.track || loading_) return;
     engine_->seek(seconds);
     state_.isPlaying = engine_->isPlaying();
@@ -214,7 +236,7 @@ void PlaybackController::next() {
 }
 
 void PlaybackController::previous() {
-    if (engine_->currentTime() > restartThreshold) {
+    if (position() > restartThreshold) {
         seek(0);
         return;
     }
@@ -264,6 +286,42 @@ void PlaybackController::trackEnded() {
     }
     state_.isPlaying = engine_->isPlaying();
     changed();
+}
+
+double PlaybackController::position() const {
+    if (held_) return held_->position;
+    return state_.track ? engine_->currentTime() : 0.0;
+}
+
+void PlaybackController::setEqualizer(const std::vector<float>& gains, bool enabled) {
+    engine_->equalizer().apply(gains, enabled);
+}
+
+void PlaybackController::beginFileWrite(const std::vector<std::string>& paths) {
+    if (held_ || !state_.track) return;
+    const std::string& path = state_.track->path;
+    if (std::find(paths.begin(), paths.end(), path) == paths.end()) return;
+    struct stat st {};
+    if (::stat(path.c_str(), &st) != 0 || st.st_nlink < 2) return;
+    if (loading_) {
+        // The load under way would read the file mid-write: it starts again afterwards.
+        held_ = Held{path, startAt_.value_or(0), playWhenLoaded_};
+        ++startCount_;
+        loading_ = false;
+    } else {
+        held_ = Held{path, engine_->currentTime(), engine_->isPlaying()};
+    }
+    engine_->unload();
+    preparedAt_.reset();
+}
+
+void PlaybackController::endFileWrite() {
+    if (!held_) return;
+    const Held held = *held_;
+    start(held.path, queue_.paths.size());
+    startAt_ = held.position;
+    playWhenLoaded_ = held.playing;
+    state_.isPlaying = false;
 }
 
 void PlaybackController::setShuffle(bool on) {

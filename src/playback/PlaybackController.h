@@ -11,6 +11,7 @@
 #include <random>
 #include <string>
 #include <unordered_map>
+#include <sys/stat.h>
 #include <vector>
 
 namespace trovan {
@@ -26,7 +27,11 @@ public:
     PlaybackController(const PlaybackController&) = delete;
     PlaybackController& operator=(const PlaybackController&) = delete;
 
+    // For tests; the program goes through the calls below.
     AudioEngine& engine() { return *engine_; }
+    // Seconds into the current track.
+    double position() const;
+    void setEqualizer(const std::vector<float>& gains, bool enabled);
     const PlaybackState& state() const { return state_; }
     const PlaybackQueue& queue() const { return queue_; }
     std::mt19937_64& rng() { return rng_; }
@@ -56,6 +61,15 @@ public:
     void followMoves(const std::unordered_map<std::string, std::string>& moves);
     void trackEnded();
 
+    // A batch of tag writes is about to rewrite `paths`. A file replaced by a rename
+    // leaves the one the decoder has open intact, so playback goes on. A file with
+    // several names is rewritten in place under the decoder: the playing one is let go
+    // now and taken up again where it was by endFileWrite. Meanwhile the controls act on
+    // what will resume (pause, seek), and starting another track ends the wait.
+    void beginFileWrite(const std::vector<std::string>& paths);
+    void endFileWrite();
+    bool waitingForWrite() const { return held_.has_value(); }
+
     void setShuffle(bool on);
     void setRepeatMode(RepeatMode mode);
     // Output gain: the stored volume clamped to 0…1, or silence while muted.
@@ -73,7 +87,16 @@ private:
     void joined(const std::string& path);
     void nextFailed(const std::string& path);
 
+    // The track let go for a write: where it was, and whether it should play.
+    struct Held {
+        std::string path;
+        double position = 0;
+        bool playing = false;
+    };
+
     std::unique_ptr<AudioEngine> engine_;
+    std::optional<Held> held_;
+    std::optional<double> startAt_; // where the loading track begins
     std::mt19937_64 rng_;
     PlaybackQueue queue_;
     PlaybackState state_;

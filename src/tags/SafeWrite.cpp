@@ -1,6 +1,8 @@
 #include "tags/SafeWrite.h"
 
 #include "media/AudioDecoder.h"
+#include "tags/WriteJournal.h"
+#include "tags/WriteSeam.h"
 
 #include <algorithm>
 #include <array>
@@ -12,10 +14,10 @@
 #include <dirent.h>
 #include <fcntl.h>
 #include <map>
+#include <memory>
 #include <mutex>
 #include <random>
 #include <set>
-#include <signal.h>
 #include <sys/stat.h>
 #include <sys/statvfs.h>
 #include <sys/xattr.h>
@@ -37,6 +39,10 @@ public:
     Fd& operator=(const Fd&) = delete;
     int get() const { return fd_; }
     explicit operator bool() const { return fd_ >= 0; }
+    void reset(int fd) {
+        if (fd_ >= 0) ::close(fd_);
+        fd_ = fd;
+    }
     // Closes now and reports whether the close succeeded (NFS reports write errors here).
     bool close() {
         const int fd = fd_;
@@ -47,34 +53,6 @@ public:
 private:
     int fd_;
 };
-
-// Working files this process is using right now. A leftover named after our own pid is
-// abandoned only if it is not among them: another batch may be writing in the folder.
-std::mutex liveMutex;
-std::set<std::string> liveFiles;
-
-class LiveName {
-public:
-    explicit LiveName(std::string path) : path_(std::move(path)) {
-        std::lock_guard lock(liveMutex);
-        liveFiles.insert(path_);
-    }
-    ~LiveName() {
-        std::lock_guard lock(liveMutex);
-        liveFiles.erase(path_);
-    }
-    LiveName(const LiveName&) = delete;
-    LiveName& operator=(const LiveName&) = delete;
-    const std::string& path() const { return path_; }
-
-private:
-    std::string path_;
-};
-
-bool isLive(const std::string& path) {
-    std::lock_guard lock(liveMutex);
-    return liveFiles.count(path) > 0;
-}
 
 std::string folderOf(const std::string& path) {
     auto slash = path.rfind('/');
@@ -111,9 +89,9 @@ std::string randomHex() {
 }
 
 bool syncFolder(const std::string& folder) {
-    Fd dir(::open(folder.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC));
+    Fd dir(WriteSeam::open(folder.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC));
     if (!dir) return false;
-    return ::fsync(dir.get()) == 0;
+    return WriteSeam::fsync(dir.get()) == 0;
 }
 
 bool readFully(int fd, char* buf, std::size_t n, off_t at) {
@@ -130,7 +108,7 @@ bool readFully(int fd, char* buf, std::size_t n, off_t at) {
 
 bool writeFully(int fd, const char* buf, std::size_t n, off_t at) {
     while (n > 0) {
-        ssize_t put = ::pwrite(fd, buf, n, at);
+        ssize_t put = WriteSeam::pwrite(fd, buf, n, at);
         if (put < 0 && errno == EINTR) continue;
         if (put <= 0) return false;
         buf += put;
@@ -146,7 +124,7 @@ bool copyContents(int from, int to, off_t length) {
     off_t in = 0, out = 0;
     while (in < length) {
         ssize_t n =
-            ::copy_file_range(from, &in, to, &out, static_cast<std::size_t>(length - in), 0);
+            WriteSeam::copyFileRange(from, &in, to, &out, static_cast<std::size_t>(length - in));
         if (n < 0 && errno == EINTR) continue;
         if (n > 0) continue;
         if (n == 0) return false; // the source got shorter
@@ -404,106 +382,93 @@ std::uint64_t flacCommentSize(const std::map<std::string, std::vector<std::strin
     return size;
 }
 
-// Restores `target` in place from a complete backup and removes the backup.
-void restoreFromBackup(const std::string& backup, const std::string& target) {
-    Fd from(::open(backup.c_str(), O_RDONLY | O_CLOEXEC));
-    if (!from) return;
-    Fd to(::open(target.c_str(), O_WRONLY | O_CLOEXEC));
-    if (!to) {
-        if (errno == ENOENT && ::rename(backup.c_str(), target.c_str()) == 0)
-            syncFolder(folderOf(target));
-        return;
-    }
-    const off_t length = fileSize(from.get());
-    if (length < 0 || !copyContents(from.get(), to.get(), length) ||
-        ::ftruncate(to.get(), length) != 0 || ::fsync(to.get()) != 0 || !to.close())
-        return; // keep the backup for the next attempt
-    if (::unlink(backup.c_str()) == 0) syncFolder(folderOf(target));
-}
-
-pid_t ownerOf(std::string_view rest) {
-    pid_t pid = 0;
-    std::size_t i = 0;
-    while (i < rest.size() && rest[i] >= '0' && rest[i] <= '9')
-        pid = pid * 10 + (rest[i++] - '0');
-    if (i == 0 || i >= rest.size() || rest[i] != '-') return -1;
-    return pid;
-}
-
-bool processAlive(pid_t pid) {
-    if (pid <= 0) return false;
-    return ::kill(pid, 0) == 0 || errno == EPERM;
-}
-
-// A copy of the original, already synced, checked byte for byte; the caller removes it.
-std::optional<std::string> makeBackup(int original, off_t length, const std::string& folder,
-                                      const std::string& name, std::string& backupPath) {
-    const std::string pid = std::to_string(::getpid());
-    const std::string backupName = std::string(SafeWrite::backupPrefix) + pid + "-" + name;
-    if (backupName.size() > NAME_MAX)
-        return "el nombre es demasiado largo para una copia de seguridad";
-    const std::string staging =
-        folder + "/" + std::string(SafeWrite::tempPrefix) + pid + "-" + randomHex() + ".bak";
-    LiveName live(staging);
-    Fd out(::open(staging.c_str(), O_RDWR | O_CREAT | O_EXCL | O_CLOEXEC, 0600));
-    if (!out) return "no se pudo crear la copia de seguridad";
-    bool ok = copyContents(original, out.get(), length) && ::fsync(out.get()) == 0 &&
-              sameBytes(original, 0, out.get(), 0, length);
-    ok = out.close() && ok;
-    backupPath = folder + "/" + backupName;
-    if (!ok || ::rename(staging.c_str(), backupPath.c_str()) != 0 || !syncFolder(folder)) {
-        ::unlink(staging.c_str());
-        ::unlink(backupPath.c_str());
-        return "no se pudo crear la copia de seguridad";
-    }
-    return std::nullopt;
-}
-
 } // namespace
 
 bool SafeWrite::isWorkFileName(std::string_view fileName) {
     return fileName.starts_with(tempPrefix) || fileName.starts_with(backupPrefix);
 }
 
-void SafeWrite::cleanLeftovers(const std::string& folder) {
-    std::unique_ptr<DIR, int (*)(DIR*)> dir(::opendir(folder.c_str()), ::closedir);
-    if (!dir) return;
-    std::vector<std::string> temps, backups;
-    while (const dirent* e = ::readdir(dir.get())) {
-        std::string_view name = e->d_name;
-        if (name.starts_with(tempPrefix)) temps.emplace_back(name);
-        if (name.starts_with(backupPrefix)) backups.emplace_back(name);
+namespace {
+
+// A working file of one write and its journal entry: removed, and the entry closed, on
+// every way out unless kept. A file that cannot be removed stays recorded, for the
+// next start to remove.
+class WorkFile {
+public:
+    WorkFile(WriteJournal& journal, std::string path, std::string entry)
+        : journal_(journal), path_(std::move(path)), entry_(std::move(entry)) {}
+    ~WorkFile() {
+        if (kept_) return;
+        if (WriteSeam::unlink(path_.c_str()) != 0 && errno != ENOENT) return;
+        journal_.finish(entry_);
     }
-    const pid_t self = ::getpid();
-    auto abandoned = [&](const std::string& path, std::string_view rest) {
-        const pid_t pid = ownerOf(rest);
-        if (pid < 0) return false; // not one of ours after all
-        if (pid == self) return !isLive(path);
-        return !processAlive(pid);
-    };
-    for (const auto& name : temps) {
-        const std::string path = folder + "/" + name;
-        if (abandoned(path, std::string_view(name).substr(tempPrefix.size())))
-            ::unlink(path.c_str());
-    }
-    for (const auto& name : backups) {
-        const std::string path = folder + "/" + name;
-        std::string_view rest = std::string_view(name).substr(backupPrefix.size());
-        if (!abandoned(path, rest)) continue;
-        const std::string original = std::string(rest.substr(rest.find('-') + 1));
-        restoreFromBackup(path, folder + "/" + original);
-    }
+    WorkFile(const WorkFile&) = delete;
+    WorkFile& operator=(const WorkFile&) = delete;
+    const std::string& path() const { return path_; }
+    const std::string& entry() const { return entry_; }
+    // Leaves the file where it is (it was renamed away, or recovery needs it).
+    void keep() { kept_ = true; }
+
+private:
+    WriteJournal& journal_;
+    std::string path_;
+    std::string entry_;
+    bool kept_ = false;
+};
+
+// Creates a new working file recorded in the journal.
+std::optional<std::string> create(WriteJournal& journal, const std::string& path,
+                                  std::unique_ptr<WorkFile>& work, Fd& fd) {
+    auto entry = journal.intend(path);
+    if (!entry) return "no se pudo anotar la escritura en el diario";
+    work = std::make_unique<WorkFile>(journal, path, *entry);
+    fd.reset(
+        WriteSeam::open(path.c_str(), O_RDWR | O_CREAT | O_EXCL | O_NOFOLLOW | O_CLOEXEC, 0600));
+    if (!fd) return std::string("no se pudo crear la copia: ") + std::strerror(errno);
+    struct stat st {};
+    if (::fstat(fd.get(), &st) != 0 || !journal.identify(*entry, st.st_dev, st.st_ino))
+        return "no se pudo anotar la escritura en el diario";
+    return std::nullopt;
+}
+
+// Targets whose in-place rewrite could be neither finished nor undone: their backups
+// wait for the next start, and no later write may go under them meanwhile.
+std::mutex pendingMutex;
+std::set<std::pair<dev_t, ino_t>> pendingRestores;
+
+} // namespace
+
+bool SafeWrite::copyInPlace(int from, int to, off_t length) {
+    return copyContents(from, to, length) && WriteSeam::ftruncate(to, length) == 0 &&
+           WriteSeam::fsync(to) == 0;
 }
 
 std::optional<std::string> SafeWrite::write(const std::string& path, const Edit& edit,
                                             std::uint64_t growth) {
+    return write(path, edit, growth, Context{});
+}
+
+std::optional<std::string> SafeWrite::write(const std::string& requested, const Edit& edit,
+                                            std::uint64_t growth, Context context) {
+    WriteJournal& journal = context.journal ? *context.journal : WriteJournal::standard();
+    auto stopped = [&] { return context.stop && context.stop->load(); };
+    // Through a symbolic link the file it leads to is written, in its own folder, and
+    // the link stays.
+    std::unique_ptr<char, void (*)(void*)> real(::realpath(requested.c_str(), nullptr), std::free);
+    if (!real) return std::string("no se pudo abrir: ") + std::strerror(errno);
+    const std::string path = real.get();
     const std::string folder = folderOf(path);
     const std::string name = nameOf(path);
 
-    Fd original(::open(path.c_str(), O_RDONLY | O_CLOEXEC));
+    Fd original(::open(path.c_str(), O_RDONLY | O_NOFOLLOW | O_NONBLOCK | O_CLOEXEC));
     if (!original) return std::string("no se pudo abrir: ") + std::strerror(errno);
     struct stat st {};
     if (::fstat(original.get(), &st) != 0 || !S_ISREG(st.st_mode)) return "no es un archivo";
+    {
+        std::lock_guard lock(pendingMutex);
+        if (pendingRestores.count({st.st_dev, st.st_ino}))
+            return "espera a restaurarse desde su copia de seguridad";
+    }
     const bool linked = st.st_nlink > 1;
     // An in-place write needs room for a backup as well as the copy.
     const std::uint64_t copySize = std::uint64_t(st.st_size) + growth;
@@ -511,21 +476,17 @@ std::optional<std::string> SafeWrite::write(const std::string& path, const Edit&
         return "no hay espacio libre suficiente";
     if (::access(path.c_str(), W_OK) != 0) return "el archivo es de solo lectura";
 
-    const std::string tempPath = folder + "/" + std::string(tempPrefix) +
-                                 std::to_string(::getpid()) + "-" + randomHex() + extensionOf(name);
-    LiveName live(tempPath);
-    Fd temp(::open(tempPath.c_str(), O_RDWR | O_CREAT | O_EXCL | O_CLOEXEC, 0600));
-    if (!temp) return std::string("no se pudo crear la copia: ") + std::strerror(errno);
-    // From here on the copy goes away unless it replaced the original.
-    struct Remover {
-        const std::string& path;
-        bool keep = false;
-        ~Remover() {
-            if (!keep) ::unlink(path.c_str());
-        }
-    } remover{tempPath};
+    const std::string pid = std::to_string(::getpid());
+    std::unique_ptr<WorkFile> temp;
+    Fd tempFd;
+    if (auto why = create(journal,
+                          folder + "/" + std::string(tempPrefix) + pid + "-" + randomHex() +
+                              extensionOf(name),
+                          temp, tempFd))
+        return why;
+    const std::string& tempPath = temp->path();
 
-    if (!copyContents(original.get(), temp.get(), st.st_size))
+    if (!copyContents(original.get(), tempFd.get(), st.st_size))
         return "no se pudo copiar el archivo";
     const Container container = containerOf(original.get());
 
@@ -542,46 +503,79 @@ std::optional<std::string> SafeWrite::write(const std::string& path, const Edit&
               want.picture->data.size() + 64 + want.picture->mimeType.size() >= flacBlockLimit) ||
              flacCommentSize(want.properties) >= flacBlockLimit))
             return "la carátula o los tags no caben en un bloque FLAC";
+        if (stopped()) return "interrumpido";
         if (!file->save()) return "TagLib no pudo guardar";
     }
     if (auto why = verifyTags(tempPath, want)) return why;
-    if (!audioIntact(original.get(), path, temp.get(), tempPath, container))
+    if (!audioIntact(original.get(), path, tempFd.get(), tempPath, container))
         return "el audio de la copia no es idéntico";
-    copyAttributes(original.get(), temp.get(), st);
-    if (::fsync(temp.get()) != 0) return "no se pudo sincronizar la copia";
+    copyAttributes(original.get(), tempFd.get(), st);
+    if (WriteSeam::fsync(tempFd.get()) != 0) return "no se pudo sincronizar la copia";
 
     // Someone else may have replaced or changed the file since we copied it.
     struct stat now {};
-    if (::stat(path.c_str(), &now) != 0 || now.st_ino != st.st_ino || now.st_dev != st.st_dev ||
+    if (::lstat(path.c_str(), &now) != 0 || now.st_ino != st.st_ino || now.st_dev != st.st_dev ||
         now.st_size != st.st_size || now.st_mtim.tv_sec != st.st_mtim.tv_sec ||
         now.st_mtim.tv_nsec != st.st_mtim.tv_nsec)
         return "el archivo cambió mientras se escribía";
+    if (stopped()) return "interrumpido";
 
     if (!linked) {
-        if (::rename(tempPath.c_str(), path.c_str()) != 0)
+        if (WriteSeam::rename(tempPath.c_str(), path.c_str()) != 0)
             return std::string("no se pudo reemplazar: ") + std::strerror(errno);
-        remover.keep = true;
+        temp->keep();
         // The new file is in place whatever the folder's sync says (some file systems
         // cannot sync a folder); reporting a failure now would hide a written file.
         syncFolder(folder);
+        journal.finish(temp->entry());
         return std::nullopt;
     }
 
-    // Several names share this file: rewrite it in place, behind a backup.
-    std::string backupPath;
-    if (auto why = makeBackup(original.get(), st.st_size, folder, name, backupPath)) return why;
-    Fd target(::open(path.c_str(), O_WRONLY | O_CLOEXEC));
-    const off_t length = fileSize(temp.get());
-    if (!target || length < 0 || !copyContents(temp.get(), target.get(), length) ||
-        ::ftruncate(target.get(), length) != 0 || ::fsync(target.get()) != 0 ||
-        !sameBytes(temp.get(), 0, original.get(), 0, length) || !target.close()) {
-        target.close();
-        restoreFromBackup(backupPath, path);
-        return "no se pudo escribir en el archivo";
+    // Several names share this file: rewrite it in place, behind a synced backup that
+    // the journal names, so that whatever stops the rewrite, the next start undoes it.
+    std::unique_ptr<WorkFile> backup;
+    Fd backupFd;
+    if (auto why =
+            create(journal, folder + "/" + std::string(backupPrefix) + pid + "-" + randomHex(),
+                   backup, backupFd))
+        return why;
+    if (!copyContents(original.get(), backupFd.get(), st.st_size) ||
+        WriteSeam::fsync(backupFd.get()) != 0 ||
+        !sameBytes(original.get(), 0, backupFd.get(), 0, st.st_size) || !syncFolder(folder) ||
+        !journal.backs(backup->entry(), path, st.st_dev, st.st_ino, st.st_size))
+        return "no se pudo crear la copia de seguridad";
+    // Before the target is touched the backup can simply go, once the journal says it
+    // no longer stands for the target (else it stays for the next start to weigh).
+    auto untouched = [&](std::string why) {
+        if (!journal.settle(backup->entry())) backup->keep();
+        return why;
+    };
+    if (stopped()) return untouched("interrumpido");
+
+    Fd target(WriteSeam::open(path.c_str(), O_WRONLY | O_NOFOLLOW | O_CLOEXEC));
+    struct stat targetSt {};
+    const off_t length = fileSize(tempFd.get());
+    if (!target || ::fstat(target.get(), &targetSt) != 0 || targetSt.st_ino != st.st_ino ||
+        targetSt.st_dev != st.st_dev)
+        return untouched("no se pudo escribir en el archivo");
+    auto leaveToNextStart = [&] {
+        backup->keep();
+        std::lock_guard lock(pendingMutex);
+        pendingRestores.insert({st.st_dev, st.st_ino});
+    };
+    if (length >= 0 && copyInPlace(tempFd.get(), target.get(), length) &&
+        sameBytes(tempFd.get(), 0, original.get(), 0, length)) {
+        if (journal.settle(backup->entry())) return std::nullopt; // the backup goes now
+        // The record may or may not have reached the disk: the file is complete either
+        // way, and undoing it now could be cut short behind a record saying it is done.
+        leaveToNextStart();
+        return "no se pudo anotar la escritura en el diario; el archivo puede volver a su "
+               "versión anterior al reiniciar";
     }
-    ::unlink(backupPath.c_str());
-    syncFolder(folder);
-    return std::nullopt;
+    // Undo it now; failing that, at the next start.
+    if (!copyInPlace(backupFd.get(), target.get(), st.st_size) || !journal.settle(backup->entry()))
+        leaveToNextStart();
+    return "no se pudo escribir en el archivo";
 }
 
 } // namespace trovan

@@ -6,18 +6,23 @@
 // and picture read back as set, the audio properties are the same, the audio itself is
 // intact), synced and renamed over the original, and the folder is synced. A file with
 // several hard links cannot be replaced by a rename without splitting its links: it is
-// rewritten in place, after a synced backup beside it that a later write restores if the
-// process died meanwhile.
+// rewritten in place, after a synced backup beside it. Every working file is recorded
+// in the write journal first, which is how the next start finds and settles what a
+// crash left behind.
 
 #include "media/TagLibFile.h"
 
+#include <atomic>
 #include <cstdint>
 #include <functional>
 #include <optional>
 #include <string>
 #include <string_view>
+#include <sys/types.h>
 
 namespace trovan {
+
+class WriteJournal;
 
 class SafeWrite {
 public:
@@ -25,7 +30,7 @@ public:
     using Edit = std::function<bool(TagLibFile&)>;
 
     // Our own working files: hidden (the indexer skips them) and named after the
-    // process that made them, so a later write can tell leftovers of a dead run.
+    // process that made them. Only the journal makes them ours, never the name.
     static constexpr std::string_view tempPrefix = ".trovan-tmp-";
     static constexpr std::string_view backupPrefix = ".trovan-bak-";
     static bool isWorkFileName(std::string_view fileName);
@@ -35,15 +40,24 @@ public:
     // Free space kept beyond the copy's own size.
     static constexpr std::uint64_t spaceMargin = 4u << 20;
 
-    // Applies `edit` to the file at `path` as described above. `growth` is how many
-    // bytes the edit may add (new values, a picture), for the free-space check.
-    // Returns none on success, otherwise why the file was left as it was.
+    struct Context {
+        // Where the working files are recorded; the data folder's when none.
+        WriteJournal* journal = nullptr;
+        // Set when the program is quitting: a write not yet committed is rolled back.
+        const std::atomic<bool>* stop = nullptr;
+    };
+
+    // Applies `edit` to the file at `path` as described above (through a symbolic link,
+    // to the file it leads to). `growth` is how many bytes the edit may add (new values,
+    // a picture), for the free-space check. Returns none on success, otherwise why the
+    // file was left as it was.
+    static std::optional<std::string> write(const std::string& path, const Edit& edit,
+                                            std::uint64_t growth, Context context);
     static std::optional<std::string> write(const std::string& path, const Edit& edit,
                                             std::uint64_t growth);
 
-    // Removes temporary files of runs that are gone from `folder`, and restores the
-    // originals from their backups (the in-place write may have stopped half-way).
-    static void cleanLeftovers(const std::string& folder);
+    // Makes `to` hold exactly the first `length` bytes of `from`, synced.
+    static bool copyInPlace(int from, int to, off_t length);
 };
 
 } // namespace trovan

@@ -7,7 +7,18 @@
 
 namespace trovan {
 
-TagEditor::TagEditor(std::shared_ptr<LibraryStore> store) : store_(std::move(store)) {}
+TagEditor::TagEditor(std::shared_ptr<LibraryStore> store, std::shared_ptr<WriteJournal> journal)
+    : store_(std::move(store)), journal_(std::move(journal)) {}
+
+bool TagEditor::stopAndWait(std::chrono::milliseconds timeout, std::size_t& written,
+                            std::size_t& total) {
+    stop_ = true;
+    std::unique_lock lock(progressMutex_);
+    const bool idle = idle_.wait_for(lock, timeout, [this] { return !busy_; });
+    written = written_;
+    total = total_;
+    return idle;
+}
 
 std::vector<PropertyMap> TagEditor::properties(const std::vector<std::string>& paths) {
     std::vector<PropertyMap> out;
@@ -63,21 +74,28 @@ TagWriteResult TagEditor::setPicture(const std::optional<Picture>& picture,
 TagWriteResult TagEditor::write(const std::vector<std::string>& paths, const SafeWrite::Edit& body,
                                 std::uint64_t growth) {
     std::lock_guard lock(writing_);
+    {
+        std::lock_guard progress(progressMutex_);
+        busy_ = true;
+        written_ = 0;
+        total_ = paths.size();
+    }
     TagWriteResult result;
-    std::set<std::string> cleaned;
+    const SafeWrite::Context context{journal_.get(), &stop_};
     for (const auto& path : paths) {
-        const auto slash = path.rfind('/');
-        const std::string folder = slash == std::string::npos ? "."
-                                   : slash == 0               ? "/"
-                                                              : path.substr(0, slash);
-        if (cleaned.insert(folder).second) SafeWrite::cleanLeftovers(folder);
-        if (SafeWrite::write(path, body, growth)) {
+        if (stop_) {
+            ++result.skipped;
+            continue;
+        }
+        if (SafeWrite::write(path, body, growth, context)) {
             result.failed.push_back(path);
         } else if (auto track = Track::read(path)) {
             result.updated.push_back(std::move(*track));
         } else {
             result.failed.push_back(path);
         }
+        std::lock_guard progress(progressMutex_);
+        written_ = result.updated.size();
     }
     if (store_ && !result.updated.empty()) {
         try {
@@ -86,6 +104,11 @@ TagWriteResult TagEditor::write(const std::vector<std::string>& paths, const Saf
             // The files are written; the next scan sees their new stamps and stores them.
         }
     }
+    {
+        std::lock_guard progress(progressMutex_);
+        busy_ = false;
+    }
+    idle_.notify_all();
     return result;
 }
 

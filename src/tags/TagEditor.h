@@ -8,7 +8,11 @@
 #include "media/TagLibFile.h"
 #include "tags/SafeWrite.h"
 #include "tags/TagPatch.h"
+#include "tags/WriteJournal.h"
 
+#include <atomic>
+#include <chrono>
+#include <condition_variable>
 #include <memory>
 #include <mutex>
 #include <optional>
@@ -24,12 +28,16 @@ class LibraryStore;
 struct TagWriteResult {
     std::vector<Track> updated;
     std::vector<std::string> failed;
+    // Files not started because the program was quitting.
+    std::size_t skipped = 0;
 };
 
 class TagEditor {
 public:
-    // Without a store the records are re-read but kept nowhere.
-    explicit TagEditor(std::shared_ptr<LibraryStore> store);
+    // Without a store the records are re-read but kept nowhere. Working files are
+    // recorded in `journal`, the data folder's when none.
+    explicit TagEditor(std::shared_ptr<LibraryStore> store,
+                       std::shared_ptr<WriteJournal> journal = nullptr);
 
     // One map per path, in order; a file that cannot be opened gives an empty map.
     static std::vector<PropertyMap> properties(const std::vector<std::string>& paths);
@@ -46,6 +54,11 @@ public:
     TagWriteResult setPicture(const std::optional<Picture>& picture,
                               const std::vector<std::string>& paths);
 
+    // For quitting, from any thread: the file in hand finishes or rolls back, no other
+    // is started. True once no batch runs, false if `timeout` passed first; `written`
+    // and `total` tell how far the last batch got.
+    bool stopAndWait(std::chrono::milliseconds timeout, std::size_t& written, std::size_t& total);
+
 private:
     TagWriteResult write(const std::vector<std::string>& paths, const SafeWrite::Edit& body,
                          std::uint64_t growth);
@@ -54,6 +67,12 @@ private:
     // One batch at a time: a second one started meanwhile waits instead of racing the
     // first over the same files.
     std::mutex writing_;
+    std::shared_ptr<WriteJournal> journal_;
+    std::atomic<bool> stop_{false};
+    std::mutex progressMutex_;
+    std::condition_variable idle_;
+    bool busy_ = false;
+    std::size_t written_ = 0, total_ = 0;
 };
 
 } // namespace trovan

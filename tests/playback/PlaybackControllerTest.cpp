@@ -301,5 +301,50 @@ TEST_F(PlaybackControllerTest, JoinsFollowTheQueueAndBadNextTracksNeverStopTheSt
     EXPECT_TRUE(controller.state().isPlaying);
 }
 
+// A batch of tag writes over the playing file. One replaced by a rename plays on; one
+// with a second name is let go and taken up where it was, as the user left it: paused,
+// moved, or not at all when another track was started meanwhile.
+TEST_F(PlaybackControllerTest, AWriteHoldsOnlyAHardLinkedPlayingTrackAndTheUserWins) {
+    const std::string linked = (dir.path() / "enlazada.flac").string();
+    std::filesystem::copy_file(good[0], linked);
+    std::filesystem::create_hard_link(linked, dir.path() / "otro-nombre.flac");
+    add(linked, "Enlazada");
+    controller.play({good[1], linked, good[2]}, 0);
+    settle();
+    advance(1.0);
+    controller.beginFileWrite({good[1], linked});
+    EXPECT_FALSE(controller.waitingForWrite());
+    EXPECT_TRUE(engine().isPlaying());
+    controller.endFileWrite();
+
+    controller.next();
+    settle();
+    advance(1.5);
+    controller.beginFileWrite({good[1], linked});
+    ASSERT_TRUE(controller.waitingForWrite());
+    EXPECT_FALSE(engine().hasFile());
+    EXPECT_NEAR(controller.position(), 1.5, 0.05);
+    EXPECT_TRUE(controller.state().isPlaying);
+    controller.togglePlay();
+    controller.seek(2.5);
+    EXPECT_FALSE(controller.state().isPlaying);
+    controller.endFileWrite();
+    settle();
+    EXPECT_EQ(current(), linked);
+    EXPECT_FALSE(engine().isPlaying());
+    EXPECT_NEAR(engine().currentTime(), 2.5, 0.05);
+    controller.resume();
+    EXPECT_TRUE(engine().isPlaying());
+
+    controller.beginFileWrite({linked});
+    ASSERT_TRUE(controller.waitingForWrite());
+    controller.next();
+    settle();
+    controller.endFileWrite();
+    EXPECT_FALSE(controller.loading());
+    EXPECT_EQ(current(), good[2]);
+    EXPECT_TRUE(engine().isPlaying());
+}
+
 } // namespace
 } // namespace trovan

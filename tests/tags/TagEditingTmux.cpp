@@ -1,8 +1,14 @@
 // Tag editing in the real program on a real terminal: typing into the form, the tag
-// document in vi, the lyrics through an editor script, and an editor that does not exist.
+// document in vi, the lyrics through an editor script, and an editor that does not exist;
+// and playback heard through PulseAudio while the playing album is written.
 
+#include "TagFiles.h"
 #include "app/TmuxSession.h"
+#include "media/TagLibFile.h"
+#include "playback/PulseHarness.h"
+#include "support/SessionBus.h"
 #include "tags/TagEditor.h"
+#include "tags/WriteJournal.h"
 
 using namespace trovan;
 using namespace trovan::e2e;
@@ -98,4 +104,134 @@ TEST(TagEditingTmux, FormTagDocumentLyricsAndAMissingEditor) {
                           .output);
     s.quit();
     ::unsetenv("EDITOR");
+}
+
+// The playing album rewritten three times (every file replaced by a rename): the first
+// batch is heard without a gap; `n` pressed during the second and a pause during the
+// third still stand when each batch ends, on the screen and on the session bus alike.
+TEST(TagEditingTmux, PlaybackFollowsTheUserWhileThePlayingAlbumIsWritten) {
+    if (!haveTmux() || !trovan::testing::canRunPulse() || !fixtures::SessionBus::available() ||
+        !fixtures::onPath("playerctl"))
+        GTEST_SKIP() << "tmux, ffmpeg, pulseaudio, dbus-daemon or playerctl missing";
+    Session s;
+    fixtures::SessionBus bus;
+    s.busAddress = bus.address();
+    trovan::testing::PulseServer pulse(s.dir() / "pulse");
+    ASSERT_GT(pulse.pid, 0) << "pulseaudio did not start";
+    // The tmux server, and so the program, takes the sound server from here.
+    ::setenv("PULSE_SERVER", ("unix:" + (s.dir() / "pulse" / "pulse" / "native").string()).c_str(),
+             1);
+    ::setenv("DBUS_SESSION_BUS_ADDRESS", bus.address().c_str(), 1);
+    auto playerctl = [](const std::string& what) {
+        return trim(fixtures::runProcess({"playerctl", "-p", "trovan", "metadata", what}).output);
+    };
+    auto status = [] {
+        return trim(fixtures::runProcess({"playerctl", "-p", "trovan", "status"}).output);
+    };
+
+    const fs::path music = s.dir() / "musica";
+    fs::create_directories(music);
+    fixtures::Tone tone;
+    tone.seconds = 30;
+    tone.tags = {{"ARTIST", {"Alfa"}}, {"ALBUM", {"Veinte"}}};
+    const fs::path source = fixtures::cached("e2e-veinte.flac", tone);
+    for (int i = 1; i <= 20; ++i) {
+        char name[16];
+        std::snprintf(name, sizeof name, "%02d", i);
+        const fs::path file = fixtures::copyTo(source, music, std::string(name) + ".flac");
+        auto tags = TagLibFile::open(file.string());
+        ASSERT_TRUE(tags);
+        tags->set("TITLE", {std::string("Pista ") + name});
+        tags->set("TRACKNUMBER", {std::to_string(i)});
+        ASSERT_TRUE(tags->save());
+    }
+    s.start({music.string()});
+    ASSERT_TRUE(s.waitFor("20 canciones")) << s.screen();
+    s.keys("Enter");
+    s.keys("Down");
+    s.keys("Enter");
+    ASSERT_TRUE(s.waitFor(" 0:01 ━")) << s.screen();
+    ASSERT_TRUE(waitUntil([&] { return playerctl("xesam:title") == "Pista 01"; })) << s.screen();
+
+    // Back on the album row, the form: the genre typed, saved for the 20 files.
+    auto saveAlbum = [&](const std::string& genre) {
+        s.keys("Up");
+        s.keys("e");
+        ASSERT_TRUE(s.waitFor("Artista del álbum")) << s.screen();
+        s.keys("Down Down Down Down Down Down Down");
+        s.text(genre);
+        s.keys("Enter");
+    };
+    auto saved = [&] {
+        const bool shown = s.waitFor("Tags guardados en 20 pistas");
+        // The next batch must not be taken for this one.
+        s.waitGone("Tags guardados");
+        return shown;
+    };
+
+    {
+        trovan::testing::SinkRecorder recorder(20);
+        std::this_thread::sleep_for(300ms);
+        saveAlbum("Jazz");
+        ASSERT_TRUE(s.waitFor("Tags guardados en 20 pistas")) << s.screen();
+        std::this_thread::sleep_for(300ms);
+        const auto heard = recorder.take().left;
+        ASSERT_GT(heard.size(), trovan::testing::sinkRate); // more than a second
+        // A sine never holds zero. Letting the track go for the batch, as a write in place
+        // must, silences it for the whole batch; an ASan build on a loaded machine may
+        // drop a few milliseconds while the library reloads, which is not what is sought.
+        int silent = 0, longest = 0;
+        for (float x : heard) {
+            silent = std::fabs(x) < 1e-6f ? silent + 1 : 0;
+            longest = std::max(longest, silent);
+        }
+        EXPECT_LT(longest, int(trovan::testing::sinkRate / 10))
+            << "a gap of " << longest << " samples while the files were written";
+        EXPECT_GT(trovan::testing::measure(heard.data(), heard.size()).levelDb, -30);
+    }
+    s.waitGone("Tags guardados");
+    EXPECT_EQ(playerctl("xesam:title"), "Pista 01");
+
+    saveAlbum("Rock");
+    s.keys("n");
+    ASSERT_TRUE(saved()) << s.screen();
+    EXPECT_TRUE(waitUntil([&] { return playerctl("xesam:title") == "Pista 02"; }, 5s))
+        << playerctl("xesam:title");
+    EXPECT_EQ(status(), "Playing");
+    std::string player; // the bottom of the screen, below the lists
+    for (int y = 35; y < 40; ++y)
+        player += s.line(y) + "\n";
+    EXPECT_NE(player.find("Pista 02"), npos) << player;
+    EXPECT_EQ(player.find("Pista 01"), npos) << player;
+    std::this_thread::sleep_for(1500ms);
+    EXPECT_EQ(playerctl("xesam:title"), "Pista 02") << "the old track came back";
+
+    saveAlbum("Pop");
+    s.keys("Space");
+    ASSERT_TRUE(saved()) << s.screen();
+    EXPECT_EQ(status(), "Paused");
+    EXPECT_EQ(s.line(38).find("❚❚"), npos) << s.line(38);
+    EXPECT_EQ(playerctl("xesam:title"), "Pista 02");
+
+    // Quitting in the middle of a batch: each file is the old or the new version, the
+    // journal is closed and nothing of ours is left beside the music.
+    saveAlbum("Folk");
+    s.text("q");
+    s.expectCleanExit();
+    int written = 0;
+    for (int i = 1; i <= 20; ++i) {
+        char name[16];
+        std::snprintf(name, sizeof name, "%02d.flac", i);
+        const std::string genre = value(music / name, "GENRE");
+        EXPECT_TRUE(genre == "JazzRockPop" || genre == "JazzRockPopFolk") << name << " " << genre;
+        written += genre == "JazzRockPopFolk";
+    }
+    // Cut short, the shell is told how far it got.
+    if (written < 20) {
+        EXPECT_TRUE(s.outputHas("Se guardaron " + std::to_string(written) + " de 20 archivos"))
+            << written;
+    }
+    EXPECT_TRUE(tagfiles::workFiles(music).empty());
+    EXPECT_EQ(WriteJournal(s.home() / "escrituras.diario").openEntries(), 0u);
+    ::unsetenv("PULSE_SERVER");
 }

@@ -133,33 +133,6 @@ TEST(TagEditor, FilesThatCannotBeWrittenAreCountedAndLeftByteIdentical) {
     EXPECT_TRUE(workFiles(music).empty());
 }
 
-TEST(TagEditor, LeftoversOfADeadRunAreCleanedAndABackupRestoresItsOriginal) {
-    if (!fx::available()) GTEST_SKIP() << "ffmpeg is not installed";
-    fx::TempDir dir;
-    const fs::path song = copyOf(fx::Format::flac, dir.path(), "cancion");
-    const fs::path next = copyOf(fx::Format::flac, dir.path(), "siguiente");
-    const std::string good = bytesOf(song);
-    // A process that is gone for sure: a child that has exited and been waited for.
-    pid_t dead = ::fork();
-    if (dead == 0) ::_exit(0);
-    ::waitpid(dead, nullptr, 0);
-    const std::string pid = std::to_string(dead);
-    // It died copying one file, and in the middle of rewriting a hard-linked one in place.
-    std::ofstream(dir / (".trovan-tmp-" + pid + "-0123456789abcdef.flac")) << "medio archivo";
-    fs::copy_file(song, dir / (".trovan-bak-" + pid + "-cancion.flac"));
-    fs::resize_file(song, good.size() / 2);
-    // Ours, but of another process that is still running: left alone.
-    const fs::path alive = dir / (".trovan-tmp-1-fedcba9876543210.flac");
-    std::ofstream(alive) << "en uso";
-
-    TagEditor editor(nullptr);
-    TagPatch patch;
-    patch.changes["TITLE"] = {"Otra"};
-    ASSERT_TRUE(editor.apply(patch, {next.string()}).failed.empty());
-    EXPECT_EQ(bytesOf(song), good);
-    EXPECT_EQ(workFiles(dir.path()), std::vector<std::string>{alive.filename().string()});
-}
-
 TEST(TagEditor, NearlyFullFileSystemRefusesTheWriteAndKeepsTheOriginal) {
     if (!fx::available()) GTEST_SKIP() << "ffmpeg is not installed";
     fx::TempDir dir;
