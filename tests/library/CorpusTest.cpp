@@ -20,7 +20,7 @@ TEST(Corpus, ReadAndScanWithoutCrashing) {
     if (!fx::available()) GTEST_SKIP() << "ffmpeg missing";
     fx::TempDir dir;
     auto copy = dir / "corpus";
-    fs::copy(corpus, copy, fs::copy_options::recursive);
+    fx::copyTree(corpus, copy);
 
     std::vector<fs::path> files;
     int64_t audio = 0;

@@ -17,6 +17,7 @@
 #include <taglib/wavfile.h>
 #include <taglib/xiphcomment.h>
 
+#include <algorithm>
 #include <cstdlib>
 #include <fstream>
 #include <mutex>
@@ -342,6 +343,24 @@ fs::path copyTo(const fs::path& file, const fs::path& dir, const std::string& ne
     auto out = dir / (newName.empty() ? file.filename() : fs::path(newName));
     fs::copy_file(file, out, fs::copy_options::overwrite_existing);
     return out;
+}
+
+std::vector<std::string> copyTree(const fs::path& from, const fs::path& to) {
+    std::vector<std::string> paths;
+    fs::create_directories(to);
+    for (const auto& e : fs::recursive_directory_iterator(from)) {
+        const auto target = to / fs::relative(e.path(), from);
+        if (e.is_directory()) {
+            fs::create_directories(target);
+        } else if (e.is_regular_file()) {
+            fs::copy_file(e.path(), target);
+            fs::permissions(target, fs::perms::owner_read | fs::perms::owner_write,
+                            fs::perm_options::add);
+            paths.push_back(target.string());
+        }
+    }
+    std::sort(paths.begin(), paths.end());
+    return paths;
 }
 
 std::vector<StoredPicture> storedPictures(const fs::path& p) {

@@ -73,6 +73,10 @@ const std::filesystem::path& sharedDir();
 std::filesystem::path cached(const std::string& fileName, const Tone& tone);
 std::filesystem::path copyTo(const std::filesystem::path& file, const std::filesystem::path& dir,
                              const std::string& newName = {});
+// A writable copy of a folder that may be read-only (the shared corpus is), whoever runs
+// the tests; returns the copied files, sorted.
+std::vector<std::string> copyTree(const std::filesystem::path& from,
+                                  const std::filesystem::path& to);
 
 // An embedded picture as stored, read back with TagLib's per-format APIs.
 struct StoredPicture {

@@ -26,15 +26,7 @@ const fs::path kCorpus = fs::path(TROVAN_SOURCE_DIR) / ".." / "shared" / "corpus
 
 // The files of a fresh writable copy of the corpus.
 std::vector<std::string> copyCorpus(const fs::path& into) {
-    fs::copy(kCorpus, into, fs::copy_options::recursive);
-    std::vector<std::string> paths;
-    for (const auto& e : fs::recursive_directory_iterator(into))
-        if (e.is_regular_file()) {
-            fs::permissions(e.path(), fs::perms::owner_write, fs::perm_options::add);
-            paths.push_back(e.path().string());
-        }
-    std::sort(paths.begin(), paths.end());
-    return paths;
+    return fx::copyTree(kCorpus, into);
 }
 } // namespace
 
