@@ -226,9 +226,14 @@ InputDecoder::Step InputDecoder::decodeOne(std::size_t p) {
         }
         if (available >= 2 && pending[p + 1] == '[') return decodeCSI(p);
         // A kitty graphics reply that came after the start-up probe stopped waiting.
+        // The decision looks at the first kLongestReply bytes only, and waits for the
+        // third byte, so it does not depend on how the reply was split into reads.
+        if (available == 2 && pending[p + 1] == '_') return Step{Outcome::incomplete};
         if (available >= 3 && pending[p + 1] == '_' && pending[p + 2] == 'G') {
-            const std::size_t st = pending.find("\x1b\\", p + 3);
-            if (st != std::string::npos) return Step{Outcome::none, st + 2 - p};
+            const std::string_view window =
+                std::string_view(pending).substr(p, std::min(available, kLongestReply));
+            const std::size_t st = window.find("\x1b\\", 3);
+            if (st != std::string_view::npos) return Step{Outcome::none, st + 2};
             if (available < kLongestReply) return Step{Outcome::incomplete};
         }
         return key(Kind::escape, 1);
