@@ -1,6 +1,7 @@
 #include "tags/SafeWrite.h"
 
 #include "media/AudioDecoder.h"
+#include "tags/Fd.h"
 #include "tags/WriteJournal.h"
 #include "tags/WriteSeam.h"
 
@@ -28,31 +29,6 @@ namespace trovan {
 
 namespace {
 
-// A file descriptor closed on every path out.
-class Fd {
-public:
-    explicit Fd(int fd = -1) : fd_(fd) {}
-    ~Fd() {
-        if (fd_ >= 0) ::close(fd_);
-    }
-    Fd(const Fd&) = delete;
-    Fd& operator=(const Fd&) = delete;
-    int get() const { return fd_; }
-    explicit operator bool() const { return fd_ >= 0; }
-    void reset(int fd) {
-        if (fd_ >= 0) ::close(fd_);
-        fd_ = fd;
-    }
-    // Closes now and reports whether the close succeeded (NFS reports write errors here).
-    bool close() {
-        const int fd = fd_;
-        fd_ = -1;
-        return fd < 0 || ::close(fd) == 0;
-    }
-
-private:
-    int fd_;
-};
 
 std::string folderOf(const std::string& path) {
     auto slash = path.rfind('/');

@@ -1,6 +1,7 @@
 #include "tags/WriteJournal.h"
 
 #include "library/AppPaths.h"
+#include "tags/Fd.h"
 #include "tags/SafeWrite.h"
 #include "tags/WriteSeam.h"
 
@@ -19,20 +20,6 @@ namespace trovan {
 
 namespace {
 
-class Fd {
-public:
-    explicit Fd(int fd = -1) : fd_(fd) {}
-    ~Fd() {
-        if (fd_ >= 0) ::close(fd_);
-    }
-    Fd(const Fd&) = delete;
-    Fd& operator=(const Fd&) = delete;
-    int get() const { return fd_; }
-    explicit operator bool() const { return fd_ >= 0; }
-
-private:
-    int fd_;
-};
 
 std::uint32_t crc32(std::string_view bytes) {
     std::uint32_t crc = 0xffffffffu;
