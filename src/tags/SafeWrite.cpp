@@ -29,7 +29,6 @@ namespace trovan {
 
 namespace {
 
-
 std::string folderOf(const std::string& path) {
     auto slash = path.rfind('/');
     if (slash == std::string::npos) return ".";
@@ -118,15 +117,18 @@ bool copyContents(int from, int to, off_t length) {
     return true;
 }
 
-// True when the ranges hold the same bytes.
+// True when the ranges hold the same bytes. The buffers stay with the thread: fresh
+// megabytes for every file cost more in page faults and zeroing than the reads do.
 bool sameBytes(int a, off_t aStart, int b, off_t bStart, off_t length) {
-    std::vector<char> x(1 << 20), y(1 << 20);
+    constexpr std::size_t chunkSize = 256 * 1024;
+    thread_local const std::unique_ptr<char[]> x(new char[chunkSize]), y(new char[chunkSize]);
     off_t done = 0;
     while (done < length) {
-        const auto chunk = static_cast<std::size_t>(std::min<off_t>(length - done, 1 << 20));
-        if (!readFully(a, x.data(), chunk, aStart + done) ||
-            !readFully(b, y.data(), chunk, bStart + done) ||
-            std::memcmp(x.data(), y.data(), chunk) != 0)
+        const auto chunk =
+            static_cast<std::size_t>(std::min<off_t>(length - done, off_t(chunkSize)));
+        if (!readFully(a, x.get(), chunk, aStart + done) ||
+            !readFully(b, y.get(), chunk, bStart + done) ||
+            std::memcmp(x.get(), y.get(), chunk) != 0)
             return false;
         done += static_cast<off_t>(chunk);
     }

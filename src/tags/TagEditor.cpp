@@ -3,7 +3,10 @@
 #include "library/LibraryStore.h"
 
 #include <algorithm>
+#include <map>
 #include <set>
+#include <sys/stat.h>
+#include <thread>
 
 namespace trovan {
 
@@ -80,22 +83,55 @@ TagWriteResult TagEditor::write(const std::vector<std::string>& paths, const Saf
         written_ = 0;
         total_ = paths.size();
     }
-    TagWriteResult result;
+    // Paths that name one file (hard links, links, a path given twice) form one unit,
+    // written in order by one thread: two writers never hold the same file.
+    std::vector<std::vector<std::size_t>> units;
+    {
+        std::map<std::pair<dev_t, ino_t>, std::size_t> unitOf;
+        for (std::size_t i = 0; i < paths.size(); ++i) {
+            struct stat st {};
+            if (::stat(paths[i].c_str(), &st) == 0) {
+                auto [at, fresh] = unitOf.try_emplace({st.st_dev, st.st_ino}, units.size());
+                if (!fresh) {
+                    units[at->second].push_back(i);
+                    continue;
+                }
+            }
+            units.push_back({i});
+        }
+    }
+    // Two files in hand at once: while one waits for the disk to sync, the other is
+    // copied and checked.
+    enum class Outcome : char { skipped, failed, written };
+    std::vector<Outcome> outcomes(paths.size(), Outcome::skipped);
+    std::vector<std::optional<Track>> tracks(paths.size());
+    std::atomic<std::size_t> nextUnit{0};
     const SafeWrite::Context context{journal_.get(), &stop_};
-    for (const auto& path : paths) {
-        if (stop_) {
+    auto work = [&] {
+        for (std::size_t u; (u = nextUnit++) < units.size();)
+            for (std::size_t i : units[u]) {
+                if (stop_) break;
+                if (!SafeWrite::write(paths[i], body, growth, context))
+                    tracks[i] = Track::read(paths[i]);
+                outcomes[i] = tracks[i] ? Outcome::written : Outcome::failed;
+                std::lock_guard progress(progressMutex_);
+                if (tracks[i]) ++written_;
+            }
+    };
+    {
+        std::vector<std::jthread> helpers;
+        for (std::size_t n = 1; n < std::min<std::size_t>(units.size(), workers_); ++n)
+            helpers.emplace_back(work);
+        work();
+    }
+    TagWriteResult result;
+    for (std::size_t i = 0; i < paths.size(); ++i) {
+        if (outcomes[i] == Outcome::written)
+            result.updated.push_back(std::move(*tracks[i]));
+        else if (outcomes[i] == Outcome::failed)
+            result.failed.push_back(paths[i]);
+        else
             ++result.skipped;
-            continue;
-        }
-        if (SafeWrite::write(path, body, growth, context)) {
-            result.failed.push_back(path);
-        } else if (auto track = Track::read(path)) {
-            result.updated.push_back(std::move(*track));
-        } else {
-            result.failed.push_back(path);
-        }
-        std::lock_guard progress(progressMutex_);
-        written_ = result.updated.size();
     }
     if (store_ && !result.updated.empty()) {
         try {

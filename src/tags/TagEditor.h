@@ -10,6 +10,7 @@
 #include "tags/TagPatch.h"
 #include "tags/WriteJournal.h"
 
+#include <algorithm>
 #include <atomic>
 #include <chrono>
 #include <condition_variable>
@@ -38,6 +39,10 @@ public:
     // recorded in `journal`, the data folder's when none.
     explicit TagEditor(std::shared_ptr<LibraryStore> store,
                        std::shared_ptr<WriteJournal> journal = nullptr);
+
+    // How many files of a batch are written at once (2 by default). With 1 the system
+    // calls of a batch come in the same order every time.
+    void setWorkers(std::size_t workers) { workers_ = std::max<std::size_t>(1, workers); }
 
     // One map per path, in order; a file that cannot be opened gives an empty map.
     static std::vector<PropertyMap> properties(const std::vector<std::string>& paths);
@@ -73,6 +78,7 @@ private:
     std::condition_variable idle_;
     bool busy_ = false;
     std::size_t written_ = 0, total_ = 0;
+    std::size_t workers_ = 2;
 };
 
 } // namespace trovan
