@@ -39,9 +39,11 @@ done
 # size in $cw × $ch.
 run() {
   local mode=$1 home="$work/home-$1"
+  # A UTF-8 terminal, as every user has one: without a locale xterm would show the
+  # block characters as Latin-1.
   mkdir -p "$home"
   echo "{\"coverMode\": \"$mode\"}" >"$home/config.json"
-  COLORTERM=truecolor TROVAN_HOME="$home" xterm -ti vt340 -fa "DejaVu Sans Mono" -fs 9 \
+  LC_ALL=C.UTF-8 COLORTERM=truecolor TROVAN_HOME="$home" xterm -ti vt340 -fa "DejaVu Sans Mono" -fs 9 \
     -b 0 -bw 0 -geometry 100x40+0+0 \
     -e "$binary" "$work/music" 2>>"$work/xterm.log" &
   local xterm=$!
@@ -80,21 +82,13 @@ run auto
 run bloques
 
 # The player's cover (10 × 5 cells from column 2, row 35 of 40) against its picture
-# scaled to fill those cells. The cell size comes from the window's, which may hold a
-# few pixels more than 100 × 40 cells: the best of the crops up to 2 pixels off counts
-# (a cover one cell off, or not drawn, stays far below).
+# scaled to fill those cells.
 w=$((10 * cw)) h=$((5 * ch))
+convert "$work/auto-playing.png" -crop "${w}x${h}+$((2 * cw))+$((35 * ch))" +repage \
+  "$work/cover-shown.png"
 convert "$work/cover.png" -resize "${w}x${h}^" -gravity center -extent "${w}x${h}" \
   "$work/cover-expected.png"
-ncc=0
-for dy in -2 -1 0 1 2; do
-  for dx in -2 -1 0 1 2; do
-    convert "$work/auto-playing.png" -crop "${w}x${h}+$((2 * cw + dx))+$((35 * ch + dy))" \
-      +repage "$work/cover-shown.png"
-    v=$(compare -metric NCC "$work/cover-shown.png" "$work/cover-expected.png" null: 2>&1 || true)
-    ncc=$(awk -v a="$ncc" -v b="$v" 'BEGIN { print (b + 0 > a + 0) ? b : a }')
-  done
-done
+ncc=$(compare -metric NCC "$work/cover-shown.png" "$work/cover-expected.png" null: 2>&1 || true)
 echo "correlación de la carátula: $ncc"
 awk -v v="$ncc" 'BEGIN { exit !(v >= 0.9) }' || { echo "la carátula no se parece a su imagen"; exit 1; }
 
