@@ -102,6 +102,7 @@ void PlaybackController::changed() {
 void PlaybackController::play(std::vector<std::string> paths, int startAt) {
     queue_.replace(std::move(paths), startAt, rng_);
     start(queue_.currentPath(), queue_.paths.size());
+    if (onQueueChange) onQueueChange();
 }
 
 void PlaybackController::start(std::optional<std::string> path, std::size_t attemptsLeft) {
@@ -181,6 +182,13 @@ void PlaybackController::resume() {
         return;
     }
     if (loading_) playWhenLoaded_ = true;
+    if (!state_.track && !loading_ && !queue_.order.empty()) {
+        // Tracks were queued with nothing playing: play from the current one, or the first.
+        if (!queue_.position) queue_.position = 0;
+        start(queue_.currentPath(), queue_.paths.size());
+        if (onQueueChange) onQueueChange();
+        return;
+    }
     if (!state_.track || loading_) return;
     if (engine_->isPlaying()) {
         if (!state_.isPlaying) {
@@ -324,9 +332,65 @@ void PlaybackController::endFileWrite() {
     state_.isPlaying = false;
 }
 
+void PlaybackController::queueChanged() {
+    if (engine_->hasFile() && !loading_) prepareFollowing();
+    if (onQueueChange) onQueueChange();
+}
+
+void PlaybackController::enqueue(const std::vector<std::string>& paths, bool next) {
+    if (paths.empty()) return;
+    const std::size_t at =
+        next ? (queue_.position ? static_cast<std::size_t>(*queue_.position) + 1 : 0)
+             : queue_.order.size();
+    queue_.insert(at, paths);
+    queueChanged();
+}
+
+void PlaybackController::playAt(std::size_t at) {
+    if (at >= queue_.order.size()) return;
+    queue_.position = static_cast<int>(at);
+    start(queue_.currentPath(), queue_.paths.size());
+    if (onQueueChange) onQueueChange();
+}
+
+bool PlaybackController::removeAt(std::size_t at) {
+    if (queue_.position && static_cast<std::size_t>(*queue_.position) == at) return false;
+    if (!queue_.remove(at)) return false;
+    queueChanged();
+    return true;
+}
+
+bool PlaybackController::moveAt(std::size_t at, int delta) {
+    if (!queue_.move(at, delta)) return false;
+    queueChanged();
+    return true;
+}
+
+std::size_t PlaybackController::clearUpcoming() {
+    const std::size_t gone = queue_.clearAfterCurrent();
+    if (gone > 0) queueChanged();
+    return gone;
+}
+
+void PlaybackController::restore(PlaybackQueue saved, double seconds) {
+    saved.repeatMode = queue_.repeatMode;
+    // A play order kept from a shuffled run is only used while shuffle is still on;
+    // otherwise the user's order comes back with the same entry current.
+    saved.shuffle = true;
+    if (!queue_.shuffle) saved.setShuffle(false, rng_);
+    queue_ = std::move(saved);
+    if (auto path = queue_.currentPath()) {
+        start(path, queue_.paths.size());
+        startAt_ = std::max(0.0, seconds);
+        playWhenLoaded_ = false;
+    }
+    if (onQueueChange) onQueueChange();
+}
+
 void PlaybackController::setShuffle(bool on) {
     queue_.setShuffle(on, rng_);
     if (engine_->hasFile()) prepareFollowing();
+    if (onQueueChange) onQueueChange();
 }
 
 void PlaybackController::setRepeatMode(RepeatMode mode) {

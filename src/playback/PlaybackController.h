@@ -10,8 +10,8 @@
 #include <optional>
 #include <random>
 #include <string>
-#include <unordered_map>
 #include <sys/stat.h>
+#include <unordered_map>
 #include <vector>
 
 namespace trovan {
@@ -70,6 +70,20 @@ public:
     void endFileWrite();
     bool waitingForWrite() const { return held_.has_value(); }
 
+    // --- The queue, edited by place in play order. Each edit names the new following
+    // track to the engine, so the join stays gapless, and calls onQueueChange.
+    std::function<void()> onQueueChange;
+    // Adds `paths` at the end, or right after the current track when `next`.
+    void enqueue(const std::vector<std::string>& paths, bool next);
+    // Plays the entry at `at`.
+    void playAt(std::size_t at);
+    // The current track cannot be removed (it plays on): false, as for a bad place.
+    bool removeAt(std::size_t at);
+    bool moveAt(std::size_t at, int delta);
+    std::size_t clearUpcoming();
+    // A queue kept from an earlier run: loaded paused at `seconds` into the current entry.
+    void restore(PlaybackQueue saved, double seconds);
+
     void setShuffle(bool on);
     void setRepeatMode(RepeatMode mode);
     // Output gain: the stored volume clamped to 0…1, or silence while muted.
@@ -86,6 +100,7 @@ private:
     void prepare();
     void joined(const std::string& path);
     void nextFailed(const std::string& path);
+    void queueChanged();
 
     // The track let go for a write: where it was, and whether it should play.
     struct Held {
