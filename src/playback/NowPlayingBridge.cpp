@@ -351,7 +351,8 @@ void NowPlayingBridge::updateQueue(const PlaybackQueue& queue) {
     impl_->trackPaths.clear();
     impl_->trackPlaces.clear();
     for (int i = from; i < to; ++i) {
-        const std::string& path = *queue.pathAt(i);
+        const std::string& path =
+            queue.paths[static_cast<std::size_t>(queue.order[static_cast<std::size_t>(i)])];
         std::string id = trackId(path);
         if (std::find(impl_->trackList.begin(), impl_->trackList.end(), id) !=
             impl_->trackList.end())
