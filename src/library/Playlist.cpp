@@ -172,19 +172,24 @@ Playlist::Resolved Playlist::resolve(std::string_view entry, const fs::path& fol
         return r;
     }
     if (windowsRooted) {
+        // Beside the list, or one or two folders up (lists often sit in a folder of
+        // their own next to the music), the longest tail of the path that is there.
         std::vector<fs::path> parts;
         for (const auto& part : given.relative_path())
             if (!part.empty()) parts.push_back(part);
-        for (std::size_t from = 0; from < parts.size(); ++from) {
-            fs::path candidate = folder;
-            for (std::size_t i = from; i < parts.size(); ++i)
-                candidate /= parts[i];
-            candidate = candidate.lexically_normal();
-            if (exists(candidate.string())) {
-                r.kind = Resolved::Kind::found;
-                r.path = candidate.string();
-                return r;
+        fs::path base = folder;
+        for (int up = 0; up < 3 && !base.empty(); ++up, base = base.parent_path()) {
+            for (std::size_t from = 0; from < parts.size(); ++from) {
+                fs::path candidate = base;
+                for (std::size_t i = from; i < parts.size(); ++i)
+                    candidate /= parts[i];
+                if (exists(candidate.string())) {
+                    r.kind = Resolved::Kind::found;
+                    r.path = candidate.lexically_normal().string();
+                    return r;
+                }
             }
+            if (base == base.root_path()) break;
         }
     }
     r.kind = Resolved::Kind::missing;

@@ -41,13 +41,11 @@ std::string QueueFile::encode(const SavedQueue& queue) {
     json folders = json::array(), entries = json::array();
     std::unordered_map<std::string_view, int> folderIds;
     for (const auto& path : queue.paths) {
+        // The folder keeps its slash: the path is the two joined, whatever it was.
         const auto slash = path.rfind('/');
-        const std::string_view folder = slash == std::string::npos
-                                            ? std::string_view()
-                                            : std::string_view(path).substr(0, slash);
-        const std::string_view file = slash == std::string::npos
-                                          ? std::string_view(path)
-                                          : std::string_view(path).substr(slash + 1);
+        const std::size_t cut = slash == std::string::npos ? 0 : slash + 1;
+        const std::string_view folder = std::string_view(path).substr(0, cut);
+        const std::string_view file = std::string_view(path).substr(cut);
         auto [it, added] = folderIds.emplace(folder, static_cast<int>(folderIds.size()));
         if (added) folders.push_back(name(folder));
         entries.push_back(json::array({it->second, name(file)}));
@@ -90,7 +88,7 @@ QueueFile::Decoded QueueFile::decode(std::string_view bytes) {
                 auto file = name(entry[1]);
                 if (f >= 0 && static_cast<std::size_t>(f) < folders.size() && folders[f] && file &&
                     !file->empty())
-                    path = *folders[f] + "/" + *file;
+                    path = *folders[f] + *file;
             }
             newIndex.push_back(path ? static_cast<int>(d.queue.paths.size()) : -1);
             if (path)
