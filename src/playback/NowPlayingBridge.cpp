@@ -197,7 +197,7 @@ struct NowPlayingBridge::Impl final : NowPlayingRemote {
         std::size_t i = 0;
         while (i < before.size() && i < after.size() && before[i] == after[i])
             ++i;
-        if (after.size() > before.size() && after.size() - before.size() <= 20) {
+        if (!before.empty() && after.size() > before.size() && after.size() - before.size() <= 20) {
             const std::size_t k = after.size() - before.size();
             if (std::equal(before.begin() + static_cast<std::ptrdiff_t>(i), before.end(),
                            after.begin() + static_cast<std::ptrdiff_t>(i + k))) {

@@ -187,7 +187,7 @@ const std::vector<HelpLine>& KeyBindings::helpLines() {
         for (const auto& [keys, desc] : lyrics)
             out.push_back({HelpLine::Kind::entry, keys, desc});
         out.push_back({});
-        out.push_back({HelpLine::Kind::header, "EN LA COLA (c)", {}});
+        out.push_back({HelpLine::Kind::header, "EN LA COLA", {}});
         const std::pair<const char*, const char*> queue[] = {
             {"↑ ↓  Enter", "Elegir · reproducir desde ahí"},
             {"J K", "Bajar / subir (o Shift+↓ ↑)"},

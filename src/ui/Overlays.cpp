@@ -220,7 +220,7 @@ void Overlays::drawQueue(const AppState& state, double elapsed, ScreenBuffer& bu
         heading += " · quedan " + PlayerView::format(left);
     }
     frame(box.x, box.y, box.width, box.height, heading,
-          "Enter reproducir · J/K mover · d quitar · C vaciar · Esc cerrar", buffer);
+          "J/K mover · d quitar · C vaciar · Esc cerrar", buffer);
     if (count == 0) {
         buffer.text("La cola está vacía. Pulsa a sobre una canción para añadirla.", box.x + 2,
                     box.y + 2, box.width - 4, secondary);
