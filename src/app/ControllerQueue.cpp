@@ -523,8 +523,8 @@ void AppController::restoreQueue() {
                 playback_->restore(std::move(restored), q.seconds);
             }
             if (gone > 0)
-                report(songs(gone) + " de la cola ya no " + (gone == 1 ? "existe" : "existen") +
-                           ": se quitaron",
+                report(songs(gone) + " de la cola ya no " +
+                           (gone == 1 ? "existe: se quitó" : "existen: se quitaron"),
                        decoded->problem != QueueFile::Problem::none);
         });
     });

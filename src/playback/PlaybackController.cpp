@@ -380,7 +380,8 @@ void PlaybackController::restore(PlaybackQueue saved, double seconds) {
     if (!queue_.shuffle) saved.setShuffle(false, rng_);
     queue_ = std::move(saved);
     if (auto path = queue_.currentPath()) {
-        start(path, queue_.paths.size());
+        // One attempt: a kept track that no longer plays is not a reason to play another.
+        start(path, 1);
         startAt_ = std::max(0.0, seconds);
         playWhenLoaded_ = false;
     }
