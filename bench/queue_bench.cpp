@@ -66,8 +66,8 @@ const LibraryIndex& library() {
     return index;
 }
 
-// A controller whose engine never opens a device, with the queue and the bridge the
-// program updates after every edit.
+// A controller whose engine never opens a device, with the library's lengths and the
+// bridge the program updates after every edit.
 struct QueueRig {
     QueueRig()
         : controller(std::make_unique<AudioEngine>(
@@ -76,13 +76,12 @@ struct QueueRig {
                   return std::make_unique<NullOutput>(f, r, NullOutput::Clock::virtualClock, 64);
               })),
           bridge(NowPlayingBridge::Environment{}) {
-        controller.onQueueChange = [this] {
-            bridge.updateQueue(controller.queue());
-            // What the queue file is written from, taken on the main thread.
-            SavedQueue saved;
-            saved.paths = controller.queue().paths;
-            benchmark::DoNotOptimize(saved.paths.data());
+        controller.durationOf = [](const std::string& path) -> int64_t {
+            const TrackTable& table = library().table();
+            auto id = table.find(path);
+            return id ? table.durationMs(*id) : 0;
         };
+        controller.onQueueChange = [this] { bridge.updateQueue(controller.queue()); };
         controller.enqueue(paths(), false);
     }
     PlaybackController controller;
@@ -118,6 +117,18 @@ void BM_QueueRemoveEntry(benchmark::State& st) {
         st.PauseTiming();
         rig.controller.enqueue({pathOf(7)}, false);
         st.ResumeTiming();
+    }
+}
+
+// What the queue file is written from, copied on the main thread once edits have been
+// quiet for a second (the writing itself is done off it).
+void BM_QueueSnapshotForSave(benchmark::State& st) {
+    QueueRig rig;
+    for (auto _ : st) {
+        SavedQueue saved;
+        saved.paths = rig.controller.queue().paths;
+        saved.position = rig.controller.queue().position;
+        benchmark::DoNotOptimize(saved.paths.data());
     }
 }
 
@@ -219,6 +230,10 @@ void BM_QueueFileRead_100k(benchmark::State& st) {
 BENCHMARK(BM_QueueAddArtist)->Unit(benchmark::kMillisecond)->MeasureProcessCPUTime()->UseRealTime();
 BENCHMARK(BM_QueueMoveEntry)->Unit(benchmark::kMillisecond)->MeasureProcessCPUTime()->UseRealTime();
 BENCHMARK(BM_QueueRemoveEntry)
+    ->Unit(benchmark::kMillisecond)
+    ->MeasureProcessCPUTime()
+    ->UseRealTime();
+BENCHMARK(BM_QueueSnapshotForSave)
     ->Unit(benchmark::kMillisecond)
     ->MeasureProcessCPUTime()
     ->UseRealTime();

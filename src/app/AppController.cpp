@@ -36,6 +36,11 @@ AppController::AppController(Terminal& terminal, Size size, SettingsStore settin
     };
     playback_->onChange = [this] { playbackChanged(); };
     state_.queue = &playback_->queue();
+    playback_->durationOf = [this](const std::string& path) -> int64_t {
+        const TrackTable& table = state_.index.table();
+        auto id = table.find(path);
+        return id ? table.durationMs(*id) : 0;
+    };
     playback_->onError = [this](const std::string& message) { report(message, true); };
 
     const Settings& s = state_.settings;

@@ -468,6 +468,7 @@ void AppController::setLibrary(LibraryIndex index) {
     }
     // The playing track's record may have changed with the rescan.
     playback_->refreshCurrentTrack();
+    playback_->refreshDurations();
     requestRender();
 }
 

@@ -101,6 +101,7 @@ void PlaybackController::changed() {
 
 void PlaybackController::play(std::vector<std::string> paths, int startAt) {
     queue_.replace(std::move(paths), startAt, rng_);
+    lookUpDurations();
     start(queue_.currentPath(), queue_.paths.size());
     if (onQueueChange) onQueueChange();
 }
@@ -332,7 +333,22 @@ void PlaybackController::endFileWrite() {
     state_.isPlaying = false;
 }
 
+void PlaybackController::lookUpDurations() {
+    auto& d = queue_.durations;
+    if (d.size() != queue_.paths.size()) d.assign(queue_.paths.size(), PlaybackQueue::kUnlooked);
+    if (!durationOf) return;
+    for (std::size_t i = 0; i < d.size(); ++i)
+        if (d[i] == PlaybackQueue::kUnlooked)
+            d[i] = std::max<int64_t>(0, durationOf(queue_.paths[i]));
+}
+
+void PlaybackController::refreshDurations() {
+    queue_.durations.assign(queue_.paths.size(), PlaybackQueue::kUnlooked);
+    lookUpDurations();
+}
+
 void PlaybackController::queueChanged() {
+    lookUpDurations();
     if (engine_->hasFile() && !loading_) prepareFollowing();
     if (onQueueChange) onQueueChange();
 }
@@ -379,6 +395,7 @@ void PlaybackController::restore(PlaybackQueue saved, double seconds) {
     saved.shuffle = true;
     if (!queue_.shuffle) saved.setShuffle(false, rng_);
     queue_ = std::move(saved);
+    lookUpDurations();
     if (auto path = queue_.currentPath()) {
         // One attempt: a kept track that no longer plays is not a reason to play another.
         start(path, 1);

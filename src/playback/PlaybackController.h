@@ -73,6 +73,11 @@ public:
     // --- The queue, edited by place in play order. Each edit names the new following
     // track to the engine, so the join stays gapless, and calls onQueueChange.
     std::function<void()> onQueueChange;
+    // A track's length in milliseconds as the library knows it (0: unknown), for the
+    // queue's durations; looked up once per entry.
+    std::function<int64_t(const std::string&)> durationOf;
+    // The library changed: every entry's length is looked up again.
+    void refreshDurations();
     // Adds `paths` at the end, or right after the current track when `next`.
     void enqueue(const std::vector<std::string>& paths, bool next);
     // Plays the entry at `at`.
@@ -101,6 +106,7 @@ private:
     void joined(const std::string& path);
     void nextFailed(const std::string& path);
     void queueChanged();
+    void lookUpDurations();
 
     // The track let go for a write: where it was, and whether it should play.
     struct Held {

@@ -2,6 +2,7 @@
 
 #include "library/RepeatMode.h"
 
+#include <cstdint>
 #include <optional>
 #include <random>
 #include <string>
@@ -17,6 +18,10 @@ struct PlaybackQueue {
     std::optional<int> position; // index into `order`; absent when ended or never started
     bool shuffle = false;
     RepeatMode repeatMode = RepeatMode::off;
+    // Milliseconds per entry of `paths` (0: unknown), for the time left in the queue
+    // view; kUnlooked until the owner looks it up. Kept beside `paths` by every edit.
+    std::vector<int64_t> durations;
+    static constexpr int64_t kUnlooked = -1;
 
     bool operator==(const PlaybackQueue&) const = default;
 

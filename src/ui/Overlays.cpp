@@ -212,10 +212,14 @@ void Overlays::drawQueue(const AppState& state, double elapsed, ScreenBuffer& bu
                                        : static_cast<double>(durationMs(*q.currentPath())) / 1e3;
             left = std::max(0.0, current - elapsed);
         }
+        // The owner keeps each entry's length beside it; a queue without them (nothing
+        // looked up yet) is measured here.
+        const bool kept = q.durations.size() == q.paths.size();
         int64_t ms = 0;
-        for (int i = from; i < count; ++i)
-            ms +=
-                durationMs(q.paths[static_cast<std::size_t>(q.order[static_cast<std::size_t>(i)])]);
+        for (int i = from; i < count; ++i) {
+            const auto at = static_cast<std::size_t>(q.order[static_cast<std::size_t>(i)]);
+            ms += kept ? std::max<int64_t>(0, q.durations[at]) : durationMs(q.paths[at]);
+        }
         left += static_cast<double>(ms) / 1e3;
         heading += " · quedan " + PlayerView::format(left);
     }
