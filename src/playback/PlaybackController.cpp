@@ -112,6 +112,7 @@ void PlaybackController::start(std::optional<std::string> path, std::size_t atte
         return;
     }
     held_.reset();
+    parked_.reset();
     startAt_.reset();
     const std::string wanted = *path;
     auto known = lookup ? lookup(wanted) : std::nullopt;
@@ -168,6 +169,7 @@ void PlaybackController::started(const std::string& path, std::optional<AudioFor
 // Nothing could be loaded: the old track must not go on behind a stopped screen.
 void PlaybackController::stopWithNothing() {
     ++startCount_;
+    parked_.reset();
     loading_ = false;
     engine_->unload();
     state_ = PlaybackState{};
@@ -176,6 +178,12 @@ void PlaybackController::stopWithNothing() {
 }
 
 void PlaybackController::resume() {
+    if (parked_) {
+        const double at = *parked_;
+        start(queue_.currentPath(), 1);
+        startAt_ = at;
+        return;
+    }
     if (held_) {
         held_->playing = true;
         state_.isPlaying = true;
@@ -207,6 +215,7 @@ void PlaybackController::resume() {
 }
 
 void PlaybackController::pause() {
+    if (parked_) return; // nothing is open, nothing plays
     if (held_) {
         held_->playing = false;
         state_.isPlaying = false;
@@ -227,6 +236,12 @@ void PlaybackController::togglePlay() {
 }
 
 void PlaybackController::seek(double seconds) {
+    if (parked_) {
+        parked_ = std::max(0.0, state_.duration > 0 ? std::min(seconds, state_.duration) : seconds);
+        changed();
+        if (onSeek) onSeek();
+        return;
+    }
     if (held_) {
         held_->position = std::clamp(seconds, 0.0, std::max(0.0, state_.duration));
         changed();
@@ -262,6 +277,8 @@ void PlaybackController::refreshCurrentTrack() {
     if (engine_->hasFile()) prepareFollowing();
     auto fresh = lookup(state_.track->path);
     if (fresh && *fresh != *state_.track) {
+        // A kept track shown before the library was loaded gets its length now.
+        if (parked_) state_.duration = static_cast<double>(fresh->durationMs) / 1e3;
         state_.track = std::move(*fresh);
         changed();
     }
@@ -299,6 +316,7 @@ void PlaybackController::trackEnded() {
 
 double PlaybackController::position() const {
     if (held_) return held_->position;
+    if (parked_) return *parked_;
     return state_.track ? engine_->currentTime() : 0.0;
 }
 
@@ -307,7 +325,7 @@ void PlaybackController::setEqualizer(const std::vector<float>& gains, bool enab
 }
 
 void PlaybackController::beginFileWrite(const std::vector<std::string>& paths) {
-    if (held_ || !state_.track) return;
+    if (held_ || parked_ || !state_.track) return;
     const std::string& path = state_.track->path;
     if (std::find(paths.begin(), paths.end(), path) == paths.end()) return;
     struct stat st {};
@@ -397,10 +415,16 @@ void PlaybackController::restore(PlaybackQueue saved, double seconds) {
     queue_ = std::move(saved);
     lookUpDurations();
     if (auto path = queue_.currentPath()) {
-        // One attempt: a kept track that no longer plays is not a reason to play another.
-        start(path, 1);
-        startAt_ = std::max(0.0, seconds);
-        playWhenLoaded_ = false;
+        // Shown where it was, paused; the file is opened when the user plays it, so a
+        // start grabs no sound device and reads no audio.
+        ++startCount_;
+        loading_ = false;
+        Track track = trackFor(*path);
+        const double length = static_cast<double>(track.durationMs) / 1e3;
+        state_ = PlaybackState{std::move(track), false, std::nullopt, length};
+        // Not clamped to the length: the library may not be loaded yet to tell it.
+        parked_ = std::max(0.0, seconds);
+        changed();
     }
     if (onQueueChange) onQueueChange();
 }

@@ -86,7 +86,8 @@ public:
     bool removeAt(std::size_t at);
     bool moveAt(std::size_t at, int delta);
     std::size_t clearUpcoming();
-    // A queue kept from an earlier run: loaded paused at `seconds` into the current entry.
+    // A queue kept from an earlier run: the current entry is shown paused at `seconds`
+    // and opened when played (or sought, which only moves where it will start).
     void restore(PlaybackQueue saved, double seconds);
 
     void setShuffle(bool on);
@@ -118,6 +119,8 @@ private:
     std::unique_ptr<AudioEngine> engine_;
     std::optional<Held> held_;
     std::optional<double> startAt_; // where the loading track begins
+    // A kept track shown paused without being opened: where it will start.
+    std::optional<double> parked_;
     std::mt19937_64 rng_;
     PlaybackQueue queue_;
     PlaybackState state_;
