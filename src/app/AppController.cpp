@@ -1,8 +1,8 @@
 #include "app/AppController.h"
 
 #include "app/WorkerPool.h"
-#include "library/LibraryStore.h"
 #include "library/FolderWatcher.h"
+#include "library/LibraryStore.h"
 #include "playback/AudioEngine.h"
 #include "playback/LoopSource.h"
 #include "playback/NowPlayingBridge.h"
@@ -35,6 +35,12 @@ AppController::AppController(Terminal& terminal, Size size, SettingsStore settin
         return state_.index.find(path);
     };
     playback_->onChange = [this] { playbackChanged(); };
+    state_.queue = &playback_->queue();
+    playback_->durationOf = [this](const std::string& path) -> int64_t {
+        const TrackTable& table = state_.index.table();
+        auto id = table.find(path);
+        return id ? table.durationMs(*id) : 0;
+    };
     playback_->onError = [this](const std::string& message) { report(message, true); };
 
     const Settings& s = state_.settings;
@@ -43,6 +49,7 @@ AppController::AppController(Terminal& terminal, Size size, SettingsStore settin
     playback_->setRepeatMode(s.repeatMode);
     applyEqualizer();
     createNowPlaying();
+    playback_->onQueueChange = [this] { queueChanged(); };
     // Last line of defence: a background job that throws is named in the header instead
     // of ending the program. The flows catch what they expect themselves.
     pool_.onFailure = [post = host_.post, alive = std::weak_ptr<char>(alive_),
@@ -114,6 +121,8 @@ void AppController::playbackChanged() {
         }
         if (state_.lyricsVisible && (lyricsFollowPlayback_ || lyricsOfPlaying_)) loadLyrics();
     }
+    if (trackChanged) nowPlaying_->updateQueue(playback_->queue());
+    if (trackChanged || fresh.isPlaying != lastReportedPlaying_) saveQueue(false);
     if (fresh.isPlaying != lastReportedPlaying_) {
         lastReportedPlaying_ = fresh.isPlaying;
         if (playingChanged) playingChanged(fresh.isPlaying);
@@ -134,6 +143,8 @@ void AppController::quit() {
     }
     saveSettings();
     settingsStore_.flush();
+    // Only a queue this run has seen: one still being restored stays as it was.
+    if (queueSaveGeneration_ > 0) saveQueue(true);
     if (store_) store_->close(); // leaves no write-ahead log behind for the next start
     if (playback_->state().isPlaying) playback_->pause();
     if (terminal_.isActive) {

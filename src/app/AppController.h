@@ -11,6 +11,7 @@
 
 #include "library/FolderChanges.h"
 #include "library/LibraryIndex.h"
+#include "library/Playlist.h"
 #include "library/SettingsStore.h"
 #include "media/TagLibFile.h"
 #include "playback/AudioOutput.h"
@@ -24,6 +25,7 @@
 
 #include <atomic>
 #include <chrono>
+#include <filesystem>
 #include <functional>
 #include <map>
 #include <memory>
@@ -195,6 +197,28 @@ public:
     // background).
     void recoverWrites();
 
+    // --- Queue and play lists (ControllerQueue.cpp)
+    // Adds the marked tracks, else those under the cursor, at the end of the queue or
+    // right after the playing track.
+    void enqueueSelection(bool next);
+    void openQueue();
+    void handleQueueKey(const Key& key);
+    void handleQueueMouse(const MouseEvent& event);
+    // `confirmed`: the user already agreed to replace an existing file.
+    void savePlaylist(const std::string& name, bool confirmed = false);
+    void loadPlaylist(const std::string& nameOrPath);
+    void exportPlaylist(const std::string& path, bool confirmed = false);
+    void deletePlaylist(const std::string& name);
+    // The saved lists, read again from their folder; the artist pane lists them.
+    void refreshPlaylists();
+    std::filesystem::path playlistFolder() const;
+    std::filesystem::path queueFile() const;
+    // The queue as it is now (and the position in its track), written off the main
+    // thread after a quiet second, or now and on this thread when `now`.
+    void saveQueue(bool now);
+    // Brings back the queue of the last run, paused, in the background.
+    void restoreQueue();
+
     // --- Desktop media controls (ControllerNowPlaying.cpp)
     // Publishes the player on the session bus, in the background; called once the first
     // frame is out.
@@ -222,6 +246,12 @@ private:
     void handlePromptKey(const Key& key, PromptKind kind);
     void handleHelpKey(const Key& key);
     void handleRootsKey(const Key& key);
+    void handleConfirmKey(const Key& key);
+    // Asks a yes/no question on the prompt line; `yes` runs on s.
+    void confirm(std::string question, Task yes);
+    void queueChanged();
+    void scrollQueueToCursor();
+    std::vector<PlaylistEntry> queueEntries() const;
     void openPrompt(PromptKind kind, std::string text = {});
     void scrollLyrics(int n);
     // Keys of the timed lyrics view (+, -, w, Enter on a picked line, Esc); false when
@@ -286,6 +316,14 @@ private:
         Clock::time_point time;
     };
     std::optional<Click> lastClick_;
+    bool isDoubleClick(int x, int y);
+    Task confirmed_; // what the confirm prompt's "s" does
+    int queueSaveGeneration_ = 0;
+    bool queueFileFrozen_ = false; // from a newer version: left as it is
+    bool queueRestoring_ = false;  // the last run's queue is being read: nothing is written
+    // Serialises the queue file's writes from the pool and from quit.
+    struct QueueWrites;
+    std::shared_ptr<QueueWrites> queueWrites_;
     std::shared_ptr<char> alive_ = std::make_shared<char>(0);
 };
 

@@ -48,6 +48,9 @@ void AppController::handleKey(const Key& key) {
     case Overlay::Kind::roots:
         handleRootsKey(key);
         break;
+    case Overlay::Kind::queue:
+        handleQueueKey(key);
+        break;
     case Overlay::Kind::prompt:
         handlePromptKey(key, state_.overlay.promptKind);
         break;
@@ -101,6 +104,10 @@ void AppController::openPrompt(PromptKind kind, std::string text) {
 }
 
 void AppController::handlePromptKey(const Key& key, PromptKind kind) {
+    if (kind == PromptKind::confirm) {
+        handleConfirmKey(key);
+        return;
+    }
     if (key.kind == Key::Kind::enter) {
         state_.overlay = Overlay::none();
         const std::string text = state_.input.text;
@@ -147,8 +154,21 @@ void AppController::handlePaste(const std::string& text) {
     requestRender();
 }
 
+bool AppController::isDoubleClick(int x, int y) {
+    const auto now = host_.now();
+    const bool twice = lastClick_ && lastClick_->y == y && std::abs(lastClick_->x - x) < 3 &&
+                       now - lastClick_->time < kDoubleClick && now >= lastClick_->time;
+    lastClick_ = Click{x, y, now};
+    return twice;
+}
+
 void AppController::handleMouse(const MouseEvent& event) {
-    if (state_.overlay.kind != Overlay::Kind::none || layout_.isTooSmall()) return;
+    if (layout_.isTooSmall()) return;
+    if (state_.overlay.kind == Overlay::Kind::queue) {
+        handleQueueMouse(event);
+        return;
+    }
+    if (state_.overlay.kind != Overlay::Kind::none) return;
     const int x = event.x, y = event.y;
     const Layout& l = layout_;
 
@@ -173,10 +193,7 @@ void AppController::handleMouse(const MouseEvent& event) {
     }
     if (event.kind == MouseEvent::Kind::release) return;
 
-    const auto now = host_.now();
-    const bool doubleClick = lastClick_ && lastClick_->y == y && std::abs(lastClick_->x - x) < 3 &&
-                             now - lastClick_->time < kDoubleClick && now >= lastClick_->time;
-    lastClick_ = Click{x, y, now};
+    const bool doubleClick = isDoubleClick(x, y);
 
     if (inside(l.artistsSearch, x, y)) {
         state_.focus = Focus::artists;
@@ -382,6 +399,27 @@ void AppController::dispatch(const Action& action) {
         break;
     case K::removeCover:
         removeCover();
+        break;
+    case K::enqueue:
+        enqueueSelection(false);
+        break;
+    case K::enqueueNext:
+        enqueueSelection(true);
+        break;
+    case K::openQueue:
+        openQueue();
+        break;
+    case K::savePlaylist:
+        savePlaylist(action.text());
+        break;
+    case K::loadPlaylist:
+        loadPlaylist(action.text());
+        break;
+    case K::exportPlaylist:
+        exportPlaylist(action.text());
+        break;
+    case K::deletePlaylist:
+        deletePlaylist(action.text());
         break;
     case K::quit:
         quit();

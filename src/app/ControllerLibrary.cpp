@@ -96,6 +96,8 @@ void AppController::start(const std::vector<std::string>& addingRoots) {
             startupErrors_ += (startupErrors_.empty() ? "" : " · ") + state_.status->text;
     }
     if (state_.settings.watch) startWatcher();
+    refreshPlaylists();
+    restoreQueue();
     // The scan counts as started from here: the cached library is loaded first, then
     // the folders are walked, and the header says we are looking from the first frame.
     recoverWrites();
@@ -466,11 +468,17 @@ void AppController::setLibrary(LibraryIndex index) {
     }
     // The playing track's record may have changed with the rescan.
     playback_->refreshCurrentTrack();
+    playback_->refreshDurations();
     requestRender();
 }
 
 void AppController::rebuildArtistRows(const std::optional<std::string>& keepingKey) {
     state_.artistRows = state_.index.artistRows();
+    if (!state_.playlists.empty()) {
+        state_.artistRows.push_back(ArtistRow::letter("Listas"));
+        for (const auto& name : state_.playlists)
+            state_.artistRows.push_back(ArtistRow::playlist(name));
+    }
     const int count = static_cast<int>(state_.artistRows.size());
     if (count == 0) {
         state_.artists = {};

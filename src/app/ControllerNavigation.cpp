@@ -13,7 +13,7 @@ namespace trovan {
 namespace {
 
 bool selectable(const ArtistRow& row) {
-    return row.is<ArtistRow::Artist>();
+    return !row.is<ArtistRow::Letter>();
 }
 bool selectable(const LibraryRow& row) {
     return row.is<LibraryRow::Album>() || row.is<LibraryRow::Track>();

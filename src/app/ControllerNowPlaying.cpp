@@ -17,6 +17,7 @@ void AppController::createNowPlaying() {
     env.background = [this](NowPlayingBridge::Task task) { pool_.submit(std::move(task)); };
     env.position = [this] { return elapsed(); };
     env.artFolder = AppPaths::support() / "artwork";
+    env.lookup = [this](const std::string& path) { return state_.index.find(path); };
     nowPlaying_ = std::make_unique<NowPlayingBridge>(std::move(env));
     nowPlaying_->init([this](const RemoteCommand& command) { handleRemote(command); });
     playback_->onSeek = [this] { nowPlaying_->seeked(); };
@@ -73,6 +74,12 @@ void AppController::handleRemote(const RemoteCommand& command) {
     case K::openFile:
         playback_->play({command.path}, 0);
         break;
+    case K::goTo: {
+        // The id named the entry at this place when the list was published.
+        const auto at = static_cast<std::size_t>(command.value);
+        if (playback_->queue().pathAt(static_cast<int>(at)) == command.path) playback_->playAt(at);
+        break;
+    }
     }
     requestRender();
 }

@@ -77,6 +77,13 @@ void AppController::press(PlayerButton button) {
 void AppController::activate() {
     switch (state_.focus) {
     case Focus::artists:
+        if (const int c = state_.artists.cursor;
+            c >= 0 && c < static_cast<int>(state_.artistRows.size()))
+            if (const auto* list =
+                    state_.artistRows[static_cast<std::size_t>(c)].get<ArtistRow::Playlist>()) {
+                loadPlaylist(list->name);
+                break;
+            }
         state_.focus = Focus::library;
         snapLibraryCursor();
         break;

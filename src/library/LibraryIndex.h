@@ -71,12 +71,19 @@ struct ArtistRow {
         bool operator==(const Artist&) const = default;
     };
 
-    std::variant<Letter, Artist> value;
+    // A saved play list, listed after the artists.
+    struct Playlist {
+        std::string name;
+        bool operator==(const Playlist&) const = default;
+    };
+
+    std::variant<Letter, Artist, Playlist> value;
 
     bool operator==(const ArtistRow&) const = default;
 
     static ArtistRow letter(std::string l) { return {Letter{std::move(l)}}; }
     static ArtistRow artist(int index) { return {Artist{index}}; }
+    static ArtistRow playlist(std::string name) { return {Playlist{std::move(name)}}; }
 
     template <class Case> bool is() const { return std::holds_alternative<Case>(value); }
     template <class Case> const Case* get() const { return std::get_if<Case>(&value); }

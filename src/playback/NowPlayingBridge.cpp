@@ -23,6 +23,7 @@ namespace fs = std::filesystem;
 namespace {
 
 const char* const kUnknownAlbum = "\xC3\x81lbum desconocido";
+const char* const kNoTrack = "/org/mpris/MediaPlayer2/TrackList/NoTrack";
 
 int64_t toMicroseconds(double seconds) {
     if (!std::isfinite(seconds) || seconds <= 0) return 0;
@@ -48,6 +49,10 @@ struct NowPlayingBridge::Impl final : NowPlayingRemote {
     Environment env;
     Dispatch dispatch;
     NowPlayingInfo state;
+    // The published window of the queue: ids, their paths and places in the queue.
+    std::vector<std::string> trackList;
+    std::vector<std::string> trackPaths;
+    std::vector<int> trackPlaces;
     std::string trackPath;
     std::shared_ptr<NowPlayingService> service;
     bool connecting = false;
@@ -147,6 +152,69 @@ struct NowPlayingBridge::Impl final : NowPlayingRemote {
         c.flag = on;
         send(c);
     }
+    std::vector<std::string> trackIds() const override { return trackList; }
+    NowPlayingInfo describe(std::size_t i) const {
+        NowPlayingInfo m;
+        m.hasTrack = true;
+        m.trackId = trackList[i];
+        const std::string& path = trackPaths[i];
+        m.url = fileUrl(path);
+        std::optional<Track> t = env.lookup ? env.lookup(path) : std::nullopt;
+        if (!t) {
+            t.emplace();
+            t->path = path;
+        }
+        m.title = t->displayTitle();
+        m.artists = {t->displayArtist()};
+        m.album = t->album.empty() ? kUnknownAlbum : t->album;
+        m.albumArtist = t->albumArtist;
+        m.lengthUs = toMicroseconds(static_cast<double>(t->durationMs) / 1e3);
+        return m;
+    }
+    std::vector<NowPlayingInfo> tracksMetadata(const std::vector<std::string>& ids) const override {
+        std::vector<NowPlayingInfo> out;
+        for (const auto& id : ids) {
+            auto it = std::find(trackList.begin(), trackList.end(), id);
+            if (it != trackList.end())
+                out.push_back(describe(static_cast<std::size_t>(it - trackList.begin())));
+        }
+        return out;
+    }
+    void goTo(const std::string& id) override {
+        auto it = std::find(trackList.begin(), trackList.end(), id);
+        if (it == trackList.end()) return; // a stale id is ignored, as for SetPosition
+        const auto i = static_cast<std::size_t>(it - trackList.begin());
+        RemoteCommand c(RemoteCommand::Kind::goTo, trackPlaces[i]);
+        c.path = trackPaths[i];
+        send(c);
+    }
+
+    // Tells clients how the list changed: an insertion or a removal by itself, anything
+    // else as a new list.
+    void publishTrackList(const std::vector<std::string>& before) {
+        const auto& after = trackList;
+        if (!service || before == after) return;
+        std::size_t i = 0;
+        while (i < before.size() && i < after.size() && before[i] == after[i])
+            ++i;
+        if (!before.empty() && after.size() > before.size() && after.size() - before.size() <= 20) {
+            const std::size_t k = after.size() - before.size();
+            if (std::equal(before.begin() + static_cast<std::ptrdiff_t>(i), before.end(),
+                           after.begin() + static_cast<std::ptrdiff_t>(i + k))) {
+                for (std::size_t j = i; j < i + k; ++j)
+                    service->trackAdded(describe(j), j > 0 ? after[j - 1] : kNoTrack);
+                return;
+            }
+        }
+        if (after.size() + 1 == before.size() &&
+            std::equal(before.begin() + static_cast<std::ptrdiff_t>(i + 1), before.end(),
+                       after.begin() + static_cast<std::ptrdiff_t>(i))) {
+            service->trackRemoved(before[i]);
+            return;
+        }
+        service->trackListReplaced(after, state.hasTrack ? state.trackId : kNoTrack);
+    }
+
     void setLoopStatus(const std::string& status) override {
         RemoteCommand c(RemoteCommand::Kind::setRepeatMode);
         if (status == "None")
@@ -200,6 +268,7 @@ void NowPlayingBridge::connect(std::function<void(LoopSource&)> serve) {
                 if (serve) serve(*service);
                 impl->publish();
                 impl->syncArt();
+                if (!impl->trackList.empty()) impl->publishTrackList({});
             });
         } catch (...) {
             // No bus, no player: the program goes on without it.
@@ -270,6 +339,29 @@ void NowPlayingBridge::setArtwork(std::optional<std::vector<std::uint8_t>> data)
         impl_->writeArt();
     }
     impl_->publish();
+}
+
+void NowPlayingBridge::updateQueue(const PlaybackQueue& queue) {
+    const int count = static_cast<int>(queue.order.size());
+    const int current = queue.position.value_or(0);
+    const int from = std::max(0, current - kTrackListBefore);
+    const int to = std::min(count, current + kTrackListAfter);
+    std::vector<std::string> before = std::move(impl_->trackList);
+    impl_->trackList.clear();
+    impl_->trackPaths.clear();
+    impl_->trackPlaces.clear();
+    for (int i = from; i < to; ++i) {
+        const std::string& path =
+            queue.paths[static_cast<std::size_t>(queue.order[static_cast<std::size_t>(i)])];
+        std::string id = trackId(path);
+        if (std::find(impl_->trackList.begin(), impl_->trackList.end(), id) !=
+            impl_->trackList.end())
+            continue;
+        impl_->trackList.push_back(std::move(id));
+        impl_->trackPaths.push_back(path);
+        impl_->trackPlaces.push_back(i);
+    }
+    impl_->publishTrackList(before);
 }
 
 void NowPlayingBridge::seeked() {

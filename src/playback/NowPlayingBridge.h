@@ -5,6 +5,8 @@
 // owns the player's name, it does nothing and says nothing.
 
 #include "library/RepeatMode.h"
+#include "library/Track.h"
+#include "playback/PlaybackQueue.h"
 #include "playback/PlaybackState.h"
 
 #include <cstdint>
@@ -34,6 +36,7 @@ struct RemoteCommand {
         setShuffle,    // flag
         setRepeatMode, // repeatMode
         openFile,      // path: an existing audio file
+        goTo,          // value: place in the queue, path: the entry expected there
     };
     Kind kind = Kind::play;
     double value = 0;
@@ -57,6 +60,8 @@ public:
         std::function<void(Task)> background; // off the main thread (slow file work)
         std::function<double()> position;     // playback position in seconds
         std::filesystem::path artFolder;      // where published covers are written
+        // What the library knows of a path (the track list's metadata).
+        std::function<std::optional<Track>(const std::string&)> lookup;
     };
 
     explicit NowPlayingBridge(Environment environment);
@@ -77,6 +82,13 @@ public:
     // when they need it.
     void update(const PlaybackState& state);
     void updateSettings(float volume, bool shuffle, RepeatMode repeatMode);
+    // Publishes the queue as the track list: at most kTrackListBefore entries before the
+    // current one and kTrackListAfter from it on (desktops show what comes next, not a
+    // whole collection). An entry whose file is listed already is left out: ids are
+    // per file.
+    void updateQueue(const PlaybackQueue& queue);
+    static constexpr int kTrackListBefore = 10;
+    static constexpr int kTrackListAfter = 100;
     // The current track's encoded cover (embedded or folder image), or none. The caller
     // passes only bytes it has decoded (the player panel draws them), so they are not
     // decoded again; published once written where clients can read it.

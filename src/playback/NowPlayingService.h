@@ -55,6 +55,13 @@ public:
     virtual void setVolume(double volume) = 0;
     virtual void setShuffle(bool on) = 0;
     virtual void setLoopStatus(const std::string& status) = 0;
+
+    // The track list: a window of the queue around the current entry, by track id.
+    virtual std::vector<std::string> trackIds() const = 0;
+    // Metadata of the listed ids among `ids`, in that order; others are left out.
+    virtual std::vector<NowPlayingInfo>
+    tracksMetadata(const std::vector<std::string>& ids) const = 0;
+    virtual void goTo(const std::string& trackId) = 0;
 };
 
 // A published player on the bus. Main thread only, once handed over.
@@ -64,6 +71,12 @@ public:
     virtual void publish(const NowPlayingInfo& info) = 0;
     // The position jumped (a seek, not the normal course of playback).
     virtual void seeked(int64_t positionUs) = 0;
+    // The track list changed: entries came in after `afterId` (an id, or the no-track
+    // path for the front), one went, or anything else happened.
+    virtual void trackAdded(const NowPlayingInfo& track, const std::string& afterId) = 0;
+    virtual void trackRemoved(const std::string& trackId) = 0;
+    virtual void trackListReplaced(const std::vector<std::string>& ids,
+                                   const std::string& current) = 0;
 };
 
 // The module's entry: connects to the session bus, publishes the player object and

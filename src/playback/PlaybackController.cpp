@@ -101,7 +101,9 @@ void PlaybackController::changed() {
 
 void PlaybackController::play(std::vector<std::string> paths, int startAt) {
     queue_.replace(std::move(paths), startAt, rng_);
+    lookUpDurations();
     start(queue_.currentPath(), queue_.paths.size());
+    if (onQueueChange) onQueueChange();
 }
 
 void PlaybackController::start(std::optional<std::string> path, std::size_t attemptsLeft) {
@@ -110,6 +112,7 @@ void PlaybackController::start(std::optional<std::string> path, std::size_t atte
         return;
     }
     held_.reset();
+    parked_.reset();
     startAt_.reset();
     const std::string wanted = *path;
     auto known = lookup ? lookup(wanted) : std::nullopt;
@@ -166,6 +169,7 @@ void PlaybackController::started(const std::string& path, std::optional<AudioFor
 // Nothing could be loaded: the old track must not go on behind a stopped screen.
 void PlaybackController::stopWithNothing() {
     ++startCount_;
+    parked_.reset();
     loading_ = false;
     engine_->unload();
     state_ = PlaybackState{};
@@ -174,6 +178,12 @@ void PlaybackController::stopWithNothing() {
 }
 
 void PlaybackController::resume() {
+    if (parked_) {
+        const double at = *parked_;
+        start(queue_.currentPath(), 1);
+        startAt_ = at;
+        return;
+    }
     if (held_) {
         held_->playing = true;
         state_.isPlaying = true;
@@ -181,6 +191,13 @@ void PlaybackController::resume() {
         return;
     }
     if (loading_) playWhenLoaded_ = true;
+    if (!state_.track && !loading_ && !queue_.order.empty()) {
+        // Tracks were queued with nothing playing: play from the current one, or the first.
+        if (!queue_.position) queue_.position = 0;
+        start(queue_.currentPath(), queue_.paths.size());
+        if (onQueueChange) onQueueChange();
+        return;
+    }
     if (!state_.track || loading_) return;
     if (engine_->isPlaying()) {
         if (!state_.isPlaying) {
@@ -198,6 +215,7 @@ void PlaybackController::resume() {
 }
 
 void PlaybackController::pause() {
+    if (parked_) return; // nothing is open, nothing plays
     if (held_) {
         held_->playing = false;
         state_.isPlaying = false;
@@ -218,6 +236,12 @@ void PlaybackController::togglePlay() {
 }
 
 void PlaybackController::seek(double seconds) {
+    if (parked_) {
+        parked_ = std::max(0.0, state_.duration > 0 ? std::min(seconds, state_.duration) : seconds);
+        changed();
+        if (onSeek) onSeek();
+        return;
+    }
     if (held_) {
         held_->position = std::clamp(seconds, 0.0, std::max(0.0, state_.duration));
         changed();
@@ -253,6 +277,8 @@ void PlaybackController::refreshCurrentTrack() {
     if (engine_->hasFile()) prepareFollowing();
     auto fresh = lookup(state_.track->path);
     if (fresh && *fresh != *state_.track) {
+        // A kept track shown before the library was loaded gets its length now.
+        if (parked_) state_.duration = static_cast<double>(fresh->durationMs) / 1e3;
         state_.track = std::move(*fresh);
         changed();
     }
@@ -290,6 +316,7 @@ void PlaybackController::trackEnded() {
 
 double PlaybackController::position() const {
     if (held_) return held_->position;
+    if (parked_) return *parked_;
     return state_.track ? engine_->currentTime() : 0.0;
 }
 
@@ -298,7 +325,7 @@ void PlaybackController::setEqualizer(const std::vector<float>& gains, bool enab
 }
 
 void PlaybackController::beginFileWrite(const std::vector<std::string>& paths) {
-    if (held_ || !state_.track) return;
+    if (held_ || parked_ || !state_.track) return;
     const std::string& path = state_.track->path;
     if (std::find(paths.begin(), paths.end(), path) == paths.end()) return;
     struct stat st {};
@@ -324,9 +351,88 @@ void PlaybackController::endFileWrite() {
     state_.isPlaying = false;
 }
 
+void PlaybackController::lookUpDurations() {
+    auto& d = queue_.durations;
+    if (d.size() != queue_.paths.size()) d.assign(queue_.paths.size(), PlaybackQueue::kUnlooked);
+    if (!durationOf) return;
+    for (std::size_t i = 0; i < d.size(); ++i)
+        if (d[i] == PlaybackQueue::kUnlooked)
+            d[i] = std::max<int64_t>(0, durationOf(queue_.paths[i]));
+}
+
+void PlaybackController::refreshDurations() {
+    queue_.durations.assign(queue_.paths.size(), PlaybackQueue::kUnlooked);
+    lookUpDurations();
+}
+
+void PlaybackController::queueChanged() {
+    lookUpDurations();
+    if (engine_->hasFile() && !loading_) prepareFollowing();
+    if (onQueueChange) onQueueChange();
+}
+
+void PlaybackController::enqueue(const std::vector<std::string>& paths, bool next) {
+    if (paths.empty()) return;
+    const std::size_t at =
+        next ? (queue_.position ? static_cast<std::size_t>(*queue_.position) + 1 : 0)
+             : queue_.order.size();
+    queue_.insert(at, paths);
+    queueChanged();
+}
+
+void PlaybackController::playAt(std::size_t at) {
+    if (at >= queue_.order.size()) return;
+    queue_.position = static_cast<int>(at);
+    start(queue_.currentPath(), queue_.paths.size());
+    if (onQueueChange) onQueueChange();
+}
+
+bool PlaybackController::removeAt(std::size_t at) {
+    if (queue_.position && static_cast<std::size_t>(*queue_.position) == at) return false;
+    if (!queue_.remove(at)) return false;
+    queueChanged();
+    return true;
+}
+
+bool PlaybackController::moveAt(std::size_t at, int delta) {
+    if (!queue_.move(at, delta)) return false;
+    queueChanged();
+    return true;
+}
+
+std::size_t PlaybackController::clearUpcoming() {
+    const std::size_t gone = queue_.clearAfterCurrent();
+    if (gone > 0) queueChanged();
+    return gone;
+}
+
+void PlaybackController::restore(PlaybackQueue saved, double seconds) {
+    saved.repeatMode = queue_.repeatMode;
+    // A play order kept from a shuffled run is only used while shuffle is still on;
+    // otherwise the user's order comes back with the same entry current.
+    saved.shuffle = true;
+    if (!queue_.shuffle) saved.setShuffle(false, rng_);
+    queue_ = std::move(saved);
+    lookUpDurations();
+    if (auto path = queue_.currentPath()) {
+        // Shown where it was, paused; the file is opened when the user plays it, so a
+        // start grabs no sound device and reads no audio.
+        ++startCount_;
+        loading_ = false;
+        Track track = trackFor(*path);
+        const double length = static_cast<double>(track.durationMs) / 1e3;
+        state_ = PlaybackState{std::move(track), false, std::nullopt, length};
+        // Not clamped to the length: the library may not be loaded yet to tell it.
+        parked_ = std::max(0.0, seconds);
+        changed();
+    }
+    if (onQueueChange) onQueueChange();
+}
+
 void PlaybackController::setShuffle(bool on) {
     queue_.setShuffle(on, rng_);
     if (engine_->hasFile()) prepareFollowing();
+    if (onQueueChange) onQueueChange();
 }
 
 void PlaybackController::setRepeatMode(RepeatMode mode) {

@@ -10,8 +10,8 @@
 #include <optional>
 #include <random>
 #include <string>
-#include <unordered_map>
 #include <sys/stat.h>
+#include <unordered_map>
 #include <vector>
 
 namespace trovan {
@@ -70,6 +70,26 @@ public:
     void endFileWrite();
     bool waitingForWrite() const { return held_.has_value(); }
 
+    // --- The queue, edited by place in play order. Each edit names the new following
+    // track to the engine, so the join stays gapless, and calls onQueueChange.
+    std::function<void()> onQueueChange;
+    // A track's length in milliseconds as the library knows it (0: unknown), for the
+    // queue's durations; looked up once per entry.
+    std::function<int64_t(const std::string&)> durationOf;
+    // The library changed: every entry's length is looked up again.
+    void refreshDurations();
+    // Adds `paths` at the end, or right after the current track when `next`.
+    void enqueue(const std::vector<std::string>& paths, bool next);
+    // Plays the entry at `at`.
+    void playAt(std::size_t at);
+    // The current track cannot be removed (it plays on): false, as for a bad place.
+    bool removeAt(std::size_t at);
+    bool moveAt(std::size_t at, int delta);
+    std::size_t clearUpcoming();
+    // A queue kept from an earlier run: the current entry is shown paused at `seconds`
+    // and opened when played (or sought, which only moves where it will start).
+    void restore(PlaybackQueue saved, double seconds);
+
     void setShuffle(bool on);
     void setRepeatMode(RepeatMode mode);
     // Output gain: the stored volume clamped to 0…1, or silence while muted.
@@ -86,6 +106,8 @@ private:
     void prepare();
     void joined(const std::string& path);
     void nextFailed(const std::string& path);
+    void queueChanged();
+    void lookUpDurations();
 
     // The track let go for a write: where it was, and whether it should play.
     struct Held {
@@ -97,6 +119,8 @@ private:
     std::unique_ptr<AudioEngine> engine_;
     std::optional<Held> held_;
     std::optional<double> startAt_; // where the loading track begins
+    // A kept track shown paused without being opened: where it will start.
+    std::optional<double> parked_;
     std::mt19937_64 rng_;
     PlaybackQueue queue_;
     PlaybackState state_;

@@ -2,6 +2,7 @@
 
 #include "library/RepeatMode.h"
 
+#include <cstdint>
 #include <optional>
 #include <random>
 #include <string>
@@ -17,6 +18,10 @@ struct PlaybackQueue {
     std::optional<int> position; // index into `order`; absent when ended or never started
     bool shuffle = false;
     RepeatMode repeatMode = RepeatMode::off;
+    // Milliseconds per entry of `paths` (0: unknown), for the time left in the queue
+    // view; kUnlooked until the owner looks it up. Kept beside `paths` by every edit.
+    std::vector<int64_t> durations;
+    static constexpr int64_t kUnlooked = -1;
 
     bool operator==(const PlaybackQueue&) const = default;
 
@@ -36,6 +41,20 @@ struct PlaybackQueue {
     // Keeps the current track current and first; every other one follows at random.
     void reshuffle(std::mt19937_64& rng);
     void setShuffle(bool on, std::mt19937_64& rng);
+
+    // Editing, by place in play order (what the queue view shows). The current track
+    // stays current through every edit.
+    // Puts `added` before the entry at `at` (at the end when `at` is the count). With
+    // shuffle off the user's order is the play order, so they go there too; with it on
+    // they join the end of the user's order and only the play order has them at `at`.
+    void insert(std::size_t at, const std::vector<std::string>& added);
+    // Drops the entry at `at`; false when there is none.
+    bool remove(std::size_t at);
+    // Swaps the entry at `at` with its neighbour `delta` (±1) away; false at the ends.
+    bool move(std::size_t at, int delta);
+    // Drops every entry after the current one (all of them when none is current);
+    // returns how many went.
+    std::size_t clearAfterCurrent();
 };
 
 } // namespace trovan

@@ -43,6 +43,14 @@ const char* name(Action::Kind k) {
         return "setCoverMode";
     case K::watch:
         return "watch";
+    case K::savePlaylist:
+        return "savePlaylist";
+    case K::loadPlaylist:
+        return "loadPlaylist";
+    case K::exportPlaylist:
+        return "exportPlaylist";
+    case K::deletePlaylist:
+        return "deletePlaylist";
     case K::focusNext:
         return "focusNext";
     case K::focusPrevious:
@@ -103,6 +111,12 @@ const char* name(Action::Kind k) {
         return "syncLyrics";
     case K::removeCover:
         return "removeCover";
+    case K::enqueue:
+        return "enqueue";
+    case K::enqueueNext:
+        return "enqueueNext";
+    case K::openQueue:
+        return "openQueue";
     case K::quit:
         return "quit";
     }

@@ -28,6 +28,10 @@ struct Action {
         setCover,        // image path (string)
         setCoverMode,    // "auto", "kitty", "sixel" or "bloques" (string)
         watch,           // "on", "off", or "" to show how each folder is followed (string)
+        savePlaylist,    // list name (string)
+        loadPlaylist,    // list name or file (string)
+        exportPlaylist,  // file (string)
+        deletePlaylist,  // list name (string)
         // Without a payload.
         focusNext,
         focusPrevious,
@@ -59,6 +63,9 @@ struct Action {
         toggleLyrics,
         syncLyrics,
         removeCover,
+        enqueue,
+        enqueueNext,
+        openQueue,
         quit,
     };
     using Payload = std::variant<std::monostate, int, double, float, bool, std::string>;
@@ -87,6 +94,14 @@ struct Action {
     static Action setCover(std::string path) { return {Kind::setCover, std::move(path)}; }
     static Action setCoverMode(std::string mode) { return {Kind::setCoverMode, std::move(mode)}; }
     static Action watch(std::string mode) { return {Kind::watch, std::move(mode)}; }
+    static Action savePlaylist(std::string name) { return {Kind::savePlaylist, std::move(name)}; }
+    static Action loadPlaylist(std::string name) { return {Kind::loadPlaylist, std::move(name)}; }
+    static Action exportPlaylist(std::string path) {
+        return {Kind::exportPlaylist, std::move(path)};
+    }
+    static Action deletePlaylist(std::string name) {
+        return {Kind::deletePlaylist, std::move(name)};
+    }
 
     // Payload accessors; each returns the neutral value when the case carries another.
     int count() const { return get<int>(0); }

@@ -6,11 +6,12 @@
 
 #include "library/LibraryIndex.h"
 #include "library/Settings.h"
+#include "playback/PlaybackQueue.h"
 #include "playback/PlaybackState.h"
 #include "state/TagForm.h"
 #include "state/TextInput.h"
-#include "terminal/PixelImage.h"
 #include "tags/LyricsSource.h"
+#include "terminal/PixelImage.h"
 #include "terminal/Style.h"
 #include "terminal/TerminalGraphics.h"
 
@@ -27,7 +28,8 @@ namespace trovan {
 // Pane that receives navigation keys; Tab walks this order.
 enum class Focus { artists, library, player };
 
-enum class PromptKind { command, search, seek };
+// `confirm` asks a yes/no question (AppState::question) before something is lost.
+enum class PromptKind { command, search, seek, confirm };
 
 // The player's transport buttons, left to right.
 enum class PlayerButton { shuffle, previous, playPause, next, repeatMode };
@@ -37,7 +39,7 @@ inline constexpr PlayerButton kPlayerButtons[] = {PlayerButton::shuffle, PlayerB
 
 // Modal overlay or prompt that is open.
 struct Overlay {
-    enum class Kind { prompt, none, help, equalizer, tagForm, roots };
+    enum class Kind { prompt, none, help, equalizer, tagForm, roots, queue };
     Kind kind = Kind::none;
     PromptKind promptKind = PromptKind::command; // meaningful only for prompt
 
@@ -47,6 +49,7 @@ struct Overlay {
     static Overlay equalizer() { return {Kind::equalizer}; }
     static Overlay tagForm() { return {Kind::tagForm}; }
     static Overlay roots() { return {Kind::roots}; }
+    static Overlay queue() { return {Kind::queue}; }
 
     bool isPrompt(PromptKind k) const { return kind == Kind::prompt && promptKind == k; }
     bool operator==(const Overlay& o) const {
@@ -140,6 +143,14 @@ struct AppState {
     std::optional<TagForm> form;
     int eqBand = 0;
     int rootsCursor = 0;
+    // The queue view: its selection and scroll, over the playback controller's queue
+    // (read in place: it may hold 100,000 entries).
+    ListViewport queueView;
+    const PlaybackQueue* queue = nullptr;
+    // Saved lists, by name, shown under "Listas" in the artist pane.
+    std::vector<std::string> playlists;
+    // The yes/no question of the confirm prompt.
+    std::string question;
     int helpOffset = 0;
     std::optional<Lyrics> lyrics;
     bool lyricsVisible = false;

@@ -134,6 +134,23 @@ CommandResult CommandParser::parse(std::string_view text) {
             return CommandError::missingArgument("modo (auto, kitty, sixel o bloques)");
         return CommandError::invalidValue("carátulas: usa auto, kitty, sixel o bloques");
     }
+    if (word == "queue" || word == "cola") return Action(Action::Kind::openQueue);
+    if (word == "save" || word == "guardar") {
+        if (argument.empty()) return CommandError::missingArgument("nombre de la lista");
+        return Action::savePlaylist(argument);
+    }
+    if (word == "load" || word == "abrir") {
+        if (argument.empty()) return CommandError::missingArgument("nombre o ruta de la lista");
+        return Action::loadPlaylist(argument);
+    }
+    if (word == "export" || word == "exportar") {
+        if (argument.empty()) return CommandError::missingArgument("ruta");
+        return Action::exportPlaylist(argument);
+    }
+    if (word == "delete" || word == "borrar") {
+        if (argument.empty()) return CommandError::missingArgument("nombre de la lista");
+        return Action::deletePlaylist(argument);
+    }
     if (word == "sync" || word == "sincronizar") return Action(Action::Kind::syncLyrics);
     if (word == "q" || word == "quit" || word == "salir") return Action(Action::Kind::quit);
     if (word == "help" || word == "ayuda" || word == "h") return Action(Action::Kind::openHelp);

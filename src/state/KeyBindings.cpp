@@ -53,6 +53,12 @@ std::vector<KeySection> buildSections() {
              {{ch("r")}, A::cycleRepeat, "Repetir: no → todo → una"},
              {{ch("=")}, A::openEqualizer, "Ecualizador"},
          }},
+        {"Cola",
+         {
+             {{ch("a")}, A::enqueue, "Añadir a la cola"},
+             {{ch("A")}, A::enqueueNext, "Reproducir a continuación"},
+             {{ch("c")}, A::openQueue, "Ver la cola"},
+         }},
         {"Edición",
          {
              {{ch("x")}, A::toggleMark, "Marcar pista / álbum"},
@@ -181,6 +187,16 @@ const std::vector<HelpLine>& KeyBindings::helpLines() {
         for (const auto& [keys, desc] : lyrics)
             out.push_back({HelpLine::Kind::entry, keys, desc});
         out.push_back({});
+        out.push_back({HelpLine::Kind::header, "EN LA COLA", {}});
+        const std::pair<const char*, const char*> queue[] = {
+            {"↑ ↓  Enter", "Elegir · reproducir desde ahí"},
+            {"J K", "Bajar / subir (o Shift+↓ ↑)"},
+            {"d Supr", "Quitar de la cola"},
+            {"C", "Vaciar lo que viene después"},
+        };
+        for (const auto& [keys, desc] : queue)
+            out.push_back({HelpLine::Kind::entry, keys, desc});
+        out.push_back({});
         out.push_back({HelpLine::Kind::header, "COMANDOS", {}});
         const std::pair<const char*, const char*> commands[] = {
             {":add <ruta>", "Agregar carpeta y reindexar"},
@@ -195,6 +211,11 @@ const std::vector<HelpLine>& KeyBindings::helpLines() {
             {":cover <imagen>", "Poner carátula a la selección"},
             {":cover remove", "Quitar carátula"},
             {":sync", "Sincronizar la letra"},
+            {":queue", "Ver la cola"},
+            {":save <nombre>", "Guardar la cola como lista"},
+            {":load <lista|ruta>", "Abrir una lista (m3u, pls)"},
+            {":export <ruta>", "Exportar la cola (rutas relativas)"},
+            {":delete <nombre>", "Borrar una lista guardada"},
             {":q", "Salir"},
         };
         for (const auto& [cmd, desc] : commands)

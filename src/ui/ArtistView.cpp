@@ -38,17 +38,24 @@ void ArtistView::draw(const AppState& state, const Layout& layout, ScreenBuffer&
             buffer.text(letter->letter, list.x, y, list.width, palette::on(palette::white, true));
             continue;
         }
-        const int index = row.get<ArtistRow::Artist>()->artist;
-        if (index < 0 || index >= static_cast<int>(artists.size())) continue;
-        const auto& artist = artists[static_cast<std::size_t>(index)];
-        Style style = palette::on(!playingKey.empty() && artist.key == playingKey ? palette::accent
-                                                                                  : palette::dim);
+        std::string_view name;
+        Style style = palette::on(palette::dim);
+        if (const auto* list = row.get<ArtistRow::Playlist>()) {
+            name = list->name;
+        } else {
+            const int index = row.get<ArtistRow::Artist>()->artist;
+            if (index < 0 || index >= static_cast<int>(artists.size())) continue;
+            const auto& artist = artists[static_cast<std::size_t>(index)];
+            name = artist.name;
+            if (!playingKey.empty() && artist.key == playingKey)
+                style = palette::on(palette::accent);
+        }
         if (i == state.artists.cursor) {
             const RGB bg = focused ? palette::selectionFocused : palette::selection;
             buffer.fill({list.x, y, list.width, 1}, Style{palette::text, bg, false, false});
             style = Style{palette::white, bg, false, false};
         }
-        buffer.text(artist.name, list.x + 1, y, list.width - 2, style);
+        buffer.text(name, list.x + 1, y, list.width - 2, style);
     }
 }
 

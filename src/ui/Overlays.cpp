@@ -4,10 +4,12 @@
 #include "terminal/Palette.h"
 #include "text/Text.h"
 #include "ui/Drawing.h"
+#include "ui/PlayerView.h"
 
 #include <algorithm>
 #include <cmath>
 #include <cstdio>
+#include <filesystem>
 #include <string>
 
 namespace trovan {
@@ -183,6 +185,92 @@ void Overlays::drawRoots(const AppState& state, ScreenBuffer& buffer) {
     }
 }
 
+Rect Overlays::queueBox(int W, int H) {
+    const int width = std::min(W - 4, 100), height = H - 2;
+    return {(W - width) / 2, (H - height) / 2, width, height};
+}
+
+void Overlays::drawQueue(const AppState& state, double elapsed, ScreenBuffer& buffer) {
+    static const PlaybackQueue empty;
+    const PlaybackQueue& q = state.queue ? *state.queue : empty;
+    const int count = static_cast<int>(q.order.size());
+    const Rect box = queueBox(buffer.width(), buffer.height());
+    const TrackTable& table = state.index.table();
+    auto durationMs = [&](const std::string& path) -> int64_t {
+        auto id = table.find(path);
+        return id ? table.durationMs(*id) : 0;
+    };
+    std::string heading = "COLA";
+    if (count > 0) {
+        heading += count == 1 ? " · 1 canción" : " · " + std::to_string(count) + " canciones";
+        double left = 0;
+        int from = 0;
+        if (q.position) {
+            from = *q.position + 1;
+            const double current = state.playback.duration > 0
+                                       ? state.playback.duration
+                                       : static_cast<double>(durationMs(*q.currentPath())) / 1e3;
+            left = std::max(0.0, current - elapsed);
+        }
+        // The owner keeps each entry's length beside it; a queue without them (nothing
+        // looked up yet) is measured here.
+        const bool kept = q.durations.size() == q.paths.size();
+        int64_t ms = 0;
+        for (int i = from; i < count; ++i) {
+            const auto at = static_cast<std::size_t>(q.order[static_cast<std::size_t>(i)]);
+            ms += kept ? std::max<int64_t>(0, q.durations[at]) : durationMs(q.paths[at]);
+        }
+        left += static_cast<double>(ms) / 1e3;
+        heading += " · quedan " + PlayerView::format(left);
+    }
+    frame(box.x, box.y, box.width, box.height, heading,
+          "J/K mover · d quitar · C vaciar · Esc cerrar", buffer);
+    if (count == 0) {
+        buffer.text("La cola está vacía. Pulsa a sobre una canción para añadirla.", box.x + 2,
+                    box.y + 2, box.width - 4, secondary);
+        return;
+    }
+    const int rows = box.height - 4;
+    if (rows < 1) return;
+    const int cursor = std::clamp(state.queueView.cursor, 0, count - 1);
+    const int offset = std::clamp(state.queueView.offset, 0, std::max(0, count - rows));
+    const int inner = box.width - 4;
+    for (int i = offset; i < count && i - offset < rows; ++i) {
+        const int y = box.y + 2 + (i - offset);
+        const std::string& path =
+            q.paths[static_cast<std::size_t>(q.order[static_cast<std::size_t>(i)])];
+        const bool playing = q.position == i;
+        Style st = body, dim = secondary;
+        if (i == cursor) {
+            draw::fillOver(buffer, {box.x + 1, y, box.width - 2, 1}, highlight);
+            st = highlight;
+            dim = Style{palette::dim, palette::selectionFocused, false, false};
+        }
+        int x = box.x + 2;
+        if (playing) buffer.text("▶", x, y, 1, Style{palette::accent, st.bg, true, false});
+        x += 2;
+        std::string title, artist;
+        int64_t ms = 0;
+        if (auto id = table.find(path)) {
+            title = std::string(table.displayTitle(*id));
+            artist = std::string(table.name(table.artist(*id)));
+            ms = table.durationMs(*id);
+        } else {
+            title = std::filesystem::path(path).filename().string();
+        }
+        const std::string duration =
+            ms > 0 ? PlayerView::format(static_cast<double>(ms) / 1e3) : "";
+        const int durationWidth = text::displayWidth(duration);
+        const int room = inner - 2 - (durationWidth > 0 ? durationWidth + 1 : 0);
+        const int used = buffer.text(title, x, y, room,
+                                     playing ? Style{palette::white, st.bg, true, false} : st);
+        if (!artist.empty() && room - used > 4)
+            buffer.text(" · " + artist, x + used, y, room - used, dim);
+        if (durationWidth > 0)
+            buffer.text(duration, box.x + box.width - 2 - durationWidth, y, durationWidth, dim);
+    }
+}
+
 Rect Overlays::formBox(int W, int H, int fields) {
     const int width = std::min(W - 4, 76), height = std::min(H - 2, fields + 4);
     return {(W - width) / 2, (H - height) / 2, width, height};
@@ -250,6 +338,13 @@ std::optional<CursorPos> Overlays::drawPrompt(const AppState& state, PromptKind 
         const Rect& line = layout.progress;
         const int y = line.y, x = line.x, right = line.x + line.width;
         draw::fillOver(buffer, line, palette::defaultStyle);
+        if (kind == PromptKind::confirm) {
+            const int used = buffer.text(state.question + " (s/n) ", x, y, right - x,
+                                         palette::on(palette::accent, true));
+            cursor = CursorPos{x + used, y};
+            if (x + used >= right) cursor.reset();
+            return cursor;
+        }
         const char* lead = kind == PromptKind::command ? ":" : "Ir a minuto: ";
         const int used = buffer.text(lead, x, y, right - x, palette::on(palette::accent, true));
         cursor = draw::input(buffer, state.input, x + used, y, right - (x + used),
@@ -263,7 +358,7 @@ std::optional<CursorPos> Overlays::drawPrompt(const AppState& state, PromptKind 
 }
 
 std::optional<CursorPos> Overlays::draw(const AppState& state, const Layout& layout,
-                                        ScreenBuffer& buffer) {
+                                        ScreenBuffer& buffer, double elapsed) {
     switch (state.overlay.kind) {
     case Overlay::Kind::none:
         return std::nullopt;
@@ -277,6 +372,9 @@ std::optional<CursorPos> Overlays::draw(const AppState& state, const Layout& lay
         return std::nullopt;
     case Overlay::Kind::roots:
         drawRoots(state, buffer);
+        return std::nullopt;
+    case Overlay::Kind::queue:
+        drawQueue(state, elapsed, buffer);
         return std::nullopt;
     case Overlay::Kind::tagForm:
         if (state.form) return drawForm(*state.form, buffer);

@@ -36,10 +36,10 @@ std::optional<CursorPos> Screen::draw(const AppState& state, const Layout& layou
     LibraryView::draw(state, layout, buffer, elapsed);
     PlayerView::draw(elapsed, state, layout, buffer);
     if (buffer.images().empty() || state.overlay.kind == Overlay::Kind::none)
-        return Overlays::draw(state, layout, buffer);
+        return Overlays::draw(state, layout, buffer, elapsed);
     // Pictures lie above the text: one that a box or prompt is drawn over is hidden.
     const ScreenBuffer under = buffer;
-    auto cursor = Overlays::draw(state, layout, buffer);
+    auto cursor = Overlays::draw(state, layout, buffer, elapsed);
     buffer.hideImagesDrawnOver(under);
     return cursor;
 }

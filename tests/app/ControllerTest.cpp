@@ -5,6 +5,7 @@
 #include "app/AppController.h"
 #include "app/WorkerPool.h"
 #include "library/LibraryStore.h"
+#include "library/QueueFile.h"
 #include "library/SettingsStore.h"
 #include "playback/NullOutput.h"
 #include "playback/PlaybackController.h"
@@ -826,5 +827,94 @@ TEST(ControllerEditing, CoversLyricsAndTheFormKeepThePlayingTrackAndCountTheFile
         EXPECT_EQ(stored->title, i == 2 ? "t2" : "Nuevo");
         EXPECT_EQ(Track::read(paths[i])->title, stored->title);
         EXPECT_EQ(stored->album.empty(), i != 2);
+    }
+}
+
+// Saved lists are never replaced or deleted without a yes, names stay in their folder,
+// and the kept queue comes back paused without its missing files; a damaged one is
+// moved aside, a newer one left alone.
+TEST(ControllerQueue, ListsAskFirstAndTheKeptQueueComesBackPaused) {
+    if (!fixtures::available()) GTEST_SKIP() << "ffmpeg missing";
+    ControllerHarness h;
+    loadSmallLibrary(h);
+    auto last = [&] { return h.reports.empty() ? std::string() : h.reports.back().text; };
+    auto slurp = [](const fs::path& p) {
+        std::ifstream in(p, std::ios::binary);
+        return std::string(std::istreambuf_iterator<char>(in), {});
+    };
+    h.type(":save Mezcla");
+    EXPECT_EQ(last(), "La cola está vacía: no hay nada que guardar");
+    h.keys("a"); // Abba's one track
+    EXPECT_EQ(last(), "1 canción añadida a la cola");
+    h.type(":save ../fuera");
+    EXPECT_EQ(last(), "Nombre de lista inválido: sin barras y sin punto al principio");
+    h.type(":save Mezcla");
+    h.settle();
+    const fs::path list = h.home.path() / "listas" / "Mezcla.m3u8";
+    ASSERT_TRUE(fs::exists(list)) << last();
+    EXPECT_EQ(h.state().playlists, std::vector<std::string>{"Mezcla"});
+    EXPECT_TRUE(h.state().artistRows.back().is<ArtistRow::Playlist>());
+    std::ofstream(list) << "#EXTM3U\nvieja\n";
+    for (const char* answer : {"n", "s"}) {
+        h.type(":save Mezcla");
+        EXPECT_TRUE(h.state().overlay.isPrompt(PromptKind::confirm));
+        h.keys(answer);
+        h.settle();
+    }
+    EXPECT_NE(slurp(list).find("Uno"), std::string::npos); // replaced after the yes only
+    EXPECT_EQ(std::count_if(h.reports.begin(), h.reports.end(),
+                            [](const auto& r) { return r.text.starts_with("Cancelado"); }),
+              1);
+    h.type(":delete Mezcla");
+    h.key(kEsc); // anything but s keeps it
+    EXPECT_TRUE(fs::exists(list));
+    h.type(":borrar Mezcla");
+    h.keys("s");
+    EXPECT_FALSE(fs::exists(list));
+    EXPECT_TRUE(h.state().playlists.empty());
+    EXPECT_FALSE(h.state().artistRows.back().is<ArtistRow::Playlist>());
+
+    const fs::path music = h.home.subdir("cola");
+    fixtures::Tone tone;
+    tone.seconds = 8;
+    SavedQueue kept;
+    for (const char* name : {"1.flac", "2.flac", "3.flac"})
+        kept.paths.push_back(
+            fixtures::copyTo(fixtures::cached("ctl-queue.flac", tone), music, name).string());
+    fs::remove(kept.paths[1]);
+    kept.position = 2;
+    kept.seconds = 5;
+    const fs::path file = h.home.path() / QueueFile::kName;
+    std::ofstream(file) << QueueFile::encode(kept);
+    ControllerHarness fresh;
+    fs::copy_file(file, fresh.home.path() / QueueFile::kName);
+    fresh.c().restoreQueue();
+    fresh.settle();
+    EXPECT_EQ(fresh.c().playback().queue().paths,
+              (std::vector<std::string>{kept.paths[0], kept.paths[2]}));
+    EXPECT_EQ(fresh.c().playback().queue().position, 1);
+    EXPECT_EQ(fresh.reports.back().text, "1 canción de la cola ya no existe: se quitó");
+    EXPECT_FALSE(fresh.state().playback.isPlaying);
+    EXPECT_NEAR(fresh.c().playback().position(), 5, 0.05);
+    fresh.c().dispatch(Action::seekBy(1)); // moves where it will start
+    fresh.key(ch(" "));                    // and plays from there
+    ASSERT_TRUE(fresh.settleUntilPlaying());
+    EXPECT_NEAR(fresh.c().playback().position(), 6, 0.2);
+
+    for (const char* bytes : {"{dañado", R"({"version":99,"entries":[]})"}) {
+        ControllerHarness other;
+        const fs::path otherFile = other.home.path() / QueueFile::kName;
+        std::ofstream(otherFile) << bytes;
+        other.c().restoreQueue();
+        other.settle();
+        ASSERT_FALSE(other.reports.empty());
+        EXPECT_TRUE(other.reports.back().isError) << other.reports.back().text;
+        other.c().saveQueue(true);
+        if (bytes[1] == 'd') { // damaged: kept aside, a new one written
+            EXPECT_EQ(slurp(fs::path(otherFile) += ".dañada"), bytes);
+            EXPECT_EQ(QueueFile::decode(slurp(otherFile)).problem, QueueFile::Problem::none);
+        } else { // newer: left as it is
+            EXPECT_EQ(slurp(otherFile), bytes);
+        }
     }
 }

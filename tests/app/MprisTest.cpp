@@ -383,3 +383,77 @@ TEST(Mpris, ABusThatNeverAnswersOrGoesAwayCostsNothing) {
     EXPECT_EQ(s.cpuTicks(), before) << "the program used CPU time after the bus left";
     s.quit();
 }
+
+// The queue as the desktop's track list: it follows a, A, moves and removals, each one
+// announced, and GoTo plays the entry it names.
+TEST(Mpris, TrackListFollowsTheQueueAndGoToPlaysAnEntry) {
+    REQUIRE_BUS_TOOLS();
+    fixtures::SessionBus bus;
+    Clients c(bus.address());
+    Session s;
+    s.busAddress = bus.address();
+    const Library lib = makeLibrary(s.dir());
+    SignalLog signals(bus.address(), s.dir() / "signals.log");
+    s.start({lib.music.string()});
+    ASSERT_TRUE(s.waitFor("4 canciones")) << s.screen();
+    ASSERT_TRUE(waitUntil([&] { return s.playerPublished(); }, 10s));
+    const std::string trackList = "org.mpris.MediaPlayer2.TrackList";
+    auto call = [&](const std::string& method, std::vector<std::string> args = {}) {
+        return c.send(trackList + "." + method, std::move(args));
+    };
+    // The ids in order, and their titles through GetTracksMetadata.
+    auto ids = [&] {
+        const std::string out =
+            c.send("org.freedesktop.DBus.Properties.Get", {"string:" + trackList, "string:Tracks"})
+                .output;
+        std::vector<std::string> found;
+        for (auto p = out.find("object path \""); p != npos; p = out.find("object path \"", p)) {
+            p += 13;
+            found.push_back(out.substr(p, out.find('"', p) - p));
+        }
+        return found;
+    };
+    auto titles = [&] {
+        std::string list = "array:objpath:";
+        for (const auto& id : ids())
+            list += (list.back() == ':' ? "" : ",") + id;
+        const std::string out = call("GetTracksMetadata", {list}).output;
+        std::vector<std::string> found;
+        for (auto p = out.find("\"xesam:title\""); p != npos; p = out.find("\"xesam:title\"", p)) {
+            p = out.find("string \"", p + 13) + 8;
+            found.push_back(out.substr(p, out.find('"', p) - p));
+        }
+        return found;
+    };
+    using Titles = std::vector<std::string>;
+    EXPECT_NE(c.send("org.freedesktop.DBus.Properties.Get",
+                     {"string:org.mpris.MediaPlayer2", "string:HasTrackList"})
+                  .output.find("boolean true"),
+              npos);
+
+    s.keys("Enter Enter Space"); // Uno plays, paused: the queue is Alfa's album
+    ASSERT_TRUE(c.waitStatus("Paused"));
+    EXPECT_TRUE(waitUntil([&] { return titles() == Titles{"Uno", "Dos"}; }, 5s));
+    s.keys("Left j Enter a"); // Tres at the end
+    ASSERT_TRUE(s.waitFor("1 canción añadida a la cola"));
+    EXPECT_TRUE(waitUntil([&] { return titles() == Titles{"Uno", "Dos", "Tres"}; }, 5s));
+    EXPECT_TRUE(waitUntil([&] { return signals.count("member=TrackAdded") == 1; }, 5s));
+    s.keys("Left j Enter j A"); // Cuatro next
+    ASSERT_TRUE(s.waitFor("1 canción se reproducirá a continuación"));
+    EXPECT_TRUE(waitUntil([&] { return titles() == Titles{"Uno", "Cuatro", "Dos", "Tres"}; }, 5s));
+    s.keys("c j j J"); // Dos one down
+    EXPECT_TRUE(waitUntil([&] { return titles() == Titles{"Uno", "Cuatro", "Tres", "Dos"}; }, 5s));
+    s.keys("d"); // and out
+    EXPECT_TRUE(waitUntil([&] { return titles() == Titles{"Uno", "Cuatro", "Tres"}; }, 5s));
+    EXPECT_TRUE(waitUntil([&] { return signals.count("member=TrackRemoved") == 1; }, 5s));
+    s.keys("Escape");
+
+    const auto list = ids();
+    ASSERT_EQ(list.size(), 3u);
+    EXPECT_EQ(call("GoTo", {"objpath:" + list[2]}).status, 0);
+    EXPECT_TRUE(c.waitMeta("xesam:title", "Tres"));
+    EXPECT_EQ(c.trackId(), list[2]);
+    call("GoTo", {"objpath:/org/trovan/Trovan/track/t0"}); // not listed: nothing happens
+    EXPECT_EQ(c.meta("xesam:title"), "Tres");
+    s.quit();
+}

@@ -76,6 +76,62 @@ TEST(PlaybackQueueTest, ShuffleKeepsTheCurrentTrackFirstAndOffRestoresItsPlace) 
     EXPECT_EQ(none.position, 4);
 }
 
+// Edits by place in play order, with shuffle off (the user's order is the play order)
+// and on: the current entry stays current, the order stays a permutation.
+TEST(PlaybackQueueTest, EditsKeepTheCurrentEntryAndAPermutation) {
+    std::mt19937_64 rng(7);
+    for (bool shuffle : {false, true}) {
+        SCOPED_TRACE(shuffle);
+        auto q = queueOf(5, 2);
+        q.setShuffle(shuffle, rng);
+        const auto current = q.currentPath();
+        auto at = [&](int offset) { return q.pathAt(*q.position + offset); };
+        q.insert(static_cast<std::size_t>(*q.position) + 1, {"/n1", "/n2"});
+        q.insert(0, {"/front"});
+        q.insert(q.order.size(), {"/end"});
+        EXPECT_EQ(q.currentPath(), current);
+        EXPECT_EQ(at(1), "/n1");
+        EXPECT_EQ(at(2), "/n2");
+        EXPECT_EQ(q.pathAt(0), "/front");
+        EXPECT_EQ(q.pathAt(static_cast<int>(q.order.size()) - 1), "/end");
+        EXPECT_TRUE(isPermutation(q));
+        EXPECT_EQ(std::is_sorted(q.order.begin(), q.order.end()), !shuffle || q.order.size() < 2);
+
+        EXPECT_TRUE(q.move(static_cast<std::size_t>(*q.position) + 1, 1));
+        EXPECT_EQ(at(1), "/n2");
+        EXPECT_EQ(at(2), "/n1");
+        const int before = *q.position;
+        EXPECT_TRUE(q.move(static_cast<std::size_t>(*q.position), -1)); // the current one
+        EXPECT_EQ(q.position, before - 1);
+        EXPECT_EQ(q.currentPath(), current);
+        EXPECT_FALSE(q.move(0, -1));
+        EXPECT_FALSE(q.move(q.order.size() - 1, 1));
+        EXPECT_FALSE(q.move(1, 2));
+
+        auto place = [&](const char* path) {
+            for (std::size_t i = 0; i < q.order.size(); ++i)
+                if (q.pathAt(static_cast<int>(i)) == path) return i;
+            return q.order.size();
+        };
+        EXPECT_TRUE(q.remove(place("/n1")));
+        EXPECT_TRUE(q.remove(place("/front")));
+        EXPECT_FALSE(q.remove(q.order.size()));
+        EXPECT_EQ(q.currentPath(), current);
+        EXPECT_EQ(std::count(q.paths.begin(), q.paths.end(), "/n1"), 0);
+        EXPECT_TRUE(isPermutation(q));
+
+        const std::size_t after = q.order.size() - static_cast<std::size_t>(*q.position) - 1;
+        EXPECT_EQ(q.clearAfterCurrent(), after);
+        EXPECT_EQ(q.order.size(), static_cast<std::size_t>(*q.position) + 1);
+        EXPECT_EQ(q.currentPath(), current);
+        EXPECT_TRUE(isPermutation(q));
+        EXPECT_EQ(q.clearAfterCurrent(), 0u);
+    }
+    auto ended = queueOf(3, -1); // nothing current: everything goes
+    EXPECT_EQ(ended.clearAfterCurrent(), 3u);
+    EXPECT_TRUE(ended.paths.empty() && ended.order.empty());
+}
+
 class PlaybackControllerTest : public ::testing::Test {
 protected:
     void SetUp() override {
@@ -299,6 +355,45 @@ TEST_F(PlaybackControllerTest, JoinsFollowTheQueueAndBadNextTracksNeverStopTheSt
     controller.resume(); // from the start
     EXPECT_DOUBLE_EQ(engine().currentTime(), 0.0);
     EXPECT_TRUE(controller.state().isPlaying);
+}
+
+// Every edit names the new following track to the engine: what is heard next is what
+// the queue says, joined without a reload.
+TEST_F(PlaybackControllerTest, QueueEditsReachTheGaplessJoin) {
+    auto second = testing::tone("queue-1s.flac", {.seconds = 1});
+    auto copy = [&](const std::string& name) {
+        return add(fixtures::copyTo(second, dir.path(), name).string(), name);
+    };
+    const std::string a = copy("qa.flac"), b = copy("qb.flac"), c = copy("qc.flac"),
+                      d = copy("qd.flac");
+    std::vector<std::string> heard;
+    controller.onChange = [&] {
+        if (controller.state().isPlaying && (heard.empty() || heard.back() != current()))
+            heard.push_back(current());
+    };
+    int queueChanges = 0;
+    controller.onQueueChange = [&] { ++queueChanges; };
+    auto prepared = [&] {
+        ASSERT_TRUE(engine().waitUntilPrepared(std::chrono::seconds(10)));
+        tasks.runPending();
+    };
+    controller.play({a, b}, 0);
+    settle();
+    prepared();
+    controller.enqueue({c}, true); // a c b
+    prepared();
+    controller.enqueue({d}, false);        // a c b d
+    EXPECT_TRUE(controller.moveAt(3, -1)); // a c d b
+    EXPECT_FALSE(controller.removeAt(0));  // the playing one stays
+    EXPECT_TRUE(controller.removeAt(1));   // a d b
+    prepared();
+    EXPECT_EQ(queueChanges, 5);
+    for (int i = 0; i < 100000 && controller.queue().position; ++i) {
+        testing::playFor(engine(), outputs, tasks, 0.01);
+        std::this_thread::yield();
+    }
+    EXPECT_EQ(heard, (std::vector<std::string>{a, d, b}));
+    EXPECT_TRUE(errors.empty());
 }
 
 // A batch of tag writes over the playing file. One replaced by a rename plays on; one

@@ -42,6 +42,11 @@ TEST(CommandParser, CommandsSynonymsCaseAndQuoting) {
         {Action::setCoverMode("sixel"), {"covers sixel", "CARÁTULAS Sixel", "caratulas sixel"}},
         {Action::setCoverMode("bloques"), {"covers bloques"}},
         {Action::setCover("/tmp/x.png"), {"caratula /tmp/x.png"}},
+        {A::openQueue, {"queue", "COLA"}},
+        {Action::savePlaylist("Mi lista"), {"save Mi lista", "guardar \"Mi lista\""}},
+        {Action::loadPlaylist("~/a b.m3u"), {"abrir '~/a b.m3u'", "LOAD ~/a b.m3u"}},
+        {Action::exportPlaylist("/x/l.m3u8"), {"exportar /x/l.m3u8"}},
+        {Action::deletePlaylist("../x"), {"borrar ../x", "delete ../x"}},
         {A::quit, {"q", "SALIR", "q now"}},
         {A::openHelp, {"ayuda", "H extra"}}};
     for (const auto& [expected, inputs] : cases)
@@ -55,7 +60,9 @@ TEST(CommandParser, CommandsSynonymsCaseAndQuoting) {
 
 TEST(CommandParser, ErrorMessages) {
     const std::pair<const char*, std::vector<const char*>> cases[] = {
-        {"Falta el argumento: ruta", {"add", "add \t "}},
+        {"Falta el argumento: ruta", {"add", "add \t ", "export"}},
+        {"Falta el argumento: nombre de la lista", {"save", "guardar  ", "borrar"}},
+        {"Falta el argumento: nombre o ruta de la lista", {"load"}},
         {"Falta el argumento: imagen o remove", {"cover"}},
         {"Valor inválido para carátulas: usa auto, kitty, sixel o bloques",
          {"covers iterm", "caratulas 3"}},

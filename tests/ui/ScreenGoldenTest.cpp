@@ -242,6 +242,28 @@ TEST(ScreenGolden, Overlays) {
     s.rootsCursor = 0;
     golden("roots", s, large);
 
+    // The queue: library tracks and a file the library lacks, the playing one marked, the
+    // time left in the title; the saved lists under their heading in the artist pane.
+    s = libraryState(Layout(medium));
+    PlaybackQueue queue;
+    queue.paths = {"/m/air/tw/1-01.mp3", "/m/air/tw/2-01.mp3", "/otro/sitio/suelta canción.ogg",
+                   "/m/air/ms/03.flac"};
+    queue.order = {0, 1, 2, 3};
+    queue.position = 1;
+    s.queue = &queue;
+    s.playback.track = s.index.find("/m/air/tw/2-01.mp3");
+    s.playback.duration = 253;
+    s.queueView.cursor = 2;
+    s.overlay = Overlay::queue();
+    s.artistRows.push_back(ArtistRow::letter("Listas"));
+    s.artistRows.push_back(ArtistRow::playlist("Mezcla de ñandú"));
+    golden("queue", s, small, 53);
+    s.overlay = Overlay::none();
+    s.focus = Focus::artists;
+    s.artists.cursor = static_cast<int>(s.artistRows.size()) - 1;
+    s.artists.offset = std::max(0, s.artists.cursor - 5);
+    golden("lists", s, small);
+
     s = libraryState(Layout(medium));
     const PropertyMap venus = {
         {"TITLE", {"Venus"}}, {"ALBUM", {"Talkie Walkie"}}, {"GENRE", {"Electrónica", "Pop"}}};

@@ -21,6 +21,7 @@ const char* const kBusName = "org.mpris.MediaPlayer2.trovan";
 const char* const kObjectPath = "/org/mpris/MediaPlayer2";
 const char* const kRoot = "org.mpris.MediaPlayer2";
 const char* const kPlayer = "org.mpris.MediaPlayer2.Player";
+const char* const kTrackList = "org.mpris.MediaPlayer2.TrackList";
 const char* const kNoTrack = "/org/mpris/MediaPlayer2/TrackList/NoTrack";
 const char* const kInvalidArgs = "org.freedesktop.DBus.Error.InvalidArgs";
 const char* const kFailed = "org.freedesktop.DBus.Error.Failed";
@@ -82,6 +83,7 @@ public:
         object_ = sdbus::createObject(*connection_, kObjectPath);
         registerRoot();
         registerPlayer();
+        registerTrackList();
         object_->finishRegistration();
         // Clients look at the object as soon as the name appears, so it comes last.
         connection_->requestName(kBusName);
@@ -136,7 +138,104 @@ public:
         send([&] { object_->emitSignal("Seeked").onInterface(kPlayer).withArguments(positionUs); });
     }
 
+    void trackAdded(const NowPlayingInfo& track, const std::string& afterId) override {
+        if (broken_) return;
+        send([&] {
+            object_->emitSignal("TrackAdded")
+                .onInterface(kTrackList)
+                .withArguments(metadata(track), sdbus::ObjectPath(afterId));
+        });
+        tracksChanged();
+    }
+
+    void trackRemoved(const std::string& id) override {
+        if (broken_) return;
+        send([&] {
+            object_->emitSignal("TrackRemoved")
+                .onInterface(kTrackList)
+                .withArguments(sdbus::ObjectPath(id));
+        });
+        tracksChanged();
+    }
+
+    void trackListReplaced(const std::vector<std::string>& ids,
+                           const std::string& current) override {
+        if (broken_) return;
+        send([&] {
+            object_->emitSignal("TrackListReplaced")
+                .onInterface(kTrackList)
+                .withArguments(paths(ids), sdbus::ObjectPath(current));
+        });
+        tracksChanged();
+    }
+
 private:
+    static std::vector<sdbus::ObjectPath> paths(const std::vector<std::string>& ids) {
+        return {ids.begin(), ids.end()};
+    }
+
+    // Tracks is announced as invalidated: clients read it again when they care.
+    void tracksChanged() {
+        send([&] { object_->emitPropertiesChangedSignal(kTrackList, {"Tracks"}); });
+    }
+
+    void registerTrackList() {
+        auto& o = *object_;
+        o.registerMethod("GetTracksMetadata")
+            .onInterface(kTrackList)
+            .withInputParamNames("TrackIds")
+            .withOutputParamNames("Metadata")
+            .implementedAs([this](const std::vector<sdbus::ObjectPath>& ids) {
+                return answer([&] {
+                    std::vector<std::map<std::string, sdbus::Variant>> out;
+                    for (const auto& info :
+                         remote_.tracksMetadata(std::vector<std::string>(ids.begin(), ids.end())))
+                        out.push_back(metadata(info));
+                    return out;
+                });
+            });
+        o.registerMethod("AddTrack")
+            .onInterface(kTrackList)
+            .withInputParamNames("Uri", "AfterTrack", "SetAsCurrent")
+            .implementedAs([](const std::string&, const sdbus::ObjectPath&, bool) {
+                throw sdbus::Error(kFailed, "La lista no se edita desde fuera (CanEditTracks)");
+            });
+        o.registerMethod("RemoveTrack")
+            .onInterface(kTrackList)
+            .withInputParamNames("TrackId")
+            .implementedAs([](const sdbus::ObjectPath&) {
+                throw sdbus::Error(kFailed, "La lista no se edita desde fuera (CanEditTracks)");
+            });
+        o.registerMethod("GoTo")
+            .onInterface(kTrackList)
+            .withInputParamNames("TrackId")
+            .implementedAs(
+                [this](const sdbus::ObjectPath& id) { answer([&] { remote_.goTo(id); }); });
+        o.registerSignal("TrackListReplaced")
+            .onInterface(kTrackList)
+            .withParameters<std::vector<sdbus::ObjectPath>, sdbus::ObjectPath>("Tracks",
+                                                                               "CurrentTrack");
+        o.registerSignal("TrackAdded")
+            .onInterface(kTrackList)
+            .withParameters<std::map<std::string, sdbus::Variant>, sdbus::ObjectPath>("Metadata",
+                                                                                      "AfterTrack");
+        o.registerSignal("TrackRemoved")
+            .onInterface(kTrackList)
+            .withParameters<sdbus::ObjectPath>("TrackId");
+        o.registerSignal("TrackMetadataChanged")
+            .onInterface(kTrackList)
+            .withParameters<sdbus::ObjectPath, std::map<std::string, sdbus::Variant>>("TrackId",
+                                                                                      "Metadata");
+        o.registerProperty("Tracks")
+            .onInterface(kTrackList)
+            .withGetter([this] { return paths(remote_.trackIds()); })
+            .withUpdateBehavior(sdbus::Flags::EMITS_INVALIDATION_SIGNAL);
+        o.registerProperty("CanEditTracks")
+            .onInterface(kTrackList)
+            .withGetter([] { return false; })
+            .withUpdateBehavior(sdbus::Flags::CONST_PROPERTY_VALUE);
+    }
+
     template <typename F> void send(F&& f) {
         try {
             f();
@@ -155,7 +254,7 @@ private:
             [this] { answer([&] { remote_.quit(); }); });
         o.registerProperty("CanQuit").onInterface(kRoot).withGetter([] { return true; });
         o.registerProperty("CanRaise").onInterface(kRoot).withGetter([] { return false; });
-        o.registerProperty("HasTrackList").onInterface(kRoot).withGetter([] { return false; });
+        o.registerProperty("HasTrackList").onInterface(kRoot).withGetter([] { return true; });
         o.registerProperty("Identity").onInterface(kRoot).withGetter([] {
             return std::string("Trovan");
         });
