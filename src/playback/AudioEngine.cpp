@@ -40,11 +40,11 @@ AudioEngine::AudioEngine(Poster post, OutputFactory outputs)
 
 AudioEngine::~AudioEngine() {
     onTrackEnd = nullptr;
-    if (segment_) {
-        core_->detach();
-        segment_->cancelled = true;
-        segment_.reset();
-    }
+    core_->detach();
+    for (auto* list : {&segment_, &incoming_})
+        if (*list) (*list)->cancelled = true;
+    for (auto& s : fading_)
+        s->cancelled = true;
     worker_.reset();
     if (output_) {
         core_->setLive(false);
@@ -58,22 +58,67 @@ void AudioEngine::bumpGeneration() {
     generation_ = generation_ == std::numeric_limits<int64_t>::max() ? 0 : generation_ + 1;
 }
 
-void AudioEngine::stopStep() {
+void AudioEngine::stopStep(double fadeSeconds) {
     bumpGeneration();
     catchUpJoins(); // a join already heard belongs to the new track
     if (isPlaying_) stoppedAt_ = currentTime();
-    if (segment_) {
-        core_->detach();
-        segment_->cancelled = true;
-        worker_->assign(nullptr);
-        segment_.reset();
+    // What is being heard fades out while whatever comes next starts; what has not
+    // been heard yet (or cannot be, with the output stopped) simply goes.
+    const bool fade = fadeSeconds > 0 && isPlaying_ && output_ && output_->isRunning();
+    auto retire = [&](std::shared_ptr<Segment>& s) {
+        if (!s) return;
+        if (fade && s->deviceBase.load() >= 0 && !s->faded.load()) {
+            s->retired = true;
+            s->quickFade = std::max<int64_t>(1, std::llround(fadeSeconds * core_->sampleRate()));
+            fading_.push_back(std::move(s));
+        } else {
+            s->cancelled = true;
+        }
+        s.reset();
+    };
+    // An armed crossfade that has not begun gives its track back to be prepared again.
+    if (incoming_ && segment_ && !segment_->crossfading.load() && incomingPrepared_)
+        setPrepared(makePrepared(incomingPrepared_->path, incomingPrepared_->transition));
+    incomingPrepared_.reset();
+    retire(incoming_);
+    retire(segment_);
+    // Earlier fades go on (a skip's fade outlasts the load that follows it).
+    for (auto& s : fading_)
+        if (s->faded.load()) s->cancelled = true;
+    std::erase_if(fading_, [](const auto& s) { return s->cancelled.load(); });
+    // Two fades at once are plenty; keys pressed faster than that cut the oldest.
+    while (fading_.size() > RenderCore::slotCount - 2) {
+        fading_.front()->cancelled = true;
+        fading_.erase(fading_.begin());
     }
+    publishSegments();
     segmentOrigin_ = 0;
     appliedJoins_ = 0;
     // The dropped ring had already gone on into the prepared track: open it afresh.
     if (prepared_ && prepared_->claim.load() == Prepared::byDecoder)
-        setPrepared(makePrepared(prepared_->path));
+        setPrepared(makePrepared(prepared_->path, prepared_->transition));
     isPlaying_ = false;
+}
+
+// Hands the render core and the decoder thread the segments as they stand now.
+void AudioEngine::publishSegments() {
+    RenderCore::Slots slots{segment_.get(), incoming_.get()};
+    std::vector<std::shared_ptr<Segment>> all;
+    for (auto* s : {&segment_, &incoming_})
+        if (*s) all.push_back(*s);
+    for (std::size_t i = 0; i < fading_.size(); ++i) {
+        slots[2 + i] = fading_[i].get();
+        all.push_back(fading_[i]);
+    }
+    core_->setSegments(slots);
+    worker_->assign(std::move(all));
+}
+
+// A segment faded out: nobody needs to hear from it again.
+void AudioEngine::fadedArrived(uint64_t id) {
+    const auto before = fading_.size();
+    std::erase_if(fading_, [id](const auto& s) { return s->id == id; });
+    if (fading_.size() != before) publishSegments();
 }
 
 AudioFormatInfo AudioEngine::load(const std::string& path) {
@@ -93,7 +138,7 @@ AudioFormatInfo AudioEngine::load(const std::string& path) {
 }
 
 void AudioEngine::loadInBackground(const std::string& path, Task alsoThere, LoadDone done) {
-    stopStep();
+    stopStep(skipFadeSeconds);
     file_.reset();
     stoppedAt_ = 0;
     const int64_t request = ++loadCount_;
@@ -118,9 +163,14 @@ void AudioEngine::loadInBackground(const std::string& path, Task alsoThere, Load
     setPrepared(std::move(p));
 }
 
-std::shared_ptr<AudioEngine::Prepared> AudioEngine::makePrepared(const std::string& path) {
+std::shared_ptr<AudioEngine::Prepared> AudioEngine::makePrepared(const std::string& path,
+                                                                 Transition transition) {
     auto p = std::make_shared<Prepared>();
     p->path = path;
+    p->transition = transition;
+    p->onReady = [alive = std::weak_ptr<char>(alive_), self = this] {
+        if (alive.lock()) self->armCrossfade();
+    };
     p->post = post_;
     p->onFailed = [alive = std::weak_ptr<char>(alive_), self = this,
                    weak = std::weak_ptr<Prepared>(p)] {
@@ -135,13 +185,27 @@ void AudioEngine::setPrepared(std::shared_ptr<Prepared> prepared) {
     worker_->prepare(prepared_);
 }
 
-void AudioEngine::prepareNext(std::optional<std::string> path, Task alsoThere) {
+void AudioEngine::prepareNext(std::optional<std::string> path, Task alsoThere,
+                              Transition transition) {
     if (prepared_ && path && prepared_->path == *path &&
         prepared_->claim.load() != Prepared::byOwner &&
-        prepared_->status.load() != Prepared::failed)
+        prepared_->status.load() != Prepared::failed) {
+        prepared_->transition = transition; // read by the owner only
+        armCrossfade();
         return;
+    }
+    // The track already set to crossfade in stays when it is still the one wanted.
+    if (incomingPrepared_ && path && incomingPrepared_->path == *path) return;
     catchUpJoins();
-    auto fresh = path ? makePrepared(*path) : nullptr;
+    if (incoming_ && segment_ && !segment_->crossfading.load()) {
+        incoming_->cancelled = true;
+        incoming_.reset();
+        incomingPrepared_.reset();
+        segment_->crossfadeAt = Segment::noFrame;
+        segment_->crossfadeEnd = Segment::noFrame;
+        publishSegments();
+    }
+    auto fresh = path ? makePrepared(*path, transition) : nullptr;
     if (fresh) fresh->alsoThere = std::move(alsoThere);
     auto old = std::exchange(prepared_, nullptr);
     setPrepared(
@@ -173,8 +237,8 @@ void AudioEngine::announceJoin(const std::string& path) {
     });
 }
 
-void AudioEngine::progressArrived(int64_t generation) {
-    if (generation == generation_) catchUpJoins(true);
+void AudioEngine::progressArrived(int64_t generation, uint64_t id) {
+    if (generation == generation_ && segment_ && segment_->id == id) catchUpJoins(true);
 }
 
 // Owner thread: moves the current file on past every join the listener has heard,
@@ -264,28 +328,9 @@ void AudioEngine::play() {
     segmentStart_ = startFrame;
     segmentOrigin_ = 0;
     appliedJoins_ = 0;
-    const auto ch = static_cast<std::size_t>(file_->format.channels);
-    const auto ringFrames = std::max(static_cast<std::size_t>(ringSeconds * rate), minRingFrames);
-    auto seg = std::make_shared<Segment>(ringFrames * ch);
-    seg->startFrame = startFrame;
-    // A guessed length must not cut the end off: then the data decides where it ends.
-    seg->endFrame = file_->exactLength ? file_->frames : std::numeric_limits<int64_t>::max();
-    seg->exactLength = file_->exactLength;
-    seg->stamp = file_->stamp;
-    seg->format = file_->format;
-    seg->channels = file_->format.channels;
-    seg->decoder = file_->decoder;
-    seg->output = output_;
-    seg->post = post_;
-    seg->onFinished = [alive = std::weak_ptr<char>(alive_), self = this, gen = generation_] {
-        if (alive.lock()) self->completionArrived(gen);
-    };
-    seg->onProgress = [alive = std::weak_ptr<char>(alive_), self = this, gen = generation_] {
-        if (alive.lock()) self->progressArrived(gen);
-    };
-    segment_ = seg;
-    core_->attach(seg.get());
-    worker_->assign(seg);
+    segment_ = makeSegment(*file_, startFrame, gain_);
+    publishSegments();
+    armCrossfade();
     // A device that starts before the first block is decoded would play silence first.
     if (output_->realTime()) waitUntilBuffered(std::chrono::milliseconds(50));
     if (!output_->isRunning() && !output_->start()) {
@@ -295,8 +340,102 @@ void AudioEngine::play() {
     isPlaying_ = true;
 }
 
-void AudioEngine::completionArrived(int64_t generation) {
-    if (generation == generation_ && isPlaying_) finishTrack();
+std::shared_ptr<AudioEngine::Segment> AudioEngine::makeSegment(const LoadedFile& file,
+                                                               int64_t startFrame, float gain) {
+    const double rate = file.format.sampleRate;
+    const auto ch = static_cast<std::size_t>(file.format.channels);
+    const auto ringFrames = std::max(static_cast<std::size_t>(ringSeconds * rate), minRingFrames);
+    auto seg = std::make_shared<Segment>(ringFrames * ch);
+    seg->id = ++segmentCount_;
+    seg->startFrame = startFrame;
+    // A guessed length must not cut the end off: then the data decides where it ends.
+    seg->endFrame = file.exactLength ? file.frames : std::numeric_limits<int64_t>::max();
+    seg->exactLength = file.exactLength;
+    seg->stamp = file.stamp;
+    seg->format = file.format;
+    seg->channels = file.format.channels;
+    seg->decoder = file.decoder;
+    seg->output = output_;
+    seg->post = post_;
+    seg->gain = gain;
+    std::weak_ptr<char> alive = alive_;
+    const uint64_t id = seg->id;
+    seg->onFinished = [alive, self = this, gen = generation_, id] {
+        if (alive.lock()) self->completionArrived(gen, id);
+    };
+    seg->onProgress = [alive, self = this, gen = generation_, id] {
+        if (alive.lock()) self->progressArrived(gen, id);
+    };
+    seg->onCrossfade = [alive, self = this, id] {
+        if (alive.lock()) self->crossfadeArrived(id);
+    };
+    seg->onFaded = [alive, self = this, id] {
+        if (alive.lock()) self->fadedArrived(id);
+    };
+    return seg;
+}
+
+// With a prepared track that crossfades in, its segment is made now: the decoder
+// fills it ahead, and the render core starts it when the playing one starts to fade
+// out, `crossfadeSeconds` before its end.
+void AudioEngine::armCrossfade() {
+    if (!prepared_ || incoming_ || !segment_ || !file_ || !file_->exactLength || !isPlaying_ ||
+        prepared_->transition.crossfadeSeconds <= 0 ||
+        prepared_->status.load(std::memory_order_acquire) != Prepared::ready ||
+        prepared_->file.format != file_->format)
+        return;
+    {
+        std::lock_guard lock(segment_->mutex);
+        if (appliedJoins_ < segment_->joins.size()) return; // a join still to be heard
+    }
+    if (!prepared_->claimFor(Prepared::byOwner)) return; // already in the ring: gapless
+    auto p = std::move(prepared_);
+    setPrepared(nullptr);
+    const double rate = file_->format.sampleRate;
+    const int64_t end = segmentOrigin_ + file_->frames - segmentStart_;
+    const auto length = std::llround(p->transition.crossfadeSeconds * rate);
+    incoming_ = makeSegment(p->file, 0, p->transition.gain);
+    incoming_->waitFor = segment_.get();
+    segment_->crossfadeEnd = end;
+    segment_->crossfadeAt = std::max<int64_t>(0, end - length);
+    incomingPrepared_ = std::move(p);
+    publishSegments();
+}
+
+// The playing segment began to fade out: the one crossfading in is the track now.
+void AudioEngine::crossfadeArrived(uint64_t id) {
+    if (!segment_ || segment_->id != id || !incoming_ || !incomingPrepared_) return;
+    catchUpJoins(true);
+    fading_.push_back(std::move(segment_));
+    segment_ = std::move(incoming_);
+    segment_->waitFor = nullptr; // safe: the core has started it already
+    gain_ = segment_->gain.load();
+    file_ = incomingPrepared_->file;
+    incomingPrepared_.reset();
+    segmentStart_ = 0;
+    segmentOrigin_ = 0;
+    appliedJoins_ = 0;
+    stoppedAt_ = 0;
+    publishSegments();
+    announceJoin(file_->path);
+}
+
+void AudioEngine::setGain(float gain) {
+    if (!std::isfinite(gain) || gain < 0) gain = 1.0f;
+    gain_ = gain;
+    if (segment_) segment_->gain = gain;
+}
+
+void AudioEngine::dropFading() {
+    if (fading_.empty()) return;
+    for (auto& s : fading_)
+        s->cancelled = true;
+    fading_.clear();
+    publishSegments();
+}
+
+void AudioEngine::completionArrived(int64_t generation, uint64_t id) {
+    if (generation == generation_ && segment_ && segment_->id == id && isPlaying_) finishTrack();
 }
 
 void AudioEngine::finishTrack() {
@@ -306,6 +445,7 @@ void AudioEngine::finishTrack() {
     if (adoptPrepared()) return;
     // Nothing more to play: let the device rest until the next play.
     if (output_) output_->stop();
+    dropFading();
     if (onTrackEnd) {
         auto callback = onTrackEnd; // the handler may replace onTrackEnd
         callback();
@@ -318,14 +458,15 @@ void AudioEngine::pause() {
     stoppedAt_ = currentTime();
     stopStep();
     if (output_) output_->discard();
+    dropFading();
 }
 
 void AudioEngine::seek(double seconds) {
     if (!file_) return;
     const bool wasPlaying = isPlaying_;
-    stopStep();
-    // What the device still holds is the old position: drop it rather than hear it.
-    if (wasPlaying && output_) output_->discard();
+    // What the device still holds of the old position plays out and ends in a short
+    // fade, with the new position right behind it.
+    stopStep(seekFadeSeconds);
     if (std::isnan(seconds)) seconds = 0;
     stoppedAt_ = std::min(std::max(seconds, 0.0), std::max(duration() - 0.05, 0.0));
     if (wasPlaying) play();

@@ -27,6 +27,7 @@ void AudioEngine::connect(const OutputFormat& format) {
         output_->stop();
         output_.reset();
     }
+    dropFading(); // they were for the old output
     connectedFormat_.reset();
     core_->reset(format.channels, format.sampleRate);
     equalizer_->prepare(format.sampleRate, format.channels);

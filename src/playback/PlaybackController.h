@@ -10,8 +10,8 @@
 #include <optional>
 #include <random>
 #include <string>
-#include <unordered_map>
 #include <sys/stat.h>
+#include <unordered_map>
 #include <vector>
 
 namespace trovan {

@@ -57,7 +57,7 @@ bool AudioEngine::DecoderWorker::preparedPending() const {
 }
 
 void AudioEngine::DecoderWorker::run() {
-    std::shared_ptr<Segment> current;
+    std::vector<std::shared_ptr<Segment>> current;
     std::vector<float> scratch;
     try {
         scratch.resize(decodeChunkFrames * 2);
@@ -68,21 +68,22 @@ void AudioEngine::DecoderWorker::run() {
     std::unique_lock lock(mutex_);
     while (!quit_) {
         if (next_ != current) {
-            auto old = std::move(current);
-            current = next_;
+            auto old = std::exchange(current, next_);
             lock.unlock();
-            old.reset(); // the last reference may close a file: not under the lock
+            old.clear(); // the last reference may close a file: not under the lock
             lock.lock();
             continue;
         }
         std::chrono::milliseconds again{0};
-        if (current && !current->cancelled.load()) {
-            auto seg = current;
+        for (const auto& seg : current) {
+            if (seg->cancelled.load()) continue;
             lock.unlock();
-            again = guardedService(*seg, scratch);
+            const auto wanted = guardedService(*seg, scratch);
             lock.lock();
+            if (wanted.count() > 0 && (again.count() == 0 || wanted < again)) again = wanted;
+            if (quit_ || next_ != current) break;
         }
-        // With the ring topped up, open the next track ahead of time.
+        // With the rings topped up, open the next track ahead of time.
         if (!quit_ && next_ == current && preparedPending()) {
             auto p = prepared_;
             lock.unlock();
@@ -224,6 +225,19 @@ std::chrono::milliseconds AudioEngine::DecoderWorker::service(Segment& s,
                                                               std::vector<float>& scratch) {
     using std::chrono::milliseconds;
     const auto ch = static_cast<std::size_t>(s.channels);
+    if (s.faded.load(std::memory_order_acquire)) {
+        if (!s.fadedPosted) {
+            s.fadedPosted = true;
+            s.post(s.onFaded);
+        }
+        return milliseconds(0);
+    }
+    if (s.crossfading.load(std::memory_order_acquire) && !s.crossfadePosted) {
+        s.crossfadePosted = true;
+        s.post(s.onCrossfade);
+    }
+    // Fading out after a seek or a skip: the ring holds more than the fade needs.
+    if (s.retired.load(std::memory_order_acquire)) return endWatchInterval;
     if (!s.started) {
         s.started = true;
         s.source = s.decoder;

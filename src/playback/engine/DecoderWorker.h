@@ -1,9 +1,10 @@
 #pragma once
 // The decoder worker: one thread for the engine's lifetime.
 //
-// Threads and handshake: the owner hands it the segment to fill (`assign`) and the
+// Threads and handshake: the owner hands it the segments to fill (`assign`: the one
+// playing, one waiting to crossfade in, ones fading out) and the
 // track to open ahead (`prepare`) under `mutex_`, and wakes it; the thread keeps only
-// its own reference to the current segment and lets go of the old one outside the
+// its own references to the segments and lets go of the old one outside the
 // lock. It talks back only by posting tasks (`Segment::post`, `Prepared::post`) and
 // through the segment's atomics; the owner checks what arrives against its
 // generation and load count, so a notice from a stopped segment or an earlier load is
@@ -41,10 +42,12 @@ public:
         thread_.join();
     }
 
-    void assign(std::shared_ptr<Segment> s) {
+    // The segments to keep filled, the playing one first.
+    void assign(std::vector<std::shared_ptr<Segment>> segments) {
+        std::vector<std::shared_ptr<Segment>> old;
         {
             std::lock_guard lock(mutex_);
-            next_ = std::move(s);
+            old = std::exchange(next_, std::move(segments));
         }
         wake_.notify_all();
     }
@@ -70,7 +73,7 @@ private:
     Report report_;
     std::mutex mutex_;
     std::condition_variable wake_;
-    std::shared_ptr<Segment> next_;
+    std::vector<std::shared_ptr<Segment>> next_;
     std::shared_ptr<Prepared> prepared_;
     bool quit_ = false;
     std::thread thread_; // last: starts after the members above exist

@@ -28,8 +28,9 @@ struct AudioEngine::Prepared {
     std::atomic<int> claim{free};
     Poster post;
     Task onFailed;
-    Task onReady;   // posted once opened, when set
-    Task alsoThere; // run here once opened, when set
+    Task onReady;          // posted once opened, when set
+    Task alsoThere;        // run here once opened, when set
+    Transition transition; // owner only
 
     bool claimFor(Claim who) {
         int expected = free;

@@ -11,6 +11,7 @@
 #include "playback/engine/Prepared.h"
 
 #include <atomic>
+#include <cstdint>
 #include <memory>
 #include <mutex>
 #include <vector>
@@ -21,6 +22,7 @@ namespace trovan {
 // owner, the decoder thread and (through a raw pointer, see RenderCore) the
 // output callback.
 struct AudioEngine::Segment {
+    static constexpr int64_t noFrame = INT64_MAX;
     Segment(std::size_t ringSamples) : ring(ringSamples) {}
 
     // A prepared file that the decoder went on into, `offset` frames after the
@@ -41,7 +43,9 @@ struct AudioEngine::Segment {
     std::shared_ptr<AudioDecoder> decoder;
     std::weak_ptr<AudioOutput> output;
     Task onFinished;
-    Task onProgress; // a join was heard or a real length learnt
+    Task onProgress;  // a join was heard or a real length learnt
+    Task onCrossfade; // its crossfade out has begun
+    Task onFaded;     // it has faded out: the core and the decoder can let it go
     Poster post;
     SpscRing ring;
 
@@ -56,9 +60,35 @@ struct AudioEngine::Segment {
     std::atomic<int64_t> deviceBase{-1}; // device frame at which the segment's first frame plays
     std::atomic<int64_t> endDevice{0};   // device frame after its last frame
     std::atomic<int64_t> consumed{0};    // frames taken from the ring
+
+    // How the render core mixes it. Set by the owner: `gain` at any time, the rest
+    // before the segment is handed to the core (`waitFor` also when the core lets go of
+    // the one it names).
+    uint64_t id = 0;                            // tells a segment's notices from a later one's
+    std::atomic<float> gain{1.0f};              // the loudness gain, reached smoothly
+    std::atomic<int64_t> crossfadeAt{noFrame};  // consumed frame where its crossfade out begins
+    std::atomic<int64_t> crossfadeEnd{noFrame}; // ... and where it is silent
+    std::atomic<bool> retired{false};           // fading out after a seek or a skip: decode no more
+    std::atomic<int64_t> quickFade{0};          // > 0: fade out over this many frames, from now
+    Segment* waitFor = nullptr;                 // silent until that one starts its crossfade out
+    // Set by the callback.
+    std::atomic<bool> crossfading{false}; // its crossfade out has begun
+    std::atomic<bool> faded{false};       // it faded out to silence: nothing more is heard
+    struct Mix {                          // the callback's own
+        bool begun = false;               // mixed in (a segment that waits is not)
+        bool gainSet = false;
+        float gain = 1.0f;
+        std::size_t fadeIn = 0, fadeInLength = 0;
+        bool equalPowerIn = false;
+        enum { none, crossfade, quick } out = none;
+        double envelope = 1.0, quickStep = 0;
+        int64_t crossfadeFrom = 0, crossfadeLength = 1;
+    } mix;
     // Decoder-thread only.
     bool started = false;
     bool finishedPosted = false;
+    bool crossfadePosted = false;
+    bool fadedPosted = false;
     std::shared_ptr<AudioDecoder> source; // the file being decoded now
     FileStamp sourceStamp;
     int64_t sourceEnd = 0;
