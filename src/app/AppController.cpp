@@ -1,8 +1,8 @@
 #include "app/AppController.h"
 
 #include "app/WorkerPool.h"
-#include "library/LibraryStore.h"
 #include "library/FolderWatcher.h"
+#include "library/LibraryStore.h"
 #include "playback/AudioEngine.h"
 #include "playback/LoopSource.h"
 #include "playback/NowPlayingBridge.h"
@@ -41,6 +41,8 @@ AppController::AppController(Terminal& terminal, Size size, SettingsStore settin
     playback_->setVolume(s.volume, false);
     playback_->setShuffle(s.shuffle);
     playback_->setRepeatMode(s.repeatMode);
+    playback_->setLoudness(s.replayGain, s.preamp);
+    playback_->setCrossfade(s.crossfade);
     applyEqualizer();
     createNowPlaying();
     // Last line of defence: a background job that throws is named in the header instead

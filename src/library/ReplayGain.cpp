@@ -80,7 +80,7 @@ std::optional<double> ReplayGain::parseR128(std::string_view text) {
 
 std::string ReplayGain::formatGain(double db) {
     char buffer[32];
-    std::snprintf(buffer, sizeof buffer, "%.2f dB", db == 0 ? 0.0 : db);
+    std::snprintf(buffer, sizeof buffer, "%.2f dB", std::abs(db) < 0.005 ? 0.0 : db);
     return buffer;
 }
 

@@ -43,6 +43,12 @@ const char* name(Action::Kind k) {
         return "setCoverMode";
     case K::watch:
         return "watch";
+    case K::setReplayGain:
+        return "setReplayGain";
+    case K::setPreamp:
+        return "setPreamp";
+    case K::setCrossfade:
+        return "setCrossfade";
     case K::focusNext:
         return "focusNext";
     case K::focusPrevious:
@@ -103,6 +109,8 @@ const char* name(Action::Kind k) {
         return "syncLyrics";
     case K::removeCover:
         return "removeCover";
+    case K::analyzeLoudness:
+        return "analyzeLoudness";
     case K::quit:
         return "quit";
     }

@@ -28,6 +28,9 @@ struct Action {
         setCover,        // image path (string)
         setCoverMode,    // "auto", "kitty", "sixel" or "bloques" (string)
         watch,           // "on", "off", or "" to show how each folder is followed (string)
+        setReplayGain,   // "off", "track", "album" or "auto" (string)
+        setPreamp,       // dB, -15 to +15 (double)
+        setCrossfade,    // seconds, 0 to 12 (double)
         // Without a payload.
         focusNext,
         focusPrevious,
@@ -59,6 +62,7 @@ struct Action {
         toggleLyrics,
         syncLyrics,
         removeCover,
+        analyzeLoudness,
         quit,
     };
     using Payload = std::variant<std::monostate, int, double, float, bool, std::string>;
@@ -87,6 +91,9 @@ struct Action {
     static Action setCover(std::string path) { return {Kind::setCover, std::move(path)}; }
     static Action setCoverMode(std::string mode) { return {Kind::setCoverMode, std::move(mode)}; }
     static Action watch(std::string mode) { return {Kind::watch, std::move(mode)}; }
+    static Action setReplayGain(std::string mode) { return {Kind::setReplayGain, std::move(mode)}; }
+    static Action setPreamp(double db) { return {Kind::setPreamp, db}; }
+    static Action setCrossfade(double seconds) { return {Kind::setCrossfade, seconds}; }
 
     // Payload accessors; each returns the neutral value when the case carries another.
     int count() const { return get<int>(0); }

@@ -9,8 +9,8 @@
 #include "playback/PlaybackState.h"
 #include "state/TagForm.h"
 #include "state/TextInput.h"
-#include "terminal/PixelImage.h"
 #include "tags/LyricsSource.h"
+#include "terminal/PixelImage.h"
 #include "terminal/Style.h"
 #include "terminal/TerminalGraphics.h"
 
@@ -148,6 +148,7 @@ struct AppState {
     std::optional<int> lyricsCursor;
     std::optional<LyricsSync> lyricsSync;
     std::optional<IndexingProgress> indexing;
+    std::optional<IndexingProgress> analyzing; // :analyze, tracks measured of those chosen
     std::optional<StatusMessage> status;
     // How covers are drawn: as images (and at what cell size) or as half blocks.
     GraphicsChoice graphics;
