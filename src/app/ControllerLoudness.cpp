@@ -25,7 +25,10 @@ struct AppController::LoudnessRun {
     std::vector<int> album;
     std::vector<char> partial; // only part of its album chosen
     int albums = 0;
-    std::vector<LoudnessAnalysis::Track> results; // each written by its own job only
+    std::vector<LoudnessAnalysis::Track> results;  // each written by its own job only
+    std::vector<std::vector<std::size_t>> members; // the tracks of each album, in order
+    std::vector<std::optional<double>> joined;     // each album's loudness, tracks joined
+    std::size_t jobs() const { return paths.size() + members.size(); }
     std::atomic<bool> cancel{false};
     std::size_t next = 0, done = 0;
 };
@@ -69,9 +72,11 @@ void AppController::analyzeLoudness() {
             for (auto i : members)
                 run->album[i] = run->albums;
             ++run->albums;
+            run->members.push_back(std::move(members));
         }
+    run->joined.resize(run->members.size());
     loudness_ = run;
-    state_.analyzing = IndexingProgress{0, static_cast<int>(paths.size())};
+    state_.analyzing = IndexingProgress{0, static_cast<int>(run->jobs())};
     for (int i = 0; i < std::max(1, pool_.size()); ++i)
         measureNext(run);
 }
@@ -86,14 +91,14 @@ void AppController::measureNext(const std::shared_ptr<LoudnessRun>& run) {
             if (!alive.lock() || loudness_ != run) return;
             ++run->done;
             state_.analyzing =
-                IndexingProgress{static_cast<int>(run->done), static_cast<int>(run->paths.size())};
+                IndexingProgress{static_cast<int>(run->done), static_cast<int>(run->jobs())};
             requestRender();
             if (run->cancel.load()) {
                 if (run->done == run->next) finishAnalysis(run);
                 return;
             }
             measureNext(run);
-            if (run->done == run->paths.size()) finishAnalysis(run);
+            if (run->done == run->jobs()) finishAnalysis(run);
         });
     });
 }
@@ -111,13 +116,13 @@ void AppController::finishAnalysis(const std::shared_ptr<LoudnessRun>& run) {
     state_.analyzing.reset();
     requestRender();
     if (run->cancel.load()) return;
-    std::vector<LoudnessAnalysis::Album> albums(static_cast<std::size_t>(run->albums));
-    std::vector<std::vector<const LoudnessAnalysis::Track*>> members(albums.size());
-    for (std::size_t i = 0; i < run->paths.size(); ++i)
-        if (run->album[i] >= 0)
-            members[static_cast<std::size_t>(run->album[i])].push_back(&run->results[i]);
-    for (std::size_t a = 0; a < albums.size(); ++a)
-        albums[a] = LoudnessAnalysis::measureAlbum(members[a]);
+    std::vector<LoudnessAnalysis::Album> albums;
+    for (std::size_t a = 0; a < run->members.size(); ++a) {
+        std::vector<const LoudnessAnalysis::Track*> tracks;
+        for (auto t : run->members[a])
+            tracks.push_back(&run->results[t]);
+        albums.push_back(LoudnessAnalysis::album(tracks, run->joined[a]));
+    }
 
     std::vector<std::string> paths;
     std::vector<TagPatch> patches;

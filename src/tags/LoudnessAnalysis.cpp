@@ -12,19 +12,14 @@
 
 namespace trovan {
 
-struct LoudnessAnalysis::Track::State {
+namespace {
+
+struct State {
     struct Free {
         void operator()(ebur128_state* s) const { ebur128_destroy(&s); }
     };
     std::unique_ptr<ebur128_state, Free> meter;
 };
-
-LoudnessAnalysis::Track::Track() = default;
-LoudnessAnalysis::Track::~Track() = default;
-LoudnessAnalysis::Track::Track(Track&&) noexcept = default;
-LoudnessAnalysis::Track& LoudnessAnalysis::Track::operator=(Track&&) noexcept = default;
-
-namespace {
 
 constexpr std::size_t chunkFrames = 8192;
 // Integrated loudness needs at least one 400 ms gating block.
@@ -45,11 +40,11 @@ LoudnessAnalysis::Track LoudnessAnalysis::measure(const std::string& path,
         const int channels = decoder.outputChannels();
         const int rate = decoder.sampleRate();
         if (channels < 1 || rate < 1) throw AudioDecodeError("no audio");
-        auto state = std::make_unique<Track::State>();
-        state->meter.reset(ebur128_init(static_cast<unsigned>(channels),
-                                        static_cast<unsigned long>(rate),
-                                        EBUR128_MODE_I | EBUR128_MODE_TRUE_PEAK));
-        if (!state->meter) {
+        State state;
+        state.meter.reset(ebur128_init(static_cast<unsigned>(channels),
+                                       static_cast<unsigned long>(rate),
+                                       EBUR128_MODE_I | EBUR128_MODE_TRUE_PEAK));
+        if (!state.meter) {
             t.error = "sin memoria para medir " + fileName(path);
             return t;
         }
@@ -60,7 +55,7 @@ LoudnessAnalysis::Track LoudnessAnalysis::measure(const std::string& path,
             // A damaged file can decode to NaN: it counts as silence, not as a huge peak.
             for (std::size_t i = 0; i < n * static_cast<std::size_t>(channels); ++i)
                 if (!std::isfinite(buffer[i])) buffer[i] = 0;
-            if (ebur128_add_frames_float(state->meter.get(), buffer.data(), n) != EBUR128_SUCCESS) {
+            if (ebur128_add_frames_float(state.meter.get(), buffer.data(), n) != EBUR128_SUCCESS) {
                 t.error = "no se pudo medir " + fileName(path);
                 return t;
             }
@@ -72,11 +67,11 @@ LoudnessAnalysis::Track LoudnessAnalysis::measure(const std::string& path,
         }
         t.seconds = static_cast<double>(frames) / rate;
         double lufs = -HUGE_VAL;
-        ebur128_loudness_global(state->meter.get(), &lufs);
+        ebur128_loudness_global(state.meter.get(), &lufs);
         double peak = 0;
         for (int c = 0; c < channels; ++c) {
             double p = 0;
-            if (ebur128_true_peak(state->meter.get(), static_cast<unsigned>(c), &p) ==
+            if (ebur128_true_peak(state.meter.get(), static_cast<unsigned>(c), &p) ==
                 EBUR128_SUCCESS)
                 peak = std::max(peak, p);
         }
@@ -84,7 +79,6 @@ LoudnessAnalysis::Track LoudnessAnalysis::measure(const std::string& path,
         t.peak = std::isfinite(peak) ? peak : 0;
         t.silent = t.seconds < shortestSeconds || !std::isfinite(lufs) || t.peak <= 0;
         t.lufs = t.silent ? 0 : lufs;
-        t.state = std::move(state);
     } catch (const std::exception&) {
         t.ok = false;
         t.error = "no se pudo leer " + fileName(path);
@@ -92,21 +86,48 @@ LoudnessAnalysis::Track LoudnessAnalysis::measure(const std::string& path,
     return t;
 }
 
-LoudnessAnalysis::Album LoudnessAnalysis::measureAlbum(const std::vector<const Track*>& tracks) {
-    Album album;
-    std::vector<ebur128_state*> meters;
-    for (const Track* t : tracks) {
-        if (!t || !t->ok || !t->state) continue;
-        album.peak = std::max(album.peak, t->peak);
-        if (!t->silent) meters.push_back(t->state->meter.get());
+std::optional<double> LoudnessAnalysis::measureJoined(const std::vector<std::string>& paths,
+                                                      const std::atomic<bool>* cancel) {
+    struct Free {
+        void operator()(ebur128_state* s) const { ebur128_destroy(&s); }
+    };
+    std::unique_ptr<ebur128_state, Free> meter;
+    std::vector<float> buffer;
+    for (const auto& path : paths) {
+        try {
+            AudioDecoder decoder(path);
+            const auto channels = static_cast<unsigned>(decoder.outputChannels());
+            const auto rate = static_cast<unsigned long>(decoder.sampleRate());
+            if (channels < 1 || rate < 1) continue;
+            if (!meter)
+                meter.reset(ebur128_init(channels, rate, EBUR128_MODE_I));
+            else if (const int rc = ebur128_change_parameters(meter.get(), channels, rate);
+                     rc != EBUR128_SUCCESS && rc != EBUR128_ERROR_NO_CHANGE)
+                continue;
+            if (!meter) return std::nullopt;
+            buffer.resize(chunkFrames * channels);
+            while (std::size_t n = decoder.read(buffer.data(), chunkFrames)) {
+                if (cancel && cancel->load(std::memory_order_relaxed)) return std::nullopt;
+                for (std::size_t i = 0; i < n * channels; ++i)
+                    if (!std::isfinite(buffer[i])) buffer[i] = 0;
+                ebur128_add_frames_float(meter.get(), buffer.data(), n);
+            }
+        } catch (const std::exception&) {
+        }
     }
-    if (meters.empty()) return album;
     double lufs = -HUGE_VAL;
-    // Meters of different rates or channel counts still combine: each holds its blocks'
-    // loudness already weighted.
-    if (ebur128_loudness_global_multiple(meters.data(), meters.size(), &lufs) == EBUR128_SUCCESS &&
-        std::isfinite(lufs))
-        album.lufs = lufs;
+    if (!meter || ebur128_loudness_global(meter.get(), &lufs) != EBUR128_SUCCESS ||
+        !std::isfinite(lufs))
+        return std::nullopt;
+    return lufs;
+}
+
+LoudnessAnalysis::Album LoudnessAnalysis::album(const std::vector<const Track*>& tracks,
+                                                std::optional<double> joinedLufs) {
+    Album album;
+    album.lufs = joinedLufs;
+    for (const Track* t : tracks)
+        if (t && t->ok) album.peak = std::max(album.peak, t->peak);
     return album;
 }
 

@@ -16,14 +16,8 @@ class LoudnessAnalysis {
 public:
     static constexpr double referenceLufs = -18;
 
-    // One track's measurement. Kept whole so that an album's loudness can be measured
-    // over all its tracks together afterwards.
+    // One track's measurement.
     struct Track {
-        Track();
-        ~Track();
-        Track(Track&&) noexcept;
-        Track& operator=(Track&&) noexcept;
-
         std::string path;
         bool ok = false;     // decoded and measured
         bool silent = false; // under 400 ms, or silence: no loudness to speak of
@@ -31,9 +25,6 @@ public:
         double peak = 0;     // true peak, linear
         double seconds = 0;  // decoded
         std::string error;   // why not ok, in Spanish
-
-        struct State;
-        std::unique_ptr<State> state; // the meter, for the album's measurement
     };
 
     // Decodes and measures one file; `cancel` stops it early (the result is not ok).
@@ -43,8 +34,13 @@ public:
         std::optional<double> lufs; // none when every track was silent or failed
         double peak = 0;
     };
-    // The loudness of the tracks played one after the other, and the highest peak.
-    static Album measureAlbum(const std::vector<const Track*>& tracks);
+    // The integrated loudness of the files played one after the other, decoded again
+    // (the gating blocks that straddle two tracks count as they are heard); none when
+    // it is silence, too short, or cancelled. Files that cannot be read are left out.
+    static std::optional<double> measureJoined(const std::vector<std::string>& paths,
+                                               const std::atomic<bool>* cancel = nullptr);
+    // The album's peak (the highest of its tracks') with its joined loudness.
+    static Album album(const std::vector<const Track*>& tracks, std::optional<double> joinedLufs);
 
     // The four ReplayGain tags for a track measured as `track` within `album` (none when
     // it has nothing to write: silent or failed). A track alone is its own album.
