@@ -141,17 +141,18 @@ void BM_MigrateVersionOneCache100k(benchmark::State& state) {
     {
         sqlite3* db = nullptr;
         sqlite3_open(v1.c_str(), &db);
-        sqlite3_exec(db,
-                     "CREATE TABLE tracks(path TEXT PRIMARY KEY, mtime REAL NOT NULL, size INTEGER "
-                     "NOT NULL, title TEXT, artist TEXT, album_artist TEXT, album TEXT, genre TEXT,"
-                     " year INTEGER, track INTEGER, disc INTEGER, duration_ms INTEGER, codec TEXT,"
-                     " sample_rate INTEGER, bitrate INTEGER, channels INTEGER) WITHOUT ROWID;"
-                     "WITH RECURSIVE n(i) AS (SELECT 0 UNION ALL SELECT i + 1 FROM n WHERE i < 99999)"
-                     " INSERT INTO tracks SELECT printf('/m/Artist %03d/Album %02d/%02d Song.flac',"
-                     " i / 500, i / 12 % 40, i % 12), 1700000000.5 + i, 30000000, 'Song ' || i,"
-                     " 'Artist ' || (i / 500), '', 'Album ' || (i / 12), 'Rock', 2001, i % 12 + 1,"
-                     " 1, 215000, 'FLAC', 44100, 900, 2 FROM n; PRAGMA user_version = 1;",
-                     nullptr, nullptr, nullptr);
+        sqlite3_exec(
+            db,
+            "CREATE TABLE tracks(path TEXT PRIMARY KEY, mtime REAL NOT NULL, size INTEGER "
+            "NOT NULL, title TEXT, artist TEXT, album_artist TEXT, album TEXT, genre TEXT,"
+            " year INTEGER, track INTEGER, disc INTEGER, duration_ms INTEGER, codec TEXT,"
+            " sample_rate INTEGER, bitrate INTEGER, channels INTEGER) WITHOUT ROWID;"
+            "WITH RECURSIVE n(i) AS (SELECT 0 UNION ALL SELECT i + 1 FROM n WHERE i < 99999)"
+            " INSERT INTO tracks SELECT printf('/m/Artist %03d/Album %05d/%06d Song.flac',"
+            " i / 500, i / 12, i), 1700000000.5 + i, 30000000, 'Song ' || i,"
+            " 'Artist ' || (i / 500), '', 'Album ' || (i / 12), 'Rock', 2001, i % 12 + 1,"
+            " 1, 215000, 'FLAC', 44100, 900, 2 FROM n; PRAGMA user_version = 1;",
+            nullptr, nullptr, nullptr);
         sqlite3_close(db);
     }
     std::size_t rows = 0;
