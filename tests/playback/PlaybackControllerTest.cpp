@@ -346,6 +346,27 @@ TEST_F(PlaybackControllerTest, AWriteHoldsOnlyAHardLinkedPlayingTrackAndTheUserW
     EXPECT_TRUE(engine().isPlaying());
 }
 
+// With a crossfade set, the next album's track takes over that long before the end (the
+// first still sounds under it); the next track of the same album, in order, joins at the end.
+TEST_F(PlaybackControllerTest, CrossfadesOnlyBetweenAlbumsOrOutOfOrder) {
+    controller.setCrossfade(2);
+    for (bool sameAlbum : {false, true}) {
+        SCOPED_TRACE(sameAlbum ? "one album in order" : "two albums");
+        library[good[0]].album = "X";
+        library[good[1]].album = sameAlbum ? "X" : "Y";
+        library[good[0]].trackNumber = 1;
+        library[good[1]].trackNumber = 2;
+        controller.play({good[0], good[1]}, 0);
+        settle();
+        // The crossfade begins at 3 s; the decoder thread hears of it within a ring (0.5 s).
+        testing::playFor(engine(), outputs, tasks, 4.3);
+        EXPECT_EQ(current(), sameAlbum ? good[0] : good[1]);
+        testing::playFor(engine(), outputs, tasks, 1.2);
+        EXPECT_EQ(current(), good[1]);
+        EXPECT_TRUE(controller.state().isPlaying);
+    }
+}
+
 // The gain for each mode, the fallback to the other gain, the preamp alone on untagged
 // tracks, the peak that caps it, and how the panel names it.
 TEST(GainChoiceTest, ModesFallbacksPeaksAndLabels) {
