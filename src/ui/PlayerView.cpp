@@ -76,8 +76,8 @@ void PlayerView::drawInfo(const AppState& state, Rect r, ScreenBuffer& buffer) {
     const std::string eq = eqOn ? "EQ " + state.settings.eqPreset : "EQ off";
     // The loudness gain in use, such as "RG álbum −6.2 dB".
     const std::string gain = state.playback.track ? state.playback.gain.label() : std::string();
-    const int w = std::max({text::displayWidth(volume), text::displayWidth(eq),
-                            text::displayWidth(gain)});
+    const int w =
+        std::max({text::displayWidth(volume), text::displayWidth(eq), text::displayWidth(gain)});
     const int lw = r.width - w - 2;
     const int right = r.x + r.width;
     buffer.text(volume, right - text::displayWidth(volume), r.y, w, palette::on(palette::dim));

@@ -159,7 +159,8 @@ TEST(LibraryStore, HostileRowsLoadWholeAndIndex) {
                       "', '', '', '', '', -9223372036854775808, 9223372036854775807, -2147483648, "
                       "2147483648, '', -1, 0, 0, 'abc', -1e300, 1e308, NULL);"
                       "INSERT INTO tracks VALUES('/m/a.flac', 0, 0, CAST(X'FFC300' AS TEXT), "
-                      "CAST(X'4100FF' AS TEXT), '', 'x', '', 0, 0, 0, 0, 'FLAC', 0, 0, 0, NULL, NULL, NULL, NULL);"
+                      "CAST(X'4100FF' AS TEXT), '', 'x', '', 0, 0, 0, 0, 'FLAC', 0, 0, 0, NULL, "
+                      "NULL, NULL, NULL);"
                       "INSERT INTO tracks(path, mtime, size) VALUES('', 0, 0);");
     LibraryStore store(file);
     auto tracks = sorted(store.loadAll());
