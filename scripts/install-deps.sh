@@ -12,6 +12,7 @@ run_packages=(
   libicu-dev libsqlite3-dev libtag1-dev
   libavformat-dev libavcodec-dev libavutil-dev libswresample-dev libswscale-dev
   libcubeb-dev nlohmann-json3-dev libasio-dev libsdbus-c++-dev libsystemd-dev zlib1g-dev
+  libebur128-dev  # loudness measurement (:analyze)
   # the generated sample library
   ffmpeg
 )

@@ -47,6 +47,8 @@ AppController::AppController(Terminal& terminal, Size size, SettingsStore settin
     playback_->setVolume(s.volume, false);
     playback_->setShuffle(s.shuffle);
     playback_->setRepeatMode(s.repeatMode);
+    playback_->setLoudness(s.replayGain, s.preamp);
+    playback_->setCrossfade(s.crossfade);
     applyEqualizer();
     createNowPlaying();
     playback_->onQueueChange = [this] { queueChanged(); };

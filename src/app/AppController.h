@@ -150,6 +150,10 @@ public:
     void activate();
     void seekFromMouse(int x, int y);
     void saveSettings();
+    // ReplayGain mode ("off", "track", "album", "auto"), preamp and crossfade, each saved.
+    void setReplayGainMode(const std::string& mode);
+    void setPreamp(double db);
+    void setCrossfade(double seconds);
 
     // --- Equalizer (ControllerEqualizer.cpp)
     void handleEqualizerKey(const Key& key);
@@ -174,6 +178,12 @@ public:
     // or the sidecar file in one step; then shows them again.
     void writeLyrics(const std::string& path, LyricsOrigin origin, const std::string& text,
                      const std::string& success);
+
+    // --- Loudness analysis (ControllerLoudness.cpp)
+    // Measures the selection on the pool and writes its ReplayGain tags; Esc cancels.
+    void analyzeLoudness();
+    void cancelAnalysis();
+    bool analyzing() const { return loudness_ != nullptr; }
 
     // --- Tag editing (ControllerEditing.cpp)
     void openTagForm();
@@ -291,6 +301,10 @@ private:
     std::unique_ptr<NowPlayingBridge> nowPlaying_;
     std::shared_ptr<TagEditor> tagEditor_;
     int writesInFlight_ = 0;
+    struct LoudnessRun;
+    std::shared_ptr<LoudnessRun> loudness_;
+    void measureNext(const std::shared_ptr<LoudnessRun>& run);
+    void finishAnalysis(const std::shared_ptr<LoudnessRun>& run);
 
     bool scanning_ = false;
     std::optional<bool> pendingReindex_;

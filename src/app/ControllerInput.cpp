@@ -32,6 +32,10 @@ constexpr auto kDoubleClick = std::chrono::milliseconds(400);
 void AppController::handleKey(const Key& key) {
     switch (state_.overlay.kind) {
     case Overlay::Kind::none:
+        if (loudness_ && key.kind == Key::Kind::escape) {
+            cancelAnalysis();
+            break;
+        }
         if (state_.lyricsSync && handleSyncKey(key)) break;
         if (handleLyricsKey(key)) break;
         if (auto action = KeyBindings::lookup(key)) dispatch(*action);
@@ -281,6 +285,18 @@ void AppController::dispatch(const Action& action) {
         break;
     case K::watch:
         setWatching(action.text());
+        break;
+    case K::setReplayGain:
+        setReplayGainMode(action.text());
+        break;
+    case K::setPreamp:
+        setPreamp(action.seconds());
+        break;
+    case K::setCrossfade:
+        setCrossfade(action.seconds());
+        break;
+    case K::analyzeLoudness:
+        analyzeLoudness();
         break;
     case K::eqPreset:
         choosePreset(action.text());

@@ -217,7 +217,7 @@ bool AppController::handleSyncKey(const Key& key) {
     if (isChar(key, " ")) {
         if (sync.marked < count) {
             sync.stamps[static_cast<std::size_t>(sync.marked)] =
-                std::llround(playback_->engine().currentTime() * 1000.0);
+                std::llround(playback_->position() * 1000.0);
             ++sync.marked;
         }
         return true;

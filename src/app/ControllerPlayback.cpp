@@ -8,6 +8,7 @@
 
 #include <algorithm>
 #include <cmath>
+#include <cstdio>
 
 namespace trovan {
 
@@ -39,6 +40,39 @@ void AppController::setRepeatMode(RepeatMode mode) {
     state_.settings.repeatMode = mode;
     playback_->setRepeatMode(mode);
     saveSettings();
+}
+
+void AppController::setReplayGainMode(const std::string& mode) {
+    const auto parsed = replayGainModeFromString(mode);
+    if (!parsed) return;
+    state_.settings.replayGain = *parsed;
+    playback_->setLoudness(*parsed, state_.settings.preamp);
+    saveSettings();
+    const char* names[] = {"no", "pista", "álbum", "auto (álbum si suena en orden)"};
+    report(std::string("ReplayGain: ") + names[static_cast<int>(*parsed)]);
+}
+
+void AppController::setPreamp(double db) {
+    if (!std::isfinite(db)) return;
+    state_.settings.preamp = std::clamp(db, -GainChoice::maxPreamp, GainChoice::maxPreamp);
+    playback_->setLoudness(state_.settings.replayGain, state_.settings.preamp);
+    saveSettings();
+    char text[64];
+    std::snprintf(text, sizeof text, "Preamplificación: %+.1f dB", state_.settings.preamp);
+    report(text);
+}
+
+void AppController::setCrossfade(double seconds) {
+    if (!std::isfinite(seconds)) return;
+    state_.settings.crossfade = std::clamp(seconds, 0.0, 12.0);
+    playback_->setCrossfade(state_.settings.crossfade);
+    saveSettings();
+    char text[96];
+    if (state_.settings.crossfade > 0)
+        std::snprintf(text, sizeof text, "Fundido entre pistas: %g s", state_.settings.crossfade);
+    else
+        std::snprintf(text, sizeof text, "Fundido entre pistas: no (sin pausas)");
+    report(text);
 }
 
 void AppController::seekTo(double seconds) {

@@ -14,11 +14,24 @@ constexpr const char* kSetup = "PRAGMA journal_mode=WAL; PRAGMA synchronous=NORM
 constexpr const char* kVersion = "PRAGMA user_version";
 constexpr const char* kLoadAll =
     "SELECT path, mtime, size, title, artist, album_artist, album, genre, year, track, disc, "
-    "duration_ms, codec, sample_rate, bitrate, channels FROM tracks";
+    "duration_ms, codec, sample_rate, bitrate, channels, rg_track_gain, rg_track_peak, "
+    "rg_album_gain, rg_album_peak FROM tracks";
 constexpr const char* kStamps = "SELECT path, mtime, size FROM tracks";
 constexpr const char* kUpsertPrefix =
     "INSERT OR REPLACE INTO tracks(path, mtime, size, title, artist, album_artist, album, genre, "
-    "year, track, disc, duration_ms, codec, sample_rate, bitrate, channels) VALUES(";
+    "year, track, disc, duration_ms, codec, sample_rate, bitrate, channels, rg_track_gain, "
+    "rg_track_peak, rg_album_gain, rg_album_peak) VALUES(";
+constexpr int kColumns = 20;
+// Version 1 had no loudness columns. Its rows are kept and shown as they are; their
+// stamps are cleared so that the next scan reads every file again, loudness tags too.
+constexpr const char* kMigrateFrom1 = "BEGIN IMMEDIATE;\n"
+                                      "ALTER TABLE tracks ADD COLUMN rg_track_gain REAL;\n"
+                                      "ALTER TABLE tracks ADD COLUMN rg_track_peak REAL;\n"
+                                      "ALTER TABLE tracks ADD COLUMN rg_album_gain REAL;\n"
+                                      "ALTER TABLE tracks ADD COLUMN rg_album_peak REAL;\n"
+                                      "UPDATE tracks SET mtime = -1;\n"
+                                      "PRAGMA user_version = 2;\n"
+                                      "COMMIT;";
 constexpr const char* kDelete = "DELETE FROM tracks WHERE path = ?";
 
 struct Finalizer {
@@ -72,7 +85,7 @@ std::string text(sqlite3_stmt* s, int column) {
     return std::string(p, static_cast<std::size_t>(sqlite3_column_bytes(s, column)));
 }
 
-using Value = std::variant<const std::string*, int64_t, double>;
+using Value = std::variant<const std::string*, int64_t, double, std::optional<double>>;
 
 // Binds parameters 1, 2, 3... in order; the first failing result code, else SQLITE_OK.
 int bind(sqlite3_stmt* s, std::initializer_list<Value> values) {
@@ -85,8 +98,12 @@ int bind(sqlite3_stmt* s, std::initializer_list<Value> values) {
                                      SQLITE_UTF8);
         else if (auto* i = std::get_if<int64_t>(&v))
             rc = sqlite3_bind_int64(s, index, *i);
+        else if (auto* d = std::get_if<double>(&v))
+            rc = sqlite3_bind_double(s, index, *d);
+        else if (auto& o = std::get<std::optional<double>>(v))
+            rc = sqlite3_bind_double(s, index, *o);
         else
-            rc = sqlite3_bind_double(s, index, std::get<double>(v));
+            rc = sqlite3_bind_null(s, index);
         if (rc != SQLITE_OK) return rc;
         ++index;
     }
@@ -117,7 +134,8 @@ std::string LibraryStore::schemaScript(int version) {
            "    path TEXT PRIMARY KEY, mtime REAL NOT NULL, size INTEGER NOT NULL,\n"
            "    title TEXT, artist TEXT, album_artist TEXT, album TEXT, genre TEXT,\n"
            "    year INTEGER, track INTEGER, disc INTEGER, duration_ms INTEGER,\n"
-           "    codec TEXT, sample_rate INTEGER, bitrate INTEGER, channels INTEGER\n"
+           "    codec TEXT, sample_rate INTEGER, bitrate INTEGER, channels INTEGER,\n"
+           "    rg_track_gain REAL, rg_track_peak REAL, rg_album_gain REAL, rg_album_peak REAL\n"
            ") WITHOUT ROWID;\n"
            "PRAGMA user_version = " +
            std::to_string(version) + ";";
@@ -162,6 +180,12 @@ LibraryStore::Connection LibraryStore::connect(const std::filesystem::path& url)
     int64_t current = stepped == SQLITE_ROW ? sqlite3_column_int64(version.get(), 0) : 0;
     version.reset();
     if (stepped == SQLITE_ROW && current == kSchemaVersion) return db;
+    if (stepped == SQLITE_ROW && current == 1) {
+        if (sqlite3_exec(db.get(), kMigrateFrom1, nullptr, nullptr, nullptr) == SQLITE_OK)
+            return db;
+        static_cast<void>(sqlite3_exec(db.get(), "ROLLBACK", nullptr, nullptr, nullptr));
+        throw failed();
+    }
     // Any other version: the cache is thrown away whole and rebuilt by the next scan.
     if (sqlite3_exec(db.get(), schemaScript(kSchemaVersion).c_str(), nullptr, nullptr, nullptr) !=
         SQLITE_OK)
@@ -256,6 +280,11 @@ TrackTable LibraryStore::load(const std::string* folder) {
         f.sampleRate = sqlite3_column_int64(st, 13);
         f.bitrate = sqlite3_column_int64(st, 14);
         f.channels = sqlite3_column_int64(st, 15);
+        auto real = [st](int column) -> std::optional<double> {
+            if (sqlite3_column_type(st, column) == SQLITE_NULL) return std::nullopt;
+            return sqlite3_column_double(st, column);
+        };
+        f.replayGain = {real(16), real(17), real(18), real(19)};
         table.add(f);
     }
     if (rc != SQLITE_DONE) fail(db_.get(), "no se pudo leer la biblioteca");
@@ -369,16 +398,31 @@ void LibraryStore::Batch::commit(const std::vector<std::string>& deletions) {
 void LibraryStore::upsert(const std::vector<Track>& upserts) {
     if (upserts.empty()) return;
     std::string sql = kUpsertPrefix;
-    for (int i = 0; i < 16; ++i)
+    for (int i = 0; i < kColumns; ++i)
         sql += i ? ",?" : "?";
     sql += ")";
     auto s = prepare(db_.get(), sql);
     for (const auto& t : upserts) {
-        const int rc =
-            bind(s.get(), {&t.path, t.mtime, int64_t{t.size}, &t.title, &t.artist, &t.albumArtist,
-                           &t.album, &t.genre, int64_t{t.year}, int64_t{t.trackNumber},
-                           int64_t{t.discNumber}, int64_t{t.durationMs}, &t.codec,
-                           int64_t{t.sampleRate}, int64_t{t.bitrate}, int64_t{t.channels}});
+        const int rc = bind(s.get(), {&t.path,
+                                      t.mtime,
+                                      int64_t{t.size},
+                                      &t.title,
+                                      &t.artist,
+                                      &t.albumArtist,
+                                      &t.album,
+                                      &t.genre,
+                                      int64_t{t.year},
+                                      int64_t{t.trackNumber},
+                                      int64_t{t.discNumber},
+                                      int64_t{t.durationMs},
+                                      &t.codec,
+                                      int64_t{t.sampleRate},
+                                      int64_t{t.bitrate},
+                                      int64_t{t.channels},
+                                      t.replayGain.trackGain,
+                                      t.replayGain.trackPeak,
+                                      t.replayGain.albumGain,
+                                      t.replayGain.albumPeak});
         // A row that cannot be written is skipped.
         if (bound(db_.get(), s.get(), rc)) stepToEnd(db_.get(), s.get());
     }

@@ -37,14 +37,16 @@ private:
 
 class LibraryStore {
 public:
-    static constexpr int kSchemaVersion = 1;
+    static constexpr int kSchemaVersion = 2;
 
     // Opens or creates the database at `url`, creating its folder. Throws
     // std::filesystem::filesystem_error when the folder cannot be created and
     // LibraryStoreError when SQLite cannot open the file, it is not a database, or it
     // cannot be set up (read-only, a full disk). A cache of another schema version is
-    // dropped and recreated empty. The other operations throw std::runtime_error with a
-    // Spanish message when SQLite fails; a write that fails is rolled back whole.
+    // dropped and recreated empty, except version 1, which gains the loudness columns in
+    // place and keeps its rows (with cleared stamps, so the next scan rereads the files).
+    // The other operations throw std::runtime_error with a Spanish message when SQLite
+    // fails; a write that fails is rolled back whole.
     explicit LibraryStore(const std::filesystem::path& url);
     ~LibraryStore();
     LibraryStore(const LibraryStore&) = delete;

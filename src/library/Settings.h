@@ -3,6 +3,7 @@
 
 #include "library/EQPreset.h"
 #include "library/RepeatMode.h"
+#include "library/ReplayGainMode.h"
 
 #include <string>
 #include <vector>
@@ -23,6 +24,9 @@ struct Settings {
     std::string coverMode = "auto";
     bool watch = true;   // follow the folders' changes as they happen
     int pollMinutes = 5; // how often folders that cannot be watched are looked at again
+    ReplayGainMode replayGain = ReplayGainMode::automatic;
+    double preamp = 0;    // dB, -15 to +15: added to the ReplayGain gain (alone when untagged)
+    double crossfade = 0; // seconds, 0 to 12; 0 joins tracks without a gap
 
     bool operator==(const Settings&) const = default;
 };

@@ -106,6 +106,9 @@ Settings merge(const Settings& base, const Settings& ours, const Settings& their
     pick(out.coverMode, base.coverMode, ours.coverMode);
     pick(out.watch, base.watch, ours.watch);
     pick(out.pollMinutes, base.pollMinutes, ours.pollMinutes);
+    pick(out.replayGain, base.replayGain, ours.replayGain);
+    pick(out.preamp, base.preamp, ours.preamp);
+    pick(out.crossfade, base.crossfade, ours.crossfade);
     return out;
 }
 
@@ -308,6 +311,9 @@ std::string SettingsStore::encode(const Settings& s) {
         {"coverMode", s.coverMode},
         {"watch", s.watch},
         {"pollMinutes", s.pollMinutes},
+        {"replayGain", std::string(toString(s.replayGain))},
+        {"preamp", s.preamp},
+        {"crossfade", s.crossfade},
     };
     // json objects keep their keys sorted. Names typed in the program are UTF-8; should
     // one not be, it is repaired rather than making the whole save fail.
@@ -367,6 +373,17 @@ std::optional<Settings> SettingsStore::decode(std::string_view text, bool* rejec
         const std::string mode = v->get<std::string>();
         if (take(mode == "auto" || mode == "kitty" || mode == "sixel" || mode == "bloques"))
             s.coverMode = mode;
+    }
+    if (auto* v = find("replayGain"); v && take(v->is_string()))
+        if (auto mode = replayGainModeFromString(v->get<std::string>()); take(mode.has_value()))
+            s.replayGain = *mode;
+    if (auto* v = find("preamp"); v && take(v->is_number())) {
+        const double d = v->get<double>();
+        if (take(d >= -15 && d <= 15)) s.preamp = d;
+    }
+    if (auto* v = find("crossfade"); v && take(v->is_number())) {
+        const double d = v->get<double>();
+        if (take(d >= 0 && d <= 12)) s.crossfade = d;
     }
     if (rejected) *rejected = dropped;
     return s;

@@ -109,6 +109,7 @@ std::optional<Track> Track::read(const std::string& path, const FileStamp& stamp
         t.year = leadingInt(file->value("DATE"));
         t.trackNumber = leadingInt(file->value("TRACKNUMBER"));
         t.discNumber = leadingInt(file->value("DISCNUMBER"));
+        t.replayGain = ReplayGain::fromTags([&](const char* key) { return file->value(key); });
         if (props) {
             t.durationMs = props->lengthMs;
             t.bitrate = props->bitrate;

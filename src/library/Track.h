@@ -2,6 +2,8 @@
 // One audio file's record, as the whole program passes it around: file stamp,
 // tags and audio properties. Empty text and 0 mean "unknown".
 
+#include "library/ReplayGain.h"
+
 #include <cstddef>
 #include <cstdint>
 #include <optional>
@@ -30,6 +32,7 @@ struct Track {
     int64_t sampleRate = 0; // Hz
     int64_t bitrate = 0;    // kb/s
     int64_t channels = 0;
+    ReplayGain replayGain; // loudness tags
 
     bool operator==(const Track&) const = default;
 

@@ -133,6 +133,7 @@ TrackTable::Id TrackTable::add(const Fields& f) {
             r.small[i - kLargeFields] = static_cast<int16_t>(kept);
         if (!fits) wide_[wideKey(id, static_cast<NumberField>(i))] = v;
     }
+    if (!f.replayGain.empty()) gains_[id] = f.replayGain;
     ++count_;
     return id;
 }
@@ -140,7 +141,7 @@ TrackTable::Id TrackTable::add(const Fields& f) {
 TrackTable::Id TrackTable::add(const Track& t) {
     return add(Fields{t.path, t.title, t.artist, t.albumArtist, t.album, t.genre, t.codec, t.mtime,
                       t.size, t.year, t.trackNumber, t.discNumber, t.durationMs, t.sampleRate,
-                      t.bitrate, t.channels});
+                      t.bitrate, t.channels, t.replayGain});
 }
 
 void TrackTable::finishAdding() {
@@ -236,6 +237,7 @@ Track TrackTable::track(Id id) const {
     t.sampleRate = number(id, kSampleRate);
     t.bitrate = number(id, kBitrate);
     t.channels = number(id, kChannels);
+    if (auto it = gains_.find(id); it != gains_.end()) t.replayGain = it->second;
     return t;
 }
 

@@ -30,6 +30,7 @@ public:
         double mtime = 0;
         int64_t size = 0, year = 0, trackNumber = 0, discNumber = 0, durationMs = 0, sampleRate = 0,
                 bitrate = 0, channels = 0;
+        ReplayGain replayGain;
     };
 
     TrackTable();
@@ -136,6 +137,7 @@ private:
     std::size_t namesHashed_ = 0;
     NameId lastName_[kNameFields] = {};          // neighbouring rows mostly repeat their names
     std::unordered_map<uint64_t, int64_t> wide_; // numbers too wide for their packed field
+    std::unordered_map<Id, ReplayGain> gains_;   // only the tracks that have loudness tags
     std::vector<Id> byPath_; // open addressing on the path's hash; kNone when free
 };
 

@@ -11,10 +11,17 @@
 #include <optional>
 #include <stdexcept>
 #include <string>
+#include <vector>
 
 namespace trovan {
 
 class AudioDecoder;
+
+// How a prepared track follows the loaded one.
+struct TrackTransition {
+    double crossfadeSeconds = 0; // 0: gapless
+    float gain = 1.0f;           // its loudness gain, linear
+};
 
 class AudioEngineError : public std::runtime_error {
 public:
@@ -70,15 +77,23 @@ public:
     // nothing when the file cannot be played. A later load or unload makes a pending
     // one stale: its `done` is never called.
     using LoadDone = std::function<void(std::optional<AudioFormatInfo>)>;
+    // What is heard of the track being left fades out over this long when a skip (a
+    // background load) or a seek replaces it.
+    static constexpr double skipFadeSeconds = 0.03;
+    static constexpr double seekFadeSeconds = 0.005;
     void loadInBackground(const std::string& path, Task alsoThere, LoadDone done);
     void play();
     void pause();
     void seek(double seconds);
     void unload();
+    using Transition = TrackTransition;
     // The track to play after the loaded one ends (none: stop there). Opened on the
     // decoder thread, which then runs `alsoThere` if given; asking for the same path
-    // again keeps what is already open.
-    void prepareNext(std::optional<std::string> path, Task alsoThere = {});
+    // again keeps what is already open. With a crossfade (and the same format) it
+    // starts that long before the loaded one ends, the two overlapping with
+    // equal-power curves; the join is announced when the overlap begins.
+    void prepareNext(std::optional<std::string> path, Task alsoThere = {},
+                     Transition transition = {});
     // The output device changed (or its stream died): rebuild it and carry on
     // from the same position.
     void recoverFromConfigurationChange();
@@ -89,6 +104,10 @@ public:
     double duration() const;
     std::string currentPath() const { return file_ ? file_->path : std::string(); }
     std::optional<AudioFormatInfo> formatInfo() const;
+
+    // The loudness gain of the loaded track (linear), reached smoothly.
+    void setGain(float gain);
+    float gain() const { return gain_; }
 
     // Output gain 0…1, applied with a short ramp.
     void setVolume(float volume);
@@ -133,18 +152,25 @@ private:
     // decoded through to count it: its length is learnt when its end is decoded.
     static LoadedFile openFile(const std::string& path, bool countUnknownLength = true);
 
-    void stopStep();
+    // With `fadeSeconds`, what is being heard fades out over that long instead of stopping.
+    void stopStep(double fadeSeconds = 0);
+    void publishSegments();
+    void dropFading();
+    std::shared_ptr<Segment> makeSegment(const LoadedFile& file, int64_t startFrame, float gain);
+    void armCrossfade();
+    void crossfadeArrived(uint64_t id);
+    void fadedArrived(uint64_t id);
     void finishTrack();
     bool adoptPrepared();
     void catchUpJoins(bool deliverNow = false);
-    void progressArrived(int64_t generation);
+    void progressArrived(int64_t generation, uint64_t id);
     void preparedFailed(const std::shared_ptr<Prepared>& prepared);
     void setPrepared(std::shared_ptr<Prepared> prepared);
-    std::shared_ptr<Prepared> makePrepared(const std::string& path);
+    std::shared_ptr<Prepared> makePrepared(const std::string& path, Transition transition = {});
     void announceJoin(const std::string& path);
     void fadeOut();
     void connect(const OutputFormat& format);
-    void completionArrived(int64_t generation);
+    void completionArrived(int64_t generation, uint64_t id);
     void bumpGeneration();
     OutputEvents outputEvents();
     void outputAvailability(bool available, const std::string& reason);
@@ -155,7 +181,12 @@ private:
     std::unique_ptr<RenderCore> core_;
     std::unique_ptr<DecoderWorker> worker_;
     std::shared_ptr<AudioOutput> output_;
-    std::shared_ptr<Segment> segment_;
+    std::shared_ptr<Segment> segment_;  // the one heard
+    std::shared_ptr<Segment> incoming_; // set to crossfade in after it
+    std::shared_ptr<Prepared> incomingPrepared_;
+    std::vector<std::shared_ptr<Segment>> fading_; // fading out after a seek, skip or crossfade
+    uint64_t segmentCount_ = 0;
+    float gain_ = 1.0f;
     std::optional<LoadedFile> file_;
     std::optional<OutputFormat> connectedFormat_;
     std::shared_ptr<Prepared> prepared_;

@@ -9,6 +9,12 @@ namespace trovan {
 namespace {
 constexpr double restartThreshold = 3.0;
 constexpr double endTolerance = 0.05;
+
+// b comes right after a on the same album.
+bool followsOnAlbum(const Track& a, const Track& b) {
+    return !a.album.empty() && a.album == b.album && a.groupArtist() == b.groupArtist() &&
+           std::pair(a.discNumber, a.trackNumber) < std::pair(b.discNumber, b.trackNumber);
+}
 } // namespace
 
 PlaybackController::PlaybackController(std::unique_ptr<AudioEngine> engine)
@@ -62,12 +68,60 @@ void PlaybackController::prepareFollowing() {
 void PlaybackController::prepare() {
     auto path = queue_.pathAt(preparedAt_);
     AudioEngine::Task alsoThere;
-    if (path && !(lookup && lookup(*path))) {
+    std::optional<Track> known = path && lookup ? lookup(*path) : std::nullopt;
+    if (path && !known) {
         auto read = std::make_shared<std::optional<Track>>();
         alsoThere = [read, p = *path] { *read = Track::read(p); };
         preparedTrack_ = read;
     }
-    engine_->prepareNext(path, std::move(alsoThere));
+    AudioEngine::Transition transition;
+    if (path) {
+        const Track next = known ? *known : trackFor(*path);
+        transition.gain = gainAt(next, preparedAt_).linear();
+        // One album played in order goes on without a gap, whatever the setting.
+        const bool sameAlbum =
+            !queue_.shuffle && state_.track && followsOnAlbum(*state_.track, next);
+        transition.crossfadeSeconds = sameAlbum ? 0.0 : crossfadeSeconds_;
+    }
+    engine_->prepareNext(path, std::move(alsoThere), transition);
+}
+
+bool PlaybackController::albumInOrder(std::optional<int> at) const {
+    if (!at || queue_.shuffle) return false;
+    auto here = queue_.pathAt(at);
+    if (!here) return false;
+    const Track track = trackFor(*here);
+    if (auto before = queue_.pathAt(*at - 1); before && followsOnAlbum(trackFor(*before), track))
+        return true;
+    auto after = queue_.pathAt(*at + 1);
+    return after && followsOnAlbum(track, trackFor(*after));
+}
+
+GainChoice PlaybackController::gainAt(const Track& track, std::optional<int> at) const {
+    return GainChoice::choose(track.replayGain, gainMode_, preampDb_, albumInOrder(at));
+}
+
+// The current track's gain: to the engine (smoothly) and to the panel.
+void PlaybackController::applyGain() {
+    const GainChoice gain = state_.track ? gainAt(*state_.track, queue_.position) : GainChoice{};
+    engine_->setGain(gain.linear());
+    state_.gain = gain;
+}
+
+void PlaybackController::setLoudness(ReplayGainMode mode, double preampDb) {
+    gainMode_ = mode;
+    preampDb_ = std::isfinite(preampDb)
+                    ? std::clamp(preampDb, -GainChoice::maxPreamp, GainChoice::maxPreamp)
+                    : 0.0;
+    const GainChoice before = state_.gain;
+    applyGain();
+    if (engine_->hasFile()) prepare();
+    if (!(state_.gain == before)) changed();
+}
+
+void PlaybackController::setCrossfade(double seconds) {
+    crossfadeSeconds_ = std::isfinite(seconds) ? std::clamp(seconds, 0.0, 12.0) : 0.0;
+    if (engine_->hasFile()) prepare();
 }
 
 // The prepared track is now the one heard: the queue moves on once, and elapsed
@@ -78,6 +132,7 @@ void PlaybackController::joined(const std::string& path) {
     state_.format = engine_->formatInfo();
     state_.duration = engine_->duration();
     state_.isPlaying = engine_->isPlaying();
+    applyGain();
     prepareFollowing();
     changed();
 }
@@ -127,7 +182,7 @@ void PlaybackController::start(std::optional<std::string> path, std::size_t atte
         known.emplace();
         known->path = wanted;
     }
-    state_ = PlaybackState{std::move(known), false, std::nullopt, 0};
+    state_ = PlaybackState{std::move(known), false, std::nullopt, 0, {}};
     preparedAt_.reset();
     engine_->loadInBackground(wanted, std::move(alsoThere),
                               [alive = std::weak_ptr<char>(alive_), self = this, request, wanted,
@@ -152,6 +207,7 @@ void PlaybackController::started(const std::string& path, std::optional<AudioFor
         state_.duration = engine_->duration();
         if (startAt_) engine_->seek(*startAt_);
         startAt_.reset();
+        applyGain();
         if (playWhenLoaded_) engine_->play();
         state_.isPlaying = engine_->isPlaying();
         prepareFollowing();
@@ -280,6 +336,7 @@ void PlaybackController::refreshCurrentTrack() {
         // A kept track shown before the library was loaded gets its length now.
         if (parked_) state_.duration = static_cast<double>(fresh->durationMs) / 1e3;
         state_.track = std::move(*fresh);
+        applyGain(); // new loudness tags apply at once
         changed();
     }
 }
@@ -421,7 +478,7 @@ void PlaybackController::restore(PlaybackQueue saved, double seconds) {
         loading_ = false;
         Track track = trackFor(*path);
         const double length = static_cast<double>(track.durationMs) / 1e3;
-        state_ = PlaybackState{std::move(track), false, std::nullopt, length};
+        state_ = PlaybackState{std::move(track), false, std::nullopt, length, {}};
         // Not clamped to the length: the library may not be loaded yet to tell it.
         parked_ = std::max(0.0, seconds);
         changed();

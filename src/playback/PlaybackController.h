@@ -94,6 +94,11 @@ public:
     void setRepeatMode(RepeatMode mode);
     // Output gain: the stored volume clamped to 0…1, or silence while muted.
     void setVolume(float volume, bool muted);
+    // Loudness: which ReplayGain gain is applied, and the preamp added to it (-15…+15 dB).
+    void setLoudness(ReplayGainMode mode, double preampDb);
+    // Seconds over which automatic joins overlap (0: gapless). Tracks of one album that
+    // follow each other in order always join without a gap.
+    void setCrossfade(double seconds);
 
 private:
     void start(std::optional<std::string> path, std::size_t attemptsLeft);
@@ -108,6 +113,11 @@ private:
     void nextFailed(const std::string& path);
     void queueChanged();
     void lookUpDurations();
+    // Whether the track at `at` plays as part of its album, in order: not shuffled, and
+    // the track before or after it is the one before or after it on the album.
+    bool albumInOrder(std::optional<int> at) const;
+    GainChoice gainAt(const Track& track, std::optional<int> at) const;
+    void applyGain();
 
     // The track let go for a write: where it was, and whether it should play.
     struct Held {
@@ -127,6 +137,9 @@ private:
     std::optional<int> preparedAt_; // queue position of the track named to the engine
     std::size_t failedAhead_ = 0;   // prepared tracks that failed since the last one played
     std::shared_ptr<std::optional<Track>> preparedTrack_; // its tags, when the library lacks them
+    ReplayGainMode gainMode_ = ReplayGainMode::off;
+    double preampDb_ = 0;
+    double crossfadeSeconds_ = 0;
     bool loading_ = false;
     bool playWhenLoaded_ = true;
     uint64_t startCount_ = 0; // a load finishing after another start is stale

@@ -2,6 +2,7 @@
 
 #include "library/Track.h"
 #include "playback/AudioFormatInfo.h"
+#include "playback/GainChoice.h"
 
 #include <optional>
 
@@ -13,6 +14,7 @@ struct PlaybackState {
     bool isPlaying = false;
     std::optional<AudioFormatInfo> format; // of the loaded file
     double duration = 0;                   // seconds, the decoded length (not the tag's)
+    GainChoice gain;                       // the loudness gain applied to it
 
     bool operator==(const PlaybackState&) const = default;
 };

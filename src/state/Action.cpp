@@ -51,6 +51,12 @@ const char* name(Action::Kind k) {
         return "exportPlaylist";
     case K::deletePlaylist:
         return "deletePlaylist";
+    case K::setReplayGain:
+        return "setReplayGain";
+    case K::setPreamp:
+        return "setPreamp";
+    case K::setCrossfade:
+        return "setCrossfade";
     case K::focusNext:
         return "focusNext";
     case K::focusPrevious:
@@ -117,6 +123,8 @@ const char* name(Action::Kind k) {
         return "enqueueNext";
     case K::openQueue:
         return "openQueue";
+    case K::analyzeLoudness:
+        return "analyzeLoudness";
     case K::quit:
         return "quit";
     }

@@ -32,6 +32,9 @@ struct Action {
         loadPlaylist,    // list name or file (string)
         exportPlaylist,  // file (string)
         deletePlaylist,  // list name (string)
+        setReplayGain,   // "off", "track", "album" or "auto" (string)
+        setPreamp,       // dB, -15 to +15 (double)
+        setCrossfade,    // seconds, 0 to 12 (double)
         // Without a payload.
         focusNext,
         focusPrevious,
@@ -66,6 +69,7 @@ struct Action {
         enqueue,
         enqueueNext,
         openQueue,
+        analyzeLoudness,
         quit,
     };
     using Payload = std::variant<std::monostate, int, double, float, bool, std::string>;
@@ -102,6 +106,9 @@ struct Action {
     static Action deletePlaylist(std::string name) {
         return {Kind::deletePlaylist, std::move(name)};
     }
+    static Action setReplayGain(std::string mode) { return {Kind::setReplayGain, std::move(mode)}; }
+    static Action setPreamp(double db) { return {Kind::setPreamp, db}; }
+    static Action setCrossfade(double seconds) { return {Kind::setCrossfade, seconds}; }
 
     // Payload accessors; each returns the neutral value when the case carries another.
     int count() const { return get<int>(0); }

@@ -159,6 +159,7 @@ struct AppState {
     std::optional<int> lyricsCursor;
     std::optional<LyricsSync> lyricsSync;
     std::optional<IndexingProgress> indexing;
+    std::optional<IndexingProgress> analyzing; // :analyze, tracks measured of those chosen
     std::optional<StatusMessage> status;
     // How covers are drawn: as images (and at what cell size) or as half blocks.
     GraphicsChoice graphics;

@@ -1,5 +1,7 @@
 #include "state/CommandParser.h"
 
+#include "library/ReplayGain.h"
+#include "library/ReplayGainMode.h"
 #include "text/Text.h"
 
 #include <charconv>
@@ -151,6 +153,25 @@ CommandResult CommandParser::parse(std::string_view text) {
         if (argument.empty()) return CommandError::missingArgument("nombre de la lista");
         return Action::deletePlaylist(argument);
     }
+    if (word == "rg" || word == "replaygain") {
+        std::string mode = text::lower(argument);
+        if (mode == "pista") mode = "track";
+        if (mode == "album" || mode == "álbum") mode = "album";
+        if (replayGainModeFromString(mode)) return Action::setReplayGain(mode);
+        if (mode.empty()) return CommandError::missingArgument("modo (off, track, album o auto)");
+        return CommandError::invalidValue("rg: usa off, track, album o auto");
+    }
+    if (word == "preamp") {
+        auto db = ReplayGain::parseGain(argument);
+        if (db && std::abs(*db) <= 15) return Action::setPreamp(*db);
+        return CommandError::invalidValue("preamp: de −15 a +15 dB");
+    }
+    if (word == "crossfade" || word == "fundido") {
+        auto seconds = parseNumber(argument);
+        if (seconds && *seconds >= 0 && *seconds <= 12) return Action::setCrossfade(*seconds);
+        return CommandError::invalidValue("crossfade: de 0 a 12 segundos");
+    }
+    if (word == "analyze" || word == "analizar") return Action(Action::Kind::analyzeLoudness);
     if (word == "sync" || word == "sincronizar") return Action(Action::Kind::syncLyrics);
     if (word == "q" || word == "quit" || word == "salir") return Action(Action::Kind::quit);
     if (word == "help" || word == "ayuda" || word == "h") return Action(Action::Kind::openHelp);

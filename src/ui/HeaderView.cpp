@@ -24,6 +24,10 @@ void HeaderView::draw(const AppState& state, const Layout& layout, ScreenBuffer&
                                             : "Indexando " + std::to_string(state.indexing->done) +
                                                   "/" + std::to_string(state.indexing->total);
         colour = palette::accent;
+    } else if (state.analyzing) {
+        message = "Analizando " + std::to_string(state.analyzing->done) + "/" +
+                  std::to_string(state.analyzing->total) + "…";
+        colour = palette::accent;
     } else if (state.status && state.status->isShown(now)) {
         message = state.status->text;
         colour = state.status->isError ? palette::error : palette::accent;

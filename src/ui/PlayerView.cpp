@@ -74,12 +74,17 @@ void PlayerView::drawInfo(const AppState& state, Rect r, ScreenBuffer& buffer) {
     }
     const bool eqOn = state.settings.eqEnabled;
     const std::string eq = eqOn ? "EQ " + state.settings.eqPreset : "EQ off";
-    const int w = std::max(text::displayWidth(volume), text::displayWidth(eq));
+    // The loudness gain in use, such as "RG álbum −6.2 dB".
+    const std::string gain = state.playback.track ? state.playback.gain.label() : std::string();
+    const int w =
+        std::max({text::displayWidth(volume), text::displayWidth(eq), text::displayWidth(gain)});
     const int lw = r.width - w - 2;
     const int right = r.x + r.width;
     buffer.text(volume, right - text::displayWidth(volume), r.y, w, palette::on(palette::dim));
     buffer.text(eq, right - text::displayWidth(eq), r.y + 1, w,
                 palette::on(eqOn ? palette::accent : palette::dim));
+    if (!gain.empty())
+        buffer.text(gain, right - text::displayWidth(gain), r.y + 2, w, palette::on(palette::dim));
 
     if (const auto& track = state.playback.track) {
         buffer.text(track->displayTitle(), r.x, r.y, lw, palette::on(palette::white, true));

@@ -21,6 +21,7 @@ Track sample(std::string path, std::string title = "T") {
         std::make_tuple("Ñandú", "ＡＢＣ", "Álbum", "Jazz", "FLAC");
     std::tie(t.year, t.trackNumber, t.discNumber, t.durationMs, t.sampleRate, t.bitrate,
              t.channels) = std::make_tuple(1999, 3, 2, 215000, 96000, 2400, 6);
+    t.replayGain = {-6.25, 0.98, std::nullopt, 1.2};
     return t;
 }
 
@@ -73,11 +74,11 @@ TEST(LibraryStore, KeepsEveryFieldAcrossReopeningAndAppliesInOrder) {
 
 TEST(LibraryStore, OtherSchemaVersionsAreRebuiltEmptyAndNullsReadAsEmpty) {
     fx::TempDir dir;
-    auto v2 = dir / "v2.sqlite";
-    LibraryStore(v2).apply({sample("/a")}, {});
-    EXPECT_EQ(execRaw(v2, "PRAGMA user_version = 2"), 2);
-    EXPECT_TRUE(LibraryStore(v2).loadAll().empty());
-    EXPECT_EQ(execRaw(v2, "SELECT 1"), 1);
+    auto v3 = dir / "v3.sqlite";
+    LibraryStore(v3).apply({sample("/a")}, {});
+    EXPECT_EQ(execRaw(v3, "PRAGMA user_version = 3"), 3);
+    EXPECT_TRUE(LibraryStore(v3).loadAll().empty());
+    EXPECT_EQ(execRaw(v3, "SELECT 1"), 2);
 
     // Version 0 with an old, differently shaped table.
     auto old = dir / "old.sqlite";
@@ -88,6 +89,30 @@ TEST(LibraryStore, OtherSchemaVersionsAreRebuiltEmptyAndNullsReadAsEmpty) {
     execRaw(old, "INSERT INTO tracks(path, mtime, size) VALUES('/n', 1.5, 7)");
     EXPECT_EQ(LibraryStore(old).loadAll(),
               (std::vector<Track>{{.path = "/n", .mtime = 1.5, .size = 7}}));
+}
+
+// A cache written before the loudness columns keeps every row, now without gains and with
+// a stamp no file has, so the next scan reads each file again.
+TEST(LibraryStore, VersionOneGainsTheLoudnessColumnsInPlace) {
+    fx::TempDir dir;
+    auto v1 = dir / "v1.sqlite";
+    execRaw(v1, "CREATE TABLE tracks(path TEXT PRIMARY KEY, mtime REAL NOT NULL, size INTEGER "
+                "NOT NULL, title TEXT, artist TEXT, album_artist TEXT, album TEXT, genre TEXT, "
+                "year INTEGER, track INTEGER, disc INTEGER, duration_ms INTEGER, codec TEXT, "
+                "sample_rate INTEGER, bitrate INTEGER, channels INTEGER) WITHOUT ROWID;"
+                "INSERT INTO tracks(path, mtime, size, title) VALUES('/a', 5, 7, 'Uno'), "
+                "('/b', 6, 8, 'Dos'); PRAGMA user_version = 1;");
+    {
+        LibraryStore store(v1);
+        EXPECT_EQ(sorted(store.loadAll()),
+                  (std::vector<Track>{{.path = "/a", .mtime = -1, .size = 7, .title = "Uno"},
+                                      {.path = "/b", .mtime = -1, .size = 8, .title = "Dos"}}));
+        EXPECT_FALSE(store.stamps().at("/a") == (FileStamp{5, 7}));
+        store.apply({sample("/a")}, {});
+    }
+    EXPECT_EQ(execRaw(v1, "SELECT 1"), 2);
+    LibraryStore again(v1);
+    EXPECT_EQ(sorted(again.loadAll()).front(), sample("/a"));
 }
 
 TEST(LibraryStore, OpenFailures) {
@@ -132,9 +157,10 @@ TEST(LibraryStore, HostileRowsLoadWholeAndIndex) {
     // at the edge of 32; one path spelled twice with different case; an empty path.
     execRaw(file, "INSERT INTO tracks VALUES('/m/A.flac', -1e300, -5, '" + huge +
                       "', '', '', '', '', -9223372036854775808, 9223372036854775807, -2147483648, "
-                      "2147483648, '', -1, 0, 0);"
+                      "2147483648, '', -1, 0, 0, 'abc', -1e300, 1e308, NULL);"
                       "INSERT INTO tracks VALUES('/m/a.flac', 0, 0, CAST(X'FFC300' AS TEXT), "
-                      "CAST(X'4100FF' AS TEXT), '', 'x', '', 0, 0, 0, 0, 'FLAC', 0, 0, 0);"
+                      "CAST(X'4100FF' AS TEXT), '', 'x', '', 0, 0, 0, 0, 'FLAC', 0, 0, 0, NULL, "
+                      "NULL, NULL, NULL);"
                       "INSERT INTO tracks(path, mtime, size) VALUES('', 0, 0);");
     LibraryStore store(file);
     auto tracks = sorted(store.loadAll());

@@ -87,3 +87,71 @@ TEST(Track, LeadingIntAndDerivedNames) {
     EXPECT_EQ(std::make_tuple(a.displayTitle(), a.displayArtist(), a.groupArtist()),
               std::make_tuple("noext", "A", "B"));
 }
+
+TEST(ReplayGainTags, ParseWhatTaggersWriteAndRefuseTheRest) {
+    struct Case {
+        const char* text;
+        std::optional<double> gain, peak, r128;
+    };
+    const std::optional<double> none;
+    const Case cases[] = {
+        {"-6.20 dB", -6.2, none, none},
+        {"+1.5 db", 1.5, none, none},
+        {"  -3 DB ", -3.0, none, none},
+        {"\xE2\x88\x92"
+         "4.5 dB",
+         -4.5, none, none},              // a real minus sign
+        {"-6,25 dB", -6.25, none, none}, // a comma for the point
+        {"0.988553", 0.988553, 0.988553, none},
+        {"-1536", none, none, -1.0}, // R128: -6 dB against -23 LUFS is -1 dB against -18
+        {"256", none, none, 6.0},
+        {"", none, none, none},
+        {"abc", none, none, none},
+        {"+inf dB", none, none, none},
+        {"nan", none, none, none},
+        {"-99999", none, none, none},
+        {"1,5,5", none, none, none},
+        {"-6.0 dB -3.0 dB", none, none, none},
+        {"0", 0.0, none, 5.0},
+        {"-0.5", -0.5, none, none},
+        {"11", 11.0, none, 5.0 + 11 / 256.0},
+        {"1e3", none, none, none},
+        {"99999", none, none, none},
+    };
+    for (const auto& c : cases) {
+        SCOPED_TRACE(c.text);
+        auto near = [](std::optional<double> got, std::optional<double> want) {
+            EXPECT_EQ(got.has_value(), want.has_value());
+            if (got && want) {
+                EXPECT_NEAR(*got, *want, 1e-9);
+            }
+        };
+        near(ReplayGain::parseGain(c.text), c.gain);
+        near(ReplayGain::parsePeak(c.text), c.peak);
+        near(ReplayGain::parseR128(c.text), c.r128);
+    }
+}
+
+TEST(ReplayGainTags, ReadFromFilesOfEachKind) {
+    if (!fx::available()) GTEST_SKIP() << "ffmpeg missing";
+    fx::TempDir dir;
+    auto flac = fx::write(dir.path(), "rg.flac",
+                          {.tags = {{"REPLAYGAIN_TRACK_GAIN", {"-6.00 dB"}},
+                                    {"REPLAYGAIN_TRACK_PEAK", {"0.5"}},
+                                    {"REPLAYGAIN_ALBUM_GAIN", {"abc", "-7.5 dB"}},
+                                    {"REPLAYGAIN_ALBUM_PEAK", {"-1"}}}});
+    auto rg = Track::read(flac.string())->replayGain;
+    EXPECT_EQ(rg, (ReplayGain{-6.0, 0.5, std::nullopt, std::nullopt}));
+    auto mp3 = fx::write(dir.path(), "rg.mp3",
+                         {.format = fx::Format::mp3,
+                          .tags = {{"REPLAYGAIN_ALBUM_GAIN", {"+2.25 dB"}},
+                                   {"REPLAYGAIN_ALBUM_PEAK", {"1.100000"}}}});
+    EXPECT_EQ(Track::read(mp3.string())->replayGain,
+              (ReplayGain{std::nullopt, std::nullopt, 2.25, 1.1}));
+    auto opus = fx::write(dir.path(), "rg.opus",
+                          {.format = fx::Format::opus,
+                           .sampleRate = 48000,
+                           .tags = {{"R128_TRACK_GAIN", {"-2560"}}, {"R128_ALBUM_GAIN", {"x"}}}});
+    EXPECT_EQ(Track::read(opus.string())->replayGain,
+              (ReplayGain{-5.0, std::nullopt, std::nullopt, std::nullopt}));
+}

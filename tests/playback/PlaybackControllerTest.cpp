@@ -441,5 +441,85 @@ TEST_F(PlaybackControllerTest, AWriteHoldsOnlyAHardLinkedPlayingTrackAndTheUserW
     EXPECT_TRUE(engine().isPlaying());
 }
 
+// With a crossfade set, the next album's track takes over that long before the end (the
+// first still sounds under it); the next track of the same album, in order, joins at the end.
+TEST_F(PlaybackControllerTest, CrossfadesOnlyBetweenAlbumsOrOutOfOrder) {
+    controller.setCrossfade(2);
+    for (bool sameAlbum : {false, true}) {
+        SCOPED_TRACE(sameAlbum ? "one album in order" : "two albums");
+        library[good[0]].album = "X";
+        library[good[1]].album = sameAlbum ? "X" : "Y";
+        library[good[0]].trackNumber = 1;
+        library[good[1]].trackNumber = 2;
+        controller.play({good[0], good[1]}, 0);
+        settle();
+        // The crossfade begins at 3 s; the decoder thread hears of it within a ring (0.5 s).
+        testing::playFor(engine(), outputs, tasks, 4.3);
+        EXPECT_EQ(current(), sameAlbum ? good[0] : good[1]);
+        testing::playFor(engine(), outputs, tasks, 1.2);
+        EXPECT_EQ(current(), good[1]);
+        EXPECT_TRUE(controller.state().isPlaying);
+    }
+}
+
+// The gain for each mode, the fallback to the other gain, the preamp alone on untagged
+// tracks, the peak that caps it, and how the panel names it.
+TEST(GainChoiceTest, ModesFallbacksPeaksAndLabels) {
+    using S = GainChoice::Source;
+    const ReplayGain both{-6.2, 0.5, -8.0, 0.9},
+        trackOnly{-3.0, std::nullopt, std::nullopt, std::nullopt};
+    struct Case {
+        ReplayGain tags;
+        ReplayGainMode mode;
+        double preamp;
+        bool inOrder;
+        S source;
+        double db;
+        const char* label;
+    };
+    const Case cases[] = {
+        {both, ReplayGainMode::off, 5, true, S::off, 0, ""},
+        {both, ReplayGainMode::track, 0, true, S::track, -6.2,
+         "RG pista \xE2\x88\x92"
+         "6.2 dB"},
+        {both, ReplayGainMode::album, 0, false, S::album, -8.0,
+         "RG álbum \xE2\x88\x92"
+         "8.0 dB"},
+        {both, ReplayGainMode::automatic, 0, true, S::album, -8.0, nullptr},
+        {both, ReplayGainMode::automatic, 0, false, S::track, -6.2, nullptr},
+        {trackOnly, ReplayGainMode::album, 1, true, S::track, -2.0, nullptr},
+        {{}, ReplayGainMode::track, 2, false, S::untagged, 2.0, "RG +2.0 dB"},
+        {{}, ReplayGainMode::track, 0, false, S::untagged, 0, ""},
+        {{}, ReplayGainMode::track, 99, false, S::untagged, 15, nullptr},
+        // +12 dB on a peak of -3 dBFS is held to what keeps the peak below full scale.
+        {{12.0, 0.7079, std::nullopt, std::nullopt},
+         ReplayGainMode::track,
+         0,
+         false,
+         S::track,
+         20 * std::log10(0.995 / 0.7079),
+         "RG pista +3.0 dB"},
+        // A peak with no gain still caps the preamp; nonsense peaks are ignored.
+        {{std::nullopt, 0.5, std::nullopt, std::nullopt},
+         ReplayGainMode::track,
+         9,
+         false,
+         S::untagged,
+         20 * std::log10(0.995 / 0.5),
+         nullptr},
+        {{1.0, -1.0, std::nullopt, 1e300}, ReplayGainMode::track, 0, false, S::track, 1.0, nullptr},
+    };
+    for (const auto& c : cases) {
+        const auto g = GainChoice::choose(c.tags, c.mode, c.preamp, c.inOrder);
+        EXPECT_EQ(g.source, c.source);
+        EXPECT_NEAR(g.db, c.db, 1e-3);
+        if (c.label) {
+            EXPECT_EQ(g.label(), c.label);
+        }
+    }
+    EXPECT_NEAR((GainChoice{S::track, -6.0}.linear()), 0.501187, 1e-6);
+    EXPECT_EQ(GainChoice{}.linear(), 1.0f);
+}
+
 } // namespace
 } // namespace trovan

@@ -47,6 +47,17 @@ TEST(CommandParser, CommandsSynonymsCaseAndQuoting) {
         {Action::loadPlaylist("~/a b.m3u"), {"abrir '~/a b.m3u'", "LOAD ~/a b.m3u"}},
         {Action::exportPlaylist("/x/l.m3u8"), {"exportar /x/l.m3u8"}},
         {Action::deletePlaylist("../x"), {"borrar ../x", "delete ../x"}},
+        {Action::setReplayGain("album"), {"rg album", "RG Álbum", "replaygain ALBUM"}},
+        {Action::setReplayGain("track"), {"rg pista", "rg track"}},
+        {Action::setReplayGain("auto"), {"rg auto"}},
+        {Action::setPreamp(-3.5),
+         {"preamp -3.5", "preamp -3,5 dB",
+          "preamp \xE2\x88\x92"
+          "3.5"}},
+        {Action::setPreamp(15), {"preamp +15"}},
+        {Action::setCrossfade(4), {"crossfade 4", "FUNDIDO 4.0"}},
+        {Action::setCrossfade(0), {"crossfade 0"}},
+        {A::analyzeLoudness, {"analyze", "ANALIZAR"}},
         {A::quit, {"q", "SALIR", "q now"}},
         {A::openHelp, {"ayuda", "H extra"}}};
     for (const auto& [expected, inputs] : cases)
@@ -72,6 +83,13 @@ TEST(CommandParser, ErrorMessages) {
         {"Valor inválido para volumen: 0–100",
          {"vol 101", "vol -1", "vol alto", "vol", "vol 5 0", "vol 50%"}},
         {"Valor inválido para watch: on u off", {"watch sí", "watch on off"}},
+        {"Falta el argumento: modo (off, track, album o auto)", {"rg"}},
+        {"Valor inválido para rg: usa off, track, album o auto", {"rg on", "rg 3"}},
+        {"Valor inválido para preamp: de −15 a +15 dB",
+         {"preamp", "preamp 16", "preamp abc", "preamp +inf", "preamp -15.5 dB"}},
+        {"Valor inválido para crossfade: de 0 a 12 segundos",
+         {"crossfade", "crossfade 13", "fundido -1", "crossfade dos", "crossfade nan",
+          "crossfade 4s"}},
         {"Comando desconocido: foo (usa :help)", {"foo bar", "FOO"}},
         {"Comando desconocido: canci\xC3\xB3n (usa :help)", {"CANCI\xC3\x93N"}},
         {"Comando desconocido: add\t/x (usa :help)", {"add\t/x"}}, // only spaces split

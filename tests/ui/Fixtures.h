@@ -24,7 +24,7 @@ inline Track makeTrack(std::string path, std::string title, std::string artist, 
                        std::string albumArtist = {}) {
     return {path,  0,     0,    title,  artist, albumArtist,
             album, "",    year, number, disc,   seconds * 1000LL,
-            codec, 44100, 0,    2};
+            codec, 44100, 0,    2,      {}};
 }
 
 // Artists across several letters, a "#" group with a digit and a CJK name, albums with

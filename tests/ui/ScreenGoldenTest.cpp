@@ -162,6 +162,7 @@ TEST(ScreenGolden, PlayerPanel) {
     s.settings.shuffle = true;
     s.settings.repeatMode = RepeatMode::one;
     s.playback.format = AudioFormatInfo{"FLAC", 44100, 16, 2};
+    s.playback.gain = GainChoice{GainChoice::Source::album, -6.2};
     std::vector<RGB> px(100);
     for (std::size_t i = 0; i < 100; ++i)
         px[i] = RGB{static_cast<std::uint8_t>(i * 2), 100, 50};
