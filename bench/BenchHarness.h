@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: GPL-3.0-or-later
 #pragma once
 // What the application benchmarks share: the real program on a pseudo-terminal, and the
 // controller in process on a data folder's cache.

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: GPL-3.0-or-later
 // How the whole program feels: start-up on a cached library of 100,000 tracks (first
 // frame, then the library on screen), the cost of answering a key on that library, and
 // what the process costs while paused and while playing. The start-up and idle figures

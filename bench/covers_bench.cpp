@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: GPL-3.0-or-later
 // Scrolling a list of 1,000 albums with their covers at key-repeat speed, one row per
 // frame, in each way of drawing covers: the frame's composition and the renderer's bytes.
 // Arg 0: half blocks, 1: kitty images, 2: sixel. The list is walked down to its end and

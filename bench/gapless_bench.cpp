@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: GPL-3.0-or-later
 // Gapless playback costs: opening the next track ahead of time (the decoder thread's
 // work before a join), and the time from a join reaching the listener to the player
 // state naming the new track.

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: GPL-3.0-or-later
 // Library benchmarks on generated trees (under $TMPDIR, removed at exit):
 //  - rescan of an unchanged tree of 100,000 small audio files in 10,000 folders, next
 //    to a bare walk-and-stat of the same tree;

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: GPL-3.0-or-later
 // Loudness costs: :analyze's speed in times real time on both cores, the output callback
 // with ReplayGain, the limiter and a crossfade all working, and the migration of a
 // version-1 cache of 100,000 tracks before the library can be shown.

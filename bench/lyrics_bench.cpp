@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: GPL-3.0-or-later
 // Timed lyrics: reading a 5,000-line LRC text and drawing the lyrics pane that follows
 // the song (the budget for both together is 2 ms).
 

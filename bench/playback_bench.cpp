@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: GPL-3.0-or-later
 // Playback costs: decoding plus equalizing whole files, one output callback with
 // every band active, and the CPU the engine takes while playing in real time.
 

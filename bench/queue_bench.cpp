@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: GPL-3.0-or-later
 // The queue at 100,000 entries: adding an artist, moving and removing an entry (each with
 // the desktop's track list and the snapshot the queue file is written from), drawing the
 // queue view; play lists of 50,000 entries read and written; the kept queue's size.

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: GPL-3.0-or-later
 // The largest libraries: caches of 100,000 and 1,000,000 tracks written straight into
 // SQLite under a root that does not exist (so a rescan keeps them cached). The real
 // program on a pseudo-terminal gives the time to the first frame and to the artist list,

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: GPL-3.0-or-later
 // Writing a new cover into 1,000 files of about 5 MB each (FLAC), in files per second:
 // the program's checked write (copy, save, verify the tags, the picture and the audio
 // bytes, sync, rename, sync the folder) beside TagLib's plain in-place save of the same

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: GPL-3.0-or-later
 // Frame composition and cover decoding costs.
 
 #include "ui/CoverArtRenderer.h"

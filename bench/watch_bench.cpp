@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: GPL-3.0-or-later
 // Following the folders (generated trees under $TMPDIR, removed at exit):
 //  - setting up the watches of 100,000 files in 10,000 folders: time, and the memory it
 //    adds to the process's heap and to the kernel's slab caches (inotify marks);

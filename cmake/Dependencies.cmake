@@ -1,3 +1,4 @@
+# SPDX-License-Identifier: GPL-3.0-or-later
 # Every third-party library as an imported target, found once for the whole tree.
 find_package(ICU REQUIRED COMPONENTS uc i18n)
 find_package(SQLite3 REQUIRED)

@@ -1,3 +1,4 @@
+# SPDX-License-Identifier: GPL-3.0-or-later
 # What `cmake --install` puts under the prefix, and the Debian package built from it
 # (`cpack -G DEB` in a Release build).
 if(NOT TARGET trovan)

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: GPL-3.0-or-later
 // Random bytes in random read splits: the decoder must never crash, every text it
 // produces must be valid UTF-8, and (for input without a paste start, with no read
 // ending right after an ESC byte) the events must not depend on how reads are split.

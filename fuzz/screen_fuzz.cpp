@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: GPL-3.0-or-later
 // Random drawing with hostile text into a small screen, rendered after every few
 // operations: nothing may crash, text() never reports more columns than allowed, and
 // the renderer's bytes are valid UTF-8 whose only control bytes are its own CSI

@@ -1,4 +1,5 @@
 #!/usr/bin/env bash
+# SPDX-License-Identifier: GPL-3.0-or-later
 # Installs the Debian package on a fresh Debian 12 made with debootstrap, the way a
 # user would: `dpkg -i` (which stops at the missing libraries), then `apt-get -f
 # install` to bring in what its Depends name, then `trovan --version`. Needs root and

@@ -1,4 +1,5 @@
 #!/usr/bin/env bash
+# SPDX-License-Identifier: GPL-3.0-or-later
 # Installs a build into an empty prefix and runs the installed program the way a user
 # would: from another folder, on a fresh data folder, with the build tree out of the
 # way. It must scan, play a FLAC through its own modules from the prefix, and draw the

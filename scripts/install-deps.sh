@@ -1,4 +1,5 @@
 #!/usr/bin/env bash
+# SPDX-License-Identifier: GPL-3.0-or-later
 # Installs the Debian packages Trovan needs: with no argument what building and
 # running it take; with --test also the tools of the tests, benchmarks and fuzzers.
 # Does nothing when all of them are already present, so it is cheap to run before

@@ -1,4 +1,5 @@
 #!/usr/bin/env bash
+# SPDX-License-Identifier: GPL-3.0-or-later
 # Writes a small tagged music library into the folder given (once: an existing,
 # complete library is left alone). Short generated tones in several formats, a few
 # artists and albums, some with embedded covers, one album on two discs.

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: GPL-3.0-or-later
 #pragma once
 // Turns input into changes of the application state and into calls on the library,
 // playback and equalizer, and asks the main loop for frames. Everything here runs on

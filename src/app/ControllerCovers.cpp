@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: GPL-3.0-or-later
 // Pictures read off the main thread: the playing track's cover and the covers beside
 // the shown artist's albums.
 

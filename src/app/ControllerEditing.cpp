@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: GPL-3.0-or-later
 // Tag editing: the in-screen form, the tag and lyrics documents in the user's editor,
 // and the cover commands. File work runs on the worker pool; the playback controller
 // decides whether the playing track must be let go while its file is rewritten.

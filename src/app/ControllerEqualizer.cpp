@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: GPL-3.0-or-later
 // The equalizer overlay's keys and the preset commands. Every change is saved at once
 // and handed to the engine's equalizer.
 

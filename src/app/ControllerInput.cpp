@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: GPL-3.0-or-later
 // Key routing by the open overlay or prompt, the prompts themselves, the mouse, pasted
 // text and the dispatch of every action.
 

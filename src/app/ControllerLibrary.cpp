@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: GPL-3.0-or-later
 // Keeping the shown library in step with the music folders: adding and removing
 // folders, rescans (one at a time, later requests folded into one), following the
 // folders' changes as they happen (or polling those that cannot be watched), reloading

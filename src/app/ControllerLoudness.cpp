@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: GPL-3.0-or-later
 // :analyze — the loudness of the chosen tracks, and of each album chosen whole, measured
 // on the worker pool a few tracks at a time (the pool stays free for covers and scans),
 // with the count in the header and Esc to stop; then the ReplayGain tags written through

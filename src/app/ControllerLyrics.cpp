@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: GPL-3.0-or-later
 // The lyrics panel: loading the lyrics of a track, following timed lyrics, jumping to a
 // line, shifting the timing, and the timing mode that stamps plain lyrics line by line.
 

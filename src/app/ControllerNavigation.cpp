@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: GPL-3.0-or-later
 // Cursor movement in the two lists, focus, the artist search, marks and the tracks an
 // action applies to.
 

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: GPL-3.0-or-later
 // The desktop's media controls: the now-playing bridge is fed from playback and the
 // settings, and its remote requests run through the same flows as keys.
 

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: GPL-3.0-or-later
 // Playback from the lists and the player panel: Enter on rows, the transport buttons,
 // seeking, volume, mute, shuffle and repeat (each saved as it changes).
 

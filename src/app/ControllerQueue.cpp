@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: GPL-3.0-or-later
 // The queue and play lists: adding the selection (a, A), the queue view's keys and
 // mouse, saving, loading, exporting and deleting lists, the "Listas" rows of the artist
 // pane, the yes/no question asked before anything is replaced or deleted, and the

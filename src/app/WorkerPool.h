@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: GPL-3.0-or-later
 #pragma once
 // A few threads for the slow work (folder scans, library loads, cover decoding). Jobs
 // run in the order they were submitted; whatever a job produces goes back to the main

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: GPL-3.0-or-later
 #pragma once
 // A named set of ten equalizer band gains (dB, 32 Hz to 16 kHz).
 

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: GPL-3.0-or-later
 #pragma once
 // What changed on disk since the last update, as folders to look at again: whole trees
 // (a folder created, moved or deleted) and single folders (files in them written,

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: GPL-3.0-or-later
 #pragma once
 // Follows the music folders with inotify: one watch per folder under each root. Events
 // are gathered into FolderChanges and handed out after a quiet moment, so a copy of a

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: GPL-3.0-or-later
 #pragma once
 // Brings the store in line with the music folders: walks the roots, rereads only the
 // audio files whose stamp changed (on one worker per available core) and writes the

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: GPL-3.0-or-later
 #pragma once
 // The collection grouped as the screen shows it: artists, their albums, discs and
 // tracks, in display order, plus the flat rows of the artist and album panes. Tracks are

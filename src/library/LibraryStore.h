@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: GPL-3.0-or-later
 #pragma once
 // The persistent cache of Track records: one SQLite database (library.sqlite) with one
 // table keyed by path. Every operation is serialised on the store's one connection, so

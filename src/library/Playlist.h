@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: GPL-3.0-or-later
 #pragma once
 // Play lists as files: M3U / M3U8 and PLS lists written by any program are read into
 // local paths, and the queue is written as an extended M3U8. Reading tolerates what other

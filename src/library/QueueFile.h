@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: GPL-3.0-or-later
 #pragma once
 // The queue as kept between runs (cola.json in the data folder): the paths, the play
 // order when it is shuffled, the current entry and how far into it playback was. Folders

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: GPL-3.0-or-later
 #pragma once
 // Loudness tags of a track: ReplayGain gains and peaks (or Opus R128 gains, brought to
 // the same -18 LUFS reference), as read from the file. Absent means not tagged or a value

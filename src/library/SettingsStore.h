@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: GPL-3.0-or-later
 #pragma once
 // Reads and writes the settings file (config.json): pretty-printed JSON with sorted
 // keys, written atomically (through a symbolic link, when config.json is one). Reading

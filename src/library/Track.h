@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: GPL-3.0-or-later
 #pragma once
 // One audio file's record, as the whole program passes it around: file stamp,
 // tags and audio properties. Empty text and 0 mean "unknown".

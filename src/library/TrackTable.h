@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: GPL-3.0-or-later
 #pragma once
 // Every track of the library in compact form, for collections of a million files: one
 // record of 72 bytes per track, file name and title bytes in a shared arena, folder,

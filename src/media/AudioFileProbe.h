@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: GPL-3.0-or-later
 #pragma once
 // Length and format of an audio file as FFmpeg sees it, for files TagLib cannot open
 // (raw AAC, CAF...). No decoding is done beyond what FFmpeg needs to find the stream.

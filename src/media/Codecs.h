@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: GPL-3.0-or-later
 #pragma once
 // Everything that needs FFmpeg (audio decoding, probing files TagLib cannot open, cover
 // pictures) lives in a module of its own, loaded the first time it is needed. FFmpeg

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: GPL-3.0-or-later
 #pragma once
 // Still-image decoding for cover pictures (JPEG, PNG, GIF, BMP, WebP, TIFF) through
 // FFmpeg, with the picture's EXIF orientation applied and high-quality scaling.

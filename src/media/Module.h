@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: GPL-3.0-or-later
 #pragma once
 // Modules: parts of the program built as shared objects of their own and loaded at run
 // time, so that the large libraries they use are only mapped when they are needed.

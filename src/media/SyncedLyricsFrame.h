@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: GPL-3.0-or-later
 #pragma once
 // The synchronised lyrics an ID3v2 tag may carry (its first "SYLT" frame stamped in
 // milliseconds), in MP3, WAV and AIFF files.

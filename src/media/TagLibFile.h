@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: GPL-3.0-or-later
 #pragma once
 // One audio file opened with TagLib: its property map (upper-case keys such as TITLE,
 // ARTIST, LYRICS, each with a list of values), its audio properties and its embedded

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: GPL-3.0-or-later
 // The owner's side of the engine: loading, the transport, joins and positions.
 //
 // Threads: every function here runs on the owner's thread. What comes back from the

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: GPL-3.0-or-later
 // The output lifecycle: opening the output for a format, reopening it when the device
 // changes or the sound server comes and goes, the pause's fade, and the volume.
 //

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: GPL-3.0-or-later
 #pragma once
 // The loudness gain playback applies to one track, and how the player panel names it.
 

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: GPL-3.0-or-later
 #pragma once
 // Publishes what plays to the desktop (media keys, status bars, lock screens, phone
 // remotes) and turns the desktop's remote requests into commands the controller

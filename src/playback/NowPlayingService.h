@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: GPL-3.0-or-later
 #pragma once
 // The boundary between the now-playing bridge and the module that speaks the desktop's
 // media-player protocol on the session bus. Only plain values cross it, so the bus

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: GPL-3.0-or-later
 #pragma once
 // Every user intention the controller can carry out. Keys, the ":" command line and
 // the system's media controls all end up as one of these values.

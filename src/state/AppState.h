@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: GPL-3.0-or-later
 #pragma once
 // The single value behind every frame: settings in force, focus, the open overlay,
 // the library and its rows, viewports, marks, playback, covers, the prompt's text,

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: GPL-3.0-or-later
 #pragma once
 // Turns the text typed on the ":" line into an Action, or into the Spanish error the
 // user sees in the status line.

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: GPL-3.0-or-later
 #pragma once
 // The one fixed key map. The same table, grouped in sections with a Spanish line per
 // binding, is what the help overlay prints, so help and behaviour cannot drift apart.

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: GPL-3.0-or-later
 #pragma once
 // The in-screen tag form: the ten common tags of one or many files, each with its
 // own line editor, and the patch that saving it produces.

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: GPL-3.0-or-later
 #pragma once
 // One line of editable text with a cursor, edited like a shell line: the ":" line,
 // the "/" search, the time prompt and every field of the tag form.

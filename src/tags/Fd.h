@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: GPL-3.0-or-later
 #pragma once
 // A file descriptor closed on every path out; shared by the checked write and its journal.
 

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: GPL-3.0-or-later
 #pragma once
 // EBU R128 loudness of tracks and albums, measured on the program's own decoding, and
 // the ReplayGain 2.0 tags that follow from it (reference -18 LUFS).

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: GPL-3.0-or-later
 #pragma once
 // Timed lyrics in the LRC text format: "[mm:ss.xx]text" lines (several stamps may share
 // one text), "[offset:±ms]", and metadata lines such as "[ar:…]" or "[ti:…]". Word stamps

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: GPL-3.0-or-later
 #pragma once
 // Where a track's lyrics come from and go back to: the LYRICS tag, an ID3 "SYLT" frame,
 // or a ".lrc" file beside the audio file. Timed lyrics win over plain ones; among timed

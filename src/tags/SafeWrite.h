@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: GPL-3.0-or-later
 #pragma once
 // Writing tags into a person's music files without ever leaving one torn. TagLib saves
 // in place and never syncs, so a crash or a full disk in the middle of a save would

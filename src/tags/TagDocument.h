@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: GPL-3.0-or-later
 #pragma once
 // The tags of one or many files as a plain text document for the user's own editor, and
 // the patch read back from the edited text. One line per value ("KEY: value", the key

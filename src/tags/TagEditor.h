@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: GPL-3.0-or-later
 #pragma once
 // Reads and writes the tags of a set of files for the three editing front ends (the
 // form, the tag document, the cover commands) and stores the re-read records in the

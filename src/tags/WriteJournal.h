@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: GPL-3.0-or-later
 #pragma once
 // The record of every working file a tag write makes, kept in the data folder. A write
 // notes each file before creating it (its path and owner), then what it turned out to

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: GPL-3.0-or-later
 #pragma once
 // Every system call by which a tag write changes the disk passes through here, so that a
 // test can fail any one of them, or stop the process right before or after it, and

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: GPL-3.0-or-later
 #pragma once
 // Lets the user edit a text in their own editor ($VISUAL, else $EDITOR, else nano, else
 // vi): the text goes to a temporary file, the terminal is handed over, the editor runs

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: GPL-3.0-or-later
 #include "terminal/InputDecoder.h"
 
 #include "text/Text.h"

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: GPL-3.0-or-later
 #pragma once
 // Unicode text rules shared by the whole program: user-perceived characters,
 // terminal column widths, folding for grouping and search, and the ordering

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: GPL-3.0-or-later
 #pragma once
 // Turns a track's picture into the pixel grid the views draw with half blocks.
 

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: GPL-3.0-or-later
 #pragma once
 // Where everything goes for one terminal size: header, the two list panes, the
 // player panel with its cover, text, buttons and progress bar.

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: GPL-3.0-or-later
 #pragma once
 // The lyrics pane: plain lyrics as they are; timed lyrics of the playing track follow the
 // song, the current line in the accent colour kept in the middle of the pane and the lines

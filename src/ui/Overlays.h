@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: GPL-3.0-or-later
 #pragma once
 // Modal boxes drawn over the panes (help, equalizer, tag form, music folders) and the
 // one-line prompts. Whatever is being typed gets the terminal cursor.

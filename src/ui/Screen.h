@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: GPL-3.0-or-later
 #pragma once
 // A whole frame, drawn from scratch from the state: header, artist pane, library
 // pane, player panel and overlays, in that order, or only a "make it bigger" note on

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: GPL-3.0-or-later
 // The program's spine: colour depth, coalesced frames and the ticker inside the process;
 // and the real program started with its standard descriptors pointed at pipes, files and
 // pseudo-terminals, for what happens before the full screen.

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: GPL-3.0-or-later
 // The controller without a terminal: a private data folder and store, a real worker
 // pool, a main queue the test drains by hand, a clock the test moves, and audio outputs
 // on a virtual clock.

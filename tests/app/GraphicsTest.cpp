@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: GPL-3.0-or-later
 // Covers as images, checked from the bytes the real program writes on a pseudo-terminal
 // that answers its start-up queries like kitty does (or not at all), and in tmux
 // without passthrough.

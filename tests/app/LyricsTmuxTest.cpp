@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: GPL-3.0-or-later
 // Timed lyrics in the real program on a real terminal: a FLAC with LRC in its LYRICS
 // tag, an MP3 with a SYLT frame (written here with TagLib's frame API) and a WAV with a
 // .lrc file beside it follow the song, jump to a line and take an offset; then the

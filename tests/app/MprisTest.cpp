@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: GPL-3.0-or-later
 // The real program on a private session bus, driven by real media-player clients
 // (playerctl, dbus-send, dbus-monitor) and by a flood of raw calls.
 

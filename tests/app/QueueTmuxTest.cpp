@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: GPL-3.0-or-later
 // The queue in the real program: built with a and A, edited in its view, heard in that
 // order, saved as a list, kept across a restart, and exported so that it survives a move
 // of the folder together with the music.

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: GPL-3.0-or-later
 #pragma once
 // The real program in a private tmux server, a real terminal emulator, with a private
 // data folder; shared by the end-to-end tests.

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: GPL-3.0-or-later
 // The program's edges in a real terminal: being stopped and killed, signal masks, pastes,
 // what the command line and standard error do during a session, and folder names from old
 // disks.

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: GPL-3.0-or-later
 // The real program in tmux, a real terminal emulator, with a private data folder and a
 // generated music folder. There is no sound server here, so the engine plays into its
 // silent real-time output. The suite runs twice: without a session bus, and with a

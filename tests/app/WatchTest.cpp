@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: GPL-3.0-or-later
 // The library follows the disk while the program runs: real files copied, deleted,
 // renamed and rewritten under a music folder, seen by the real program in tmux without a
 // key. Each incremental update writes one line to the file TROVAN_WATCH_LOG names.

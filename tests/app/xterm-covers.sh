@@ -1,4 +1,5 @@
 #!/usr/bin/env bash
+# SPDX-License-Identifier: GPL-3.0-or-later
 # Sixel covers on a real screen: the program in xterm (-ti vt340) under Xvfb, driven with
 # xdotool and photographed with ImageMagick. The player's cover must match its picture
 # scaled to the cover's cells, and after scrolling, the help box and a resize, nothing

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: GPL-3.0-or-later
 // Real-world oddities: a folder of files collected from another project's test suite,
 // many deliberately broken. Runs only where that folder exists; works on a copy. Writes
 // into them are the tag writer's own corpus test.

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: GPL-3.0-or-later
 // The watcher on real folders and a real inotify descriptor, and the incremental update
 // it leads to, against a real store.
 

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: GPL-3.0-or-later
 // Lists as other programs write them, byte for byte, read against real files in a
 // temporary folder; and lists we write, read back after the folder moved.
 

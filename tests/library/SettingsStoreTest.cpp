@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: GPL-3.0-or-later
 #include "library/SettingsStore.h"
 #include "library/AppPaths.h"
 #include "support/TempDir.h"

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: GPL-3.0-or-later
 #pragma once
 // Drives an AudioEngine deterministically: outputs run on a virtual clock that
 // the test advances, and everything the engine posts back waits here until the test runs it.

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: GPL-3.0-or-later
 // Albums played through a real PulseAudio daemon (a private one with a null sink):
 // the sink's monitor is recorded with parec and the joins between tracks examined.
 

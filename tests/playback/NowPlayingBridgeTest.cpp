@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: GPL-3.0-or-later
 // File URLs both ways, as clients send and receive them.
 
 #include "playback/NowPlayingBridge.h"

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: GPL-3.0-or-later
 #pragma once
 // A private PulseAudio daemon with one null sink, what its monitor records, and the
 // measures the sound-server tests take of it.

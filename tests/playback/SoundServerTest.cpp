@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: GPL-3.0-or-later
 // Plays generated tones through a real PulseAudio daemon (a private one with a
 // null sink), records the sink's monitor with parec and checks what was heard.
 

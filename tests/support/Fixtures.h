@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: GPL-3.0-or-later
 #pragma once
 // Real audio files for tests and benchmarks, generated at run time: a tone encoded by
 // the ffmpeg tool, then tags and covers written with TagLib's per-format APIs. Every

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: GPL-3.0-or-later
 // Real-world oddities (a folder of files collected from another project's test suite,
 // many deliberately broken) written through the checked write: no file that decoded
 // before stops decoding, every file refused is left byte for byte as it was, and a title

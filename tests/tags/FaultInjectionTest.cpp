@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: GPL-3.0-or-later
 // Every system call a tag write makes, in turn: failed (EIO, ENOSPC, and EINTR where the
 // call is retried), or the process killed right before or right after it. Then the next
 // start's recovery runs. At every point each file must be its old or its new version

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: GPL-3.0-or-later
 // Loudness measured on the program's own decoding against FFmpeg's ebur128 filter on the
 // same files, and the ReplayGain tags written from it read back by ffprobe.
 

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: GPL-3.0-or-later
 #pragma once
 // Every tag entry of a file as TagLib's per-format classes hold it, read apart from the
 // program's own tag code (which goes through property maps): ID3v2 frames with their

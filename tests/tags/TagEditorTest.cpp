@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: GPL-3.0-or-later
 // Tag and picture writes on real files of every writable format, and the ways a write
 // may not happen: each must leave the file exactly as it was.
 

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: GPL-3.0-or-later
 #pragma once
 // Files for the tag-writing tests: tagged copies of generated fixtures, their bytes, and
 // the working files a write may leave beside them.

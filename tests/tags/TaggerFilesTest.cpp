@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: GPL-3.0-or-later
 // Files tagged the way common taggers leave them (iTunes comments with descriptions,
 // described lyrics and links, MusicBrainz TXXX frames, frames TagLib does not know, Vorbis
 // fields with spaces and colons, MP4 freeform atoms), built here with TagLib's own

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: GPL-3.0-or-later
 // What the next start does with what a dead run left: only files the journal names, that
 // are still the very files it names, are restored or removed. Look-alikes, links and a
 // damaged journal are reported or ignored, and nothing outside is touched.

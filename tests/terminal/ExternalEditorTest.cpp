@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: GPL-3.0-or-later
 // The editor run without a terminal session: shell commands stand in for editors.
 
 #include "terminal/ExternalEditor.h"

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: GPL-3.0-or-later
 // Pictures on the terminal: reading the start-up replies, choosing how to draw, sixel
 // encoding, and the renderer's picture bookkeeping.
 

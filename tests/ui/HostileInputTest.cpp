@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: GPL-3.0-or-later
 // Random states, sizes and hostile text must draw without crashing and without touching
 // anything outside the frame (run under the sanitizers).
 

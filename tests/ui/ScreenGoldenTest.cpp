@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: GPL-3.0-or-later
 // Whole frames compared with reviewed golden dumps of their characters and styles.
 // TROVAN_UPDATE_GOLDEN=1 rewrites the files instead, for review before committing.
 

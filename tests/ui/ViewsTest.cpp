@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: GPL-3.0-or-later
 // View rules at sizes and values the golden frames do not reach.
 
 #include "Fixtures.h"

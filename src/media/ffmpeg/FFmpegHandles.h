@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: GPL-3.0-or-later
 #pragma once
 // Owners for the FFmpeg handles the media layer uses, so that every error path frees
 // what it opened. Only media/*.cpp include this; it pulls in FFmpeg's C headers.

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: GPL-3.0-or-later
 // The codec module's one exported symbol.
 
 #include "media/ffmpeg/FfmpegCodecs.h"

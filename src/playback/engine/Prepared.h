@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: GPL-3.0-or-later
 #pragma once
 // Track preparation: a file opened ahead of time on the decoder thread.
 //

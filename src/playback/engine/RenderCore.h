@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: GPL-3.0-or-later
 #pragma once
 // The render core: the output's callback. It mixes the segments it is given (the one
 // playing, one waiting to crossfade in, and ones fading out), each through its own

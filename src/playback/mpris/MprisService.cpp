@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: GPL-3.0-or-later
 // The media-player module: the player object of the desktop's media-player protocol
 // (MPRIS 2) on the session bus, through sdbus-c++. Built as a module of its own so that
 // the bus libraries are only mapped once start-up is over.
