@@ -112,20 +112,3 @@ TEST(InputDecoder, PasteIsCappedAndKeysFollowIt) {
     EXPECT_EQ(describe(events[1]), "char(q)");
     EXPECT_TRUE(d.pending.empty());
 }
-
-TEST(InputDecoder, SameEventsWhateverTheChunking) {
-    const std::string input = "ab\xC3\xB1\x1b[A\x1b[<0;13;4M\x1bOP\x1b[1;2B\xF0\x9F\x8E\xB5z"
-                              "\x1b[1;2;3;4;5;6~\x1bOZ\x1b[15~\x1bOQ";
-    const V whole = feed({input});
-    ASSERT_EQ(whole.size(), 12u);
-    // Every cut in two, then one byte per read (a lone ESC at the end of a read is
-    // Escape, so each ESC travels with the byte after it).
-    for (std::size_t cut = 1; cut < input.size(); ++cut) {
-        if (input[cut - 1] == '\x1b') continue;
-        EXPECT_EQ(feed({input.substr(0, cut), input.substr(cut)}), whole) << "cut " << cut;
-    }
-    V bytes;
-    for (std::size_t i = 0; i < input.size(); i += bytes.back().size())
-        bytes.push_back(input.substr(i, input[i] == '\x1b' ? 2 : 1));
-    EXPECT_EQ(feed(bytes), whole);
-}
