@@ -1,13 +1,9 @@
 // SPDX-License-Identifier: GPL-3.0-or-later
-// The program's spine: colour depth, coalesced frames and the ticker inside the process;
-// and the real program started with its standard descriptors pointed at pipes, files and
+// The real program started with its standard descriptors pointed at pipes, files and
 // pseudo-terminals, for what happens before the full screen.
 
-#include "app/App.h"
-#include "library/LibraryStore.h"
 #include "support/TempDir.h"
 
-#include <asio/io_context.hpp>
 #include <gtest/gtest.h>
 
 #include <chrono>
@@ -26,41 +22,6 @@
 using namespace trovan;
 
 namespace {
-
-int frames(const std::string& out) {
-    int n = 0;
-    for (auto p = out.find("\x1b[?2026h"); p != std::string::npos;
-         p = out.find("\x1b[?2026h", p + 1))
-        ++n;
-    return n;
-}
-
-// What is written to standard output while `f` runs (and only then, so test failures
-// still reach the real output).
-template <typename F> std::string stdoutDuring(F f) {
-    int fds[2];
-    if (pipe2(fds, O_NONBLOCK) != 0) return "pipe failed";
-    fflush(stdout);
-    int saved = dup(1);
-    dup2(fds[1], 1);
-    f();
-    dup2(saved, 1);
-    close(saved);
-    close(fds[1]);
-    std::string out;
-    char buf[65536];
-    for (ssize_t n; (n = read(fds[0], buf, sizeof buf)) > 0;)
-        out.append(buf, static_cast<std::size_t>(n));
-    close(fds[0]);
-    return out;
-}
-
-// A private data folder for the process (settings are saved on quit) and a store in it.
-std::shared_ptr<LibraryStore> testStore() {
-    static fixtures::TempDir home("trovan-app-test");
-    setenv("TROVAN_HOME", home.path().c_str(), 1);
-    return std::make_shared<LibraryStore>(home / "library.sqlite");
-}
 
 const std::string kUsage =
     "Trovan \xE2\x80\x94 reproductor de m\xC3\xBAsica para terminal\n"
@@ -95,60 +56,6 @@ Result run(const std::string& args, const std::string& env = "") {
 }
 
 } // namespace
-
-TEST(AppFrame, ColourDepthFollowsColorterm) {
-    for (const char* yes : {"truecolor", "24bit", "x-truecolor-y"})
-        EXPECT_TRUE(App::wantsTruecolor(yes)) << yes;
-    for (const char* no : {"TrueColor", "24BIT", "", static_cast<const char*>(nullptr)})
-        EXPECT_FALSE(App::wantsTruecolor(no)) << (no ? no : "null");
-}
-
-TEST(AppLoop, RenderRequestsAreCoalescedAndTheTickerRunsOnlyWhilePlaying) {
-    asio::io_context io;
-    App app(io, testStore());
-    app.terminal().isActive = true; // draw without taking over the real terminal
-    app.controller().resize(Size{70, 20});
-    auto pump = [&](auto f) {
-        return stdoutDuring([&] {
-            f();
-            io.restart();
-            io.poll();
-        });
-    };
-    ASSERT_EQ(frames(pump([] {})), 1);
-    std::string out = pump([&] {
-        for (int i = 0; i < 10; ++i)
-            app.controller().needsRender();
-    });
-    EXPECT_EQ(frames(out), 1);
-    EXPECT_EQ(out.find("\x1b[2J"), std::string::npos); // nothing changed: no full redraw
-    out = pump([&] {
-        app.controller().screenInvalidated();
-        app.controller().needsRender();
-    });
-    EXPECT_EQ(frames(out), 1);
-    EXPECT_NE(out.find("\x1b[2J"), std::string::npos);
-
-    // About four frames a second while playing (a second start adds no ticker), none after.
-    const int ticks = frames(stdoutDuring([&] {
-        app.controller().playingChanged(true);
-        app.controller().playingChanged(true);
-        io.restart();
-        io.run_for(std::chrono::milliseconds(900));
-    }));
-    EXPECT_GE(ticks, 1);
-    EXPECT_LE(ticks, 4);
-    EXPECT_EQ(stdoutDuring([&] {
-                  app.controller().playingChanged(false);
-                  io.restart();
-                  io.run_for(std::chrono::milliseconds(400));
-              }),
-              "");
-
-    // While the terminal is handed away nothing is drawn.
-    app.terminal().isActive = false;
-    EXPECT_EQ(pump([&] { app.controller().needsRender(); }), "");
-}
 
 TEST(CommandLine, HelpVersionAndUsageErrorsComeBeforeTheTerminalCheck) {
     const std::string version = "trovan " TROVAN_VERSION "\n";

@@ -52,7 +52,8 @@ TEST(InputDecoder, KeysMouseReportsAndUnknownSequences) {
         {"\x1bx\x1b\x1b[A", {"escape", "char(x)", "escape", "up"}},
         {"\x1b[A\x1b[B\x1b[C\x1b[D\x1b[H\x1b[F\x1b[Z",
          {"up", "down", "right", "left", "home", "end", "backTab"}},
-        {"\x1bOA\x1bOD\x1bOH\x1bOF\x1bOP\x1bOS", {"up", "left", "home", "end", "F1", "F4"}},
+        {"\x1bOA\x1bOB\x1bOD\x1bOH\x1bOF\x1bOP\x1bOS",
+         {"up", "down", "left", "home", "end", "F1", "F4"}},
         // Shift is bit 0 of (modifier - 1); only Up and Down have shifted forms.
         {"\x1b[1;5A\x1b[1;2A\x1b[1;6B\x1b[1;2C\x1b[?;2A",
          {"up", "shiftUp", "shiftDown", "right", "shiftUp"}},

@@ -3,7 +3,6 @@
 
 #include "Fixtures.h"
 #include "support/TempDir.h"
-#include "terminal/Palette.h"
 
 #include <gtest/gtest.h>
 
@@ -142,46 +141,6 @@ Bytes solidPng(int w, int h, std::array<int, 4> rgba) {
 }
 
 } // namespace
-
-// Transparent parts show the colour of the place the cover is drawn, and nothing of
-// the colour hidden under them bleeds into the rest, at any size or shape.
-TEST_F(CoverArtRendererTest, TransparencyCompositesOverTheGivenBackground) {
-    const RGB bg = palette::background, red{220, 40, 40};
-    // A red disc whose rim is half transparent, on a fully transparent square whose hidden
-    // colour is green (it must never show).
-    const std::string r = "hypot(X+0.5-20,Y+0.5-20)/20", in = "if(lt(" + r + ",0.85),";
-    const auto px =
-        CoverArtRenderer::pixels(rgbaPng(40, 40, in + "220,0)", in + "40,255)", in + "40,0)",
-                                         "if(lt(" + r + ",0.6),255," + in + "128,0))"),
-                                 10, 5);
-    ASSERT_TRUE(px);
-    EXPECT_EQ(px->front(), bg);
-    EXPECT_EQ(px->back(), bg);
-    EXPECT_TRUE(near((*px)[4 * 10 + 5], red, 2)); // the centre
-    // Within the scaler's ringing at the disc's edge, and no green from the hidden pixels
-    // (it would show as well over a hundred).
-    for (const RGB p : *px) {
-        EXPECT_GE(p.r, bg.r - 1);
-        EXPECT_LE(p.r, red.r + 16);
-        EXPECT_LE(p.g, red.g + 8);
-    }
-    // Half transparent at the grid's own size: an exact mix.
-    const auto half = CoverArtRenderer::pixels(solidPng(4, 4, {220, 40, 40, 128}), 4, 2);
-    ASSERT_TRUE(half);
-    EXPECT_EQ(half->front(), (RGB{120, 31, 34})); // 110 + 10, 20 + 11, 20 + 14
-    const RGB white{255, 255, 255};
-    EXPECT_EQ(CoverArtRenderer::pixels(solidPng(4, 4, {0, 0, 0, 0}), 4, 2, white)->front(), white);
-
-    // 1 × 1, a long strip, fully transparent: a whole grid of the background.
-    for (auto [w, h] : {std::pair{1, 1}, {10000, 10}, {64, 64}}) {
-        const auto grid = CoverArtRenderer::pixels(solidPng(w, h, {9, 200, 9, 0}), 7, 3);
-        ASSERT_TRUE(grid) << w << "x" << h;
-        EXPECT_EQ(*grid, std::vector<RGB>(42, bg)) << w << "x" << h;
-    }
-    const auto strip = CoverArtRenderer::pixels(solidPng(10000, 10, {220, 40, 40, 255}), 7, 3);
-    ASSERT_TRUE(strip);
-    EXPECT_EQ(*strip, std::vector<RGB>(42, red));
-}
 
 // Without an embedded picture, a cover image beside the track is used: cover, folder,
 // front, album, artwork, in that order whatever the folder's order, in any case, with any
