@@ -14,29 +14,13 @@ namespace {
 
 // Alfa's album of three one-second tracks, Beta's of two, and Gamma's six-second track.
 fs::path makeShortMusic(const fs::path& music) {
-    struct Song {
-        const char *folder, *artist, *album, *title;
-        int number;
-        double seconds;
-    };
-    for (const Song& s : {Song{"alfa", "Alfa", "Primero", "Uno", 1, 1},
-                          Song{"alfa", "Alfa", "Primero", "Dos", 2, 1},
-                          Song{"alfa", "Alfa", "Primero", "Tres", 3, 1},
-                          Song{"beta", "Beta", "Segundo", "Cuatro", 1, 1},
-                          Song{"beta", "Beta", "Segundo", "Cinco", 2, 1},
-                          Song{"gamma", "Gamma", "Tercero", "Seis", 1, 6}}) {
-        fixtures::Tone t;
-        t.seconds = s.seconds;
-        t.frequency = 200 + 40 * s.number;
-        t.tags = {{"ARTIST", {s.artist}},
-                  {"ALBUM", {s.album}},
-                  {"TITLE", {s.title}},
-                  {"TRACKNUMBER", {std::to_string(s.number)}}};
-        const std::string name = std::string(s.title) + ".flac";
-        fs::create_directories(music / s.folder);
-        fixtures::copyTo(fixtures::cached("queue-" + name, t), music / s.folder, name);
-    }
-    return music;
+    return writeSongs(music, "queue",
+                      {{"alfa/Uno.flac", "Alfa", "Primero", "Uno", 1, 1, 240},
+                       {"alfa/Dos.flac", "Alfa", "Primero", "Dos", 2, 1, 280},
+                       {"alfa/Tres.flac", "Alfa", "Primero", "Tres", 3, 1, 320},
+                       {"beta/Cuatro.flac", "Beta", "Segundo", "Cuatro", 1, 1, 240},
+                       {"beta/Cinco.flac", "Beta", "Segundo", "Cinco", 2, 1, 280},
+                       {"gamma/Seis.flac", "Gamma", "Tercero", "Seis", 1, 6, 240}});
 }
 
 // The title in the player panel (first word of its title row).

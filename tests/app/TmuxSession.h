@@ -8,6 +8,7 @@
 
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <chrono>
 #include <csignal>
 #include <cstdio>
@@ -277,30 +278,41 @@ inline bool haveTmux() {
     return fixtures::onPath("tmux");
 }
 
-// Four 20-second tracks by three artists, two of them in one album.
-inline fs::path makeMusic(const fs::path& dir) {
-    const fs::path music = dir / "music";
-    fs::create_directories(music);
-    struct Song {
-        const char *file, *artist, *album, *title;
-        int number;
-        double hz;
-    };
-    for (const Song& s : {Song{"alfa-1.flac", "Alfa", "Primero", "Amanecer", 1, 330},
-                          Song{"alfa-2.flac", "Alfa", "Primero", "Brisa", 2, 392},
-                          Song{"beta-1.flac", "Beta", "Segundo", "Cometa", 1, 262},
-                          Song{"gamma-1.flac", "Gamma", "Tercero", "Duna", 1, 294}}) {
+struct Song {
+    std::string path, artist, album, title; // path: inside the music folder
+    int number;
+    double seconds, hz;
+};
+
+// Writes `songs` under `music` (generated once per machine, under `tag`).
+inline fs::path writeSongs(const fs::path& music, const std::string& tag,
+                           const std::vector<Song>& songs, const std::string& date = {}) {
+    for (const Song& song : songs) {
         fixtures::Tone t;
-        t.seconds = 20;
-        t.frequency = s.hz;
-        t.tags = {{"ARTIST", {s.artist}},
-                  {"ALBUM", {s.album}},
-                  {"TITLE", {s.title}},
-                  {"TRACKNUMBER", {std::to_string(s.number)}},
-                  {"DATE", {"2020"}}};
-        fixtures::copyTo(fixtures::cached(std::string("e2e-") + s.file, t), music, s.file);
+        t.seconds = song.seconds;
+        t.frequency = song.hz;
+        t.tags = {{"ARTIST", {song.artist}},
+                  {"ALBUM", {song.album}},
+                  {"TITLE", {song.title}},
+                  {"TRACKNUMBER", {std::to_string(song.number)}}};
+        if (!date.empty()) t.tags["DATE"] = {date};
+        const fs::path file = music / song.path;
+        fs::create_directories(file.parent_path());
+        std::string name = tag + "-" + song.path;
+        std::replace(name.begin(), name.end(), '/', '-');
+        fixtures::copyTo(fixtures::cached(name, t), file.parent_path(), file.filename().string());
     }
     return music;
+}
+
+// Four 20-second tracks by three artists, two of them in one album.
+inline fs::path makeMusic(const fs::path& dir) {
+    return writeSongs(dir / "music", "e2e",
+                      {{"alfa-1.flac", "Alfa", "Primero", "Amanecer", 1, 20, 330},
+                       {"alfa-2.flac", "Alfa", "Primero", "Brisa", 2, 20, 392},
+                       {"beta-1.flac", "Beta", "Segundo", "Cometa", 1, 20, 262},
+                       {"gamma-1.flac", "Gamma", "Tercero", "Duna", 1, 20, 294}},
+                      "2020");
 }
 
 } // namespace trovan::e2e
