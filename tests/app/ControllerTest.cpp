@@ -172,8 +172,8 @@ std::string libraryRowName(const ControllerHarness& h) {
 
 using K = Key::Kind;
 const Key kUp(K::up), kDown(K::down), kEnter(K::enter), kEsc(K::escape), kTab(K::tab),
-    kLeft(K::left), kRight(K::right), kHome(K::home), kEnd(K::end), kPageDown(K::pageDown),
-    kShiftUp(K::shiftUp), kBackspace(K::backspace);
+    kRight(K::right), kHome(K::home), kEnd(K::end), kPageDown(K::pageDown), kShiftUp(K::shiftUp),
+    kBackspace(K::backspace);
 
 Key ch(const char* c) {
     return Key::character(c);
@@ -247,46 +247,6 @@ TEST(ControllerKeys, TheOpenOverlayDecidesWhereKeysGo) {
     EXPECT_TRUE(h.state().status->isError);
     h.type(":eq off");
     EXPECT_FALSE(h.savedSettings().eqEnabled);
-}
-
-TEST(ControllerNavigation, FocusCycleAndPlayerButtons) {
-    ControllerHarness h;
-    loadSmallLibrary(h);
-    for (auto [key, focus] : std::vector<std::pair<Key, Focus>>{{kTab, Focus::library},
-                                                                {kTab, Focus::player},
-                                                                {kTab, Focus::artists},
-                                                                {Key(K::backTab), Focus::player}}) {
-        h.key(key);
-        EXPECT_EQ(h.state().focus, focus);
-    }
-
-    // In the player pane ← → walk the buttons, wrapping at both ends; Enter presses one.
-    EXPECT_EQ(h.state().playerButton, PlayerButton::playPause);
-    h.press({kRight, kRight, kRight});
-    EXPECT_EQ(h.state().playerButton, PlayerButton::shuffle);
-    h.press({kLeft, kEnter});
-    EXPECT_EQ(h.state().playerButton, PlayerButton::repeatMode);
-    EXPECT_EQ(h.savedSettings().repeatMode, RepeatMode::all);
-    h.key(ch("r"));
-    EXPECT_EQ(h.c().playback().queue().repeatMode, RepeatMode::one);
-    h.key(kEnter);
-    EXPECT_EQ(h.state().settings.repeatMode, RepeatMode::off);
-
-    // ↑ ↓ change the volume here and unmute; pages do nothing.
-    h.press({ch("m"), kUp});
-    EXPECT_FALSE(h.state().muted);
-    EXPECT_FLOAT_EQ(h.state().settings.volume, 0.85f);
-    h.press({kDown, kDown});
-    EXPECT_FLOAT_EQ(h.savedSettings().volume, 0.75f);
-    const auto artists = h.state().artists;
-    h.key(kPageDown);
-    EXPECT_EQ(h.state().artists, artists);
-
-    // ← and → outside the player pick the panes.
-    h.press({kTab, kRight});
-    EXPECT_EQ(h.state().focus, Focus::library);
-    h.key(kLeft);
-    EXPECT_EQ(h.state().focus, Focus::artists);
 }
 
 TEST(ControllerSelection, MarksAndTargets) {
@@ -506,21 +466,6 @@ TEST(ControllerLibrary, ReloadKeepsTheArtistTheTrackAndOnlyLiveMarks) {
     h.settle();
     EXPECT_EQ(artistUnderCursor(h), "Abba");
     EXPECT_TRUE(h.state().marked.empty());
-}
-
-TEST(ControllerLibrary, AlbumsArePaddedForCoversOnlyInWidePanes) {
-    // 81 columns leave a 50-column library pane, 80 columns a 49-column one.
-    ControllerHarness h({81, 30});
-    load(h, {fakeTrack("Blur", "Parklife", 1, "Girls"),
-             fakeTrack("Blur", "Think", 1, "Ambulance", 1, 2003)});
-    // The cursor on the second album's track stays on it as the rows are rebuilt.
-    h.press({kTab, kEnd});
-    for (auto [width, rows] : {std::pair{81, 5u + 1u + 5u}, {80, 2u + 1u + 2u}, {81, 11u}}) {
-        h.c().resize({width, 30});
-        ASSERT_EQ(h.c().layout().libraryList.width, width - 31);
-        EXPECT_EQ(h.state().libraryRows.size(), rows) << width; // each album's rows, a spacer
-        EXPECT_EQ(libraryRowName(h), "Ambulance");
-    }
 }
 
 // Five tagged FLAC files of one album, the second one playing (paused), then edited.
