@@ -72,6 +72,10 @@ TEST(TagDocument, KeysTaggersLeaveReadBackUnchanged) {
     EXPECT_NE(one.find("\nCOMMENT:ITUNSMPB: \\ 0000 0210\\ \n"), std::string::npos) << one;
     EXPECT_NE(one.find("\nMY KEY: \\\t1\nMY KEY: \\<varios>\nMY KEY: x\\\\y\n"), std::string::npos);
     EXPECT_NE(one.find("\nLYRICS:LETRA: línea 1\\r\\nlínea 2\n"), std::string::npos);
+    EXPECT_EQ(TagDocument::unescape("a\\\\n\\q\\"), "a\\nq");
+    // An emptied value is one empty value, not a removal.
+    EXPECT_EQ(cleanPatch(replaced(one, "TITLE: Viejo", "TITLE: "), {kTagger}).changes["TITLE"],
+              std::vector<std::string>{""});
     // Changing the title in the batch touches the title only.
     const std::string batch = TagDocument::render({kTagger, other});
     EXPECT_NE(batch.find("\nCOMMENT:ITUNNORM: <varios>\nCOMMENT:ITUNSMPB: "), std::string::npos);
@@ -144,18 +148,6 @@ TEST(TagDocument, BadLinesAreReportedWithTheirNumber) {
         EXPECT_EQ(parsed.problems.front(), c.problem);
         EXPECT_TRUE(parsed.patch.isEmpty());
     }
-}
-
-TEST(TagDocument, LineBreaksAndBackslashesRoundTrip) {
-    const std::vector<PropertyMap> one = {{{"COMMENT", {"a\nb\\c\\n"}}}};
-    const std::string doc = TagDocument::render(one);
-    EXPECT_NE(doc.find("COMMENT: a\\nb\\\\c\\\\n\n"), std::string::npos);
-    EXPECT_TRUE(cleanPatch(doc, one).isEmpty());
-    EXPECT_EQ(TagDocument::unescape("x\\"), "x");
-    EXPECT_EQ(TagDocument::unescape("\\q"), "q");
-    // An emptied value is one empty value, not a removal.
-    TagPatch patch = cleanPatch(replaced(doc, "a\\nb\\\\c\\\\n", ""), one);
-    EXPECT_EQ(patch.changes["COMMENT"], std::vector<std::string>{""});
 }
 
 // The lyrics document edits the first lyrics; lyrics in other languages stay.
