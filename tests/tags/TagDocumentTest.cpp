@@ -153,27 +153,15 @@ TEST(TagDocument, BadLinesAreReportedWithTheirNumber) {
 // The lyrics document edits the first lyrics; lyrics in other languages stay.
 TEST(TagDocument, LyricsPatchReplacesOnlyTheFirstLyrics) {
     using V = std::vector<std::string>;
-    const struct {
-        V before;
-        std::string text;
-        V after; // empty: LYRICS removed
-        bool unchanged;
-    } cases[] = {
-        {{}, "nueva", {"nueva"}, false},
-        {{"vieja", "old"}, "nueva", {"nueva", "old"}, false},
-        {{"vieja", "old"}, "", {"old"}, false},
-        {{"vieja"}, "", {}, false},
-        {{"vieja", "old"}, "vieja", {}, true},
+    const std::tuple<V, std::string, V> cases[] = {
+        {{}, "nueva", {"nueva"}},
+        {{"vieja", "old"}, "nueva", {"nueva", "old"}},
+        {{"vieja", "old"}, "", {"old"}},
     };
-    for (const auto& c : cases) {
-        const TagPatch p = TagDocument::lyricsPatch(c.before, c.text);
-        if (c.unchanged) {
-            EXPECT_TRUE(p.isEmpty());
-        } else if (c.after.empty()) {
-            EXPECT_EQ(p.remove, std::set<std::string>{"LYRICS"});
-            EXPECT_TRUE(p.changes.empty());
-        } else {
-            EXPECT_EQ(p.changes.at("LYRICS"), c.after);
-        }
-    }
+    for (const auto& [before, text, after] : cases)
+        EXPECT_EQ(TagDocument::lyricsPatch(before, text).changes.at("LYRICS"), after);
+    const TagPatch emptied = TagDocument::lyricsPatch({"vieja"}, "");
+    EXPECT_EQ(emptied.remove, std::set<std::string>{"LYRICS"});
+    EXPECT_TRUE(emptied.changes.empty());
+    EXPECT_TRUE(TagDocument::lyricsPatch({"vieja", "old"}, "vieja").isEmpty());
 }
