@@ -125,6 +125,12 @@ TEST(TagEditor, FilesThatCannotBeWrittenAreCountedAndLeftByteIdentical) {
     }
     EXPECT_EQ(stored, 4);
     EXPECT_EQ(editor.apply(patch, {(music / "no-existe.mp3").string()}).failed.size(), 1u);
+    // A key the format cannot hold (Xiph names exclude "=") fails the write, not silently.
+    TagPatch unheld;
+    unheld.changes["CLAVE=MALA"] = {"x"};
+    const std::string beforeUnheld = bytesOf(five[0]);
+    EXPECT_EQ(editor.apply(unheld, {five[0]}).failed, std::vector<std::string>{five[0]});
+    EXPECT_EQ(bytesOf(five[0]), beforeUnheld);
 
     const std::string flac = five[0];
     const std::string flacBefore = bytesOf(flac);
