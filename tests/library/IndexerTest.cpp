@@ -20,15 +20,6 @@ using namespace trovan;
 namespace fx = trovan::fixtures;
 namespace fs = std::filesystem;
 
-namespace trovan {
-void PrintTo(const IndexSummary& s, std::ostream* os) {
-    *os << "{found " << s.fileCount << ", read " << s.readCount << ", removed " << s.removedCount;
-    for (const auto& folder : s.unavailable)
-        *os << ", unavailable " << folder;
-    *os << "}";
-}
-} // namespace trovan
-
 namespace {
 
 using Calls = std::vector<std::pair<int64_t, int64_t>>;

@@ -106,7 +106,6 @@ TEST_F(PlaylistTest, ListsFromOtherProgramsFindTheirFiles) {
          {uno, dos},
          0,
          1},
-        {"empty", "", F::m3u, {}, 0, 0},
         {"only comments", "#EXTM3U\n#EXTINF:1,x\n", F::pls, {}, 0, 0},
     };
     for (const auto& c : cases) {

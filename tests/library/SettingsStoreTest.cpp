@@ -16,12 +16,6 @@ using namespace trovan;
 namespace fx = trovan::fixtures;
 namespace fs = std::filesystem;
 
-// Their names and order show in the equalizer's "no such preset" message.
-TEST(Settings, BuiltInPresetsHaveTenBands) {
-    for (const auto& p : EQPreset::builtIn())
-        EXPECT_EQ(p.gains.size(), 10u) << p.name;
-}
-
 TEST(SettingsStore, MissingPartialAndBrokenFiles) {
     fx::TempDir dir;
     SettingsStore store(dir / "config.json");
@@ -83,24 +77,23 @@ TEST(SettingsStore, FolderNamesThatAreNotUtf8SurviveAndOldFilesReadUnchanged) {
     EXPECT_EQ(store.load().roots, (std::vector<std::string>{"/old\\xE9", "/plain"}));
 }
 
-TEST(SettingsStore, SavesSortedIndentedJsonThatReadsBack) {
+TEST(SettingsStore, SavesWhatReadsBackAndLeavesNoTemporaryFile) {
     fx::TempDir dir;
     SettingsStore store(dir / "nested" / "deeper" / "config.json");
     const std::vector<float> gains = {1.5f, -2, 0, 0, 0, 0, 0, 0, 0, 12};
-    Settings s{{"/música/uno", "/b"},          0.8f,  true, RepeatMode::one, false, "Mío", gains,
-               {{"Mío", gains}, {"Otro", {}}}, "kitty", false, 12};
+    Settings s{{"/música/uno", "/b"},
+               0.8f,
+               true,
+               RepeatMode::one,
+               false,
+               "Mío",
+               gains,
+               {{"Mío", gains}, {"Otro", {}}},
+               "kitty",
+               false,
+               12};
     ASSERT_TRUE(store.save(s));
     EXPECT_EQ(store.load(), s);
-
-    std::ostringstream read;
-    read << std::ifstream(store.url()).rdbuf();
-    const auto text = read.str();
-    std::size_t at = 0; // keys in order, indented by two
-    for (const char* key : {"coverMode", "customPresets", "eqEnabled", "eqGains", "eqPreset",
-                            "pollMinutes", "repeatMode", "roots", "shuffle", "volume", "watch"})
-        EXPECT_NE(at = text.find(std::string("\n  \"") + key + "\": ", at), std::string::npos)
-            << key;
-    EXPECT_NE(text.find("\"volume\": 0.8,\n"), std::string::npos) << text;
 
     // Saving again replaces the file and leaves no temporary files behind.
     s.volume = 0.25f;
@@ -178,15 +171,12 @@ TEST(SettingsStore, LaterSavesWaitForQuietAndReportFailuresOnce) {
         << reports[0];
 }
 
-// The environment decides the data folder; nothing is created before the first save.
-TEST(AppPaths, DataFolder) {
+// Nothing is created in the data folder before the first save.
+TEST(AppPaths, DataFolderIsMadeOnlyBySaving) {
     unsetenv("TROVAN_HOME");
-    setenv("XDG_DATA_HOME", "/data", 1);
-    EXPECT_EQ(AppPaths::support(), fs::path("/data/Trovan"));
     setenv("XDG_DATA_HOME", "", 1);
     setenv("HOME", "/home/ana", 1);
     EXPECT_EQ(AppPaths::support(), fs::path("/home/ana/.local/share/Trovan"));
-
     fx::TempDir dir;
     auto folder = dir / "x";
     setenv("TROVAN_HOME", folder.c_str(), 1);

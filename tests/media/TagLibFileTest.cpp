@@ -1,6 +1,7 @@
 // SPDX-License-Identifier: GPL-3.0-or-later
 #include "media/TagLibFile.h"
-#include "media/AudioFileProbe.h"
+#include "media/Codecs.h"
+#include "media/Module.h"
 #include "support/Fixtures.h"
 
 #include <gtest/gtest.h>
@@ -31,8 +32,8 @@ TEST(TagLibFile, RoundTripsTagsAndPicturesOnEveryFormat) {
                       .covers = covers};
         auto path = fx::copyTo(fx::cached("rich." + fx::extension(format), tone), dir.path());
         {
-            // The read-only opening reads through a block cache: it sees what the stdio one
-            // sees, and writes nothing.
+            // The read-only opening (a block cache) sees what the stdio one sees, and writes
+            // nothing.
             auto cached = TagLibFile::openForReading(path.string());
             auto plain = TagLibFile::open(path.string());
             ASSERT_TRUE(cached && plain);
@@ -104,53 +105,39 @@ TEST(TagLibFile, RoundTripsTagsAndPicturesOnEveryFormat) {
     EXPECT_TRUE(fx::decodes(wv));
 }
 
-// Files TagLib cannot read give nothing from either opening nor from the FFmpeg reader; damaged
-// ones read the same through the block cache as through stdio.
-TEST(TagLibFile, DamagedFilesReadTheSameThroughEitherOpening) {
-    if (!fx::available()) GTEST_SKIP() << "ffmpeg missing";
-    fx::TempDir dir;
-    // Missing, a folder, empty, garbage; CAF is a format only FFmpeg reads.
-    for (const auto& p : {dir / "missing.flac", dir.path(),
-                          fx::writeBroken(dir.path(), "z.flac", fx::Broken::zeroBytes),
-                          fx::writeBroken(dir.path(), "g.m4a", fx::Broken::garbage),
-                          fx::writeBroken(dir.path(), "g.ogg", fx::Broken::garbage),
-                          fx::writeBroken(dir.path(), "g.caf", fx::Broken::garbage)}) {
-        EXPECT_FALSE(TagLibFile::open(p.string()) || TagLibFile::openForReading(p.string()) ||
-                     AudioFileProbe::read(p.string()))
-            << p;
-    }
-    for (auto format : {fx::Format::flac, fx::Format::mp3, fx::Format::aac}) {
-        auto path = fx::writeBroken(dir.path(), "cut." + fx::extension(format),
-                                    fx::Broken::truncated, format);
-        SCOPED_TRACE(path);
-        auto plain = TagLibFile::open(path.string());
-        auto cached = TagLibFile::openForReading(path.string());
-        ASSERT_EQ(bool(plain), bool(cached));
-        if (!plain) continue;
-        EXPECT_EQ(cached->properties(), plain->properties());
-        EXPECT_EQ(cached->audioProperties(), plain->audioProperties());
-        EXPECT_EQ(cached->picture(), plain->picture());
-    }
+// A cover's type is read from its first bytes, whatever it was called; a cut header is
+// no type at all.
+TEST(TagLibFile, PictureTypesComeFromTheBytes) {
+    const std::pair<std::string, const char*> cases[] = {
+        {"\xFF\xD8\xFF\xE0rest", "image/jpeg"},
+        {"\x89PNG\r\n\x1A\n....", "image/png"},
+        {"GIF89a..", "image/gif"},
+        {"BM" + std::string(30, '\0'), "image/bmp"},
+        {std::string("RIFF\x10\0\0\0WEBPVP8 ", 16), "image/webp"},
+        {std::string("RIFF\x10\0\0\0WAVEfmt ", 16), ""},
+        {"BM", ""},
+        {"\x89PNG", ""},
+        {"", ""}};
+    for (const auto& [bytes, mime] : cases)
+        EXPECT_EQ(Picture::mimeTypeOf(std::vector<uint8_t>(bytes.begin(), bytes.end())), mime)
+            << bytes;
 }
 
-// A cover's type is read from its first bytes, whatever it was called.
-TEST(TagLibFile, PictureTypesComeFromTheBytes) {
-    auto bytes = [](std::string s) { return std::vector<uint8_t>(s.begin(), s.end()); };
-    const struct {
-        std::vector<uint8_t> data;
-        std::string mime;
-    } cases[] = {
-        {bytes("\xFF\xD8\xFF\xE0rest"), "image/jpeg"},
-        {bytes("\x89PNG\r\n\x1A\n...."), "image/png"},
-        {bytes("GIF87a.."), "image/gif"},
-        {bytes("GIF89a.."), "image/gif"},
-        {bytes("BM" + std::string(30, '\0')), "image/bmp"},
-        {bytes(std::string("RIFF\x10\0\0\0WEBPVP8 ", 16)), "image/webp"},
-        {bytes(std::string("RIFF\x10\0\0\0WAVEfmt ", 16)), ""},
-        {bytes("BM"), ""},
-        {bytes("\x89PNG"), ""},
-        {{}, ""},
-    };
-    for (const auto& c : cases)
-        EXPECT_EQ(Picture::mimeTypeOf(c.data), c.mime);
+TEST(Module, LoadsTheCodecModuleAndReportsWhatIsMissing) {
+    ASSERT_NE(codecs(), nullptr) << codecsError();
+    EXPECT_EQ(codecsError(), "");
+    EXPECT_EQ(codecs(), codecs()); // loaded once
+
+    std::string error;
+    EXPECT_EQ(module::load("trovan-nothing.so", "trovan_codecs", error), nullptr);
+    EXPECT_NE(error.find("trovan-nothing.so"), std::string::npos) << error;
+    EXPECT_EQ(module::load("trovan-ffmpeg.so", "trovan_nothing", error), nullptr);
+    EXPECT_NE(error.find("trovan_nothing"), std::string::npos) << error;
+    EXPECT_NE(module::load("trovan-ffmpeg.so", "trovan_codecs", error), nullptr);
+    EXPECT_EQ(error, "");
+
+    // A file that is no picture, and one that does not exist, give nothing.
+    const std::vector<std::uint8_t> junk(100, 7);
+    EXPECT_FALSE(ImageDecoder::isImage(junk));
+    EXPECT_THROW(AudioDecoder("/nonexistent/trovan.flac"), AudioDecodeError);
 }

@@ -281,6 +281,51 @@ TEST_F(AudioEngineTest, OutputIsTheFileFromTheSeekedFrameScaledByVolume) {
         ASSERT_NEAR(block[i], all[at + i] * 0.25f, 1e-6);
 }
 
+// Seeks and skips while playing fade the old position out as the new one fades in: what
+// is heard never jumps, however fast they come.
+TEST_F(AudioEngineTest, SeeksAndSkipsFadeInsteadOfJumping) {
+    const auto high = tone("engine-2s-880.flac", {.frequency = 880, .seconds = 2});
+    std::vector<float> heard; // left channel
+    auto play = [&](int blocks) {
+        for (int i = 0; i < blocks; ++i) {
+            ASSERT_TRUE(engine.waitUntilBuffered(std::chrono::seconds(10)));
+            outputs.current->advance(512);
+            auto block = outputs.current->lastBlock();
+            for (std::size_t j = 0; j < block.size(); j += 2)
+                heard.push_back(block[j]);
+            tasks.runPending();
+        }
+    };
+    AudioDecoder reference(flac);
+    std::vector<float> all(88200 * 2);
+    ASSERT_EQ(reference.read(all.data(), 88200), 88200u);
+    float peak = 0;
+    for (float v : all)
+        peak = std::max(peak, std::abs(v));
+    engine.play();
+    play(20);
+    for (int j = 0; j < 12; ++j) {
+        engine.seek(0.1 + 0.137 * j);
+        play(j % 3 + 1);
+    }
+    for (const auto& next : {high, flac, high}) {
+        engine.loadInBackground(next, {}, [&](std::optional<AudioFormatInfo> info) {
+            if (info) engine.play();
+        });
+        play(30);
+    }
+    EXPECT_EQ(engine.currentPath(), high);
+    // Both tones at their steepest, plus two equal-power fades of the shortest length.
+    const double allowed = 2 * M_PI * (440 + 880) * peak / 44100 * 1.05 +
+                           M_PI * peak / (AudioEngine::seekFadeSeconds * 44100);
+    double worst = 0;
+    std::size_t at = 0;
+    for (std::size_t i = 441; i < heard.size(); ++i) // past the first fade in
+        if (std::abs(heard[i] - heard[i - 1]) > worst)
+            worst = std::abs(heard[i] - heard[i - 1]), at = i;
+    EXPECT_LE(worst, allowed) << "a jump at frame " << at;
+}
+
 // A tag write that rewrites the playing file in place (a large picture moves the audio
 // further in) changes nothing that is heard: the decoder opens it again where it was.
 TEST_F(AudioEngineTest, RewritingThePlayingFileKeepsTheSoundExact) {

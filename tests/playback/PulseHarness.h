@@ -18,7 +18,6 @@
 #include <cstring>
 #include <fstream>
 #include <functional>
-#include <mutex>
 #include <string>
 #include <thread>
 #include <utility>
@@ -66,11 +65,7 @@ struct PulseServer {
     pid_t pid = -1;
 };
 
-// parec on the null sink's monitor for as long as it lives, with the time each piece
-// of the recording arrived. A sample reached the monitor no later than any piece that
-// holds it, less the samples after it: the earliest such bound times it (the null sink
-// renders up to its latency ahead, so this is when the sink took it, not when a device
-// would sound it).
+// parec on the null sink's monitor for as long as it lives: the left channel it heard.
 class SinkRecorder {
 public:
     explicit SinkRecorder(int latencyMs = 20) {
@@ -91,40 +86,18 @@ public:
         fd_ = fds[0];
         reader_ = std::thread([this] {
             char buffer[4096];
-            for (ssize_t n; (n = read(fd_, buffer, sizeof buffer)) > 0;) {
-                auto now = SteadyClock::now();
-                std::lock_guard lock(mutex_);
+            for (ssize_t n; (n = read(fd_, buffer, sizeof buffer)) > 0;)
                 bytes_.append(buffer, std::size_t(n));
-                arrivals_.push_back({bytes_.size() / 8, now});
-            }
         });
     }
     ~SinkRecorder() { finish(); }
 
-    struct Recording {
-        std::vector<float> left;
-        std::vector<SteadyClock::time_point> when; // when each sample reached the sink
-    };
-    Recording take() {
+    std::vector<float> take() {
         finish();
-        Recording r{std::vector<float>(bytes_.size() / 8), {}};
-        for (std::size_t i = 0; i < r.left.size(); ++i)
-            std::memcpy(&r.left[i], bytes_.data() + 8 * i, sizeof(float));
-        r.when.resize(r.left.size());
-        auto seconds = [](double s) {
-            return std::chrono::duration_cast<SteadyClock::duration>(
-                std::chrono::duration<double>(s));
-        };
-        auto latest = SteadyClock::time_point::max();
-        auto arrival = arrivals_.rbegin();
-        for (std::size_t i = r.left.size(); i-- > 0;) {
-            for (; arrival != arrivals_.rend() && arrival->first > i; ++arrival)
-                latest = std::min(latest,
-                                  arrival->second - seconds(double(arrival->first - i) / sinkRate));
-            r.when[i] = latest;
-            latest -= seconds(1.0 / sinkRate);
-        }
-        return r;
+        std::vector<float> left(bytes_.size() / 8);
+        for (std::size_t i = 0; i < left.size(); ++i)
+            std::memcpy(&left[i], bytes_.data() + 8 * i, sizeof(float));
+        return left;
     }
 
 private:
@@ -139,9 +112,7 @@ private:
     pid_t pid_ = -1;
     int fd_ = -1;
     std::thread reader_;
-    std::mutex mutex_;
-    std::string bytes_;
-    std::vector<std::pair<std::size_t, SteadyClock::time_point>> arrivals_;
+    std::string bytes_; // written by the reader only until finish() joins it
 };
 
 // The left channel of what the sink plays during the next `seconds` while posted work
@@ -154,7 +125,7 @@ inline std::vector<float> recordSink(TaskQueue& tasks, double seconds,
     std::this_thread::sleep_for(listening);
     if (start) start();
     pump(tasks, std::chrono::milliseconds(int(seconds * 1000)) - listening);
-    return recorder.take().left;
+    return recorder.take();
 }
 
 // A 32-bit float stereo WAV file.

@@ -1,13 +1,10 @@
 // SPDX-License-Identifier: GPL-3.0-or-later
 // Tag editing in the real program on a real terminal: typing into the form, the tag
 // document in vi, the lyrics through an editor script, and an editor that does not exist;
-// and playback heard through PulseAudio while the playing album is written.
+// and a quit in the middle of a batch.
 
 #include "TagFiles.h"
 #include "app/TmuxSession.h"
-#include "media/TagLibFile.h"
-#include "playback/PulseHarness.h"
-#include "support/SessionBus.h"
 #include "tags/TagEditor.h"
 #include "tags/WriteJournal.h"
 
@@ -33,11 +30,12 @@ TEST(TagEditingTmux, FormTagDocumentLyricsAndAMissingEditor) {
     // a copy with a short name: whatever vi the system has (vim.tiny starts in vi mode),
     // the file-name message fits the window and asks for no Enter.
     const fs::path editor = s.dir() / "editor.sh";
-    std::ofstream(editor) << "case \"$1\" in\n"
-                             "  *tags.txt) cd \"$(dirname \"$0\")\" && cp \"$1\" t.txt && vi t.txt &&"
-                             " cp t.txt \"$1\" ;;\n"
-                             "  *letra.txt) printf 'Hola\\nmundo\\n' > \"$1\" ;;\n"
-                             "esac\n";
+    std::ofstream(editor)
+        << "case \"$1\" in\n"
+           "  *tags.txt) cd \"$(dirname \"$0\")\" && cp \"$1\" t.txt && vi t.txt &&"
+           " cp t.txt \"$1\" ;;\n"
+           "  *letra.txt) printf 'Hola\\nmundo\\n' > \"$1\" ;;\n"
+           "esac\n";
     ::setenv("EDITOR", ("sh " + editor.string()).c_str(), 1);
     ::unsetenv("VISUAL");
     s.start({music.string()});
@@ -107,29 +105,12 @@ TEST(TagEditingTmux, FormTagDocumentLyricsAndAMissingEditor) {
     ::unsetenv("EDITOR");
 }
 
-// The playing album rewritten three times (every file replaced by a rename): the first
-// batch is heard without a gap; `n` pressed during the second and a pause during the
-// third still stand when each batch ends, on the screen and on the session bus alike.
-TEST(TagEditingTmux, PlaybackFollowsTheUserWhileThePlayingAlbumIsWritten) {
-    if (!haveTmux() || !trovan::testing::canRunPulse() || !fixtures::SessionBus::available() ||
-        !fixtures::onPath("playerctl"))
-        GTEST_SKIP() << "tmux, ffmpeg, pulseaudio, dbus-daemon or playerctl missing";
+// Quitting in the middle of a batch over a twenty-track album: each file is the old or
+// the new version, the shell is told how far it got, the journal is closed and nothing of
+// ours is left beside the music.
+TEST(TagEditingTmux, QuittingDuringABatchLeavesEachFileOldOrNew) {
+    if (!haveTmux() || !fixtures::available()) GTEST_SKIP() << "tmux or ffmpeg missing";
     Session s;
-    fixtures::SessionBus bus;
-    s.busAddress = bus.address();
-    trovan::testing::PulseServer pulse(s.dir() / "pulse");
-    ASSERT_GT(pulse.pid, 0) << "pulseaudio did not start";
-    // The tmux server, and so the program, takes the sound server from here.
-    ::setenv("PULSE_SERVER", ("unix:" + (s.dir() / "pulse" / "pulse" / "native").string()).c_str(),
-             1);
-    ::setenv("DBUS_SESSION_BUS_ADDRESS", bus.address().c_str(), 1);
-    auto playerctl = [](const std::string& what) {
-        return trim(fixtures::runProcess({"playerctl", "-p", "trovan", "metadata", what}).output);
-    };
-    auto status = [] {
-        return trim(fixtures::runProcess({"playerctl", "-p", "trovan", "status"}).output);
-    };
-
     const fs::path music = s.dir() / "musica";
     fs::create_directories(music);
     fixtures::Tone tone;
@@ -138,88 +119,17 @@ TEST(TagEditingTmux, PlaybackFollowsTheUserWhileThePlayingAlbumIsWritten) {
     const fs::path source = fixtures::cached("e2e-veinte.flac", tone);
     for (int i = 1; i <= 20; ++i) {
         char name[16];
-        std::snprintf(name, sizeof name, "%02d", i);
-        const fs::path file = fixtures::copyTo(source, music, std::string(name) + ".flac");
-        auto tags = TagLibFile::open(file.string());
-        ASSERT_TRUE(tags);
-        tags->set("TITLE", {std::string("Pista ") + name});
-        tags->set("TRACKNUMBER", {std::to_string(i)});
-        ASSERT_TRUE(tags->save());
+        std::snprintf(name, sizeof name, "%02d.flac", i);
+        fixtures::copyTo(source, music, name);
     }
     s.start({music.string()});
     ASSERT_TRUE(s.waitFor("20 canciones")) << s.screen();
     s.keys("Enter");
-    s.keys("Down");
+    s.keys("e");
+    ASSERT_TRUE(s.waitFor("Artista del álbum")) << s.screen();
+    s.keys("Down Down Down Down Down Down Down");
+    s.text("Folk");
     s.keys("Enter");
-    ASSERT_TRUE(s.waitFor(" 0:01 ━")) << s.screen();
-    ASSERT_TRUE(waitUntil([&] { return playerctl("xesam:title") == "Pista 01"; })) << s.screen();
-
-    // Back on the album row, the form: the genre typed, saved for the 20 files.
-    auto saveAlbum = [&](const std::string& genre) {
-        s.keys("Up");
-        s.keys("e");
-        ASSERT_TRUE(s.waitFor("Artista del álbum")) << s.screen();
-        s.keys("Down Down Down Down Down Down Down");
-        s.text(genre);
-        s.keys("Enter");
-    };
-    auto saved = [&] {
-        const bool shown = s.waitFor("Tags guardados en 20 pistas");
-        // The next batch must not be taken for this one.
-        s.waitGone("Tags guardados");
-        return shown;
-    };
-
-    {
-        trovan::testing::SinkRecorder recorder(20);
-        const auto began = std::chrono::steady_clock::now();
-        std::this_thread::sleep_for(300ms);
-        saveAlbum("Jazz");
-        ASSERT_TRUE(s.waitFor("Tags guardados en 20 pistas")) << s.screen();
-        // At least 1.5 s heard in all, however quickly the batch went.
-        std::this_thread::sleep_until(std::max(std::chrono::steady_clock::now() + 300ms,
-                                               began + 1500ms));
-        const auto heard = recorder.take().left;
-        ASSERT_GT(heard.size(), trovan::testing::sinkRate); // more than a second
-        // A sine never holds zero. Letting the track go for the batch, as a write in place
-        // must, silences it for the whole batch; an ASan build on a loaded machine may
-        // drop a few milliseconds while the library reloads, which is not what is sought.
-        int silent = 0, longest = 0;
-        for (float x : heard) {
-            silent = std::fabs(x) < 1e-6f ? silent + 1 : 0;
-            longest = std::max(longest, silent);
-        }
-        EXPECT_LT(longest, int(trovan::testing::sinkRate / 10))
-            << "a gap of " << longest << " samples while the files were written";
-        EXPECT_GT(trovan::testing::measure(heard.data(), heard.size()).levelDb, -30);
-    }
-    s.waitGone("Tags guardados");
-    EXPECT_EQ(playerctl("xesam:title"), "Pista 01");
-
-    saveAlbum("Rock");
-    s.keys("n");
-    ASSERT_TRUE(saved()) << s.screen();
-    EXPECT_TRUE(waitUntil([&] { return playerctl("xesam:title") == "Pista 02"; }, 5s))
-        << playerctl("xesam:title");
-    EXPECT_EQ(status(), "Playing");
-    std::string player; // the bottom of the screen, below the lists
-    for (int y = 35; y < 40; ++y)
-        player += s.line(y) + "\n";
-    EXPECT_NE(player.find("Pista 02"), npos) << player;
-    EXPECT_EQ(player.find("Pista 01"), npos) << player;
-    std::this_thread::sleep_for(1500ms);
-    EXPECT_EQ(playerctl("xesam:title"), "Pista 02") << "the old track came back";
-
-    saveAlbum("Pop");
-    s.keys("Space");
-    ASSERT_TRUE(saved()) << s.screen();
-    EXPECT_EQ(status(), "Paused");
-    EXPECT_EQ(s.line(38).find("❚❚"), npos) << s.line(38);
-    EXPECT_EQ(playerctl("xesam:title"), "Pista 02");
-
-    // Quitting in the middle of a batch: each file is the old or the new version, the
-    // journal is closed and nothing of ours is left beside the music.
-    saveAlbum("Folk");
     s.text("q");
     s.expectCleanExit();
     int written = 0;
@@ -227,15 +137,13 @@ TEST(TagEditingTmux, PlaybackFollowsTheUserWhileThePlayingAlbumIsWritten) {
         char name[16];
         std::snprintf(name, sizeof name, "%02d.flac", i);
         const std::string genre = value(music / name, "GENRE");
-        EXPECT_TRUE(genre == "JazzRockPop" || genre == "JazzRockPopFolk") << name << " " << genre;
-        written += genre == "JazzRockPopFolk";
+        EXPECT_TRUE(genre.empty() || genre == "Folk") << name << " " << genre;
+        written += genre == "Folk";
     }
-    // Cut short, the shell is told how far it got.
     if (written < 20) {
         EXPECT_TRUE(s.outputHas("Se guardaron " + std::to_string(written) + " de 20 archivos"))
             << written;
     }
     EXPECT_TRUE(tagfiles::workFiles(music).empty());
     EXPECT_EQ(WriteJournal(s.home() / "escrituras.diario").openEntries(), 0u);
-    ::unsetenv("PULSE_SERVER");
 }

@@ -124,22 +124,3 @@ TEST(WriteJournal, DamagedJournalIsReportedAndItsGoodRecordsStillRestore) {
     EXPECT_EQ(WriteJournal(journalFile).openEntries(), 0u);
     EXPECT_TRUE(tagfiles::workFiles(music).empty());
 }
-
-// Through a symbolic link the file it leads to is written, and the link stays.
-TEST(WriteJournal, WritesThroughALinkKeepTheLink) {
-    if (!fx::available()) GTEST_SKIP() << "ffmpeg is not installed";
-    fx::TempDir dir;
-    const fs::path real = tagfiles::copyOf(fx::Format::flac, dir.subdir("real"), "01");
-    const fs::path link = dir.subdir("enlaces") / "01.flac";
-    fs::create_symlink(real, link);
-    TagEditor editor(nullptr, std::make_shared<WriteJournal>(dir / "diario"));
-    TagPatch patch;
-    patch.changes["TITLE"] = {"Por el enlace"};
-    auto result = editor.apply(patch, {link.string()});
-    ASSERT_TRUE(result.failed.empty());
-    EXPECT_TRUE(fs::is_symlink(link));
-    EXPECT_EQ(fs::read_symlink(link), real);
-    EXPECT_EQ(TagEditor::properties({real.string()}).front()["TITLE"],
-              std::vector<std::string>{"Por el enlace"});
-    EXPECT_TRUE(tagfiles::workFiles(real.parent_path()).empty());
-}
