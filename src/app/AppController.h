@@ -10,10 +10,10 @@
 // (ControllerLyrics.cpp), tag editing
 // (ControllerEditing.cpp) and the desktop's media controls (ControllerNowPlaying.cpp).
 
+#include "config/SettingsStore.h"
 #include "library/FolderChanges.h"
 #include "library/LibraryIndex.h"
 #include "library/Playlist.h"
-#include "library/SettingsStore.h"
 #include "media/TagLibFile.h"
 #include "playback/AudioOutput.h"
 #include "state/Action.h"

@@ -5,6 +5,7 @@
 #include "app/AppController.h"
 
 #include "app/WorkerPool.h"
+#include "media/CoverFile.h"
 #include "media/TagLibFile.h"
 #include "playback/NowPlayingBridge.h"
 #include "terminal/Palette.h"
@@ -33,7 +34,7 @@ CoverArt decodeCover(const std::string& key, const std::vector<std::string>& pat
                      int rows, const GraphicsChoice& graphics) {
     CoverArt art{key, std::nullopt, nullptr};
     for (const auto& path : paths) {
-        if (auto data = CoverArtRenderer::imageData(path)) {
+        if (auto data = CoverFile::read(path)) {
             art.pixels = CoverArtRenderer::pixels(*data, columns, rows, kCoverBackground);
             if (art.pixels) art.image = imageFor(*data, columns, rows, graphics);
             break;
@@ -55,7 +56,7 @@ void AppController::loadCover(const Track& track, bool force) {
         std::shared_ptr<const PixelImage> image;
         std::exception_ptr failure; // reported by the pool once the panel has its placeholder
         try {
-            data = CoverArtRenderer::imageData(path);
+            data = CoverFile::read(path);
             if (data) pixels = CoverArtRenderer::pixels(*data, columns, rows, kCoverBackground);
             if (pixels) image = imageFor(*data, columns, rows, graphics);
         } catch (...) {

@@ -4,7 +4,7 @@
 // audio files whose stamp changed (on one worker per available core) and writes the
 // new records and the removals in one batch. Stateless; run it off the main thread.
 
-#include "library/FileStamp.h"
+#include "config/FileStamp.h"
 #include "library/FolderChanges.h"
 #include "library/Track.h"
 

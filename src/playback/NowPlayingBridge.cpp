@@ -2,9 +2,9 @@
 #include "playback/NowPlayingBridge.h"
 
 #include "library/Track.h"
+#include "media/ArtworkCache.h"
+#include "media/Fingerprint.h"
 #include "media/Module.h"
-#include "playback/ArtworkCache.h"
-#include "playback/Fingerprint.h"
 #include "playback/NowPlayingService.h"
 
 #include <algorithm>

@@ -1,8 +1,8 @@
 // SPDX-License-Identifier: GPL-3.0-or-later
 #include "state/CommandParser.h"
 
+#include "config/ReplayGainMode.h"
 #include "library/ReplayGain.h"
-#include "library/ReplayGainMode.h"
 #include "text/Text.h"
 
 #include <charconv>

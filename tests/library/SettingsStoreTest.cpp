@@ -1,6 +1,6 @@
 // SPDX-License-Identifier: GPL-3.0-or-later
-#include "library/SettingsStore.h"
-#include "library/AppPaths.h"
+#include "config/SettingsStore.h"
+#include "config/AppPaths.h"
 #include "support/TempDir.h"
 
 #include <gtest/gtest.h>
@@ -87,8 +87,17 @@ TEST(SettingsStore, SavesSortedIndentedJsonThatReadsBack) {
     fx::TempDir dir;
     SettingsStore store(dir / "nested" / "deeper" / "config.json");
     const std::vector<float> gains = {1.5f, -2, 0, 0, 0, 0, 0, 0, 0, 12};
-    Settings s{{"/música/uno", "/b"},          0.8f,  true, RepeatMode::one, false, "Mío", gains,
-               {{"Mío", gains}, {"Otro", {}}}, "kitty", false, 12};
+    Settings s{{"/música/uno", "/b"},
+               0.8f,
+               true,
+               RepeatMode::one,
+               false,
+               "Mío",
+               gains,
+               {{"Mío", gains}, {"Otro", {}}},
+               "kitty",
+               false,
+               12};
     ASSERT_TRUE(store.save(s));
     EXPECT_EQ(store.load(), s);
 

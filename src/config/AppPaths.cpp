@@ -1,9 +1,10 @@
 // SPDX-License-Identifier: GPL-3.0-or-later
-#include "library/AppPaths.h"
+#include "config/AppPaths.h"
 
 #include <cerrno>
 #include <cstdlib>
 #include <fcntl.h>
+#include <fstream>
 #include <pwd.h>
 #include <sys/stat.h>
 #include <unistd.h>
@@ -97,6 +98,27 @@ bool AppPaths::writeAtomically(const std::filesystem::path& link, std::string_vi
     ::unlink(name.data());
     errno = error;
     return false;
+}
+
+std::optional<std::string> AppPaths::readCapped(const std::filesystem::path& path,
+                                                std::uintmax_t cap, bool* tooLarge) {
+    if (tooLarge) *tooLarge = false;
+    std::error_code ec;
+    if (!std::filesystem::is_regular_file(path, ec)) return std::nullopt;
+    std::ifstream in(path, std::ios::binary);
+    std::string bytes;
+    char chunk[1 << 16];
+    // Read to the end rather than trust the size: the file may grow while it is read.
+    while (in && bytes.size() <= cap) {
+        in.read(chunk, sizeof chunk);
+        bytes.append(chunk, static_cast<std::size_t>(in.gcount()));
+    }
+    if (bytes.size() > cap) {
+        if (tooLarge) *tooLarge = true;
+        return std::nullopt;
+    }
+    if (in.bad() || !in.eof()) return std::nullopt;
+    return bytes;
 }
 
 } // namespace trovan
