@@ -87,17 +87,8 @@ TEST(SettingsStore, SavesSortedIndentedJsonThatReadsBack) {
     fx::TempDir dir;
     SettingsStore store(dir / "nested" / "deeper" / "config.json");
     const std::vector<float> gains = {1.5f, -2, 0, 0, 0, 0, 0, 0, 0, 12};
-    Settings s{{"/música/uno", "/b"},
-               0.8f,
-               true,
-               RepeatMode::one,
-               false,
-               "Mío",
-               gains,
-               {{"Mío", gains}, {"Otro", {}}},
-               "kitty",
-               false,
-               12};
+    Settings s{{"/música/uno", "/b"},          0.8f,  true, RepeatMode::one, false, "Mío", gains,
+               {{"Mío", gains}, {"Otro", {}}}, "kitty", false, 12};
     ASSERT_TRUE(store.save(s));
     EXPECT_EQ(store.load(), s);
 
