@@ -53,7 +53,8 @@ std::filesystem::path AppPaths::throughLinks(const std::filesystem::path& target
     return at; // a loop: the write fails on it with its own error
 }
 
-bool AppPaths::writeAtomically(const std::filesystem::path& link, std::string_view bytes) {
+bool AppPaths::writeAtomically(const std::filesystem::path& link, std::string_view bytes,
+                               unsigned newMode) {
     // A file that is a symbolic link (settings kept in a dotfiles repository) is written
     // where it points, and stays a link.
     const std::filesystem::path target = throughLinks(link);
@@ -79,7 +80,7 @@ bool AppPaths::writeAtomically(const std::filesystem::path& link, std::string_vi
     int fd = mkstemp(name.data());
     if (fd < 0) return false;
     // mkstemp makes the file private; keep the mode the target had, or the usual one.
-    mode_t mode = 0644;
+    mode_t mode = newMode;
     if (struct stat st{}; ::stat(target.c_str(), &st) == 0) mode = st.st_mode & 07777;
     bool ok = (writeAll(fd, bytes) || fail(errno)) && (fchmod(fd, mode) == 0 || fail(errno)) &&
               (fsync(fd) == 0 || fail(errno));

@@ -25,7 +25,9 @@ public:
     // it over the target, creating missing parent folders first. A target that is a
     // symbolic link is written where the link points. On failure the target is
     // untouched, the temporary file is removed, errno tells why and false is returned.
-    static bool writeAtomically(const std::filesystem::path& target, std::string_view bytes);
+    // A new file gets `newMode`.
+    static bool writeAtomically(const std::filesystem::path& target, std::string_view bytes,
+                                unsigned newMode = 0644);
     // The bytes of the regular file at `path` when it holds at most `cap` of them. None
     // when it is missing, not a regular file, unreadable or larger (then `tooLarge` is set).
     static std::optional<std::string> readCapped(const std::filesystem::path& path,

@@ -82,9 +82,6 @@ public:
     static std::vector<Track> read(const std::vector<std::string>& paths,
                                    const Progress& progress = {}, int workers = 0);
 
-    // Number of processors this process may run on (at least 1).
-    static int activeCores();
-
 private:
     static IndexSummary scanInto(const std::vector<std::string>& roots, LibraryStore& store,
                                  bool force, const Progress& progress);
