@@ -7,7 +7,7 @@
 #include "app/AppController.h"
 #include "app/WorkerPool.h"
 #include "library/LibraryStore.h"
-#include "library/SettingsStore.h"
+#include "config/SettingsStore.h"
 #include "playback/NullOutput.h"
 #include "terminal/Renderer.h"
 

@@ -5,6 +5,7 @@
 //  - first-scan reading of small files against TagLib's own read cost, same threads;
 //  - store apply of 100,000 tracks; loading plus building the index; memory of both.
 
+#include "config/ActiveCores.h"
 #include "library/Indexer.h"
 #include "library/LibraryIndex.h"
 #include "library/LibraryStore.h"
@@ -209,7 +210,7 @@ BENCHMARK(BM_FirstScanRun)->Unit(benchmark::kMillisecond)->Iterations(5)->UseRea
 
 void BM_FirstScanTagLibOnly(benchmark::State& state) {
     auto paths = readSample();
-    const int workers = std::min(Indexer::activeCores(), kReadSample);
+    const int workers = std::min(activeCores(), kReadSample);
     CpuCounter cpu{state};
     for (auto _ : state) {
         cpu.resume();

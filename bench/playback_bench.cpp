@@ -2,7 +2,7 @@
 // Playback costs: decoding plus equalizing whole files, one output callback with
 // every band active, and the CPU the engine takes while playing in real time.
 
-#include "library/EQPreset.h"
+#include "config/EQPreset.h"
 #include "media/AudioDecoder.h"
 #include "playback/AudioEngine.h"
 #include "playback/Equalizer.h"

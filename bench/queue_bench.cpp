@@ -3,7 +3,7 @@
 // the desktop's track list and the snapshot the queue file is written from), drawing the
 // queue view; play lists of 50,000 entries read and written; the kept queue's size.
 
-#include "library/AppPaths.h"
+#include "config/AppPaths.h"
 #include "library/LibraryIndex.h"
 #include "library/Playlist.h"
 #include "library/QueueFile.h"

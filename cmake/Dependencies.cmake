@@ -10,7 +10,7 @@ if(NOT TARGET cubeb::cubeb)
   pkg_check_modules(CUBEB REQUIRED IMPORTED_TARGET libcubeb)
   add_library(cubeb::cubeb ALIAS PkgConfig::CUBEB)
 endif()
-find_package(sdbus-c++ QUIET)
+find_package(sdbus-c++ REQUIRED)
 
 add_library(trovan_asio INTERFACE)
 target_compile_definitions(trovan_asio INTERFACE ASIO_STANDALONE ASIO_NO_DEPRECATED)

@@ -2,9 +2,9 @@
 #include "app/App.h"
 
 #include "app/BusLoop.h"
-#include "library/AppPaths.h"
+#include "config/AppPaths.h"
+#include "config/SettingsStore.h"
 #include "library/LibraryStore.h"
-#include "library/SettingsStore.h"
 #include "media/Codecs.h"
 #include "playback/AudioOutput.h"
 #include "ui/Screen.h"

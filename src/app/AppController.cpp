@@ -55,10 +55,9 @@ AppController::AppController(Terminal& terminal, Size size, SettingsStore settin
     playback_->onQueueChange = [this] { queueChanged(); };
     // Last line of defence: a background job that throws is named in the header instead
     // of ending the program. The flows catch what they expect themselves.
-    pool_.onFailure = [post = host_.post, alive = std::weak_ptr<char>(alive_),
-                       this](const std::string& what) {
+    pool_.onFailure = [post = host_.post, alive = alive_.watch(), this](const std::string& what) {
         post([alive, this, what] {
-            if (alive.lock()) report("Error en segundo plano: " + what, true);
+            if (alive) report("Error en segundo plano: " + what, true);
         });
     };
 }
@@ -69,8 +68,8 @@ AppController::~AppController() {
 }
 
 AppController::Task AppController::guarded(Task task) {
-    return [alive = std::weak_ptr<char>(alive_), task = std::move(task)] {
-        if (alive.lock()) task();
+    return [alive = alive_.watch(), task = std::move(task)] {
+        if (alive) task();
     };
 }
 

@@ -10,10 +10,11 @@
 // (ControllerLyrics.cpp), tag editing
 // (ControllerEditing.cpp) and the desktop's media controls (ControllerNowPlaying.cpp).
 
+#include "config/LifeToken.h"
+#include "config/SettingsStore.h"
 #include "library/FolderChanges.h"
 #include "library/LibraryIndex.h"
 #include "library/Playlist.h"
-#include "library/SettingsStore.h"
 #include "media/TagLibFile.h"
 #include "playback/AudioOutput.h"
 #include "state/Action.h"
@@ -339,7 +340,8 @@ private:
     // Serialises the queue file's writes from the pool and from quit.
     struct QueueWrites;
     std::shared_ptr<QueueWrites> queueWrites_;
-    std::shared_ptr<char> alive_ = std::make_shared<char>(0);
+    int reloads_ = 0; // library reads asked for
+    LifeToken alive_;
 };
 
 } // namespace trovan

@@ -1,6 +1,7 @@
 // SPDX-License-Identifier: GPL-3.0-or-later
 #pragma once
 
+#include "config/LifeToken.h"
 #include "playback/LoopSource.h"
 
 #include <asio/io_context.hpp>
@@ -27,8 +28,8 @@ private:
     void stop();
     // Completions can be queued after we are gone; they then do nothing.
     template <typename F> auto guard(F f) {
-        return [alive = std::weak_ptr<char>(alive_), f = std::move(f)](auto&&... args) {
-            if (alive.lock()) f(std::forward<decltype(args)>(args)...);
+        return [alive = alive_.watch(), f = std::move(f)](auto&&... args) {
+            if (alive) f(std::forward<decltype(args)>(args)...);
         };
     }
 
@@ -41,7 +42,7 @@ private:
     bool writePending_ = false;
     bool processPending_ = false;
     bool stopped_ = false;
-    std::shared_ptr<char> alive_ = std::make_shared<char>(0);
+    LifeToken alive_;
 };
 
 } // namespace trovan

@@ -5,6 +5,7 @@
 #include "app/AppController.h"
 
 #include "app/WorkerPool.h"
+#include "media/CoverFile.h"
 #include "media/TagLibFile.h"
 #include "playback/NowPlayingBridge.h"
 #include "terminal/Palette.h"
@@ -33,7 +34,7 @@ CoverArt decodeCover(const std::string& key, const std::vector<std::string>& pat
                      int rows, const GraphicsChoice& graphics) {
     CoverArt art{key, std::nullopt, nullptr};
     for (const auto& path : paths) {
-        if (auto data = CoverArtRenderer::imageData(path)) {
+        if (auto data = CoverFile::read(path)) {
             art.pixels = CoverArtRenderer::pixels(*data, columns, rows, kCoverBackground);
             if (art.pixels) art.image = imageFor(*data, columns, rows, graphics);
             break;
@@ -48,14 +49,14 @@ void AppController::loadCover(const Track& track, bool force) {
     if (!force && coverPath_ == track.path) return;
     coverPath_ = track.path;
     const int columns = layout_.cover.width, rows = layout_.cover.height;
-    pool_.submit([post = host_.post, alive = std::weak_ptr<char>(alive_), this, path = track.path,
-                  columns, rows, graphics = state_.graphics] {
+    pool_.submit([post = host_.post, alive = alive_.watch(), this, path = track.path, columns, rows,
+                  graphics = state_.graphics] {
         std::optional<std::vector<std::uint8_t>> data;
         std::optional<std::vector<RGB>> pixels;
         std::shared_ptr<const PixelImage> image;
         std::exception_ptr failure; // reported by the pool once the panel has its placeholder
         try {
-            data = CoverArtRenderer::imageData(path);
+            data = CoverFile::read(path);
             if (data) pixels = CoverArtRenderer::pixels(*data, columns, rows, kCoverBackground);
             if (pixels) image = imageFor(*data, columns, rows, graphics);
         } catch (...) {
@@ -66,7 +67,7 @@ void AppController::loadCover(const Track& track, bool force) {
         if (!pixels) data.reset();
         post([alive, this, path, pixels = std::move(pixels), image = std::move(image),
               data = std::move(data)]() mutable {
-            if (!alive.lock() || coverPath_ != path) return;
+            if (!alive || coverPath_ != path) return;
             state_.cover = CoverArt{path, pixels, image};
             nowPlaying_->setArtwork(std::move(data));
             requestRender();
@@ -102,9 +103,8 @@ void AppController::loadAlbumCovers() {
     // Moving on to another artist makes this batch stale: what has not been decoded by
     // then is dropped (and asked for again when the artist comes back).
     const int generation = ++*albumCoverGeneration_;
-    pool_.submit([post = host_.post, alive = std::weak_ptr<char>(alive_), this,
-                  current = albumCoverGeneration_, generation, jobs = std::move(jobs),
-                  graphics = state_.graphics] {
+    pool_.submit([post = host_.post, alive = alive_.watch(), this, current = albumCoverGeneration_,
+                  generation, jobs = std::move(jobs), graphics = state_.graphics] {
         // A cover that fails (memory running out) is shown as missing, the others still
         // load, and the pool reports the first failure at the end.
         std::exception_ptr failure;
@@ -120,7 +120,7 @@ void AppController::loadAlbumCovers() {
                 }
             }
             post([alive, this, art = std::move(art), stale] {
-                if (!alive.lock()) return;
+                if (!alive) return;
                 albumCoversLoading_.erase(art.key);
                 if (stale) return;
                 state_.albumCovers[art.key] = art;

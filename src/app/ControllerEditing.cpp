@@ -14,6 +14,7 @@
 #include "tags/TagEditor.h"
 #include "tags/WriteJournal.h"
 #include "terminal/ExternalEditor.h"
+#include "text/Text.h"
 
 #include <algorithm>
 #include <cstdlib>
@@ -67,12 +68,12 @@ void AppController::readTargetTags(TargetTags then) {
         report(kNoTargets, true);
         return;
     }
-    pool_.submit([this, alive = std::weak_ptr<char>(alive_), post = host_.post,
-                  paths = std::move(paths), then = std::move(then)]() mutable {
+    pool_.submit([this, alive = alive_.watch(), post = host_.post, paths = std::move(paths),
+                  then = std::move(then)]() mutable {
         auto properties = TagEditor::properties(paths);
         post([alive, paths = std::move(paths), properties = std::move(properties),
               then = std::move(then)]() mutable {
-            if (alive.lock()) then(std::move(paths), std::move(properties));
+            if (alive) then(std::move(paths), std::move(properties));
         });
     });
 }
@@ -148,18 +149,17 @@ void AppController::editLyrics() {
         report("Selecciona una canción", true);
         return;
     }
-    pool_.submit([this, alive = std::weak_ptr<char>(alive_), post = host_.post,
-                  path = paths.front()] {
+    pool_.submit([this, alive = alive_.watch(), post = host_.post, path = paths.front()] {
         // Timed lyrics keep their stamps as text, and go back where they came from; the
         // tag's other lyrics (other languages, other descriptions) are kept.
         LyricsSource::Editable old = LyricsSource::editable(path);
         auto all = TagEditor::properties({path}).front()["LYRICS"];
         post([this, alive, path, old = std::move(old), all = std::move(all)] {
-            if (!alive.lock()) return;
+            if (!alive) return;
             auto edited = runEditor(old.text, "letra.txt");
             if (!edited) return;
-            const std::string text(trimWhitespace(*edited));
-            if (text == trimWhitespace(old.text)) {
+            const std::string text(text::trim(*edited));
+            if (text == text::trim(old.text)) {
                 report("Sin cambios");
                 return;
             }
@@ -190,7 +190,7 @@ void AppController::setCover(const std::string& image) {
         return;
     }
     const std::string path = expandHome(image);
-    pool_.submit([this, alive = std::weak_ptr<char>(alive_), post = host_.post, path,
+    pool_.submit([this, alive = alive_.watch(), post = host_.post, path,
                   paths = std::move(paths)]() mutable {
         // The type comes from the bytes, whatever the file's name says.
         std::string refused;
@@ -209,7 +209,7 @@ void AppController::setCover(const std::string& image) {
             picture = Picture{std::move(*bytes), mime};
         }
         post([this, alive, refused, picture = std::move(picture), paths = std::move(paths)] {
-            if (!alive.lock()) return;
+            if (!alive) return;
             if (!refused.empty()) {
                 report(refused, true);
                 return;
@@ -250,12 +250,12 @@ void AppController::startWrite(std::vector<std::string> paths, std::string succe
     playback_->beginFileWrite(paths);
     if (!tagEditor_) tagEditor_ = std::make_shared<TagEditor>(store_);
     ++writesInFlight_;
-    pool_.submit([this, alive = std::weak_ptr<char>(alive_), post = host_.post, editor = tagEditor_,
+    pool_.submit([this, alive = alive_.watch(), post = host_.post, editor = tagEditor_,
                   paths = std::move(paths), success = std::move(success), picture,
                   job = std::move(job)] {
         TagWriteResult result = job(*editor, paths);
         post([this, alive, result = std::move(result), success, picture] {
-            if (!alive.lock()) return;
+            if (!alive) return;
             --writesInFlight_;
             // Whatever the user did meanwhile stands; a track let go comes back only if
             // nothing else was started.
@@ -280,11 +280,11 @@ void AppController::startWrite(std::vector<std::string> paths, std::string succe
 }
 
 void AppController::recoverWrites() {
-    pool_.submit([this, alive = std::weak_ptr<char>(alive_), post = host_.post] {
+    pool_.submit([this, alive = alive_.watch(), post = host_.post] {
         auto recovery = WriteJournal::standard().recover();
         if (recovery.messages.empty() && recovery.restored == 0) return;
         post([this, alive, recovery = std::move(recovery)] {
-            if (!alive.lock()) return;
+            if (!alive) return;
             std::string text = recovery.restored > 0
                                    ? "Se deshicieron " + std::to_string(recovery.restored) +
                                          " escritura(s) interrumpida(s)"

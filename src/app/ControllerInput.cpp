@@ -117,7 +117,7 @@ void AppController::handlePromptKey(const Key& key, PromptKind kind) {
         state_.overlay = Overlay::none();
         const std::string text = state_.input.text;
         if (kind == PromptKind::command) {
-            if (trimWhitespace(text).empty()) return;
+            if (text::trim(text).empty()) return;
             CommandResult result = CommandParser::parse(text);
             if (auto* action = std::get_if<Action>(&result))
                 dispatch(*action);

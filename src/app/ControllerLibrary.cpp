@@ -157,16 +157,15 @@ void AppController::runScan(bool force) {
     state_.indexing = IndexingProgress{0, 0};
     requestRender();
     const auto started = std::chrono::steady_clock::now();
-    auto progress = [post = host_.post, alive = std::weak_ptr<char>(alive_), this](int64_t done,
-                                                                                   int64_t total) {
+    auto progress = [post = host_.post, alive = alive_.watch(), this](int64_t done, int64_t total) {
         post([alive, this, done, total] {
-            if (!alive.lock() || !state_.indexing) return;
+            if (!alive || !state_.indexing) return;
             state_.indexing = IndexingProgress{static_cast<int>(done), static_cast<int>(total)};
             requestRender();
         });
     };
     pool_.submit([store = store_, roots = state_.settings.roots, force, progress, post = host_.post,
-                  alive = std::weak_ptr<char>(alive_), this, started, watcher = watcher_] {
+                  alive = alive_.watch(), this, started, watcher = watcher_] {
         IndexSummary summary;
         std::string failure;
         try {
@@ -182,7 +181,7 @@ void AppController::runScan(bool force) {
             failure = "error desconocido";
         }
         post([alive, this, summary, started, failure] {
-            if (!alive.lock()) return;
+            if (!alive) return;
             if (!failure.empty()) {
                 // The cache keeps what it had; the next rescan tries again.
                 report("No se pudo actualizar la biblioteca: " + failure, true);
@@ -351,7 +350,7 @@ void AppController::folderChangesDue() {
 void AppController::runUpdate(FolderChanges changes) {
     updating_ = true;
     pool_.submit([store = store_, roots = state_.settings.roots, changes = std::move(changes),
-                  post = host_.post, alive = std::weak_ptr<char>(alive_), this]() {
+                  post = host_.post, alive = alive_.watch(), this]() {
         IndexSummary summary;
         std::unordered_map<std::string, std::string> moves;
         std::string failure;
@@ -365,7 +364,7 @@ void AppController::runUpdate(FolderChanges changes) {
             failure = "error desconocido";
         }
         post([alive, this, summary, failure, moves = std::move(moves)] {
-            if (!alive.lock()) return;
+            if (!alive) return;
             if (!moves.empty()) playback_->followMoves(moves);
             if (!failure.empty()) {
                 report("No se pudo actualizar la biblioteca: " + failure, true);
@@ -398,8 +397,9 @@ void AppController::updateEnded() {
 }
 
 void AppController::reloadLibrary(Task then) {
-    pool_.submit([store = store_, post = host_.post, alive = std::weak_ptr<char>(alive_), this,
-                  then = std::move(then)]() mutable {
+    // Reads run on several threads and may finish out of order: only the newest is shown.
+    pool_.submit([store = store_, post = host_.post, alive = alive_.watch(), this,
+                  generation = ++reloads_, then = std::move(then)]() mutable {
         std::shared_ptr<LibraryIndex> index;
         std::string failure;
         try {
@@ -411,12 +411,13 @@ void AppController::reloadLibrary(Task then) {
         } catch (...) {
             failure = "error desconocido";
         }
-        post([alive, this, index, failure, then = std::move(then)] {
-            if (!alive.lock()) return;
-            // Unreadable: the library shown stays as it was.
-            if (index)
+        post([alive, this, index, failure, generation, then = std::move(then)] {
+            if (!alive) return;
+            // Unreadable: the library shown stays as it was. An older read that ends last
+            // would bring back what a newer one replaced.
+            if (generation == reloads_ && index)
                 setLibrary(std::move(*index));
-            else
+            else if (generation == reloads_)
                 report("No se pudo leer la biblioteca: " + failure, true);
             if (then) then();
         });

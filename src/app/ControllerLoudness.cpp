@@ -85,11 +85,11 @@ void AppController::analyzeLoudness() {
 void AppController::measureNext(const std::shared_ptr<LoudnessRun>& run) {
     if (run->next >= run->paths.size() || run->cancel.load()) return;
     const std::size_t i = run->next++;
-    pool_.submit([this, alive = std::weak_ptr<char>(alive_), post = host_.post, run, i] {
+    pool_.submit([this, alive = alive_.watch(), post = host_.post, run, i] {
         if (!run->cancel.load())
             run->results[i] = LoudnessAnalysis::measure(run->paths[i], &run->cancel);
         post([this, alive, run] {
-            if (!alive.lock() || loudness_ != run) return;
+            if (!alive || loudness_ != run) return;
             ++run->done;
             state_.analyzing =
                 IndexingProgress{static_cast<int>(run->done), static_cast<int>(run->jobs())};

@@ -11,6 +11,7 @@
 #include "state/CommandParser.h"
 #include "tags/LyricsSource.h"
 #include "tags/TagEditor.h"
+#include "text/Text.h"
 #include "ui/LyricsView.h"
 
 #include <algorithm>
@@ -105,13 +106,13 @@ void AppController::loadLyrics() {
         state_.lyrics.reset();
         return;
     }
-    pool_.submit([post = host_.post, alive = std::weak_ptr<char>(alive_), this, generation,
-                  path = track->path, title = track->displayTitle()] {
+    pool_.submit([post = host_.post, alive = alive_.watch(), this, generation, path = track->path,
+                  title = track->displayTitle()] {
         LoadedLyrics loaded = LyricsSource::load(path);
         std::string problem = std::move(loaded.problem);
         Lyrics lyrics = makeLyrics(path, title, std::move(loaded));
         post([alive, this, generation, lyrics = std::move(lyrics), problem = std::move(problem)] {
-            if (!alive.lock() || generation != lyricsGeneration_) return;
+            if (!alive || generation != lyricsGeneration_) return;
             state_.lyrics = lyrics;
             state_.lyricsOffset = 0;
             state_.lyricsCursor.reset();
@@ -168,36 +169,35 @@ void AppController::startSync() {
     const std::string path = state_.playback.track->path;
     const std::string title = state_.playback.track->displayTitle();
     const int generation = ++lyricsGeneration_;
-    pool_.submit(
-        [post = host_.post, alive = std::weak_ptr<char>(alive_), this, generation, path, title] {
-            LoadedLyrics loaded = LyricsSource::load(path);
-            post([alive, this, generation, path, title, loaded = std::move(loaded)]() mutable {
-                if (!alive.lock() || generation != lyricsGeneration_) return;
-                if (!state_.playback.track || state_.playback.track->path != path) return;
-                LyricsSync sync{path, loaded.origin, {}, {}, {}, 0, false};
-                if (loaded.timed) sync.tags = loaded.timed->tags;
-                // SYLT lyrics are saved into the tag, as text the editor can show.
-                if (sync.origin == LyricsOrigin::sylt) sync.origin = LyricsOrigin::tag;
-                Lyrics lyrics = makeLyrics(path, title, std::move(loaded));
-                for (const auto& line : lyrics.lines)
-                    if (!std::string_view(trimWhitespace(line)).empty())
-                        sync.lines.emplace_back(trimWhitespace(line));
-                if (sync.lines.empty()) {
-                    report("Esta canción no tiene letra que sincronizar. Pulsa L para agregarla.",
-                           true);
-                    return;
-                }
-                sync.stamps.assign(sync.lines.size(), std::nullopt);
-                state_.lyrics = std::move(lyrics);
-                state_.lyricsCursor.reset();
-                state_.lyricsVisible = true;
-                state_.focus = Focus::library;
-                lyricsFollowPlayback_ = true;
-                lyricsOfPlaying_ = true;
-                state_.lyricsSync = std::move(sync);
-                requestRender();
-            });
+    pool_.submit([post = host_.post, alive = alive_.watch(), this, generation, path, title] {
+        LoadedLyrics loaded = LyricsSource::load(path);
+        post([alive, this, generation, path, title, loaded = std::move(loaded)]() mutable {
+            if (!alive || generation != lyricsGeneration_) return;
+            if (!state_.playback.track || state_.playback.track->path != path) return;
+            LyricsSync sync{path, loaded.origin, {}, {}, {}, 0, false};
+            if (loaded.timed) sync.tags = loaded.timed->tags;
+            // SYLT lyrics are saved into the tag, as text the editor can show.
+            if (sync.origin == LyricsOrigin::sylt) sync.origin = LyricsOrigin::tag;
+            Lyrics lyrics = makeLyrics(path, title, std::move(loaded));
+            for (const auto& line : lyrics.lines)
+                if (!std::string_view(text::trim(line)).empty())
+                    sync.lines.emplace_back(text::trim(line));
+            if (sync.lines.empty()) {
+                report("Esta canción no tiene letra que sincronizar. Pulsa L para agregarla.",
+                       true);
+                return;
+            }
+            sync.stamps.assign(sync.lines.size(), std::nullopt);
+            state_.lyrics = std::move(lyrics);
+            state_.lyricsCursor.reset();
+            state_.lyricsVisible = true;
+            state_.focus = Focus::library;
+            lyricsFollowPlayback_ = true;
+            lyricsOfPlaying_ = true;
+            state_.lyricsSync = std::move(sync);
+            requestRender();
         });
+    });
 }
 
 bool AppController::handleSyncKey(const Key& key) {
@@ -283,20 +283,19 @@ void AppController::writeLyrics(const std::string& path, LyricsOrigin origin,
                    });
         return;
     }
-    pool_.submit(
-        [post = host_.post, alive = std::weak_ptr<char>(alive_), this, path, text, success] {
-            const bool ok = LyricsSource::writeSidecar(path, text);
-            const int error = ok ? 0 : errno;
-            post([alive, this, path, ok, error, success] {
-                if (!alive.lock()) return;
-                const std::string name = LyricsSource::sidecarPath(path).filename().string();
-                if (ok)
-                    report(success + " en " + name);
-                else
-                    report("No se pudo guardar " + name + ": " + std::strerror(error), true);
-                if (state_.lyricsVisible) loadLyrics();
-            });
+    pool_.submit([post = host_.post, alive = alive_.watch(), this, path, text, success] {
+        const bool ok = LyricsSource::writeSidecar(path, text);
+        const int error = ok ? 0 : errno;
+        post([alive, this, path, ok, error, success] {
+            if (!alive) return;
+            const std::string name = LyricsSource::sidecarPath(path).filename().string();
+            if (ok)
+                report(success + " en " + name);
+            else
+                report("No se pudo guardar " + name + ": " + std::strerror(error), true);
+            if (state_.lyricsVisible) loadLyrics();
         });
+    });
 }
 
 } // namespace trovan

@@ -5,7 +5,7 @@
 #include "app/AppController.h"
 
 #include "app/WorkerPool.h"
-#include "library/AppPaths.h"
+#include "config/AppPaths.h"
 #include "playback/AudioEngine.h"
 #include "playback/NowPlayingBridge.h"
 #include "playback/PlaybackController.h"

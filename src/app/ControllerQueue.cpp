@@ -7,7 +7,7 @@
 #include "app/AppController.h"
 
 #include "app/WorkerPool.h"
-#include "library/AppPaths.h"
+#include "config/AppPaths.h"
 #include "library/QueueFile.h"
 #include "playback/NowPlayingBridge.h"
 #include "playback/PlaybackController.h"
@@ -304,12 +304,11 @@ void AppController::savePlaylist(const std::string& name, bool confirmed) {
         return;
     }
     auto entries = std::make_shared<std::vector<PlaylistEntry>>(queueEntries());
-    pool_.submit([this, alive = std::weak_ptr<char>(alive_), post = host_.post, entries, file,
-                  name] {
+    pool_.submit([this, alive = alive_.watch(), post = host_.post, entries, file, name] {
         const bool ok = AppPaths::writeAtomically(file, Playlist::write(*entries, std::nullopt));
         const std::size_t n = entries->size();
         post([this, alive, ok, n, name] {
-            if (!alive.lock()) return;
+            if (!alive) return;
             if (!ok) {
                 report("No se pudo guardar la lista " + quoted(name), true);
                 return;
@@ -336,12 +335,12 @@ void AppController::exportPlaylist(const std::string& typed, bool confirmed) {
         return;
     }
     auto entries = std::make_shared<std::vector<PlaylistEntry>>(queueEntries());
-    pool_.submit([this, alive = std::weak_ptr<char>(alive_), post = host_.post, entries, file] {
+    pool_.submit([this, alive = alive_.watch(), post = host_.post, entries, file] {
         const bool ok =
             AppPaths::writeAtomically(file, Playlist::write(*entries, file.parent_path()));
         const std::size_t n = entries->size();
         post([this, alive, ok, n, file] {
-            if (!alive.lock()) return;
+            if (!alive) return;
             if (ok)
                 report("Cola exportada: " + songs(n) + " en " + file.string());
             else
@@ -367,8 +366,7 @@ void AppController::loadPlaylist(const std::string& typed) {
         report("No es una lista .m3u, .m3u8 o .pls: " + typed, true);
         return;
     }
-    pool_.submit([this, alive = std::weak_ptr<char>(alive_), post = host_.post, file, typed,
-                  format = *format] {
+    pool_.submit([this, alive = alive_.watch(), post = host_.post, file, typed, format = *format] {
         std::string error;
         PlaylistImport result;
         if (auto bytes = readFile(file, error))
@@ -376,7 +374,7 @@ void AppController::loadPlaylist(const std::string& typed) {
         else
             result.error = error;
         post([this, alive, result = std::move(result), typed]() mutable {
-            if (!alive.lock()) return;
+            if (!alive) return;
             if (!result.error.empty()) {
                 report("No se pudo abrir la lista " + typed + ": " + result.error, true);
                 return;
@@ -452,7 +450,7 @@ void AppController::restoreQueue() {
     std::error_code ec;
     if (!fs::exists(file, ec)) return;
     queueRestoring_ = true;
-    pool_.submit([this, alive = std::weak_ptr<char>(alive_), post = host_.post, file] {
+    pool_.submit([this, alive = alive_.watch(), post = host_.post, file] {
         std::string error;
         auto bytes = readFile(file, error);
         auto decoded = std::make_shared<QueueFile::Decoded>();
@@ -489,7 +487,7 @@ void AppController::restoreQueue() {
         q.order = std::move(order);
         q.position = position;
         post([this, alive, decoded, gone] {
-            if (!alive.lock()) return;
+            if (!alive) return;
             queueRestoring_ = false;
             switch (decoded->problem) {
             case QueueFile::Problem::none:

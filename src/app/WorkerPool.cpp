@@ -1,19 +1,12 @@
 // SPDX-License-Identifier: GPL-3.0-or-later
 #include "app/WorkerPool.h"
 
+#include "config/ActiveCores.h"
+
 #include <exception>
 #include <new>
-#include <sched.h>
 
 namespace trovan {
-
-int WorkerPool::activeCores() {
-    cpu_set_t set;
-    CPU_ZERO(&set);
-    if (sched_getaffinity(0, sizeof set, &set) != 0) return 1;
-    const int n = CPU_COUNT(&set);
-    return n > 0 ? n : 1;
-}
 
 WorkerPool::WorkerPool(int threads) {
     const int n = threads > 0 ? threads : activeCores();

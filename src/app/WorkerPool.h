@@ -33,9 +33,6 @@ public:
     // Blocks until the queue is empty and no job runs (tests and benchmarks).
     void waitIdle();
 
-    // Cores available to this process (at least 1).
-    static int activeCores();
-
 private:
     void run();
 

@@ -1,6 +1,7 @@
 // SPDX-License-Identifier: GPL-3.0-or-later
 #include "library/Indexer.h"
 
+#include "config/ActiveCores.h"
 #include "library/LibraryStore.h"
 
 #include <algorithm>
@@ -348,7 +349,7 @@ FoundList walkRoots(const std::vector<std::string>& roots, std::vector<std::stri
     walk.listRoots(roots, missingRoots);
     {
         Crew crew(walk);
-        crew.start(Indexer::activeCores() - 1);
+        crew.start(activeCores() - 1);
         walk.worker();
         crew.finish();
     }
@@ -399,14 +400,6 @@ private:
 
 } // namespace
 
-int Indexer::activeCores() {
-    cpu_set_t set;
-    CPU_ZERO(&set);
-    if (sched_getaffinity(0, sizeof set, &set) != 0) return 1;
-    int n = CPU_COUNT(&set);
-    return n > 0 ? n : 1;
-}
-
 Indexer::ScanResult Indexer::scan(const std::vector<std::string>& roots) {
     ScanResult result;
     auto list = walkRoots(roots, result.missingRoots);
@@ -425,7 +418,7 @@ std::vector<Track> readInParallel(const std::vector<Item>& items, const Indexer:
                                   int workers, ReadOne readOne) {
     if (items.empty()) return {};
     const auto total = static_cast<int64_t>(items.size());
-    int64_t w = workers > 0 ? workers : Indexer::activeCores();
+    int64_t w = workers > 0 ? workers : activeCores();
     w = std::max<int64_t>(1, std::min<int64_t>(w, total));
 
     std::atomic<int64_t> counter{0};
@@ -513,7 +506,7 @@ IndexSummary readEverything(const std::vector<std::string>& roots, LibraryStore&
     Walk walk;
     walk.progress = &steps;
     walk.listRoots(roots, missingRoots);
-    const int workers = Indexer::activeCores();
+    const int workers = activeCores();
     walk.readersLeft = workers;
     Crew crew(walk);
     crew.start(workers);

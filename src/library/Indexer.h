@@ -4,7 +4,7 @@
 // audio files whose stamp changed (on one worker per available core) and writes the
 // new records and the removals in one batch. Stateless; run it off the main thread.
 
-#include "library/FileStamp.h"
+#include "config/FileStamp.h"
 #include "library/FolderChanges.h"
 #include "library/Track.h"
 
@@ -81,9 +81,6 @@ public:
     // no meaning.
     static std::vector<Track> read(const std::vector<std::string>& paths,
                                    const Progress& progress = {}, int workers = 0);
-
-    // Number of processors this process may run on (at least 1).
-    static int activeCores();
 
 private:
     static IndexSummary scanInto(const std::vector<std::string>& roots, LibraryStore& store,

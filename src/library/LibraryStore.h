@@ -4,7 +4,7 @@
 // table keyed by path. Every operation is serialised on the store's one connection, so
 // the controller and a background scan may call it from different threads.
 
-#include "library/FileStamp.h"
+#include "config/FileStamp.h"
 #include "library/Track.h"
 #include "library/TrackTable.h"
 

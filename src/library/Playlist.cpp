@@ -23,11 +23,7 @@ std::string lowerAscii(std::string_view s) {
 }
 
 std::string_view trim(std::string_view s) {
-    while (!s.empty() && (s.front() == ' ' || s.front() == '\t'))
-        s.remove_prefix(1);
-    while (!s.empty() && (s.back() == ' ' || s.back() == '\t' || s.back() == '\r'))
-        s.remove_suffix(1);
-    return s;
+    return text::trim(s, " \t\r");
 }
 
 // A line as UTF-8: kept when it already is, else read as Latin-1 (what Windows

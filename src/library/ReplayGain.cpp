@@ -1,5 +1,6 @@
 // SPDX-License-Identifier: GPL-3.0-or-later
 #include "library/ReplayGain.h"
+#include "text/Text.h"
 
 #include <charconv>
 #include <cmath>
@@ -13,11 +14,7 @@ constexpr double maxGainDb = 60;
 constexpr double maxPeak = 10;
 
 std::string_view trim(std::string_view s) {
-    while (!s.empty() && (s.front() == ' ' || s.front() == '\t'))
-        s.remove_prefix(1);
-    while (!s.empty() && (s.back() == ' ' || s.back() == '\t' || s.back() == '\0'))
-        s.remove_suffix(1);
-    return s;
+    return text::trim(s, std::string_view(" \t\0", 3));
 }
 
 // A plain decimal number and nothing else; a comma may stand for the point.

@@ -1,7 +1,7 @@
 // SPDX-License-Identifier: GPL-3.0-or-later
 #include "library/Track.h"
 
-#include "library/FileStamp.h"
+#include "config/FileStamp.h"
 #include "media/AudioFileProbe.h"
 #include "media/TagLibFile.h"
 #include "text/Text.h"

@@ -32,9 +32,9 @@ AudioEngine::AudioEngine(Poster post, OutputFactory outputs)
       equalizer_(std::make_unique<Equalizer>()), core_(std::make_unique<RenderCore>(*equalizer_)) {
     // In the body: alive_ is built after the initialisers run.
     worker_ = std::make_unique<DecoderWorker>(
-        [post = post_, alive = std::weak_ptr<char>(alive_), self = this](std::string message) {
+        [post = post_, alive = alive_.watch(), self = this](std::string message) {
             post([alive, self, message = std::move(message)] {
-                if (alive.lock() && self->onError) self->onError(message);
+                if (alive && self->onError) self->onError(message);
             });
         });
 }
@@ -146,9 +146,9 @@ void AudioEngine::loadInBackground(const std::string& path, Task alsoThere, Load
     auto p = makePrepared(path);
     p->alsoThere = std::move(alsoThere);
     p->countLength = true; // nothing plays meanwhile
-    std::weak_ptr<char> alive = alive_;
+    const auto alive = alive_.watch();
     p->onReady = [alive, self = this, request, done, path] {
-        if (!alive.lock() || request != self->loadCount_) return;
+        if (!alive || request != self->loadCount_) return;
         std::optional<AudioFormatInfo> info;
         try {
             info = self->load(path); // takes the prepared file
@@ -157,7 +157,7 @@ void AudioEngine::loadInBackground(const std::string& path, Task alsoThere, Load
         done(info);
     };
     p->onFailed = [alive, self = this, request, done] {
-        if (!alive.lock() || request != self->loadCount_) return;
+        if (!alive || request != self->loadCount_) return;
         self->setPrepared(nullptr);
         done(std::nullopt);
     };
@@ -169,13 +169,12 @@ std::shared_ptr<AudioEngine::Prepared> AudioEngine::makePrepared(const std::stri
     auto p = std::make_shared<Prepared>();
     p->path = path;
     p->transition = transition;
-    p->onReady = [alive = std::weak_ptr<char>(alive_), self = this] {
-        if (alive.lock()) self->armCrossfade();
+    p->onReady = [alive = alive_.watch(), self = this] {
+        if (alive) self->armCrossfade();
     };
     p->post = post_;
-    p->onFailed = [alive = std::weak_ptr<char>(alive_), self = this,
-                   weak = std::weak_ptr<Prepared>(p)] {
-        if (alive.lock())
+    p->onFailed = [alive = alive_.watch(), self = this, weak = std::weak_ptr<Prepared>(p)] {
+        if (alive)
             if (auto prepared = weak.lock()) self->preparedFailed(prepared);
     };
     return p;
@@ -232,9 +231,8 @@ void AudioEngine::preparedFailed(const std::shared_ptr<Prepared>& prepared) {
 }
 
 void AudioEngine::announceJoin(const std::string& path) {
-    post_([alive = std::weak_ptr<char>(alive_), self = this, path, loads = loadCount_] {
-        if (alive.lock() && self->loadCount_ == loads && self->onTrackJoined)
-            self->onTrackJoined(path);
+    post_([alive = alive_.watch(), self = this, path, loads = loadCount_] {
+        if (alive && self->loadCount_ == loads && self->onTrackJoined) self->onTrackJoined(path);
     });
 }
 
@@ -281,8 +279,8 @@ void AudioEngine::catchUpJoins(bool deliverNow) {
         }
     }
     if (lengthLearnt && joined.empty())
-        post_([alive = std::weak_ptr<char>(alive_), self = this] {
-            if (alive.lock() && self->onDurationChanged) self->onDurationChanged();
+        post_([alive = alive_.watch(), self = this] {
+            if (alive && self->onDurationChanged) self->onDurationChanged();
         });
 }
 
@@ -312,13 +310,16 @@ void AudioEngine::play() {
     const double rate = file_->format.sampleRate;
     // The stop time is always within the file; should it ever not be, play from the
     // start rather than from a nonsensical frame.
+    // A length of 0 is not known yet (a joined track whose end is still to be decoded):
+    // its position is kept as it is.
+    const bool known = file_->frames > 0;
     const double product = stoppedAt_ * rate;
     const bool valid = std::isfinite(product) && product >= 0;
     const auto startFrame = !valid ? int64_t{0}
-                            : product >= static_cast<double>(file_->frames)
+                            : known && product >= static_cast<double>(file_->frames)
                                 ? file_->frames
                                 : static_cast<int64_t>(product);
-    if (startFrame >= file_->frames && file_->frames > 0) { // 0: not known yet
+    if (known && startFrame >= file_->frames) {
         finishTrack();
         return;
     }
@@ -359,19 +360,19 @@ std::shared_ptr<AudioEngine::Segment> AudioEngine::makeSegment(const LoadedFile&
     seg->output = output_;
     seg->post = post_;
     seg->gain = gain;
-    std::weak_ptr<char> alive = alive_;
+    const auto alive = alive_.watch();
     const uint64_t id = seg->id;
     seg->onFinished = [alive, self = this, gen = generation_, id] {
-        if (alive.lock()) self->completionArrived(gen, id);
+        if (alive) self->completionArrived(gen, id);
     };
     seg->onProgress = [alive, self = this, gen = generation_, id] {
-        if (alive.lock()) self->progressArrived(gen, id);
+        if (alive) self->progressArrived(gen, id);
     };
     seg->onCrossfade = [alive, self = this, id] {
-        if (alive.lock()) self->crossfadeArrived(id);
+        if (alive) self->crossfadeArrived(id);
     };
     seg->onFaded = [alive, self = this, id] {
-        if (alive.lock()) self->fadedArrived(id);
+        if (alive) self->fadedArrived(id);
     };
     return seg;
 }
@@ -469,7 +470,8 @@ void AudioEngine::seek(double seconds) {
     // fade, with the new position right behind it.
     stopStep(seekFadeSeconds);
     if (std::isnan(seconds)) seconds = 0;
-    stoppedAt_ = std::min(std::max(seconds, 0.0), std::max(duration() - 0.05, 0.0));
+    stoppedAt_ = std::max(seconds, 0.0);
+    if (file_->frames > 0) stoppedAt_ = std::min(stoppedAt_, std::max(duration() - 0.05, 0.0));
     if (wasPlaying) play();
 }
 

@@ -1,6 +1,7 @@
 // SPDX-License-Identifier: GPL-3.0-or-later
 #pragma once
 
+#include "config/LifeToken.h"
 #include "playback/AudioFormatInfo.h"
 #include "playback/AudioOutput.h"
 #include "playback/Equalizer.h"
@@ -199,7 +200,7 @@ private:
     int64_t generation_ = 0;
     bool isPlaying_ = false;
     bool outputMissing_ = false;
-    std::shared_ptr<char> alive_ = std::make_shared<char>(0);
+    LifeToken alive_;
 };
 
 } // namespace trovan

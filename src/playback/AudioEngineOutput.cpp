@@ -40,15 +40,15 @@ void AudioEngine::connect(const OutputFormat& format) {
 }
 
 OutputEvents AudioEngine::outputEvents() {
-    auto recover = [post = post_, alive = std::weak_ptr<char>(alive_), self = this] {
+    auto recover = [post = post_, alive = alive_.watch(), self = this] {
         post([alive, self] {
-            if (alive.lock()) self->recoverFromConfigurationChange();
+            if (alive) self->recoverFromConfigurationChange();
         });
     };
-    auto availability = [post = post_, alive = std::weak_ptr<char>(alive_),
+    auto availability = [post = post_, alive = alive_.watch(),
                          self = this](bool available, const std::string& reason) {
         post([alive, self, available, reason] {
-            if (alive.lock()) self->outputAvailability(available, reason);
+            if (alive) self->outputAvailability(available, reason);
         });
     };
     return OutputEvents{recover, recover, availability};

@@ -1,8 +1,8 @@
 // SPDX-License-Identifier: GPL-3.0-or-later
 #pragma once
 
-#include "library/EQPreset.h"
-#include "library/Settings.h"
+#include "config/EQPreset.h"
+#include "config/Settings.h"
 
 #include <optional>
 #include <string>

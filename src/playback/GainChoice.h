@@ -2,8 +2,8 @@
 #pragma once
 // The loudness gain playback applies to one track, and how the player panel names it.
 
+#include "config/ReplayGainMode.h"
 #include "library/ReplayGain.h"
-#include "library/ReplayGainMode.h"
 
 #include <string>
 

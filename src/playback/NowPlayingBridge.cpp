@@ -1,10 +1,11 @@
 // SPDX-License-Identifier: GPL-3.0-or-later
 #include "playback/NowPlayingBridge.h"
+#include "config/LifeToken.h"
 
 #include "library/Track.h"
+#include "media/ArtworkCache.h"
+#include "media/Fingerprint.h"
 #include "media/Module.h"
-#include "playback/ArtworkCache.h"
-#include "playback/Fingerprint.h"
 #include "playback/NowPlayingService.h"
 
 #include <algorithm>
@@ -60,7 +61,7 @@ struct NowPlayingBridge::Impl final : NowPlayingRemote {
     std::shared_ptr<ArtworkCache> art;
     std::shared_ptr<const std::vector<std::uint8_t>> artBytes; // waiting for a connection
     std::shared_ptr<Handoff> handoff;
-    std::shared_ptr<char> alive = std::make_shared<char>(0);
+    LifeToken alive;
 
     void publish() {
         if (service) service->publish(state);
@@ -77,11 +78,11 @@ struct NowPlayingBridge::Impl final : NowPlayingRemote {
         if (!service || !artBytes || !env.background) return;
         const int generation = art->latest();
         env.background([art = art, bytes = artBytes, generation, post = env.post,
-                        alive = std::weak_ptr<char>(alive), this] {
+                        alive = alive.watch(), this] {
             auto file = art->write(generation, *bytes);
             if (!file) return;
             post([alive, this, art, generation, url = fileUrl(file->string())] {
-                if (!alive.lock() || generation != art->latest()) return;
+                if (!alive || generation != art->latest()) return;
                 state.artUrl = url;
                 publish();
             });
@@ -113,8 +114,8 @@ struct NowPlayingBridge::Impl final : NowPlayingRemote {
     }
     void quit() override {
         // After the reply has gone out.
-        env.post([alive = std::weak_ptr<char>(alive), this] {
-            if (alive.lock()) send(RemoteCommand::Kind::quit);
+        env.post([alive = alive.watch(), this] {
+            if (alive) send(RemoteCommand::Kind::quit);
         });
     }
     void playPause() override { send(RemoteCommand::Kind::togglePlay); }

@@ -5,7 +5,7 @@
 // carries out like key presses. Without a session bus, or when another Trovan already
 // owns the player's name, it does nothing and says nothing.
 
-#include "library/RepeatMode.h"
+#include "config/RepeatMode.h"
 #include "library/Track.h"
 #include "playback/PlaybackQueue.h"
 #include "playback/PlaybackState.h"

@@ -20,23 +20,23 @@ bool followsOnAlbum(const Track& a, const Track& b) {
 
 PlaybackController::PlaybackController(std::unique_ptr<AudioEngine> engine)
     : engine_(std::move(engine)), rng_(std::random_device{}()) {
-    std::weak_ptr<char> alive = alive_;
+    const auto alive = alive_.watch();
     engine_->onTrackEnd = [alive, self = this] {
-        if (alive.lock()) self->trackEnded();
+        if (alive) self->trackEnded();
     };
     engine_->onTrackJoined = [alive, self = this](const std::string& path) {
-        if (alive.lock()) self->joined(path);
+        if (alive) self->joined(path);
     };
     engine_->onNextFailed = [alive, self = this](const std::string& path) {
-        if (alive.lock()) self->nextFailed(path);
+        if (alive) self->nextFailed(path);
     };
     engine_->onDurationChanged = [alive, self = this] {
-        if (!alive.lock()) return;
+        if (!alive) return;
         self->state_.duration = self->engine_->duration();
         self->changed();
     };
     engine_->onError = [alive, self = this](const std::string& message) {
-        if (alive.lock() && self->onError) self->onError(message);
+        if (alive && self->onError) self->onError(message);
     };
 }
 
@@ -186,9 +186,9 @@ void PlaybackController::start(std::optional<std::string> path, std::size_t atte
     state_ = PlaybackState{std::move(known), false, std::nullopt, 0, {}};
     preparedAt_.reset();
     engine_->loadInBackground(wanted, std::move(alsoThere),
-                              [alive = std::weak_ptr<char>(alive_), self = this, request, wanted,
-                               read, attemptsLeft](std::optional<AudioFormatInfo> info) {
-                                  if (alive.lock() && request == self->startCount_)
+                              [alive = alive_.watch(), self = this, request, wanted, read,
+                               attemptsLeft](std::optional<AudioFormatInfo> info) {
+                                  if (alive && request == self->startCount_)
                                       self->started(wanted, std::move(info), std::move(*read),
                                                     attemptsLeft);
                               });

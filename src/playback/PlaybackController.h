@@ -1,6 +1,7 @@
 // SPDX-License-Identifier: GPL-3.0-or-later
 #pragma once
 
+#include "config/LifeToken.h"
 #include "library/Track.h"
 #include "playback/AudioEngine.h"
 #include "playback/PlaybackQueue.h"
@@ -144,7 +145,7 @@ private:
     bool loading_ = false;
     bool playWhenLoaded_ = true;
     uint64_t startCount_ = 0; // a load finishing after another start is stale
-    std::shared_ptr<char> alive_ = std::make_shared<char>(0);
+    LifeToken alive_;
 };
 
 } // namespace trovan

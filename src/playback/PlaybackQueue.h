@@ -1,7 +1,7 @@
 // SPDX-License-Identifier: GPL-3.0-or-later
 #pragma once
 
-#include "library/RepeatMode.h"
+#include "config/RepeatMode.h"
 
 #include <cstdint>
 #include <optional>

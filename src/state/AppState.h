@@ -5,8 +5,8 @@
 // the tag form, lyrics, scan progress and the status message. Only the controller
 // writes it; the views read it.
 
+#include "config/Settings.h"
 #include "library/LibraryIndex.h"
-#include "library/Settings.h"
 #include "playback/PlaybackQueue.h"
 #include "playback/PlaybackState.h"
 #include "state/TagForm.h"

@@ -1,8 +1,8 @@
 // SPDX-License-Identifier: GPL-3.0-or-later
 #include "state/CommandParser.h"
 
+#include "config/ReplayGainMode.h"
 #include "library/ReplayGain.h"
-#include "library/ReplayGainMode.h"
 #include "text/Text.h"
 
 #include <charconv>
@@ -10,22 +10,6 @@
 #include <vector>
 
 namespace trovan {
-
-namespace {
-
-bool isWhitespace(char c) {
-    return c == ' ' || c == '\t' || c == '\n' || c == '\r' || c == '\v' || c == '\f';
-}
-
-} // namespace
-
-std::string_view trimWhitespace(std::string_view s) {
-    while (!s.empty() && isWhitespace(s.front()))
-        s.remove_prefix(1);
-    while (!s.empty() && isWhitespace(s.back()))
-        s.remove_suffix(1);
-    return s;
-}
 
 std::string CommandError::message() const {
     switch (kind) {
@@ -62,7 +46,7 @@ std::optional<double> CommandParser::parseTime(std::string_view text) {
     if (pieces.empty() || pieces.size() > 3) return std::nullopt;
     double value = 0;
     for (std::string_view piece : pieces) {
-        auto number = parseNumber(trimWhitespace(piece));
+        auto number = parseNumber(text::trim(piece));
         if (!number || *number < 0) return std::nullopt;
         value = value * 60 + *number;
     }
@@ -82,7 +66,7 @@ CommandResult CommandParser::parseEqualizer(std::string_view argument) {
     if (lower == "on") return Action::eqEnabled(true);
     if (lower == "off") return Action::eqEnabled(false);
     if (lower.starts_with("save ")) {
-        std::string_view name = trimWhitespace(argument.substr(5));
+        std::string_view name = text::trim(argument.substr(5));
         if (name.empty()) return CommandError::missingArgument("nombre");
         return Action::eqSave(std::string(name));
     }
@@ -90,12 +74,12 @@ CommandResult CommandParser::parseEqualizer(std::string_view argument) {
 }
 
 CommandResult CommandParser::parse(std::string_view text) {
-    text = trimWhitespace(text);
+    text = text::trim(text);
     std::size_t space = text.find(' ');
     std::string word = text::lower(text.substr(0, space));
     std::string argument = space == std::string_view::npos
                                ? std::string()
-                               : unquote(trimWhitespace(text.substr(space + 1)));
+                               : unquote(text::trim(text.substr(space + 1)));
 
     if (word == "add" || word == "agregar") {
         if (argument.empty()) return CommandError::missingArgument("ruta");

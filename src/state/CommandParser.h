@@ -46,7 +46,4 @@ public:
     static std::optional<double> parseNumber(std::string_view text);
 };
 
-// Trims spaces, tabs and line breaks from both ends.
-std::string_view trimWhitespace(std::string_view s);
-
 } // namespace trovan

@@ -1,5 +1,6 @@
 // SPDX-License-Identifier: GPL-3.0-or-later
 #include "state/TagForm.h"
+#include "text/Text.h"
 
 namespace trovan {
 
@@ -16,10 +17,7 @@ std::string joinedValues(const PropertyMap& map, const std::string& key) {
 }
 
 std::string trimBlanks(const std::string& s) {
-    std::size_t a = s.find_first_not_of(" \t");
-    if (a == std::string::npos) return {};
-    std::size_t b = s.find_last_not_of(" \t");
-    return s.substr(a, b - a + 1);
+    return std::string(text::trim(s, " \t"));
 }
 } // namespace
 

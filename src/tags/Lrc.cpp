@@ -1,5 +1,6 @@
 // SPDX-License-Identifier: GPL-3.0-or-later
 #include "tags/Lrc.h"
+#include "text/Text.h"
 
 #include <algorithm>
 #include <cctype>
@@ -17,11 +18,7 @@ bool isDigit(char c) {
 }
 
 std::string_view trim(std::string_view s) {
-    while (!s.empty() && (s.front() == ' ' || s.front() == '\t'))
-        s.remove_prefix(1);
-    while (!s.empty() && (s.back() == ' ' || s.back() == '\t'))
-        s.remove_suffix(1);
-    return s;
+    return text::trim(s, " \t");
 }
 
 // Reads up to `most` digits from the front of `s`; absent when there is none.

@@ -1,14 +1,12 @@
 // SPDX-License-Identifier: GPL-3.0-or-later
 #include "tags/LyricsSource.h"
 
-#include "library/AppPaths.h"
+#include "config/AppPaths.h"
 #include "media/SyncedLyricsFrame.h"
 #include "media/TagLibFile.h"
 
 #include <algorithm>
 #include <cstdint>
-#include <fstream>
-#include <sys/stat.h>
 
 namespace trovan {
 
@@ -100,27 +98,13 @@ std::string LyricsSource::toUtf8(std::string bytes) {
 std::optional<std::string> LyricsSource::readSidecar(const std::string& audio,
                                                      std::string* problem) {
     const std::filesystem::path path = sidecarPath(audio);
-    struct stat st {};
-    if (::stat(path.c_str(), &st) != 0 || !S_ISREG(st.st_mode)) return std::nullopt;
-    if (static_cast<std::uint64_t>(st.st_size) > maxSidecarBytes) {
-        if (problem)
-            *problem =
-                "La letra " + path.filename().string() + " es demasiado grande (más de 4 MB)";
-        return std::nullopt;
-    }
-    std::ifstream in(path, std::ios::binary);
-    if (!in) return std::nullopt; // gone since: the tag's lyrics are shown instead
-    std::string bytes;
-    bytes.resize(maxSidecarBytes + 1);
-    in.read(bytes.data(), static_cast<std::streamsize>(bytes.size()));
-    bytes.resize(static_cast<std::size_t>(in.gcount()));
-    if (bytes.size() > maxSidecarBytes) {
-        if (problem)
-            *problem =
-                "La letra " + path.filename().string() + " es demasiado grande (más de 4 MB)";
-        return std::nullopt;
-    }
-    return toUtf8(std::move(bytes));
+    bool tooLarge = false;
+    auto bytes = AppPaths::readCapped(path, maxSidecarBytes, &tooLarge);
+    if (tooLarge && problem)
+        *problem = "La letra " + path.filename().string() + " es demasiado grande (más de 4 MB)";
+    // Gone or unreadable: the tag's lyrics are shown instead.
+    if (!bytes) return std::nullopt;
+    return toUtf8(std::move(*bytes));
 }
 
 LoadedLyrics LyricsSource::load(const std::string& audio) {

@@ -21,10 +21,7 @@ bool isBlank(char c) {
 }
 
 std::string trimBlanks(const std::string& s) {
-    const auto a = s.find_first_not_of(" \t");
-    if (a == std::string::npos) return {};
-    const auto b = s.find_last_not_of(" \t");
-    return s.substr(a, b - a + 1);
+    return std::string(text::trim(s, " \t"));
 }
 
 // Control characters other than the ones a value may hold (`allowed`).

@@ -1,7 +1,7 @@
 // SPDX-License-Identifier: GPL-3.0-or-later
 #include "tags/WriteJournal.h"
 
-#include "library/AppPaths.h"
+#include "config/AppPaths.h"
 #include "tags/Fd.h"
 #include "tags/SafeWrite.h"
 #include "tags/WriteSeam.h"
@@ -20,7 +20,6 @@
 namespace trovan {
 
 namespace {
-
 
 std::uint32_t crc32(std::string_view bytes) {
     std::uint32_t crc = 0xffffffffu;

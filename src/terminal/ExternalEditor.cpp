@@ -1,15 +1,14 @@
 // SPDX-License-Identifier: GPL-3.0-or-later
 #include "terminal/ExternalEditor.h"
 
+#include "config/AppPaths.h"
+
 #include <cerrno>
+#include <csignal>
 #include <cstdio>
 #include <cstdlib>
-#include <fcntl.h>
-#include <csignal>
-#include <fstream>
 #include <random>
 #include <spawn.h>
-#include <sstream>
 #include <sys/wait.h>
 #include <unistd.h>
 
@@ -40,40 +39,6 @@ std::string uuid() {
     return out;
 }
 
-// Written to a sibling first and renamed, so the editor never sees half a file.
-bool writeAtomically(const std::string& path, const std::string& text) {
-    const std::string temp = path + ".part";
-    int fd = ::open(temp.c_str(), O_WRONLY | O_CREAT | O_EXCL | O_CLOEXEC, 0600);
-    if (fd < 0) return false;
-    std::size_t done = 0;
-    bool ok = true;
-    while (done < text.size()) {
-        ssize_t n = ::write(fd, text.data() + done, text.size() - done);
-        if (n < 0 && errno == EINTR) continue;
-        if (n <= 0) {
-            ok = false;
-            break;
-        }
-        done += static_cast<std::size_t>(n);
-    }
-    ok = ::fsync(fd) == 0 && ok;
-    ok = ::close(fd) == 0 && ok;
-    if (!ok || ::rename(temp.c_str(), path.c_str()) != 0) {
-        ::unlink(temp.c_str());
-        return false;
-    }
-    return true;
-}
-
-std::optional<std::string> readAll(const std::string& path) {
-    std::ifstream in(path, std::ios::binary);
-    if (!in) return std::nullopt;
-    std::ostringstream out;
-    out << in.rdbuf();
-    if (in.bad()) return std::nullopt;
-    return out.str();
-}
-
 bool onPath(const std::string& program) {
     const std::string path = env("PATH");
     std::size_t start = 0;
@@ -100,7 +65,8 @@ std::optional<std::string> ExternalEditor::edit(const std::string& text,
     std::string dir = env("TMPDIR");
     if (dir.empty()) dir = "/tmp";
     const std::string path = dir + "/trovan-" + uuid() + "-" + fileName;
-    if (!writeAtomically(path, text)) return std::nullopt;
+    // Private: the folder is shared. Written whole before the editor sees it.
+    if (!AppPaths::writeAtomically(path, text, 0600)) return std::nullopt;
     struct Remove {
         const std::string& path;
         ~Remove() { ::unlink(path.c_str()); }
@@ -126,7 +92,8 @@ std::optional<std::string> ExternalEditor::edit(const std::string& text,
     // when the editor stops we stop with it, so the shell gets the terminal back and `fg`
     // resumes both.
     struct IgnoreWhileEditing {
-        struct sigaction oldStop {}, oldInt {};
+        struct sigaction oldStop {
+        }, oldInt{};
         IgnoreWhileEditing() {
             struct sigaction ignore {};
             ignore.sa_handler = SIG_IGN;
@@ -174,7 +141,7 @@ std::optional<std::string> ExternalEditor::edit(const std::string& text,
     }
     // The editor's exit status is not looked at: one that exits with an error may still
     // have saved the file.
-    auto edited = readAll(path);
+    auto edited = AppPaths::readCapped(path, maxBytes);
     takeBack();
     if (!edited || *edited == text) return std::nullopt;
     return edited;

@@ -7,6 +7,7 @@
 
 #include "terminal/Terminal.h"
 
+#include <cstdint>
 #include <optional>
 #include <string>
 
@@ -14,6 +15,9 @@ namespace trovan {
 
 class ExternalEditor {
 public:
+    // Larger edited text is not taken back.
+    static constexpr std::uintmax_t maxBytes = 64u << 20;
+
     // The edited text, or none when it is unchanged or anything failed. The temporary
     // file ("trovan-<UUID>-" + fileName in $TMPDIR) is always removed, and the terminal
     // is always back in the full-screen session when this returns; the caller redraws

@@ -411,4 +411,10 @@ std::string counted(long long n, std::string_view one, std::string_view many) {
     return out;
 }
 
+std::string_view trim(std::string_view s, std::string_view blanks) {
+    const auto first = s.find_first_not_of(blanks);
+    if (first == std::string_view::npos) return {};
+    return s.substr(first, s.find_last_not_of(blanks) - first + 1);
+}
+
 } // namespace trovan::text

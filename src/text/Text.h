@@ -28,6 +28,9 @@ private:
     bool ascii_ = true;
 };
 
+// `s` without the `blanks` at either end.
+std::string_view trim(std::string_view s, std::string_view blanks = " \t\n\r\v\f");
+
 // Byte offsets of every cluster boundary, 0 and s.size() included.
 std::vector<std::size_t> graphemeBoundaries(std::string_view s);
 // Number of clusters.
@@ -51,7 +54,9 @@ std::string lower(std::string_view s);
 // Three-way comparison on code points, where runs of ASCII digits compare as numbers
 // ("2" before "10"). Returns <0, 0 or >0.
 int compareNumeric(std::string_view a, std::string_view b);
-inline bool lessNumeric(std::string_view a, std::string_view b) { return compareNumeric(a, b) < 0; }
+inline bool lessNumeric(std::string_view a, std::string_view b) {
+    return compareNumeric(a, b) < 0;
+}
 
 // True if the first scalar of the cluster has a Unicode numeric type.
 bool isNumeric(std::string_view cluster);

@@ -17,10 +17,6 @@ namespace trovan {
 
 class CoverArtRenderer {
 public:
-    // The picture embedded in the file, else a cover image beside it (cover.jpg,
-    // folder.png, …). Absent when there is none.
-    static std::optional<std::vector<std::uint8_t>> imageData(const std::string& path);
-
     // columns × (2 · rows) pixels, row-major from the top: the picture turned upright,
     // scaled to fill and centre-cropped, its transparent parts showing `background` (the
     // colour of the place it is drawn). Absent when the bytes are not a picture or the

@@ -5,9 +5,9 @@
 
 #include "app/AppController.h"
 #include "app/WorkerPool.h"
+#include "config/SettingsStore.h"
 #include "library/LibraryStore.h"
 #include "library/QueueFile.h"
-#include "library/SettingsStore.h"
 #include "playback/NullOutput.h"
 #include "playback/PlaybackController.h"
 #include "support/Fixtures.h"

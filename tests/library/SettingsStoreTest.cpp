@@ -1,6 +1,6 @@
 // SPDX-License-Identifier: GPL-3.0-or-later
-#include "library/SettingsStore.h"
-#include "library/AppPaths.h"
+#include "config/SettingsStore.h"
+#include "config/AppPaths.h"
 #include "support/TempDir.h"
 
 #include <gtest/gtest.h>

@@ -2,7 +2,7 @@
 // File URLs both ways, as clients send and receive them.
 
 #include "playback/NowPlayingBridge.h"
-#include "playback/ArtworkCache.h"
+#include "media/ArtworkCache.h"
 #include "support/TempDir.h"
 
 #include <gtest/gtest.h>

@@ -1,5 +1,6 @@
 // SPDX-License-Identifier: GPL-3.0-or-later
 #include "ui/CoverArtRenderer.h"
+#include "media/CoverFile.h"
 
 #include "Fixtures.h"
 #include "support/TempDir.h"
@@ -168,18 +169,18 @@ TEST_F(CoverArtRendererTest, FolderImagesFollowTheNamesInOrder) {
         {"Album.bmp", write("Album.bmp", 4)},
         {"artwork.gif", write("artwork.gif", 5)}};
     for (const auto& [name, bytes] : ranked) {
-        EXPECT_EQ(CoverArtRenderer::imageData(track), bytes) << name;
+        EXPECT_EQ(CoverFile::read(track), bytes) << name;
         std::filesystem::remove(album / name);
     }
-    EXPECT_FALSE(CoverArtRenderer::imageData(track));
+    EXPECT_FALSE(CoverFile::read(track));
 
     // Every accepted extension; a cover that does not decode gives way to the next name.
     for (const std::string ext : {"jpg", "JPEG", "png", "WebP", "gif", "bmp"}) {
         const Bytes bytes = write("cover." + ext, 1);
-        EXPECT_EQ(CoverArtRenderer::imageData(track), bytes) << ext;
+        EXPECT_EQ(CoverFile::read(track), bytes) << ext;
         std::filesystem::remove(album / ("cover." + ext));
     }
     std::ofstream(album / "cover.jpg") << "no es una imagen";
-    EXPECT_EQ(CoverArtRenderer::imageData(track), write("folder.webp", 2));
-    EXPECT_FALSE(CoverArtRenderer::imageData((dir / "gone" / "01.mp3").string()));
+    EXPECT_EQ(CoverFile::read(track), write("folder.webp", 2));
+    EXPECT_FALSE(CoverFile::read((dir / "gone" / "01.mp3").string()));
 }

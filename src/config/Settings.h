@@ -2,9 +2,9 @@
 #pragma once
 // The user's choices kept between runs in config.json.
 
-#include "library/EQPreset.h"
-#include "library/RepeatMode.h"
-#include "library/ReplayGainMode.h"
+#include "config/EQPreset.h"
+#include "config/RepeatMode.h"
+#include "config/ReplayGainMode.h"
 
 #include <string>
 #include <vector>

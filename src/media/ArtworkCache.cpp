@@ -1,8 +1,8 @@
 // SPDX-License-Identifier: GPL-3.0-or-later
-#include "playback/ArtworkCache.h"
+#include "media/ArtworkCache.h"
 
-#include "library/AppPaths.h"
-#include "playback/Fingerprint.h"
+#include "config/AppPaths.h"
+#include "media/Fingerprint.h"
 
 #include <algorithm>
 #include <string>

@@ -4,7 +4,7 @@
 // keys, written atomically (through a symbolic link, when config.json is one). Reading
 // never fails: anything unusable gives the defaults, key by key.
 
-#include "library/Settings.h"
+#include "config/Settings.h"
 
 #include <chrono>
 #include <filesystem>

@@ -1,7 +1,7 @@
 // SPDX-License-Identifier: GPL-3.0-or-later
-#include "library/SettingsStore.h"
+#include "config/SettingsStore.h"
 
-#include "library/AppPaths.h"
+#include "config/AppPaths.h"
 #include "text/Text.h"
 
 #include <nlohmann/json.hpp>
@@ -12,9 +12,7 @@
 #include <condition_variable>
 #include <csignal>
 #include <cstring>
-#include <fstream>
 #include <mutex>
-#include <sstream>
 #include <thread>
 
 namespace trovan {
@@ -120,16 +118,9 @@ struct FileRead {
 };
 
 FileRead readFile(const fs::path& url) {
-    std::error_code ec;
-    const auto size = fs::file_size(url, ec);
-    if (ec) return {};
-    if (size > kMaxFileBytes) return {std::nullopt, true};
-    std::ifstream in(url, std::ios::binary);
-    if (!in) return {};
-    std::ostringstream buf;
-    buf << in.rdbuf();
-    if (in.bad()) return {};
-    return {buf.str(), false};
+    FileRead read;
+    read.text = AppPaths::readCapped(url, kMaxFileBytes, &read.unusable);
+    return read;
 }
 
 } // namespace

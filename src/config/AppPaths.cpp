@@ -1,9 +1,10 @@
 // SPDX-License-Identifier: GPL-3.0-or-later
-#include "library/AppPaths.h"
+#include "config/AppPaths.h"
 
 #include <cerrno>
 #include <cstdlib>
 #include <fcntl.h>
+#include <fstream>
 #include <pwd.h>
 #include <sys/stat.h>
 #include <unistd.h>
@@ -52,7 +53,8 @@ std::filesystem::path AppPaths::throughLinks(const std::filesystem::path& target
     return at; // a loop: the write fails on it with its own error
 }
 
-bool AppPaths::writeAtomically(const std::filesystem::path& link, std::string_view bytes) {
+bool AppPaths::writeAtomically(const std::filesystem::path& link, std::string_view bytes,
+                               unsigned newMode) {
     // A file that is a symbolic link (settings kept in a dotfiles repository) is written
     // where it points, and stays a link.
     const std::filesystem::path target = throughLinks(link);
@@ -78,7 +80,7 @@ bool AppPaths::writeAtomically(const std::filesystem::path& link, std::string_vi
     int fd = mkstemp(name.data());
     if (fd < 0) return false;
     // mkstemp makes the file private; keep the mode the target had, or the usual one.
-    mode_t mode = 0644;
+    mode_t mode = newMode;
     if (struct stat st{}; ::stat(target.c_str(), &st) == 0) mode = st.st_mode & 07777;
     bool ok = (writeAll(fd, bytes) || fail(errno)) && (fchmod(fd, mode) == 0 || fail(errno)) &&
               (fsync(fd) == 0 || fail(errno));
@@ -97,6 +99,27 @@ bool AppPaths::writeAtomically(const std::filesystem::path& link, std::string_vi
     ::unlink(name.data());
     errno = error;
     return false;
+}
+
+std::optional<std::string> AppPaths::readCapped(const std::filesystem::path& path,
+                                                std::uintmax_t cap, bool* tooLarge) {
+    if (tooLarge) *tooLarge = false;
+    std::error_code ec;
+    if (!std::filesystem::is_regular_file(path, ec)) return std::nullopt;
+    std::ifstream in(path, std::ios::binary);
+    std::string bytes;
+    char chunk[1 << 16];
+    // Read to the end rather than trust the size: the file may grow while it is read.
+    while (in && bytes.size() <= cap) {
+        in.read(chunk, sizeof chunk);
+        bytes.append(chunk, static_cast<std::size_t>(in.gcount()));
+    }
+    if (bytes.size() > cap) {
+        if (tooLarge) *tooLarge = true;
+        return std::nullopt;
+    }
+    if (in.bad() || !in.eof()) return std::nullopt;
+    return bytes;
 }
 
 } // namespace trovan

@@ -1,9 +1,12 @@
 // SPDX-License-Identifier: GPL-3.0-or-later
 #pragma once
-// Where the program keeps its data, and the one way it writes files that must never be
-// left half-written.
+// Where the program keeps its data, the one way it writes files that must never be left
+// half-written, and the one way it reads a whole file of bounded size.
 
+#include <cstdint>
 #include <filesystem>
+#include <optional>
+#include <string>
 #include <string_view>
 
 namespace trovan {
@@ -22,7 +25,13 @@ public:
     // it over the target, creating missing parent folders first. A target that is a
     // symbolic link is written where the link points. On failure the target is
     // untouched, the temporary file is removed, errno tells why and false is returned.
-    static bool writeAtomically(const std::filesystem::path& target, std::string_view bytes);
+    // A new file gets `newMode`.
+    static bool writeAtomically(const std::filesystem::path& target, std::string_view bytes,
+                                unsigned newMode = 0644);
+    // The bytes of the regular file at `path` when it holds at most `cap` of them. None
+    // when it is missing, not a regular file, unreadable or larger (then `tooLarge` is set).
+    static std::optional<std::string> readCapped(const std::filesystem::path& path,
+                                                 std::uintmax_t cap, bool* tooLarge = nullptr);
     // Where `path` ends up after following symbolic links (itself when it is none).
     static std::filesystem::path throughLinks(const std::filesystem::path& path);
 };
