@@ -1,6 +1,7 @@
 // SPDX-License-Identifier: GPL-3.0-or-later
 #pragma once
 
+#include "config/FileStamp.h"
 #include "config/LifeToken.h"
 #include "playback/AudioFormatInfo.h"
 #include "playback/AudioOutput.h"
@@ -130,16 +131,16 @@ public:
     class DecoderWorker;
 
 private:
-    // What tells a rewritten file (a tag write, a replacement) from the one opened.
-    struct FileStamp {
-        int64_t modified = 0; // nanoseconds
-        uint64_t size = 0;
+    // What tells a rewritten file (a tag write, a replacement) from the one opened: its
+    // stamp, and which file it is.
+    struct FileCheck {
+        FileStamp stamp;
         uint64_t device = 0, inode = 0;
         bool known = false;
-        bool operator==(const FileStamp&) const = default;
-        bool sameFileAs(const FileStamp& o) const { return device == o.device && inode == o.inode; }
-        static FileStamp of(const std::string& path);
-        bool changedTo(const FileStamp& now) const { return known && now.known && !(now == *this); }
+        bool operator==(const FileCheck&) const = default;
+        bool sameFileAs(const FileCheck& o) const { return device == o.device && inode == o.inode; }
+        static FileCheck of(const std::string& path);
+        bool changedTo(const FileCheck& now) const { return known && now.known && !(now == *this); }
     };
     struct LoadedFile {
         std::shared_ptr<AudioDecoder> decoder;
@@ -148,7 +149,7 @@ private:
         bool exactLength = true;
         OutputFormat format;
         AudioFormatInfo info;
-        FileStamp stamp;
+        FileCheck stamp;
     };
     // Without `countUnknownLength` a file whose container gives no length is not
     // decoded through to count it: its length is learnt when its end is decoded.

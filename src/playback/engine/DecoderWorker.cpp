@@ -13,20 +13,19 @@ namespace trovan {
 
 using namespace engine;
 
-AudioEngine::FileStamp AudioEngine::FileStamp::of(const std::string& path) {
-    FileStamp stamp;
+AudioEngine::FileCheck AudioEngine::FileCheck::of(const std::string& path) {
+    FileCheck check;
     struct stat st {};
-    if (::stat(path.c_str(), &st) != 0) return stamp;
-    stamp.modified = int64_t(st.st_mtim.tv_sec) * 1000000000 + st.st_mtim.tv_nsec;
-    stamp.size = uint64_t(st.st_size);
-    stamp.device = uint64_t(st.st_dev);
-    stamp.inode = uint64_t(st.st_ino);
-    stamp.known = true;
-    return stamp;
+    if (::stat(path.c_str(), &st) != 0) return check;
+    check.stamp = {FileStamp::seconds(st.st_mtim), int64_t(st.st_size)};
+    check.device = uint64_t(st.st_dev);
+    check.inode = uint64_t(st.st_ino);
+    check.known = true;
+    return check;
 }
 
 AudioEngine::LoadedFile AudioEngine::openFile(const std::string& path, bool countUnknownLength) {
-    const auto stamp = FileStamp::of(path); // before opening: a write after it shows
+    const auto stamp = FileCheck::of(path); // before opening: a write after it shows
     auto decoder = std::make_shared<AudioDecoder>(path);
     int64_t frames = decoder->frames();
     bool exact = decoder->lengthIsExact();
@@ -146,7 +145,7 @@ bool AudioEngine::DecoderWorker::joinNext(Segment& s) {
         return false;
     }
     // Rewritten since it was opened (a tag write, a replaced file): open it again.
-    if (p->file.stamp.changedTo(FileStamp::of(p->path))) {
+    if (p->file.stamp.changedTo(FileCheck::of(p->path))) {
         try {
             p->file = AudioEngine::openFile(p->path, false);
         } catch (const std::exception&) {
@@ -173,7 +172,7 @@ bool AudioEngine::DecoderWorker::joinNext(Segment& s) {
 // A tag write can rewrite the file being played in place, moving the audio under
 // the open decoder: open it again and carry on from the same frame.
 void AudioEngine::DecoderWorker::reopenIfRewritten(Segment& s) {
-    const auto now = FileStamp::of(s.source->path());
+    const auto now = FileCheck::of(s.source->path());
     if (!s.sourceStamp.changedTo(now)) return;
     const bool replaced = !now.sameFileAs(s.sourceStamp);
     s.sourceStamp = now; // once per change, whatever comes of it

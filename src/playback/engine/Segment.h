@@ -40,7 +40,7 @@ struct AudioEngine::Segment {
     int channels = 2;
     OutputFormat format;
     bool exactLength = true;
-    FileStamp stamp;
+    FileCheck stamp;
     std::shared_ptr<AudioDecoder> decoder;
     std::weak_ptr<AudioOutput> output;
     Task onFinished;
@@ -91,7 +91,7 @@ struct AudioEngine::Segment {
     bool crossfadePosted = false;
     bool fadedPosted = false;
     std::shared_ptr<AudioDecoder> source; // the file being decoded now
-    FileStamp sourceStamp;
+    FileCheck sourceStamp;
     int64_t sourceEnd = 0;
     bool sourceExact = true;
     int64_t decodedTo = 0; // in the source's frames
