@@ -27,6 +27,24 @@ install(FILES ${doc_out}/trovan.1.gz DESTINATION ${CMAKE_INSTALL_MANDIR}/man1)
 install(FILES doc/trovan.desktop DESTINATION ${CMAKE_INSTALL_DATADIR}/applications)
 install(FILES doc/copyright ${doc_out}/changelog.gz DESTINATION ${CMAKE_INSTALL_DOCDIR})
 
+# The compiler's notes (.comment) have no place in installed binaries; the C runtime's
+# objects bring them even with -fno-ident. This runs after every other install rule.
+if(CMAKE_OBJCOPY)
+  install(CODE "set(trovan_objcopy \"${CMAKE_OBJCOPY}\")
+    set(trovan_module_dir \"${TROVAN_INSTALL_MODULE_DIR}\")")
+  install(CODE [[
+    set(root "$ENV{DESTDIR}${CMAKE_INSTALL_PREFIX}")
+    file(GLOB installed "${root}/bin/trovan" "${root}/${trovan_module_dir}/*.so")
+    foreach(binary IN LISTS installed)
+      execute_process(COMMAND "${trovan_objcopy}" --remove-section=.comment "${binary}"
+                      RESULT_VARIABLE status)
+      if(NOT status EQUAL 0)
+        message(FATAL_ERROR "objcopy failed on ${binary}")
+      endif()
+    endforeach()
+  ]])
+endif()
+
 # The package's version is the project's; the changelog must name it in its first entry.
 file(STRINGS doc/changelog changelog_head LIMIT_COUNT 1)
 if(NOT changelog_head MATCHES "^trovan \\(${PROJECT_VERSION}\\) ")

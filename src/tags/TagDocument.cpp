@@ -265,7 +265,9 @@ TagDocument::Parsed TagDocument::parse(const std::string& text,
     if (!out.problems.empty()) return out;
 
     TagPatch& patch = out.patch;
-    for (const auto& [key, list] : values) {
+    for (const auto& entry : values) {
+        const auto& key = entry.first; // named, not bound: lambdas below capture them
+        const auto& list = entry.second;
         // The document shows a missing key as an empty line: left empty, it stays missing.
         const bool blank = list == std::vector<std::string>{""};
         const bool unchanged =
