@@ -183,7 +183,7 @@ TEST(TaggerFiles, EditedFramesKeepDescriptionLanguageAndEncoding) {
     TagEditor editor(nullptr);
     const auto file = taggerFile(fx::Format::mp3, dir.path(), "mp3");
     TagPatch patch;
-    patch.changes["COMMENT:ITUNNORM"] = {" 1111"};
+    patch.changes["COMMENT:ITUNNORM"] = {" 1111", " 2222"}; // a second frame, added
     patch.changes["COMMENT"] = {"borrar", "Anderer"}; // the second of two frames
     patch.changes["URL:TIENDA"] = {"https://example.org/otro"};
     patch.changes["CATALOGNUMBER"] = {"ABC-1"};
@@ -199,6 +199,7 @@ TEST(TaggerFiles, EditedFramesKeepDescriptionLanguageAndEncoding) {
         return false;
     };
     has("id3v2 COMM", "enc 1 lang 656e67 desc iTunNORM  1111");
+    has("id3v2 COMM", "enc 1 lang 656e67 desc iTunNORM  2222");
     has("id3v2 COMM", "enc 1 lang 656e67 desc iTunSMPB  00000000 00000210 000007E4 ");
     has("id3v2 COMM", "enc 0 lang 646575 desc  Anderer");
     has("id3v2 WXXX", "enc 0 desc Tienda https://example.org/otro");
