@@ -115,8 +115,12 @@ std::string KeyBindings::label(const Key& key) {
         return key.text == " " ? "Espacio" : key.text;
     case K::ctrl:
         return "Ctrl+" + text::upper(key.text);
-    case K::function:
-        return "F" + std::to_string(key.number);
+    case K::function: {
+        // Appended rather than "F" + string: GCC 12's -Wrestrict misreads that insert.
+        std::string name = "F";
+        name += std::to_string(key.number);
+        return name;
+    }
     case K::enter:
         return "Enter";
     case K::tab:
