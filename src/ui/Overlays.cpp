@@ -48,8 +48,14 @@ void Overlays::frame(int x, int y, int width, int height, std::string_view title
     buffer.put(Glyph("╰", 1), x, bottom, border);
     buffer.put(Glyph("╯", 1), right, bottom, border);
     if (width < 4 || height < 2) return;
-    buffer.text(" " + std::string(titleText) + " ", x + 2, y, width - 4, title);
-    buffer.text(" " + std::string(footer) + " ", x + 2, bottom, width - 4, secondary);
+    // Built by appending: GCC 12's -Wrestrict misreads " " + std::string(...) in Release.
+    auto padded = [](std::string_view s) {
+        std::string out(1, ' ');
+        out.append(s).push_back(' ');
+        return out;
+    };
+    buffer.text(padded(titleText), x + 2, y, width - 4, title);
+    buffer.text(padded(footer), x + 2, bottom, width - 4, secondary);
 }
 
 Rect Overlays::helpBox(int W, int H, int* columnsOut, int* linesOut) {
