@@ -26,7 +26,10 @@ std::string describe(const InputEvent& e) {
                                                                     : "(" + k->text + ")");
     if (auto* p = std::get_if<Paste>(&e)) return "paste(" + p->text + ")";
     const auto& m = std::get<MouseEvent>(e);
-    return mice[static_cast<int>(m.kind)] + ("@" + std::to_string(m.x)) + "," + std::to_string(m.y);
+    // Appended, not "@" + std::string: GCC 12's -Wrestrict misreads that in Release.
+    std::string out = mice[static_cast<int>(m.kind)];
+    out.append("@").append(std::to_string(m.x)).append(",").append(std::to_string(m.y));
+    return out;
 }
 
 // Feeds each read in turn to one decoder and returns the events of all of them.
