@@ -131,7 +131,9 @@ TEST_F(PlaylistTest, ExportedListsKeepWorkingWhenTheFolderMovesWithTheMusic) {
     EXPECT_EQ(text, "#EXTM3U\n#EXTINF:62,Alfa - Uno\nAlfa/01 Uno.flac\n"
                     "#EXTINF:-1,Línea rota\nBeta/a b#c.ogg\n");
     const std::string absolute = Playlist::write(entries, std::nullopt);
-    EXPECT_NE(absolute.find("\n" + at("music/Alfa/01 Uno.flac") + "\n"), std::string::npos);
+    // Appended, not "\n" + std::string: GCC 12's -Wrestrict misreads that in Release.
+    EXPECT_NE(absolute.find(std::string("\n").append(at("music/Alfa/01 Uno.flac")) + "\n"),
+              std::string::npos);
 
     // A name starting with '#' is written so it does not read as a comment.
     touch(root() / "music/#1.flac");

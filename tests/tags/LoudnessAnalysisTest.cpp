@@ -34,7 +34,8 @@ double ffmpegLufs(const std::vector<std::filesystem::path>& files) {
     std::string graph;
     for (std::size_t i = 0; i < files.size(); ++i) {
         argv.insert(argv.end(), {"-i", files[i].string()});
-        graph += "[" + std::to_string(i) + ":a]";
+        // Appended: "[" + std::string trips GCC 12's -Wrestrict in Release.
+        graph.append("[").append(std::to_string(i)).append(":a]");
     }
     graph += "concat=n=" + std::to_string(files.size()) +
              ":v=0:a=1,ebur128=metadata=1,ametadata=mode=print:key=lavfi.r128.I";
