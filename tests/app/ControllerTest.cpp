@@ -482,10 +482,12 @@ TEST(ControllerEditing, CoversLyricsAndTheFormKeepThePlayingTrackAndCountTheFile
         tone.seconds = 2;
         tone.tags = {{"ARTIST", {"Ana"}},
                      {"ALBUM", {"Disco"}},
-                     {"TITLE", {"t" + std::to_string(i)}},
+                     {"TITLE", {std::string("t").append(std::to_string(i))}},
                      {"TRACKNUMBER", {std::to_string(i + 1)}}};
         auto file = fixtures::copyTo(
-            fixtures::cached("controller-edit-" + std::to_string(i) + ".flac", tone), music);
+            fixtures::cached(std::string("controller-edit-").append(std::to_string(i)) + ".flac",
+                             tone),
+            music);
         paths.push_back(file.string());
         tracks.push_back(*Track::read(file.string()));
     }

@@ -120,11 +120,12 @@ public:
         std::ofstream(run_ / "run.sh") << kWrapper;
         std::string command =
             "sh " + shellQuote((run_ / "run.sh").string()) + " " + shellQuote(run_.string());
+        // Appended, not " " + std::string: GCC 12's -Wrestrict misreads that in Release.
         for (const auto& a : launcher)
-            command += " " + shellQuote(a);
-        command += " " + shellQuote(TROVAN_BINARY);
+            command.append(" ").append(shellQuote(a));
+        command.append(" ").append(shellQuote(TROVAN_BINARY));
         for (const auto& a : args)
-            command += " " + shellQuote(a);
+            command.append(" ").append(shellQuote(a));
         tmux("-f /dev/null new-session -d -s t -x " + std::to_string(width) + " -y " +
              std::to_string(height) + " -e COLORTERM=truecolor -e TROVAN_HOME=" +
              shellQuote(home().string()) + privateHome() + extraEnvironment() +

@@ -47,7 +47,7 @@ TEST(KeyBindings, ManualPageListsWhatTheHelpLists) {
     auto plain = [](std::string s) {
         if (s.size() >= 2 && s.front() == '"' && s.back() == '"') s = s.substr(1, s.size() - 2);
         for (std::size_t p; (p = s.find("\\-")) != std::string::npos;)
-            s.replace(p, 2, "-");
+            s.erase(p, 1); // "\\-" is a dash
         return s;
     };
     std::vector<HelpLine> listed;

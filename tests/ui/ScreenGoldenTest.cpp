@@ -52,8 +52,9 @@ std::string dump(const Frame& f) {
             if (i == std::ssize(seen)) seen.push_back(c.style);
             style += letters.at(static_cast<std::size_t>(i));
         }
-        chars += "|" + trimmed(text, ' ') + "\n";
-        styles += "|" + trimmed(style, '.') + "\n";
+        // Appended, not "|" + std::string: GCC 12's -Wrestrict misreads that in Release.
+        chars.append("|").append(trimmed(text, ' ')).append("\n");
+        styles.append("|").append(trimmed(style, '.')).append("\n");
     }
     std::string out =
         "size " + std::to_string(b.width()) + "x" + std::to_string(b.height()) + ", cursor " +
