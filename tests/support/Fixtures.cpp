@@ -32,19 +32,6 @@ namespace trovan::fixtures {
 
 namespace {
 
-// Runs ffmpeg on a generated input (lavfi source) with space-separated options.
-void ffmpeg(const std::string& source, const std::string& options, const fs::path& out) {
-    std::vector<std::string> argv = {"ffmpeg", "-nostdin", "-v", "error", "-y",
-                                     "-f",     "lavfi",    "-i", source};
-    std::istringstream words(options);
-    for (std::string w; words >> w;)
-        argv.push_back(w);
-    argv.push_back(out.string());
-    auto r = runProcess(argv);
-    if (r.status != 0)
-        throw std::runtime_error("ffmpeg failed on " + out.string() + "\n" + r.errors);
-}
-
 std::string number(double v) {
     std::ostringstream s;
     s.imbue(std::locale::classic());
@@ -244,6 +231,18 @@ std::string extension(Format f) {
 
 std::string name(Format f) {
     return kFormats[static_cast<int>(f)].name;
+}
+
+void ffmpeg(const std::string& source, const std::string& options, const fs::path& out) {
+    std::vector<std::string> argv = {"ffmpeg", "-nostdin", "-v", "error", "-y",
+                                     "-f",     "lavfi",    "-i", source};
+    std::istringstream words(options);
+    for (std::string w; words >> w;)
+        argv.push_back(w);
+    argv.push_back(out.string());
+    auto r = runProcess(argv);
+    if (r.status != 0)
+        throw std::runtime_error("ffmpeg failed on " + out.string() + "\n" + r.errors);
 }
 
 bool available() {

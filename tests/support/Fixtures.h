@@ -56,6 +56,9 @@ struct Tone {
 
 // True when the ffmpeg and ffprobe tools are installed.
 bool available();
+// Runs the ffmpeg tool on a generated (lavfi) `source` with space-separated `options`.
+void ffmpeg(const std::string& source, const std::string& options,
+            const std::filesystem::path& out);
 // Writes `tone` as dir/fileName (used verbatim; the container comes from the format).
 std::filesystem::path write(const std::filesystem::path& dir, const std::string& fileName,
                             const Tone& tone);

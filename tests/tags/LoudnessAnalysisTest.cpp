@@ -17,17 +17,6 @@ namespace fx = trovan::fixtures;
 
 namespace {
 
-void ffmpeg(const std::string& source, const std::filesystem::path& out,
-            const std::string& extra = "") {
-    std::vector<std::string> argv = {"ffmpeg", "-nostdin", "-v", "error", "-y",
-                                     "-f",     "lavfi",    "-i", source};
-    std::istringstream words(extra);
-    for (std::string w; words >> w;)
-        argv.push_back(w);
-    argv.push_back(out.string());
-    ASSERT_EQ(fx::runProcess(argv).status, 0) << source;
-}
-
 // FFmpeg's integrated loudness of the files played one after the other.
 double ffmpegLufs(const std::vector<std::filesystem::path>& files) {
     std::vector<std::string> argv = {"ffmpeg", "-nostdin", "-hide_banner", "-nostats"};
@@ -64,10 +53,10 @@ TEST(LoudnessAnalysis, AgreesWithFFmpegAndWritesReplayGainTwoTags) {
     fx::TempDir dir;
     const auto sine = dir / "sine.flac", pink = dir / "pink.flac", shortTone = dir / "short.flac",
                silence = dir / "silence.flac";
-    ffmpeg("aevalsrc=0.1*sin(2*PI*1000*t)|0.1*sin(2*PI*1000*t):s=44100:d=6", sine);
-    ffmpeg("anoisesrc=color=pink:amplitude=0.0316:d=6:r=44100:seed=7", pink, "-ac 2");
-    ffmpeg("aevalsrc=0.5*sin(2*PI*440*t):s=44100:d=0.3", shortTone);
-    ffmpeg("anullsrc=r=44100:cl=stereo", silence, "-t 2");
+    fx::ffmpeg("aevalsrc=0.1*sin(2*PI*1000*t)|0.1*sin(2*PI*1000*t):s=44100:d=6", "", sine);
+    fx::ffmpeg("anoisesrc=color=pink:amplitude=0.0316:d=6:r=44100:seed=7", "-ac 2", pink);
+    fx::ffmpeg("aevalsrc=0.5*sin(2*PI*440*t):s=44100:d=0.3", "", shortTone);
+    fx::ffmpeg("anullsrc=r=44100:cl=stereo", "-t 2", silence);
 
     std::vector<LoudnessAnalysis::Track> tracks;
     for (const auto& f : {sine, pink}) {

@@ -1,12 +1,10 @@
 // SPDX-License-Identifier: GPL-3.0-or-later
 // Tag editing in the real program on a real terminal: typing into the form, the tag
-// document in vi, the lyrics through an editor script, and an editor that does not exist;
-// and a quit in the middle of a batch.
+// document in vi, the lyrics through an editor script, and an editor that does not exist.
 
 #include "TagFiles.h"
 #include "app/TmuxSession.h"
 #include "tags/TagEditor.h"
-#include "tags/WriteJournal.h"
 
 using namespace trovan;
 using namespace trovan::e2e;
@@ -103,47 +101,4 @@ TEST(TagEditingTmux, FormTagDocumentLyricsAndAMissingEditor) {
                           .output);
     s.quit();
     ::unsetenv("EDITOR");
-}
-
-// Quitting in the middle of a batch over a twenty-track album: each file is the old or
-// the new version, the shell is told how far it got, the journal is closed and nothing of
-// ours is left beside the music.
-TEST(TagEditingTmux, QuittingDuringABatchLeavesEachFileOldOrNew) {
-    if (!haveTmux() || !fixtures::available()) GTEST_SKIP() << "tmux or ffmpeg missing";
-    Session s;
-    const fs::path music = s.dir() / "musica";
-    fs::create_directories(music);
-    fixtures::Tone tone;
-    tone.seconds = 30;
-    tone.tags = {{"ARTIST", {"Alfa"}}, {"ALBUM", {"Veinte"}}};
-    const fs::path source = fixtures::cached("e2e-veinte.flac", tone);
-    for (int i = 1; i <= 20; ++i) {
-        char name[16];
-        std::snprintf(name, sizeof name, "%02d.flac", i);
-        fixtures::copyTo(source, music, name);
-    }
-    s.start({music.string()});
-    ASSERT_TRUE(s.waitFor("20 canciones")) << s.screen();
-    s.keys("Enter");
-    s.keys("e");
-    ASSERT_TRUE(s.waitFor("Artista del álbum")) << s.screen();
-    s.keys("Down Down Down Down Down Down Down");
-    s.text("Folk");
-    s.keys("Enter");
-    s.text("q");
-    s.expectCleanExit();
-    int written = 0;
-    for (int i = 1; i <= 20; ++i) {
-        char name[16];
-        std::snprintf(name, sizeof name, "%02d.flac", i);
-        const std::string genre = value(music / name, "GENRE");
-        EXPECT_TRUE(genre.empty() || genre == "Folk") << name << " " << genre;
-        written += genre == "Folk";
-    }
-    if (written < 20) {
-        EXPECT_TRUE(s.outputHas("Se guardaron " + std::to_string(written) + " de 20 archivos"))
-            << written;
-    }
-    EXPECT_TRUE(tagfiles::workFiles(music).empty());
-    EXPECT_EQ(WriteJournal(s.home() / "escrituras.diario").openEntries(), 0u);
 }

@@ -3,15 +3,13 @@
 // A small, varied library and ready-made states for the view tests.
 
 #include "state/AppState.h"
-#include "support/Process.h"
-#include "support/TempDir.h"
+#include "support/Fixtures.h"
 #include "ui/Layout.h"
 
 #include <chrono>
 #include <cstdint>
 #include <fstream>
 #include <iterator>
-#include <sstream>
 #include <string>
 #include <vector>
 
@@ -87,13 +85,11 @@ inline AppState libraryState(const Layout& layout, const std::string& artistName
 inline std::vector<std::uint8_t> picture(const std::string& fileName, const std::string& source,
                                          const std::string& options = {}) {
     fixtures::TempDir dir("trovan-picture");
-    std::vector<std::string> argv = {"ffmpeg", "-nostdin", "-v",        "error", "-f",   "lavfi",
-                                     "-i",     source,     "-frames:v", "1",     "-q:v", "2"};
-    std::istringstream words(options);
-    for (std::string w; words >> w;)
-        argv.push_back(w);
-    argv.push_back((dir / fileName).string());
-    if (fixtures::runProcess(argv).status != 0) return {};
+    try {
+        fixtures::ffmpeg(source, "-frames:v 1 -q:v 2 " + options, dir / fileName);
+    } catch (const std::runtime_error&) {
+        return {};
+    }
     std::ifstream in(dir / fileName, std::ios::binary);
     return {std::istreambuf_iterator<char>(in), {}};
 }
