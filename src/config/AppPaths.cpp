@@ -1,5 +1,6 @@
 // SPDX-License-Identifier: GPL-3.0-or-later
 #include "config/AppPaths.h"
+#include "config/WriteSeam.h"
 
 #include <cerrno>
 #include <cstdlib>
@@ -85,17 +86,8 @@ bool AppPaths::writeAtomically(const std::filesystem::path& link, std::string_vi
     bool ok = (writeAll(fd, bytes) || fail(errno)) && (fchmod(fd, mode) == 0 || fail(errno)) &&
               (fsync(fd) == 0 || fail(errno));
     ok = (::close(fd) == 0 || fail(errno)) && ok;
-    if (ok && (::rename(name.data(), target.c_str()) == 0 || fail(errno))) {
-        // Make the rename itself durable.
-        int dirFd = ::open(folder.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC);
-        if (dirFd < 0) return true;
-        // Some file systems cannot sync a folder (EINVAL); only an I/O error means the
-        // new file may not survive a crash.
-        const bool lost = ::fsync(dirFd) != 0 && errno == EIO;
-        ::close(dirFd);
-        if (lost) errno = EIO;
-        return !lost;
-    }
+    bool synced = false;
+    if (ok && (replaceWith(name.data(), target.string(), &synced) || fail(errno))) return synced;
     ::unlink(name.data());
     errno = error;
     return false;
@@ -120,6 +112,24 @@ std::optional<std::string> AppPaths::readCapped(const std::filesystem::path& pat
     }
     if (in.bad() || !in.eof()) return std::nullopt;
     return bytes;
+}
+
+bool AppPaths::replaceWith(const std::string& temp, const std::string& target, bool* folderSynced) {
+    if (WriteSeam::rename(temp.c_str(), target.c_str()) != 0) return false;
+    const bool synced = syncFolder(std::filesystem::path(target).parent_path());
+    if (folderSynced) *folderSynced = synced;
+    return true;
+}
+
+bool AppPaths::syncFolder(const std::filesystem::path& folder) {
+    const int fd =
+        WriteSeam::open(folder.empty() ? "." : folder.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC);
+    if (fd < 0) return false;
+    const bool synced = WriteSeam::fsync(fd) == 0 || errno == EINVAL;
+    const int error = errno;
+    ::close(fd);
+    errno = error;
+    return synced;
 }
 
 } // namespace trovan

@@ -28,6 +28,15 @@ public:
     // A new file gets `newMode`.
     static bool writeAtomically(const std::filesystem::path& target, std::string_view bytes,
                                 unsigned newMode = 0644);
+    // The last step of every such write (the tag writes' too): renames the written and
+    // synced `temp` over `target`, then syncs their folder so that the new name survives a
+    // power cut. False, with errno, when the rename fails and the target is untouched;
+    // `folderSynced` tells whether the folder's sync held.
+    static bool replaceWith(const std::string& temp, const std::string& target,
+                            bool* folderSynced = nullptr);
+    // Syncs a folder's names to disk. A file system that cannot sync folders (EINVAL)
+    // counts as synced.
+    static bool syncFolder(const std::filesystem::path& folder);
     // The bytes of the regular file at `path` when it holds at most `cap` of them. None
     // when it is missing, not a regular file, unreadable or larger (then `tooLarge` is set).
     static std::optional<std::string> readCapped(const std::filesystem::path& path,

@@ -1,10 +1,12 @@
 // SPDX-License-Identifier: GPL-3.0-or-later
 #include "tags/SafeWrite.h"
 
+#include "config/AppPaths.h"
+#include "config/WriteSeam.h"
+
 #include "media/AudioDecoder.h"
 #include "tags/Fd.h"
 #include "tags/WriteJournal.h"
-#include "tags/WriteSeam.h"
 
 #include <algorithm>
 #include <array>
@@ -62,12 +64,6 @@ std::string randomHex() {
     char buf[17];
     std::snprintf(buf, sizeof buf, "%016llx", static_cast<unsigned long long>(rng()));
     return buf;
-}
-
-bool syncFolder(const std::string& folder) {
-    Fd dir(WriteSeam::open(folder.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC));
-    if (!dir) return false;
-    return WriteSeam::fsync(dir.get()) == 0;
 }
 
 bool readFully(int fd, char* buf, std::size_t n, off_t at) {
@@ -500,12 +496,11 @@ std::optional<std::string> SafeWrite::write(const std::string& requested, const 
     if (stopped()) return "interrumpido";
 
     if (!linked) {
-        if (WriteSeam::rename(tempPath.c_str(), path.c_str()) != 0)
+        // The new file is in place whatever the folder's sync says afterwards: reporting a
+        // failure then would hide a written file.
+        if (!AppPaths::replaceWith(tempPath, path))
             return std::string("no se pudo reemplazar: ") + std::strerror(errno);
         temp->keep();
-        // The new file is in place whatever the folder's sync says (some file systems
-        // cannot sync a folder); reporting a failure now would hide a written file.
-        syncFolder(folder);
         journal.finish(temp->entry());
         return std::nullopt;
     }
@@ -520,7 +515,8 @@ std::optional<std::string> SafeWrite::write(const std::string& requested, const 
         return why;
     if (!copyContents(original.get(), backupFd.get(), st.st_size) ||
         WriteSeam::fsync(backupFd.get()) != 0 ||
-        !sameBytes(original.get(), 0, backupFd.get(), 0, st.st_size) || !syncFolder(folder) ||
+        !sameBytes(original.get(), 0, backupFd.get(), 0, st.st_size) ||
+        !AppPaths::syncFolder(folder) ||
         !journal.backs(backup->entry(), path, st.st_dev, st.st_ino, st.st_size))
         return "no se pudo crear la copia de seguridad";
     // Before the target is touched the backup can simply go, once the journal says it

@@ -2,9 +2,9 @@
 #include "tags/WriteJournal.h"
 
 #include "config/AppPaths.h"
+#include "config/WriteSeam.h"
 #include "tags/Fd.h"
 #include "tags/SafeWrite.h"
-#include "tags/WriteSeam.h"
 
 #include <cerrno>
 #include <cstdio>
@@ -200,11 +200,6 @@ int openRecorded(const std::string& path, int flags, uid_t owner, bool identifie
     return fd;
 }
 
-bool syncFolder(const std::string& folder) {
-    Fd dir(WriteSeam::open(folder.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC));
-    return dir && WriteSeam::fsync(dir.get()) == 0;
-}
-
 } // namespace
 
 WriteJournal::WriteJournal(std::filesystem::path file) : file_(std::move(file)) {}
@@ -231,7 +226,7 @@ int WriteJournal::lockedFd() {
                                   O_RDWR | O_APPEND | O_CREAT | O_NOFOLLOW | O_CLOEXEC, 0600);
             if (fd_ < 0) return -1;
             // The journal's own name must outlast a power cut as much as its records.
-            if (!syncFolder(file_.parent_path().string())) {
+            if (!AppPaths::syncFolder(file_.parent_path().string())) {
                 ::close(fd_);
                 fd_ = -1;
                 return -1;
@@ -491,7 +486,7 @@ WriteJournal::Recovery WriteJournal::recover() {
                 out.messages.push_back("No se pudo borrar " + e.path + ": " + std::strerror(errno));
                 continue;
             }
-            syncFolder(folderOf(e.path));
+            AppPaths::syncFolder(folderOf(e.path));
             ++out.removed;
         } else if (mismatch) {
             out.messages.push_back("No se tocó " + e.path +
@@ -515,14 +510,12 @@ WriteJournal::Recovery WriteJournal::recover() {
     if (ok && !kept.empty())
         ok = WriteSeam::journalWrite(out2.get(), kept.data(), kept.size()) ==
              static_cast<ssize_t>(kept.size());
-    ok = ok && WriteSeam::fsync(out2.get()) == 0 &&
-         WriteSeam::rename(temp.c_str(), file_.c_str()) == 0;
+    ok = ok && WriteSeam::fsync(out2.get()) == 0 && AppPaths::replaceWith(temp, file_.string());
     if (!ok) {
         ::unlink(temp.c_str());
         out.messages.push_back("No se pudo poner al día el diario de escrituras " + file_.string());
         return out;
     }
-    syncFolder(file_.parent_path().string());
     // Our descriptor is on the old file now; the next record opens the new one.
     ::close(fd_);
     fd_ = -1;

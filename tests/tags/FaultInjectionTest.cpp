@@ -10,7 +10,7 @@
 #include "TagFiles.h"
 #include "tags/TagEditor.h"
 #include "tags/WriteJournal.h"
-#include "tags/WriteSeam.h"
+#include "config/WriteSeam.h"
 
 #include <gtest/gtest.h>
 

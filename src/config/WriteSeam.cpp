@@ -1,5 +1,5 @@
 // SPDX-License-Identifier: GPL-3.0-or-later
-#include "tags/WriteSeam.h"
+#include "config/WriteSeam.h"
 
 #include <cerrno>
 #include <fcntl.h>

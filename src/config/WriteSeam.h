@@ -1,8 +1,9 @@
 // SPDX-License-Identifier: GPL-3.0-or-later
 #pragma once
-// Every system call by which a tag write changes the disk passes through here, so that a
-// test can fail any one of them, or stop the process right before or after it, and
-// prove that no such point leaves a file torn. Without a hook each call is the plain one.
+// Every system call by which a tag write, or a file put in place whole, changes the disk
+// passes through here, so that a test can fail any one of them, or stop the process right
+// before or after it, and prove that no such point leaves a file torn. Without a hook each
+// call is the plain one.
 
 #include <cstddef>
 #include <functional>
