@@ -128,19 +128,6 @@ inline std::vector<float> recordSink(TaskQueue& tasks, double seconds,
     return recorder.take();
 }
 
-// A 32-bit float stereo WAV file.
-inline void writeFloatWav(const std::filesystem::path& path, int rate,
-                          const std::vector<float>& stereo) {
-    std::ofstream f(path, std::ios::binary);
-    auto u32 = [&](uint32_t v) { f.write(reinterpret_cast<const char*>(&v), 4); };
-    auto u16 = [&](uint16_t v) { f.write(reinterpret_cast<const char*>(&v), 2); };
-    const auto bytes = static_cast<uint32_t>(stereo.size() * 4);
-    f.write("RIFF", 4), u32(36 + bytes), f.write("WAVEfmt ", 8), u32(16);
-    u16(3), u16(2), u32(uint32_t(rate)), u32(uint32_t(rate) * 8), u16(8), u16(32);
-    f.write("data", 4), u32(bytes);
-    f.write(reinterpret_cast<const char*>(stereo.data()), std::streamsize(bytes));
-}
-
 struct Heard {
     double levelDb = -300, hz = 0;
 };
