@@ -62,23 +62,20 @@ TEST_F(SoundServerTest, TonesEqualizerPauseAndEndThroughPulseAudio) {
     PulseServer server(dir / "pulse");
     ASSERT_GT(server.pid, 0) << "pulseaudio did not start";
     auto khz = testing::tone("sound-1k.flac", {.frequency = 1000, .seconds = 2});
-    auto mp3 = testing::tone("sound-440.mp3", {.format = fixtures::Format::mp3, .seconds = 2});
     engine.load(khz);
     ASSERT_EQ(engine.outputKind(), "cubeb");
 
-    // Each tone arrives at its own pitch and level.
-    auto base = listen(khz), mp3Heard = listen(mp3);
+    // A tone arrives at its own pitch and level.
+    auto base = listen(khz);
     EXPECT_NEAR(base.hz, 1000, 5);
     EXPECT_NEAR(base.levelDb, fileLevelDb(khz), 1.0);
-    EXPECT_NEAR(mp3Heard.hz, 440, 3);
-    EXPECT_NEAR(mp3Heard.levelDb, fileLevelDb(mp3), 1.0);
 
     // Paused: nothing but silence reaches the sink; playing again is heard.
     pump(200ms);
     auto quiet = record(0.6);
     EXPECT_TRUE(quiet.empty() || measure(quiet.data(), quiet.size()).levelDb < -80.0);
     engine.seek(0);
-    EXPECT_NEAR(listen().levelDb, mp3Heard.levelDb, 1.0);
+    EXPECT_NEAR(listen().levelDb, base.levelDb, 1.0);
 
     // Cutting the 1 kHz band by 6 dB is heard; switching the equalizer off undoes it.
     std::vector<float> gains(10, 0.0f);
