@@ -417,22 +417,30 @@ TEST_F(PlaybackControllerTest, CrossfadesOnlyBetweenAlbumsOrOutOfOrder) {
     }
 }
 
-// What the gain chooser picks reaches the output: the same tone tagged -6 dB plays at half.
-TEST_F(PlaybackControllerTest, TheChosenGainScalesWhatIsHeard) {
+// What the gain chooser picks reaches the output: the same tone tagged -6 dB plays at half,
+// and tagged +30 dB (no peak tag) as loud as the limiter lets it, never past full scale.
+TEST_F(PlaybackControllerTest, TheChosenGainScalesWhatIsHeardUpToTheLimiter) {
     library[good[1]].replayGain.trackGain = -6.0;
+    library[good[2]].replayGain.trackGain = 30.0;
     controller.setLoudness(ReplayGainMode::track, 0);
-    auto peak = [&](const std::string& path) {
+    auto peaks = [&](const std::string& path) { // over all of 0.45 s, and over its second half
         controller.play({path}, 0);
         settle();
-        playFor(0.5); // past the fade in
-        float top = 0;
-        for (float v : outputs.current->lastBlock())
-            top = std::max(top, std::abs(v));
-        return top;
+        std::vector<float> left;
+        for (int i = 0; i < 40; ++i)
+            testing::playBlock(engine(), outputs, tasks, left);
+        auto top = [](auto from, auto to) {
+            return std::abs(*std::max_element(
+                from, to, [](float a, float b) { return std::abs(a) < std::abs(b); }));
+        };
+        return std::pair{top(left.begin(), left.end()), top(left.begin() + 20 * 512, left.end())};
     };
-    const float plain = peak(good[0]);
+    const float plain = peaks(good[0]).second;
     EXPECT_GT(plain, 0.05f);
-    EXPECT_NEAR(peak(good[1]) / plain, 0.501, 0.01);
+    EXPECT_NEAR(peaks(good[1]).second / plain, 0.501, 0.01);
+    const auto [loudest, settled] = peaks(good[2]);
+    EXPECT_GT(settled, 4 * plain);
+    EXPECT_LE(loudest, 0.995f) << "a sample went past the limiter";
 }
 
 // The gain for each mode, the fallback to the other gain, the preamp alone on untagged
