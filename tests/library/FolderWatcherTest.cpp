@@ -9,9 +9,7 @@
 
 #include <gtest/gtest.h>
 
-#include <cerrno>
 #include <fstream>
-#include <sys/inotify.h>
 
 using namespace trovan;
 namespace fx = trovan::fixtures;
@@ -90,75 +88,32 @@ TEST(FolderWatcher, GathersFoldersAndHandsThemOutAfterAQuietMoment) {
     EXPECT_EQ(watcher.watchCount(), 4u); // music, new, new/deeper, renamed; not .cache
 }
 
-TEST(FolderWatcher, FallsBackToPollingWhereWatchesRunOut) {
-    fx::TempDir dir;
-    for (const char* sub : {"a/1", "a/2", "b"})
-        fs::create_directories(dir / "one" / sub);
-    fs::create_directories(dir / "two");
-    std::ofstream(dir / "two" / "x.flac") << "x";
-    // The limit runs out inside the first root.
-    FolderWatcher watcher(1000ms, 5000ms, [&](int fd, const char* path, uint32_t mask) {
-        if (std::string_view(path).ends_with("/one/b")) {
-            errno = ENOSPC;
-            return -1;
-        }
-        return inotify_add_watch(fd, path, mask);
-    });
-    const std::string one = (dir / "one").string(), two = (dir / "two").string();
-    watcher.watch({one, two, (dir / "absent").string()});
-    const auto roots = watcher.roots();
-    EXPECT_EQ(roots.at(0).mode, FolderWatcher::Mode::polled);
-    EXPECT_EQ(roots.at(0).reason, FolderWatcher::Reason::watchLimit);
-    // The first root's watches went back, so the second one could have one.
-    EXPECT_EQ(roots.at(1).mode, FolderWatcher::Mode::watched);
-    EXPECT_EQ(roots.at(2).mode, FolderWatcher::Mode::missing);
-    EXPECT_EQ(watcher.watchCount(), 1u);
-}
-
-TEST(Indexer, UpdateLooksOnlyAtTheChangedFoldersAndCarriesMovedRecordsOver) {
+// What the end-to-end watch story does not reach: a file moved to another folder is
+// carried over unread, a folder outside the roots is not looked at, and a drive that goes
+// leaves an empty mount point whose tracks stay.
+TEST(Indexer, UpdateCarriesMovedFilesOverAndKeepsAnEmptyMountPoint) {
     if (!fx::available()) GTEST_SKIP() << "ffmpeg missing";
     fx::TempDir dir;
     const std::string root = (dir / "music").string(), other = (dir / "usb").string();
-    put(dir.path(), "music/A/1.flac");
-    put(dir.path(), "music/A/2.flac");
     put(dir.path(), "music/B/1.flac");
     put(dir.path(), "usb/x.flac");
     LibraryStore store(dir / "library.sqlite");
     Indexer::run({root, other}, store, false);
 
-    // A folder renamed and a file moved to another folder: no file is read.
-    fs::rename(dir / "music" / "A", dir / "music" / "C");
     fs::rename(dir / "music" / "B" / "1.flac", dir / "music" / "1.flac");
-    auto s = Indexer::update(changes({root + "/A", root + "/C"}, {root, root + "/B"}),
-                             {root, other}, store);
-    EXPECT_EQ(s.readCount, 0);
-    EXPECT_EQ(s.movedCount, 3);
-    EXPECT_EQ(s.removedCount, 0);
-    auto table = store.loadTable();
-    std::set<std::string> paths;
-    for (TrackTable::Id id = 0; id < table.size(); ++id) {
-        paths.insert(std::string(table.path(id)));
-        EXPECT_EQ(table.track(id).title, "Uno");
-    }
-    EXPECT_EQ(paths, (std::set<std::string>{root + "/1.flac", root + "/C/1.flac",
-                                            root + "/C/2.flac", other + "/x.flac"}));
-
-    // A new file is read, a changed one reread, one that went removed; a folder outside
-    // the roots is not looked at.
-    put(dir.path(), "music/C/3.flac");
-    std::ofstream(dir / "music" / "C" / "2.flac", std::ios::app) << "more";
-    fs::remove(dir / "music" / "1.flac");
     put(dir.path(), "elsewhere/y.flac");
-    s = Indexer::update(changes({(dir / "elsewhere").string()}, {root + "/C", root}), {root, other},
-                        store);
-    EXPECT_EQ(s.readCount, 2);
-    EXPECT_EQ(s.removedCount, 1);
-    EXPECT_EQ(store.loadTable().size(), 4u);
+    auto s = Indexer::update(changes({(dir / "elsewhere").string()}, {root, root + "/B"}),
+                             {root, other}, store);
+    EXPECT_EQ(std::tie(s.readCount, s.movedCount, s.removedCount), std::make_tuple(0, 1, 0));
+    const auto moved = store.loadUnder(root);
+    ASSERT_EQ(moved.size(), 1u);
+    EXPECT_EQ(moved.path(0), root + "/1.flac");
+    EXPECT_EQ(moved.track(0).title, "Uno"); // its record, tags and all, not read again
 
-    // A drive that goes leaves an empty mount point: its tracks stay.
     fs::remove(dir / "usb" / "x.flac");
     s = Indexer::update(changes({}, {other}), {root, other}, store);
     EXPECT_EQ(s.removedCount, 0);
     EXPECT_EQ(s.unavailable, std::vector<std::string>{other});
     EXPECT_EQ(store.loadUnder(other).size(), 1u);
+    EXPECT_EQ(store.loadTable().size(), 2u);
 }

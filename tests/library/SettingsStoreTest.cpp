@@ -30,14 +30,10 @@ TEST(SettingsStore, MissingPartialAndBrokenFiles) {
 
     // A wrong value costs only its own key: the folders are still there.
     const std::string huge(10 << 20, 'x');
-    std::string hugeArray;
-    for (int i = 0; i < 100000; ++i)
-        hugeArray += "1,";
     for (const std::string& bad :
-         {std::string("\"volume\": \"loud\""), std::string("\"shuffle\": 1"),
-          std::string("\"repeatMode\": \"sometimes\""), std::string("\"eqGains\": [1, \"a\"]"),
-          "\"eqGains\": [" + hugeArray + "1]", "\"eqPreset\": \"" + huge + "\"",
-          std::string("\"volume\": -2"), std::string("\"customPresets\": [{\"name\": \"x\"}]")}) {
+         {std::string("\"volume\": \"loud\""), std::string("\"repeatMode\": \"sometimes\""),
+          "\"eqPreset\": \"" + huge + "\"",
+          std::string("\"customPresets\": [{\"name\": \"x\"}]")}) {
         std::ofstream(store.url()) << "{" << bad << ", \"roots\": [\"/m\xC3\xBAsica\", 1]}";
         EXPECT_EQ(store.load(), Settings{.roots = {"/m\xC3\xBAsica"}}) << bad.substr(0, 40);
         // and the file as it was is kept aside.
@@ -59,13 +55,31 @@ TEST(SettingsStore, MissingPartialAndBrokenFiles) {
     }
 }
 
-TEST(SettingsStore, FolderNamesThatAreNotUtf8SurviveAndOldFilesReadUnchanged) {
+// Every setting reads back as saved, folder names that are not UTF-8 byte for byte, and
+// the write leaves no temporary file beside the settings.
+TEST(SettingsStore, EverySettingAndAnyFolderNameReadBack) {
     fx::TempDir dir;
-    SettingsStore store(dir / "config.json");
-    const std::vector<std::string> roots = {"/mnt/Caf\xE9 \xC3\xB1", "/a\\b\xFF",
-                                            "x-bytes:relative", "/m\xC3\xBAsica"};
-    ASSERT_TRUE(store.save(Settings{.roots = roots}));
-    EXPECT_EQ(store.load().roots, roots);
+    SettingsStore store(dir / "nested" / "deeper" / "config.json");
+    const std::vector<float> gains = {1.5f, -2, 0, 0, 0, 0, 0, 0, 0, 12};
+    const Settings s{
+        .roots = {"/mnt/Caf\xE9 \xC3\xB1", "/a\\b\xFF", "x-bytes:relative", "/m\xC3\xBAsica"},
+        .volume = 0.25f,
+        .shuffle = true,
+        .repeatMode = RepeatMode::one,
+        .eqEnabled = false,
+        .eqPreset = "Mío",
+        .eqGains = gains,
+        .customPresets = {{"Mío", gains}, {"Otro", {}}},
+        .coverMode = "kitty",
+        .watch = false,
+        .pollMinutes = 12,
+        .replayGain = ReplayGainMode::album,
+        .preamp = -3.5,
+        .crossfade = 4};
+    ASSERT_TRUE(store.save(s));
+    EXPECT_EQ(store.load(), s);
+    auto entries = fs::directory_iterator(store.url().parent_path());
+    EXPECT_EQ(std::distance(fs::begin(entries), fs::end(entries)), 1);
     std::ostringstream text;
     text << std::ifstream(store.url()).rdbuf();
     EXPECT_NE(text.str().find("\"x-bytes:/mnt/Caf\\\\xE9 \xC3\xB1\""), std::string::npos)
@@ -75,36 +89,6 @@ TEST(SettingsStore, FolderNamesThatAreNotUtf8SurviveAndOldFilesReadUnchanged) {
     // A file written before escapes existed, with a backslash and "\x" in a name.
     std::ofstream(store.url()) << R"({"roots": ["/old\\xE9", "/plain"]})";
     EXPECT_EQ(store.load().roots, (std::vector<std::string>{"/old\\xE9", "/plain"}));
-}
-
-TEST(SettingsStore, SavesWhatReadsBackAndLeavesNoTemporaryFile) {
-    fx::TempDir dir;
-    SettingsStore store(dir / "nested" / "deeper" / "config.json");
-    const std::vector<float> gains = {1.5f, -2, 0, 0, 0, 0, 0, 0, 0, 12};
-    Settings s{{"/música/uno", "/b"},
-               0.8f,
-               true,
-               RepeatMode::one,
-               false,
-               "Mío",
-               gains,
-               {{"Mío", gains}, {"Otro", {}}},
-               "kitty",
-               false,
-               12};
-    ASSERT_TRUE(store.save(s));
-    EXPECT_EQ(store.load(), s);
-
-    // Saving again replaces the file and leaves no temporary files behind.
-    s.volume = 0.25f;
-    ASSERT_TRUE(store.save(s));
-    EXPECT_FLOAT_EQ(store.load().volume, 0.25f);
-    auto entries = fs::directory_iterator(store.url().parent_path());
-    EXPECT_EQ(std::distance(fs::begin(entries), fs::end(entries)), 1);
-
-    // A folder that cannot exist: the save fails quietly.
-    std::ofstream(dir / "plain") << "x";
-    EXPECT_FALSE(SettingsStore(dir / "plain" / "config.json").save(s));
 }
 
 TEST(SettingsStore, WritesThroughALinkAndKeepsAnotherInstancesChanges) {

@@ -7,6 +7,8 @@
 #include "playback/NullOutput.h"
 #include "support/Fixtures.h"
 
+#include <gtest/gtest.h>
+
 #include <cmath>
 #include <mutex>
 #include <sstream>
@@ -87,6 +89,17 @@ inline void playFor(AudioEngine& engine, VirtualOutputs& outputs, TaskQueue& tas
         advanceSeconds(engine, outputs, 0.01);
         tasks.runPending();
     }
+}
+
+// Plays one 512-frame block, keeps its left channel and runs what the engine posted.
+inline void playBlock(AudioEngine& engine, VirtualOutputs& outputs, TaskQueue& tasks,
+                      std::vector<float>& left) {
+    ASSERT_TRUE(engine.waitUntilBuffered(std::chrono::seconds(20))) << "decoder stuck";
+    outputs.current->advance(512);
+    auto block = outputs.current->lastBlock();
+    for (std::size_t i = 0; i < block.size(); i += 2)
+        left.push_back(block[i]);
+    tasks.runPending();
 }
 
 // A generated tone, cached for every test program.

@@ -29,26 +29,6 @@ bool isPermutation(const PlaybackQueue& q) {
     return std::is_permutation(q.order.begin(), q.order.end(), ids.begin(), ids.end());
 }
 
-TEST(PlaybackQueueTest, RepeatModesAtTheEndsAndOutOfRangeStarts) {
-    for (auto [n, start] : {std::pair{3, 3}, {3, -1}, {0, 0}}) {
-        auto q = queueOf(n, start);
-        EXPECT_FALSE(q.position || q.advance(false) || q.retreat()) << n << " " << start;
-    }
-    auto off = queueOf(3, 1);
-    EXPECT_EQ(off.advance(true), "/m/2");
-    EXPECT_FALSE(off.advance(false)); // the user's next at the end stays put
-    EXPECT_EQ(off.position, 2);
-    EXPECT_FALSE(off.advance(true)); // the last track ended by itself: the queue is over
-    EXPECT_FALSE(off.position);
-    auto all = queueOf(3, 2, RepeatMode::all);
-    EXPECT_EQ(all.advance(true), "/m/0");
-    EXPECT_EQ(all.retreat(), "/m/2");
-    auto one = queueOf(3, 2, RepeatMode::one);
-    EXPECT_EQ(one.advance(true), "/m/2"); // the same track again
-    EXPECT_EQ(one.advance(false),
-              "/m/0"); // the user's next still moves on, and wraps
-}
-
 TEST(PlaybackQueueTest, ShuffleKeepsTheCurrentTrackFirstAndOffRestoresItsPlace) {
     std::mt19937_64 rng(42);
     auto q = queueOf(20, 7);
@@ -91,26 +71,19 @@ TEST(PlaybackQueueTest, EditsKeepTheCurrentEntryAndAPermutation) {
         q.insert(here() + 1, {"/n1", "/n2"});
         q.insert(0, {"/front"});
         q.insert(q.order.size(), {"/end"});
-        EXPECT_EQ(q.currentPath(), current);
-        EXPECT_EQ(at(1), "/n1");
-        EXPECT_EQ(at(2), "/n2");
-        EXPECT_EQ(q.pathAt(0), "/front");
-        EXPECT_EQ(q.pathAt(static_cast<int>(q.order.size()) - 1), "/end");
-        EXPECT_TRUE(isPermutation(q));
+        const int last = static_cast<int>(q.order.size()) - 1;
+        EXPECT_EQ(
+            (std::vector{q.currentPath(), at(1), at(2), q.pathAt(0), q.pathAt(last)}),
+            (std::vector<std::optional<std::string>>{current, "/n1", "/n2", "/front", "/end"}));
 
         EXPECT_TRUE(q.move(here() + 1, 1));
         EXPECT_EQ(at(2), "/n1");
         EXPECT_TRUE(q.move(here(), -1)); // the current one moves with its mark
-        EXPECT_EQ(q.currentPath(), current);
-        EXPECT_FALSE(q.move(0, -1));
-        EXPECT_FALSE(q.move(q.order.size() - 1, 1));
-
-        auto place = [&](const char* path) {
-            for (std::size_t i = 0; i < q.order.size(); ++i)
-                if (q.pathAt(static_cast<int>(i)) == path) return i;
-            return q.order.size();
-        };
-        EXPECT_TRUE(q.remove(place("/front")));
+        EXPECT_FALSE(q.move(0, -1) || q.move(q.order.size() - 1, 1));
+        std::size_t front = 0;
+        while (q.pathAt(static_cast<int>(front)) != "/front")
+            ++front;
+        EXPECT_TRUE(q.remove(front));
         EXPECT_FALSE(q.remove(q.order.size()));
         EXPECT_EQ(q.currentPath(), current);
         EXPECT_EQ(std::count(q.paths.begin(), q.paths.end(), "/front"), 0);
@@ -130,7 +103,11 @@ class PlaybackControllerTest : public ::testing::Test {
 protected:
     void SetUp() override {
         if (!fixtures::available()) GTEST_SKIP() << "ffmpeg missing";
-        controller.onChange = [this] { ++changes; };
+        controller.onChange = [this] {
+            ++changes;
+            if (controller.state().isPlaying && (heard.empty() || heard.back() != current()))
+                heard.push_back(current());
+        };
         controller.onError = [this](const std::string& m) { errors.push_back(m); };
         controller.lookup = [this](const std::string& path) -> std::optional<Track> {
             auto it = library.find(path);
@@ -146,6 +123,9 @@ protected:
         library[path].title = title;
         return path;
     }
+    std::string copy(const std::string& from, const std::string& name) {
+        return add(fixtures::copyTo(from, dir.path(), name).string(), name);
+    }
     std::string broken(const std::string& title) {
         return add(fixtures::writeBroken(dir.path(), title + ".flac", fixtures::Broken::garbage),
                    title);
@@ -160,13 +140,24 @@ protected:
             if (tasks.waitForTask()) tasks.runPending();
         ASSERT_FALSE(controller.loading());
     }
+    void prepared() {
+        ASSERT_TRUE(engine().waitUntilPrepared(std::chrono::seconds(10)));
+        tasks.runPending();
+    }
+    void playFor(double seconds) { testing::playFor(engine(), outputs, tasks, seconds); }
+    void playToTheEnd() {
+        for (int i = 0; i < 100000 && controller.queue().position; ++i) {
+            playFor(0.01);
+            std::this_thread::yield(); // a load or notice in flight may need the decoder thread
+        }
+    }
     AudioEngine& engine() { return controller.engine(); }
 
     fixtures::TempDir dir;
     testing::TaskQueue tasks;
     testing::VirtualOutputs outputs;
     std::map<std::string, Track> library;
-    std::vector<std::string> good, errors;
+    std::vector<std::string> good, errors, heard; // heard: each track as it became current
     int changes = 0;
     PlaybackController controller{std::make_unique<AudioEngine>(tasks.poster(), outputs.factory())};
 };
@@ -220,6 +211,13 @@ TEST_F(PlaybackControllerTest, PreviousRepeatShuffleToggleVolumeAndTagRefresh) {
     settle();
     EXPECT_EQ(current(), good[0]);
     EXPECT_DOUBLE_EQ(engine().currentTime(), 0.0);
+    controller.setRepeatMode(RepeatMode::all); // with repeat on, back round to the last
+    controller.previous();
+    settle();
+    EXPECT_EQ(current(), good[2]);
+    controller.next();
+    settle();
+    EXPECT_EQ(current(), good[0]);
 
     controller.setRepeatMode(RepeatMode::one);
     advance(1.0);
@@ -251,8 +249,6 @@ TEST_F(PlaybackControllerTest, PreviousRepeatShuffleToggleVolumeAndTagRefresh) {
     EXPECT_FLOAT_EQ(engine().volume(), 0.4f);
     controller.setVolume(0.4f, true);
     EXPECT_FLOAT_EQ(engine().volume(), 0.0f);
-    controller.setVolume(3.0f, false);
-    EXPECT_FLOAT_EQ(engine().volume(), 1.0f);
 }
 
 // Playing on through joins, with next tracks that are damaged, empty, deleted or rewritten
@@ -264,24 +260,11 @@ TEST_F(PlaybackControllerTest, JoinsFollowTheQueueAndBadNextTracksNeverStopTheSt
     auto second = testing::tone("bad-1s.flac", {.seconds = 1});
     auto short1 = testing::tone("bad-short.flac", {.seconds = 0.6});
     auto other = testing::tone("bad-other.flac", {.frequency = 880, .seconds = 0.8});
-    auto copy = [&](const std::string& name, const std::string& from) {
-        return add(fixtures::copyTo(from, dir.path(), name).string(), name);
-    };
-    std::vector<std::string> heard; // each track as it becomes the current one
-    controller.onChange = [&] {
-        if (controller.state().isPlaying && (heard.empty() || heard.back() != current()))
-            heard.push_back(current());
-    };
-    auto play = [&](double seconds) { testing::playFor(engine(), outputs, tasks, seconds); };
-    auto prepared = [&] {
-        ASSERT_TRUE(engine().waitUntilPrepared(std::chrono::seconds(10)));
-        tasks.runPending();
-    };
     const auto zero =
         add(fixtures::writeBroken(dir.path(), "vacia.flac", fixtures::Broken::zeroBytes).string(),
             "Vacía");
-    const std::vector<std::string> paths = {copy("a.flac", second), broken("Rota"), zero,
-                                            copy("b.flac", second), copy("c.flac", second)};
+    const std::vector<std::string> paths = {copy(second, "a.flac"), broken("Rota"), zero,
+                                            copy(second, "b.flac"), copy(second, "c.flac")};
     controller.play(paths, 0);
     settle();
     for (int i = 0; i < 3; ++i) // Rota, Vacía, then b opens
@@ -290,20 +273,20 @@ TEST_F(PlaybackControllerTest, JoinsFollowTheQueueAndBadNextTracksNeverStopTheSt
                                                 "No se pudo reproducir: Vacía"}));
     std::filesystem::copy_file(other, paths[3], // rewritten in place: opened again
                                std::filesystem::copy_options::overwrite_existing);
-    play(1.05);
+    playFor(1.05);
     EXPECT_EQ(current(), paths[3]);
     EXPECT_EQ(controller.queue().position, 3);
     EXPECT_NEAR(engine().currentTime(), 0.05, 1e-9);
     EXPECT_DOUBLE_EQ(controller.state().duration, 0.8);
     prepared();
     controller.setRepeatMode(RepeatMode::one); // c is open already: dropped, b joins itself
-    play(0.8);
+    playFor(0.8);
     EXPECT_EQ(current(), paths[3]);
     EXPECT_NEAR(engine().currentTime(), 0.05, 1e-9);
     controller.setRepeatMode(RepeatMode::off);
     prepared();
     std::filesystem::remove(paths[4]); // open already: it still plays
-    play(1.8);
+    playFor(1.8);
     if (controller.queue().position && tasks.waitForTask()) tasks.runPending(); // the end
     EXPECT_EQ(heard, (std::vector<std::string>{paths[0], paths[3], paths[4]}));
     EXPECT_DOUBLE_EQ(controller.state().duration, 1.0);
@@ -317,7 +300,7 @@ TEST_F(PlaybackControllerTest, JoinsFollowTheQueueAndBadNextTracksNeverStopTheSt
     int rounds = 0;
     for (double last = 0; rounds < 3;) {
         ASSERT_LT(outputs.current->playedFrames(), 44100 * 10) << "stalled";
-        play(0.01);
+        playFor(0.01);
         rounds += engine().currentTime() < last;
         last = engine().currentTime();
     }
@@ -327,14 +310,11 @@ TEST_F(PlaybackControllerTest, JoinsFollowTheQueueAndBadNextTracksNeverStopTheSt
     controller.setRepeatMode(RepeatMode::off);
     std::vector<std::string> run;
     for (int i = 0; i < 20; ++i)
-        run.push_back(copy("run" + std::to_string(i) + ".flac", short1));
+        run.push_back(copy(short1, "run" + std::to_string(i) + ".flac"));
     heard.clear();
     controller.play(run, 0);
     settle();
-    for (int i = 0; i < 100000 && controller.queue().position; ++i) {
-        play(0.01);
-        std::this_thread::yield(); // a load or notice in flight may need the decoder thread
-    }
+    playToTheEnd();
     EXPECT_EQ(heard, run);
     EXPECT_FALSE(controller.state().isPlaying);
     EXPECT_EQ(errors.size(), 2u);
@@ -351,22 +331,10 @@ TEST_F(PlaybackControllerTest, JoinsFollowTheQueueAndBadNextTracksNeverStopTheSt
 // the queue says, joined without a reload.
 TEST_F(PlaybackControllerTest, QueueEditsReachTheGaplessJoin) {
     auto second = testing::tone("queue-1s.flac", {.seconds = 1});
-    auto copy = [&](const std::string& name) {
-        return add(fixtures::copyTo(second, dir.path(), name).string(), name);
-    };
-    const std::string a = copy("qa.flac"), b = copy("qb.flac"), c = copy("qc.flac"),
-                      d = copy("qd.flac");
-    std::vector<std::string> heard;
-    controller.onChange = [&] {
-        if (controller.state().isPlaying && (heard.empty() || heard.back() != current()))
-            heard.push_back(current());
-    };
+    const std::string a = copy(second, "qa.flac"), b = copy(second, "qb.flac"),
+                      c = copy(second, "qc.flac"), d = copy(second, "qd.flac");
     int queueChanges = 0;
     controller.onQueueChange = [&] { ++queueChanges; };
-    auto prepared = [&] {
-        ASSERT_TRUE(engine().waitUntilPrepared(std::chrono::seconds(10)));
-        tasks.runPending();
-    };
     controller.play({a, b}, 0);
     settle();
     prepared();
@@ -378,10 +346,7 @@ TEST_F(PlaybackControllerTest, QueueEditsReachTheGaplessJoin) {
     EXPECT_TRUE(controller.removeAt(1));   // a d b
     prepared();
     EXPECT_EQ(queueChanges, 5);
-    for (int i = 0; i < 100000 && controller.queue().position; ++i) {
-        testing::playFor(engine(), outputs, tasks, 0.01);
-        std::this_thread::yield();
-    }
+    playToTheEnd();
     EXPECT_EQ(heard, (std::vector<std::string>{a, d, b}));
     EXPECT_TRUE(errors.empty());
 }
@@ -444,20 +409,46 @@ TEST_F(PlaybackControllerTest, CrossfadesOnlyBetweenAlbumsOrOutOfOrder) {
         controller.play({good[0], good[1]}, 0);
         settle();
         // The crossfade begins at 3 s; the decoder thread hears of it within a ring (0.5 s).
-        testing::playFor(engine(), outputs, tasks, 4.3);
+        playFor(4.3);
         EXPECT_EQ(current(), sameAlbum ? good[0] : good[1]);
-        testing::playFor(engine(), outputs, tasks, 1.2);
+        playFor(1.2);
         EXPECT_EQ(current(), good[1]);
         EXPECT_TRUE(controller.state().isPlaying);
     }
+}
+
+// What the gain chooser picks reaches the output: the same tone tagged -6 dB plays at half,
+// and tagged +30 dB (no peak tag) as loud as the limiter lets it, never past full scale.
+TEST_F(PlaybackControllerTest, TheChosenGainScalesWhatIsHeardUpToTheLimiter) {
+    library[good[1]].replayGain.trackGain = -6.0;
+    library[good[2]].replayGain.trackGain = 30.0;
+    controller.setLoudness(ReplayGainMode::track, 0);
+    auto peaks = [&](const std::string& path) { // over all of 0.45 s, and over its second half
+        controller.play({path}, 0);
+        settle();
+        std::vector<float> left;
+        for (int i = 0; i < 40; ++i)
+            testing::playBlock(engine(), outputs, tasks, left);
+        auto top = [](auto from, auto to) {
+            return std::abs(*std::max_element(
+                from, to, [](float a, float b) { return std::abs(a) < std::abs(b); }));
+        };
+        return std::pair{top(left.begin(), left.end()), top(left.begin() + 20 * 512, left.end())};
+    };
+    const float plain = peaks(good[0]).second;
+    EXPECT_GT(plain, 0.05f);
+    EXPECT_NEAR(peaks(good[1]).second / plain, 0.501, 0.01);
+    const auto [loudest, settled] = peaks(good[2]);
+    EXPECT_GT(settled, 4 * plain);
+    EXPECT_LE(loudest, 0.995f) << "a sample went past the limiter";
 }
 
 // The gain for each mode, the fallback to the other gain, the preamp alone on untagged
 // tracks, the peak that caps it, and how the panel names it.
 TEST(GainChoiceTest, ModesFallbacksPeaksAndLabels) {
     using S = GainChoice::Source;
-    const ReplayGain both{-6.2, 0.5, -8.0, 0.9},
-        trackOnly{-3.0, std::nullopt, std::nullopt, std::nullopt};
+    const ReplayGain both{-6.2, 0.5, -8.0, 0.9}, trackOnly{-3.0, {}, {}, {}},
+        loud{12.0, 0.7079, {}, {}}, peakOnly{{}, 0.5, {}, {}}, nonsense{1.0, -1.0, {}, 1e300};
     struct Case {
         ReplayGain tags;
         ReplayGainMode mode;
@@ -467,37 +458,26 @@ TEST(GainChoiceTest, ModesFallbacksPeaksAndLabels) {
         double db;
         const char* label;
     };
+    using M = ReplayGainMode;
     const Case cases[] = {
-        {both, ReplayGainMode::off, 5, true, S::off, 0, ""},
-        {both, ReplayGainMode::track, 0, true, S::track, -6.2,
+        {both, M::off, 5, true, S::off, 0, ""},
+        {both, M::track, 0, true, S::track, -6.2,
          "RG pista \xE2\x88\x92"
          "6.2 dB"},
-        {both, ReplayGainMode::album, 0, false, S::album, -8.0,
+        {both, M::album, 0, false, S::album, -8.0,
          "RG álbum \xE2\x88\x92"
          "8.0 dB"},
-        {both, ReplayGainMode::automatic, 0, true, S::album, -8.0, nullptr},
-        {both, ReplayGainMode::automatic, 0, false, S::track, -6.2, nullptr},
-        {trackOnly, ReplayGainMode::album, 1, true, S::track, -2.0, nullptr},
-        {{}, ReplayGainMode::track, 2, false, S::untagged, 2.0, "RG +2.0 dB"},
-        {{}, ReplayGainMode::track, 0, false, S::untagged, 0, ""},
-        {{}, ReplayGainMode::track, 99, false, S::untagged, 15, nullptr},
+        {both, M::automatic, 0, true, S::album, -8.0, nullptr},
+        {both, M::automatic, 0, false, S::track, -6.2, nullptr},
+        {trackOnly, M::album, 1, true, S::track, -2.0, nullptr},
+        {{}, M::track, 2, false, S::untagged, 2.0, "RG +2.0 dB"},
+        {{}, M::track, 0, false, S::untagged, 0, ""},
+        {{}, M::track, 99, false, S::untagged, 15, nullptr},
         // +12 dB on a peak of -3 dBFS is held to what keeps the peak below full scale.
-        {{12.0, 0.7079, std::nullopt, std::nullopt},
-         ReplayGainMode::track,
-         0,
-         false,
-         S::track,
-         20 * std::log10(0.995 / 0.7079),
-         "RG pista +3.0 dB"},
+        {loud, M::track, 0, false, S::track, 20 * std::log10(0.995 / 0.7079), "RG pista +3.0 dB"},
         // A peak with no gain still caps the preamp; nonsense peaks are ignored.
-        {{std::nullopt, 0.5, std::nullopt, std::nullopt},
-         ReplayGainMode::track,
-         9,
-         false,
-         S::untagged,
-         20 * std::log10(0.995 / 0.5),
-         nullptr},
-        {{1.0, -1.0, std::nullopt, 1e300}, ReplayGainMode::track, 0, false, S::track, 1.0, nullptr},
+        {peakOnly, M::track, 9, false, S::untagged, 20 * std::log10(0.995 / 0.5), nullptr},
+        {nonsense, M::track, 0, false, S::track, 1.0, nullptr},
     };
     for (const auto& c : cases) {
         const auto g = GainChoice::choose(c.tags, c.mode, c.preamp, c.inOrder);

@@ -7,10 +7,6 @@
 
 #include <gtest/gtest.h>
 
-#include <spawn.h>
-#include <sys/wait.h>
-#include <unistd.h>
-
 #include <algorithm>
 #include <chrono>
 #include <cmath>
@@ -18,6 +14,7 @@
 #include <cstring>
 #include <fstream>
 #include <functional>
+#include <future>
 #include <string>
 #include <thread>
 #include <utility>
@@ -65,80 +62,26 @@ struct PulseServer {
     pid_t pid = -1;
 };
 
-// parec on the null sink's monitor for as long as it lives: the left channel it heard.
-class SinkRecorder {
-public:
-    explicit SinkRecorder(int latencyMs = 20) {
-        int fds[2];
-        if (pipe(fds) != 0) return;
-        posix_spawn_file_actions_t actions;
-        posix_spawn_file_actions_init(&actions);
-        posix_spawn_file_actions_adddup2(&actions, fds[1], 1);
-        posix_spawn_file_actions_addclose(&actions, fds[0]);
-        const std::string latency = "--latency-msec=" + std::to_string(latencyMs);
-        const char* argv[] = {"parec", latency.c_str(),      "-d",           "nullsink.monitor",
-                              "--raw", "--format=float32le", "--rate=48000", "--channels=2",
-                              nullptr};
-        if (posix_spawnp(&pid_, "parec", &actions, nullptr, const_cast<char**>(argv), environ) != 0)
-            pid_ = -1;
-        posix_spawn_file_actions_destroy(&actions);
-        close(fds[1]);
-        fd_ = fds[0];
-        reader_ = std::thread([this] {
-            char buffer[4096];
-            for (ssize_t n; (n = read(fd_, buffer, sizeof buffer)) > 0;)
-                bytes_.append(buffer, std::size_t(n));
-        });
-    }
-    ~SinkRecorder() { finish(); }
-
-    std::vector<float> take() {
-        finish();
-        std::vector<float> left(bytes_.size() / 8);
-        for (std::size_t i = 0; i < left.size(); ++i)
-            std::memcpy(&left[i], bytes_.data() + 8 * i, sizeof(float));
-        return left;
-    }
-
-private:
-    void finish() {
-        if (pid_ > 0) kill(pid_, SIGTERM), waitpid(pid_, nullptr, 0);
-        pid_ = -1;
-        if (reader_.joinable()) reader_.join();
-        if (fd_ >= 0) close(fd_);
-        fd_ = -1;
-    }
-
-    pid_t pid_ = -1;
-    int fd_ = -1;
-    std::thread reader_;
-    std::string bytes_; // written by the reader only until finish() joins it
-};
-
 // The left channel of what the sink plays during the next `seconds` while posted work
 // runs; `start` runs once parec listens (an idle sink's monitor records nothing, so
 // there is nothing to wait for but time).
 inline std::vector<float> recordSink(TaskQueue& tasks, double seconds,
                                      const std::function<void()>& start = {}) {
-    SinkRecorder recorder;
+    auto recording = std::async(std::launch::async, [seconds] {
+        return fixtures::runProcess({"timeout", std::to_string(seconds), "parec",
+                                     "--latency-msec=20", "-d", "nullsink.monitor", "--raw",
+                                     "--format=float32le", "--rate=48000", "--channels=2"})
+            .output;
+    });
     const auto listening = std::chrono::milliseconds(200);
     std::this_thread::sleep_for(listening);
     if (start) start();
     pump(tasks, std::chrono::milliseconds(int(seconds * 1000)) - listening);
-    return recorder.take();
-}
-
-// A 32-bit float stereo WAV file.
-inline void writeFloatWav(const std::filesystem::path& path, int rate,
-                          const std::vector<float>& stereo) {
-    std::ofstream f(path, std::ios::binary);
-    auto u32 = [&](uint32_t v) { f.write(reinterpret_cast<const char*>(&v), 4); };
-    auto u16 = [&](uint16_t v) { f.write(reinterpret_cast<const char*>(&v), 2); };
-    const auto bytes = static_cast<uint32_t>(stereo.size() * 4);
-    f.write("RIFF", 4), u32(36 + bytes), f.write("WAVEfmt ", 8), u32(16);
-    u16(3), u16(2), u32(uint32_t(rate)), u32(uint32_t(rate) * 8), u16(8), u16(32);
-    f.write("data", 4), u32(bytes);
-    f.write(reinterpret_cast<const char*>(stereo.data()), std::streamsize(bytes));
+    const std::string bytes = recording.get();
+    std::vector<float> left(bytes.size() / 8);
+    for (std::size_t i = 0; i < left.size(); ++i)
+        std::memcpy(&left[i], bytes.data() + 8 * i, sizeof(float));
+    return left;
 }
 
 struct Heard {
@@ -182,16 +125,6 @@ inline Heard steady(const std::vector<float>& s, std::size_t begin, std::size_t 
     std::sort(levels.begin(), levels.end());
     std::sort(pitches.begin(), pitches.end());
     return {levels[levels.size() / 2], pitches[pitches.size() / 2]};
-}
-
-// The first and last samples louder than -60 dB (first > last when there are none).
-inline std::pair<std::size_t, std::size_t> soundSpan(const std::vector<float>& s) {
-    std::size_t first = 0, last = s.size();
-    while (first < s.size() && std::abs(s[first]) < 1e-3f)
-        ++first;
-    while (last > first && std::abs(s[last - 1]) < 1e-3f)
-        --last;
-    return {first, last == 0 ? 0 : last - 1};
 }
 
 } // namespace trovan::testing
