@@ -1,31 +1,20 @@
 // SPDX-License-Identifier: GPL-3.0-or-later
 #pragma once
 
-#include <optional>
-#include <string_view>
+#include "config/EnumNames.h"
 
 namespace trovan {
 
 enum class RepeatMode { off, all, one };
 
 // Stored form: "off", "all", "one".
+inline constexpr EnumNames<RepeatMode, 3> repeatModeNames{
+    {{{RepeatMode::off, "off"}, {RepeatMode::all, "all"}, {RepeatMode::one, "one"}}}};
 constexpr std::string_view toString(RepeatMode m) {
-    switch (m) {
-    case RepeatMode::all:
-        return "all";
-    case RepeatMode::one:
-        return "one";
-    case RepeatMode::off:
-        break;
-    }
-    return "off";
+    return repeatModeNames(m);
 }
-
 constexpr std::optional<RepeatMode> repeatModeFromString(std::string_view s) {
-    if (s == "off") return RepeatMode::off;
-    if (s == "all") return RepeatMode::all;
-    if (s == "one") return RepeatMode::one;
-    return std::nullopt;
+    return repeatModeNames.parse(s);
 }
 
 // off -> all -> one -> off

@@ -1,8 +1,7 @@
 // SPDX-License-Identifier: GPL-3.0-or-later
 #pragma once
 
-#include <optional>
-#include <string_view>
+#include "config/EnumNames.h"
 
 namespace trovan {
 
@@ -11,26 +10,16 @@ namespace trovan {
 enum class ReplayGainMode { off, track, album, automatic };
 
 // Stored and typed form: "off", "track", "album", "auto".
+inline constexpr EnumNames<ReplayGainMode, 4> replayGainModeNames{
+    {{{ReplayGainMode::off, "off"},
+      {ReplayGainMode::track, "track"},
+      {ReplayGainMode::album, "album"},
+      {ReplayGainMode::automatic, "auto"}}}};
 constexpr std::string_view toString(ReplayGainMode m) {
-    switch (m) {
-    case ReplayGainMode::track:
-        return "track";
-    case ReplayGainMode::album:
-        return "album";
-    case ReplayGainMode::automatic:
-        return "auto";
-    case ReplayGainMode::off:
-        break;
-    }
-    return "off";
+    return replayGainModeNames(m);
 }
-
 constexpr std::optional<ReplayGainMode> replayGainModeFromString(std::string_view s) {
-    if (s == "off") return ReplayGainMode::off;
-    if (s == "track") return ReplayGainMode::track;
-    if (s == "album") return ReplayGainMode::album;
-    if (s == "auto") return ReplayGainMode::automatic;
-    return std::nullopt;
+    return replayGainModeNames.parse(s);
 }
 
 } // namespace trovan

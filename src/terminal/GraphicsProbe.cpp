@@ -1,6 +1,8 @@
 // SPDX-License-Identifier: GPL-3.0-or-later
 #include "terminal/GraphicsProbe.h"
 
+#include "config/EnumNames.h"
+
 #include "terminal/Terminal.h"
 
 #include <algorithm>
@@ -40,26 +42,19 @@ std::vector<int> numbers(std::string_view s) {
 
 } // namespace
 
+namespace {
+constexpr EnumNames<CoverMode, 4> coverModeNames{{{{CoverMode::automatic, "auto"},
+                                                   {CoverMode::kitty, "kitty"},
+                                                   {CoverMode::sixel, "sixel"},
+                                                   {CoverMode::blocks, "bloques"}}}};
+} // namespace
+
 std::optional<CoverMode> coverModeFromString(std::string_view text) {
-    if (text == "auto") return CoverMode::automatic;
-    if (text == "kitty") return CoverMode::kitty;
-    if (text == "sixel") return CoverMode::sixel;
-    if (text == "bloques") return CoverMode::blocks;
-    return std::nullopt;
+    return coverModeNames.parse(text);
 }
 
 std::string_view toString(CoverMode mode) {
-    switch (mode) {
-    case CoverMode::kitty:
-        return "kitty";
-    case CoverMode::sixel:
-        return "sixel";
-    case CoverMode::blocks:
-        return "bloques";
-    case CoverMode::automatic:
-        break;
-    }
-    return "auto";
+    return coverModeNames(mode);
 }
 
 GraphicsChoice chooseGraphics(const TerminalGraphics& t, CoverMode mode) {
