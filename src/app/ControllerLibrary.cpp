@@ -20,7 +20,6 @@
 #include <filesystem>
 #include <fstream>
 #include <malloc.h>
-#include <new>
 #include <system_error>
 #include <unordered_map>
 #include <utility>
@@ -167,19 +166,12 @@ void AppController::runScan(bool force) {
     pool_.submit([store = store_, roots = state_.settings.roots, force, progress, post = host_.post,
                   alive = alive_.watch(), this, started, watcher = watcher_] {
         IndexSummary summary;
-        std::string failure;
-        try {
+        const std::string failure = WorkerPool::failureOf([&] {
             // Watches first: what changes while the folders are walked is seen afterwards.
             // Each scan sets them up again, so a folder that came back is watched again.
             if (watcher) watcher->watch(roots);
             summary = Indexer::run(roots, *store, force, progress);
-        } catch (const std::bad_alloc&) {
-            failure = "no hay memoria suficiente";
-        } catch (const std::exception& e) {
-            failure = e.what();
-        } catch (...) {
-            failure = "error desconocido";
-        }
+        });
         post([alive, this, summary, started, failure] {
             if (!alive) return;
             if (!failure.empty()) {
@@ -353,16 +345,8 @@ void AppController::runUpdate(FolderChanges changes) {
                   post = host_.post, alive = alive_.watch(), this]() {
         IndexSummary summary;
         std::unordered_map<std::string, std::string> moves;
-        std::string failure;
-        try {
-            summary = Indexer::update(changes, roots, *store, 0, &moves);
-        } catch (const std::bad_alloc&) {
-            failure = "no hay memoria suficiente";
-        } catch (const std::exception& e) {
-            failure = e.what();
-        } catch (...) {
-            failure = "error desconocido";
-        }
+        const std::string failure = WorkerPool::failureOf(
+            [&] { summary = Indexer::update(changes, roots, *store, 0, &moves); });
         post([alive, this, summary, failure, moves = std::move(moves)] {
             if (!alive) return;
             if (!moves.empty()) playback_->followMoves(moves);
@@ -401,16 +385,8 @@ void AppController::reloadLibrary(Task then) {
     pool_.submit([store = store_, post = host_.post, alive = alive_.watch(), this,
                   generation = ++reloads_, then = std::move(then)]() mutable {
         std::shared_ptr<LibraryIndex> index;
-        std::string failure;
-        try {
-            index = std::make_shared<LibraryIndex>(store->loadTable());
-        } catch (const std::bad_alloc&) {
-            failure = "no hay memoria suficiente";
-        } catch (const std::exception& e) {
-            failure = e.what();
-        } catch (...) {
-            failure = "error desconocido";
-        }
+        const std::string failure = WorkerPool::failureOf(
+            [&] { index = std::make_shared<LibraryIndex>(store->loadTable()); });
         post([alive, this, index, failure, generation, then = std::move(then)] {
             if (!alive) return;
             // Unreadable: the library shown stays as it was. An older read that ends last

@@ -52,15 +52,7 @@ void WorkerPool::run() {
         // Whatever a job throws is reported and the thread goes on; so is a report that
         // throws in turn (no memory left to build its message).
         try {
-            try {
-                job();
-            } catch (const std::bad_alloc&) {
-                if (onFailure) onFailure("no hay memoria suficiente");
-            } catch (const std::exception& e) {
-                if (onFailure) onFailure(e.what());
-            } catch (...) {
-                if (onFailure) onFailure("error desconocido");
-            }
+            if (auto why = failureOf(job); !why.empty() && onFailure) onFailure(why);
         } catch (...) {
         }
         try {
@@ -70,6 +62,19 @@ void WorkerPool::run() {
         lock.lock();
         --busy_;
         if (jobs_.empty() && busy_ == 0) idle_.notify_all();
+    }
+}
+
+std::string WorkerPool::failureOf(const Job& work) {
+    try {
+        work();
+        return {};
+    } catch (const std::bad_alloc&) {
+        return "no hay memoria suficiente";
+    } catch (const std::exception& e) {
+        return e.what();
+    } catch (...) {
+        return "error desconocido";
     }
 }
 

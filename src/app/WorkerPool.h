@@ -32,6 +32,9 @@ public:
     int size() const { return static_cast<int>(threads_.size()); }
     // Blocks until the queue is empty and no job runs (tests and benchmarks).
     void waitIdle();
+    // Runs `work` and says why it threw, in words for the status line; empty when it
+    // did not.
+    static std::string failureOf(const Job& work);
 
 private:
     void run();
