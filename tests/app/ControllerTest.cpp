@@ -16,20 +16,12 @@
 
 #include <gtest/gtest.h>
 
-#include <chrono>
-#include <cstdlib>
 #include <deque>
-#include <filesystem>
 #include <fstream>
-#include <initializer_list>
-#include <memory>
 #include <mutex>
-#include <string>
 #include <thread>
-#include <vector>
 
 using namespace trovan;
-using namespace std::chrono_literals;
 namespace fs = std::filesystem;
 
 namespace {
@@ -39,8 +31,7 @@ public:
     using Task = AppController::Task;
     using Clock = AppController::Clock;
 
-    explicit ControllerHarness(Size size = {100, 40})
-        : store_(std::make_shared<LibraryStore>(home / "library.sqlite")) {
+    ControllerHarness() : store_(std::make_shared<LibraryStore>(home / "library.sqlite")) {
         // E and L run the user's editor: here one that leaves the text as it is.
         ::setenv("VISUAL", "true", 1);
         AppController::Host host;
@@ -55,8 +46,9 @@ public:
                           OutputEvents) -> std::unique_ptr<AudioOutput> {
             return std::make_unique<NullOutput>(format, renderer, NullOutput::Clock::virtualClock);
         };
-        controller = std::make_unique<AppController>(
-            terminal, size, SettingsStore(home / "config.json"), store_, pool, std::move(host));
+        controller = std::make_unique<AppController>(terminal, Size{100, 40},
+                                                     SettingsStore(home / "config.json"), store_,
+                                                     pool, std::move(host));
     }
 
     ~ControllerHarness() {
@@ -103,14 +95,13 @@ public:
         if (s && (reports.empty() || !(reports.back() == *s))) reports.push_back(*s);
     }
 
-    void key(const Key& k) {
-        controller->handleKey(k);
-        noteStatus();
-    }
     void press(std::initializer_list<Key> ks) {
-        for (const Key& k : ks)
-            key(k);
+        for (const Key& k : ks) {
+            controller->handleKey(k);
+            noteStatus();
+        }
     }
+    void key(const Key& k) { press({k}); }
     void keys(const std::string& chars) {
         for (char ch : chars)
             key(Key::character(std::string(1, ch)));
@@ -171,9 +162,8 @@ std::string libraryRowName(const ControllerHarness& h) {
 }
 
 using K = Key::Kind;
-const Key kUp(K::up), kDown(K::down), kEnter(K::enter), kEsc(K::escape), kTab(K::tab),
-    kRight(K::right), kHome(K::home), kEnd(K::end), kPageDown(K::pageDown), kShiftUp(K::shiftUp),
-    kBackspace(K::backspace);
+const Key kDown(K::down), kEnter(K::enter), kEsc(K::escape), kTab(K::tab), kRight(K::right),
+    kHome(K::home), kEnd(K::end), kShiftUp(K::shiftUp), kBackspace(K::backspace);
 
 Key ch(const char* c) {
     return Key::character(c);
@@ -193,38 +183,14 @@ void loadSmallLibrary(ControllerHarness& h) {
 
 } // namespace
 
-TEST(ControllerKeys, TheOpenOverlayDecidesWhereKeysGo) {
+// Where keys go while an overlay is open, and the commands that only change settings.
+TEST(ControllerKeys, OverlaysTakeTheirKeysAndSettingsCommandsAreSaved) {
     ControllerHarness h;
     loadSmallLibrary(h);
-    const AppState before = h.state();
-    h.key(ch("z")); // unbound: nothing happens
-    EXPECT_EQ(h.state().artists, before.artists);
-    EXPECT_FALSE(h.state().status);
-
-    // Help: arrows scroll (not below 0), pages by ten, anything else closes it.
-    h.press({ch("?"), kUp});
-    EXPECT_EQ(h.state().helpOffset, 0);
-    h.press({ch("j"), kPageDown});
-    EXPECT_EQ(h.state().helpOffset, 11);
-    h.key(ch("q")); // closes the help, does not quit
-    EXPECT_EQ(h.state().overlay, Overlay::none());
-
-    // Prompts: an empty command does nothing; Esc and Ctrl-C drop the typed text.
-    h.type(":");
-    EXPECT_FALSE(h.state().status);
-    h.keys(":abc");
-    h.key(kEsc);
-    EXPECT_EQ(h.state().overlay, Overlay::none());
-    h.key(ch(":"));
-    EXPECT_EQ(h.state().input.text, "");
-    h.key(Key::ctrl('c'));
+    h.press({ch("?"), ch("q")}); // closes the help, does not quit
     EXPECT_EQ(h.state().overlay, Overlay::none());
     h.type("t1:xx"); // the time prompt
     EXPECT_EQ(h.state().status->text, "Tiempo inválido: usa 1:42");
-
-    // A paste without a prompt is dropped.
-    h.c().handlePaste("vol 20");
-    EXPECT_EQ(h.state().overlay, Overlay::none());
 
     // The folder list: j moves, x is ignored, d removes, a starts an "add " command.
     const auto a = h.home.subdir("a"), b = h.home.subdir("b");
@@ -235,12 +201,10 @@ TEST(ControllerKeys, TheOpenOverlayDecidesWhereKeysGo) {
     EXPECT_EQ(h.savedSettings().roots, std::vector<std::string>{a.string()});
     EXPECT_EQ(h.state().status->text, "Carpeta quitada: " + b.string());
     h.key(ch("a"));
-    EXPECT_EQ(h.state().overlay, Overlay::prompt(PromptKind::command));
     EXPECT_EQ(h.state().input.text, "add ");
     h.key(kEsc);
     h.settle();
 
-    // Equalizer commands: a saved preset is kept, an unknown one refused.
     h.type(":eq save mío");
     EXPECT_EQ(h.savedSettings().customPresets.size(), 1u);
     h.type(":eq nada");
@@ -249,6 +213,7 @@ TEST(ControllerKeys, TheOpenOverlayDecidesWhereKeysGo) {
     EXPECT_FALSE(h.savedSettings().eqEnabled);
 }
 
+// What the editing keys act on: the marks in list order, else what is under the cursor.
 TEST(ControllerSelection, MarksAndTargets) {
     ControllerHarness h;
     loadSmallLibrary(h);
@@ -256,9 +221,8 @@ TEST(ControllerSelection, MarksAndTargets) {
     const auto all = AppController::trackPaths(h.state().index, h.state().libraryRows);
     ASSERT_EQ(all.size(), 4u);
     const auto& marked = h.state().marked;
+    EXPECT_EQ(h.c().targetPaths(), all); // the artist pane: the shown artist's every track
 
-    // In the artist pane the target is the shown artist's every track.
-    EXPECT_EQ(h.c().targetPaths(), all);
     // x on an album marks its tracks; again unmarks them; on a partly marked one, the rest.
     h.press({kEnter, ch("x")});
     EXPECT_EQ(marked.size(), 3u);
@@ -266,16 +230,10 @@ TEST(ControllerSelection, MarksAndTargets) {
     EXPECT_TRUE(marked.empty());
     h.press({kDown, ch("x"), kHome, ch("x")});
     EXPECT_EQ(marked.size(), 3u);
-    // Targets are the marks in list order whatever the cursor says.
     h.press({kEnd, ch("x")});
     EXPECT_EQ(h.c().targetPaths(), all);
-
-    // Esc clears the marks only; a second Esc hides the lyrics.
-    h.press({ch("l"), kEsc});
-    EXPECT_TRUE(marked.empty());
-    EXPECT_TRUE(h.state().lyricsVisible);
     h.key(kEsc);
-    EXPECT_FALSE(h.state().lyricsVisible);
+    EXPECT_TRUE(marked.empty());
 
     // Shift+↑ paints a range (album rows, spacers and discs add nothing), never unmarks.
     h.key(kShiftUp); // Ambulance, onto the album Think
@@ -306,17 +264,14 @@ TEST(ControllerLibrary, FoldersAreNormalisedAndCheckedBeforeTheyAreStored) {
     h.c().addRoot("~/music", false);
     setenv("HOME", savedHome.c_str(), 1);
     EXPECT_EQ(h.savedSettings().roots, std::vector<std::string>{music.string()});
-    EXPECT_EQ(h.state().status->text, "Carpeta agregada: " + music.string());
 
     const fs::path cwd = fs::current_path();
     fs::current_path(h.home.path()); // relative paths are taken from the working folder
     const std::string m = music.string();
-    // Each request, and the message it gets.
+    // Each request, and the message it gets ("!" for an error).
     const std::pair<std::string, std::string> requests[] = {
-        {m + "/", "La carpeta ya estaba agregada"},
         {m + "/./", "La carpeta ya estaba agregada"},
         {m + "/../music", "La carpeta ya estaba agregada"},
-        {m + "//", "La carpeta ya estaba agregada"},
         {"music/", "La carpeta ya estaba agregada"},
         {m + "/./song.mp3", "!No es una carpeta: " + m + "/song.mp3"},
         {m + "/nope", "!No existe la carpeta: " + m + "/nope"},
@@ -329,9 +284,8 @@ TEST(ControllerLibrary, FoldersAreNormalisedAndCheckedBeforeTheyAreStored) {
             h.c().addRoot(path, false);
         EXPECT_EQ(h.state().status->isError, message[0] == '!') << path;
         EXPECT_EQ(h.state().status->text, message.substr(message[0] == '!')) << path;
-        if (path[0] != '-') {
-            EXPECT_EQ(h.state().settings.roots.size(), 1u) << path;
-        }
+        EXPECT_EQ(h.state().settings.roots.size(), message.starts_with("Carpeta quitada") ? 0u : 1u)
+            << path;
     }
     fs::current_path(cwd);
     EXPECT_TRUE(h.savedSettings().roots.empty());
@@ -374,17 +328,13 @@ TEST(ControllerLibrary, ScanRequestsCollapseCoversAreDecodedAndFailuresAreReport
                                         "Biblioteca al día: 2 archivos · 0 leídos · 0 quitados",
                                         "Biblioteca al día: 2 archivos · 2 leídos · 0 quitados"}));
 
-    // The shown albums' covers are decoded, and the playing track's at the player's size.
+    // The shown albums' embedded covers are decoded (the generated one is red), and the
+    // playing track's.
     ASSERT_EQ(h.state().albumCovers.size(), 2u);
-    int withPixels = 0;
-    for (const auto& [key, art] : h.state().albumCovers) {
-        if (!art.pixels) continue;
-        ++withPixels;
-        ASSERT_EQ(art.pixels->size(),
-                  static_cast<std::size_t>(Layout::albumCoverColumns * 2 * Layout::albumCoverRows));
-        EXPECT_GT(art.pixels->front().r, 200); // the generated cover is red
-    }
-    EXPECT_EQ(withPixels, 1);
+    int red = 0;
+    for (const auto& [key, art] : h.state().albumCovers)
+        red += art.pixels && art.pixels->front().r > 200;
+    EXPECT_EQ(red, 1);
     h.press({kTab, kEnd, kEnter});
     ASSERT_TRUE(h.settleUntilPlaying());
     ASSERT_TRUE(h.state().playback.track);
@@ -459,13 +409,6 @@ TEST(ControllerLibrary, ReloadKeepsTheArtistTheTrackAndOnlyLiveMarks) {
     EXPECT_EQ(h.state().shownArtist, h.state().artists.cursor);
     EXPECT_EQ(libraryRowName(h), "Strong");
     EXPECT_EQ(h.state().marked, std::set<std::string>{strong.path});
-
-    // When the shown artist disappears the cursor goes to the first artist.
-    h.store().apply({}, {strong.path, intro.path});
-    h.c().reloadLibrary();
-    h.settle();
-    EXPECT_EQ(artistUnderCursor(h), "Abba");
-    EXPECT_TRUE(h.state().marked.empty());
 }
 
 // Five tagged FLAC files of one album, the second one playing (paused), then edited.
@@ -503,10 +446,6 @@ TEST(ControllerEditing, CoversLyricsAndTheFormKeepThePlayingTrackAndCountTheFile
     h.press({kHome});
     ASSERT_EQ(libraryRowName(h), "<album>");
 
-    h.type(":cover " + (h.home / "no-existe.png").string());
-    h.settle();
-    EXPECT_EQ(h.reports.back().text,
-              "No se pudo leer la imagen: " + (h.home / "no-existe.png").string());
     // An image larger than 32 MiB is refused before anything is written.
     const fs::path huge = h.home / "enorme.png";
     { std::ofstream(huge) << "x"; }
