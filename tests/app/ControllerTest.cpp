@@ -183,38 +183,8 @@ void loadSmallLibrary(ControllerHarness& h) {
 
 } // namespace
 
-// Where keys go while an overlay is open, and the commands that only change settings.
-TEST(ControllerKeys, OverlaysTakeTheirKeysAndSettingsCommandsAreSaved) {
-    ControllerHarness h;
-    loadSmallLibrary(h);
-    h.press({ch("?"), ch("q")}); // closes the help, does not quit
-    EXPECT_EQ(h.state().overlay, Overlay::none());
-    h.type("t1:xx"); // the time prompt
-    EXPECT_EQ(h.state().status->text, "Tiempo inválido: usa 1:42");
-
-    // The folder list: j moves, x is ignored, d removes, a starts an "add " command.
-    const auto a = h.home.subdir("a"), b = h.home.subdir("b");
-    h.c().addRoot(a.string(), false);
-    h.c().addRoot(b.string(), false);
-    h.type(":paths");
-    h.keys("jjxd");
-    EXPECT_EQ(h.savedSettings().roots, std::vector<std::string>{a.string()});
-    EXPECT_EQ(h.state().status->text, "Carpeta quitada: " + b.string());
-    h.key(ch("a"));
-    EXPECT_EQ(h.state().input.text, "add ");
-    h.key(kEsc);
-    h.settle();
-
-    h.type(":eq save mío");
-    EXPECT_EQ(h.savedSettings().customPresets.size(), 1u);
-    h.type(":eq nada");
-    EXPECT_TRUE(h.state().status->isError);
-    h.type(":eq off");
-    EXPECT_FALSE(h.savedSettings().eqEnabled);
-}
-
 // What the editing keys act on: the marks in list order, else what is under the cursor.
-TEST(ControllerSelection, MarksAndTargets) {
+TEST(ControllerSelection, MarksTargetsAndReloads) {
     ControllerHarness h;
     loadSmallLibrary(h);
     h.c().jumpToArtist("blur");
@@ -249,8 +219,20 @@ TEST(ControllerSelection, MarksAndTargets) {
     EXPECT_NE(targets[0].find("Abba"), std::string::npos);
     EXPECT_EQ(std::vector<std::string>(targets.begin() + 1, targets.end()),
               std::vector<std::string>(all.begin() + 1, all.end()));
+
+    // A reload with an artist and a track above the cursor, and a marked track gone: the
+    // cursor stays on its artist and track, and only live marks are kept.
+    h.key(kDown);
+    h.store().apply({fakeTrack("Aaron", "X", 1, "Y"), fakeTrack("Abba", "Gold", 0, "Intro")},
+                    {all[1]});
+    h.c().reloadLibrary();
+    h.settle();
+    EXPECT_EQ(artistUnderCursor(h), "Abba");
+    EXPECT_EQ(libraryRowName(h), "Uno");
+    EXPECT_EQ(marked.size(), 3u);
+    EXPECT_FALSE(marked.count(all[1]));
     h.key(kEsc);
-    EXPECT_EQ(h.c().targetPaths().size(), 1u); // the album under the cursor
+    EXPECT_EQ(h.c().targetPaths().size(), 1u); // the track under the cursor
     h.key(kTab);
     EXPECT_TRUE(h.c().targetPaths().empty()); // player pane, nothing playing
 }
@@ -386,29 +368,6 @@ TEST(ControllerLibrary, ThrowingJobsAreReportedAndThePoolGoesOn) {
         if (r.isError) texts.insert(r.text);
     EXPECT_EQ(texts, (std::set<std::string>{"Error en segundo plano: no hay memoria suficiente",
                                             "Error en segundo plano: error desconocido"}));
-}
-
-TEST(ControllerLibrary, ReloadKeepsTheArtistTheTrackAndOnlyLiveMarks) {
-    ControllerHarness h;
-    const Track believe = fakeTrack("Cher", "Believe", 1, "Believe"),
-                strong = fakeTrack("Cher", "Believe", 2, "Strong"),
-                intro = fakeTrack("Cher", "Believe", 0, "Intro");
-    load(h, {fakeTrack("Blur", "Parklife", 1, "Girls"), believe, strong});
-    h.c().jumpToArtist("cher");
-    h.press({kEnter, kDown, ch("x"), kDown, ch("x")});
-    ASSERT_EQ(libraryRowName(h), "Strong");
-    ASSERT_EQ(h.state().marked.size(), 2u);
-
-    // New artists above, a new track above the cursor, and a marked track gone.
-    h.store().apply(
-        {fakeTrack("Abba", "Gold", 1, "Uno"), fakeTrack("Beck", "Odelay", 1, "Dos"), intro},
-        {believe.path});
-    h.c().reloadLibrary();
-    h.settle();
-    EXPECT_EQ(artistUnderCursor(h), "Cher");
-    EXPECT_EQ(h.state().shownArtist, h.state().artists.cursor);
-    EXPECT_EQ(libraryRowName(h), "Strong");
-    EXPECT_EQ(h.state().marked, std::set<std::string>{strong.path});
 }
 
 // Five tagged FLAC files of one album, the second one playing (paused), then edited.
