@@ -126,15 +126,12 @@ private:
 // A track record for a file that need not exist.
 Track fakeTrack(const std::string& artist, const std::string& album, int number,
                 const std::string& title, int disc = 1, int year = 2000) {
-    const std::string path = "/music/" + artist + "/" + album + "/" + std::to_string(disc) + "-" +
-                             std::to_string(number) + " " + title + ".flac";
-    return {.path = path,
-            .title = title,
-            .artist = artist,
-            .album = album,
-            .year = year,
-            .trackNumber = number,
-            .discNumber = disc};
+    Track t;
+    t.path = "/music/" + artist + "/" + album + "/" + std::to_string(disc) + "-" +
+             std::to_string(number) + " " + title + ".flac";
+    std::tie(t.artist, t.album, t.title) = std::tie(artist, album, title);
+    std::tie(t.trackNumber, t.discNumber, t.year) = std::tuple(number, disc, year);
+    return t;
 }
 
 // Puts these tracks in the store and shows them.
