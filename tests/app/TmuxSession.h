@@ -70,6 +70,13 @@ inline std::string trim(std::string s) {
     return s;
 }
 
+inline int occurrences(const std::string& text, const std::string& what) {
+    int n = 0;
+    for (auto at = text.find(what); at != npos; at = text.find(what, at + 1))
+        ++n;
+    return n;
+}
+
 inline bool waitUntil(const std::function<bool()>& ready, std::chrono::milliseconds limit = 20s) {
     const auto end = std::chrono::steady_clock::now() + limit;
     for (; std::chrono::steady_clock::now() < end; std::this_thread::sleep_for(20ms))
