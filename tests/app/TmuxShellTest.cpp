@@ -97,7 +97,7 @@ TEST(TmuxShell, SignalMasksAndCtrlZ) {
     s.quit();
 }
 
-TEST(TmuxShell, CommandLineErrorsOutliveTheSummaryAndOddFolderNamesARestart) {
+TEST(TmuxShell, CommandLineErrorsOutliveTheSummaryAndOddFolderNamesShow) {
     if (!haveTmux() || !fixtures::available()) GTEST_SKIP() << "tmux or ffmpeg missing";
     Session s;
     // A folder whose name is Latin-1, not UTF-8 (an old disk).
@@ -107,11 +107,6 @@ TEST(TmuxShell, CommandLineErrorsOutliveTheSummaryAndOddFolderNamesARestart) {
     s.start({missing, music.string()});
     ASSERT_TRUE(s.waitFor("Biblioteca al día: 4 archivos")) << s.screen();
     EXPECT_TRUE(s.waitFor("No existe la carpeta: " + missing, 10s)) << s.screen();
-    s.quit();
-
-    s.start();
-    ASSERT_TRUE(s.waitFor("Biblioteca al día: 4 archivos · 0 leídos · 0 quitados")) << s.screen();
-    EXPECT_TRUE(s.waitFor("4 canciones · 3 artistas", 10s)) << s.screen();
     s.command(":paths");
     EXPECT_TRUE(s.waitFor("m\xEF\xBF\xBDsica")) << s.screen(); // shown with U+FFFD
     s.keys("Escape");
