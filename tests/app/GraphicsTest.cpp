@@ -59,8 +59,7 @@ fs::path makeAlbums(const fs::path& dir) {
 // it answer the probe as kitty does (cell 10 × 20 pixels), else it stays silent.
 class FakeTerminal {
 public:
-    FakeTerminal(const fs::path& home, const fs::path& music, bool kitty, const char* term)
-        : kitty_(kitty) {
+    FakeTerminal(const fs::path& home, const fs::path& music, bool kitty) : kitty_(kitty) {
         struct winsize ws {};
         ws.ws_col = 100;
         ws.ws_row = 40;
@@ -68,7 +67,7 @@ public:
         if (pid_ == 0) {
             setenv("TROVAN_HOME", home.c_str(), 1);
             setenv("COLORTERM", "truecolor", 1);
-            setenv("TERM", term, 1);
+            setenv("TERM", kitty ? "xterm-kitty" : "xterm-256color", 1);
             unsetenv("TMUX");
             unsetenv("STY");
             execl(TROVAN_BINARY, TROVAN_BINARY, music.c_str(), static_cast<char*>(nullptr));
@@ -104,7 +103,10 @@ public:
             const ssize_t n = read(fd_, buf, sizeof buf);
             if (n <= 0) break;
             out.append(buf, static_cast<std::size_t>(n));
-            answer();
+            if (kitty_ && !answered_ && out.find("\x1b[c") != std::string::npos) {
+                answered_ = true;
+                send("\x1b_Gi=31;OK\x1b\\\x1b[6;20;10t\x1b[?62;22c");
+            }
         }
         return text.empty() || out.find(text) != std::string::npos;
     }
@@ -117,12 +119,6 @@ public:
     std::string out;
 
 private:
-    void answer() {
-        if (!kitty_ || answered_ || out.find("\x1b[c") == std::string::npos) return;
-        answered_ = true;
-        send("\x1b_Gi=31;OK\x1b\\\x1b[6;20;10t\x1b[?62;22c");
-    }
-
     bool kitty_;
     bool answered_ = false;
     pid_t pid_ = -1;
@@ -217,7 +213,7 @@ fs::path Graphics::music_;
 // down and 50 back up move them around; the placements of rows that leave the list are
 // deleted, and the help box hides the ones under it.
 TEST_F(Graphics, KittyTransmitsEachCoverOnceAndDeletesPlacementsThatLeave) {
-    FakeTerminal t(home_->path(), music_, true, "xterm-kitty");
+    FakeTerminal t(home_->path(), music_, true);
     ASSERT_TRUE(t.pump(20s, "Biblioteca al d\xC3\xAD"
                             "a"))
         << t.out.substr(0, 2000);
@@ -275,7 +271,7 @@ TEST_F(Graphics, KittyTransmitsEachCoverOnceAndDeletesPlacementsThatLeave) {
 
 // A terminal that answers nothing: half blocks, and no image bytes beyond the probe.
 TEST_F(Graphics, SilentTerminalsGetHalfBlocks) {
-    FakeTerminal t(home_->path(), music_, false, "xterm-256color");
+    FakeTerminal t(home_->path(), music_, false);
     ASSERT_TRUE(t.pump(20s, "Biblioteca al d\xC3\xAD"
                             "a"));
     t.pump(500ms);
