@@ -12,24 +12,15 @@
 #include "playback/PlaybackController.h"
 #include "support/Fixtures.h"
 #include "support/TempDir.h"
-#include "tags/TagEditor.h"
 
 #include <gtest/gtest.h>
 
-#include <chrono>
-#include <cstdlib>
 #include <deque>
-#include <filesystem>
 #include <fstream>
-#include <initializer_list>
-#include <memory>
 #include <mutex>
-#include <string>
 #include <thread>
-#include <vector>
 
 using namespace trovan;
-using namespace std::chrono_literals;
 namespace fs = std::filesystem;
 
 namespace {
@@ -39,8 +30,7 @@ public:
     using Task = AppController::Task;
     using Clock = AppController::Clock;
 
-    explicit ControllerHarness(Size size = {100, 40})
-        : store_(std::make_shared<LibraryStore>(home / "library.sqlite")) {
+    ControllerHarness() : store_(std::make_shared<LibraryStore>(home / "library.sqlite")) {
         // E and L run the user's editor: here one that leaves the text as it is.
         ::setenv("VISUAL", "true", 1);
         AppController::Host host;
@@ -55,8 +45,9 @@ public:
                           OutputEvents) -> std::unique_ptr<AudioOutput> {
             return std::make_unique<NullOutput>(format, renderer, NullOutput::Clock::virtualClock);
         };
-        controller = std::make_unique<AppController>(
-            terminal, size, SettingsStore(home / "config.json"), store_, pool, std::move(host));
+        controller = std::make_unique<AppController>(terminal, Size{100, 40},
+                                                     SettingsStore(home / "config.json"), store_,
+                                                     pool, std::move(host));
     }
 
     ~ControllerHarness() {
@@ -103,14 +94,13 @@ public:
         if (s && (reports.empty() || !(reports.back() == *s))) reports.push_back(*s);
     }
 
-    void key(const Key& k) {
-        controller->handleKey(k);
-        noteStatus();
-    }
     void press(std::initializer_list<Key> ks) {
-        for (const Key& k : ks)
-            key(k);
+        for (const Key& k : ks) {
+            controller->handleKey(k);
+            noteStatus();
+        }
     }
+    void key(const Key& k) { press({k}); }
     void keys(const std::string& chars) {
         for (char ch : chars)
             key(Key::character(std::string(1, ch)));
@@ -139,12 +129,8 @@ Track fakeTrack(const std::string& artist, const std::string& album, int number,
     Track t;
     t.path = "/music/" + artist + "/" + album + "/" + std::to_string(disc) + "-" +
              std::to_string(number) + " " + title + ".flac";
-    t.artist = artist;
-    t.album = album;
-    t.title = title;
-    t.trackNumber = number;
-    t.discNumber = disc;
-    t.year = year;
+    std::tie(t.artist, t.album, t.title) = std::tie(artist, album, title);
+    std::tie(t.trackNumber, t.discNumber, t.year) = std::tuple(number, disc, year);
     return t;
 }
 
@@ -171,9 +157,8 @@ std::string libraryRowName(const ControllerHarness& h) {
 }
 
 using K = Key::Kind;
-const Key kUp(K::up), kDown(K::down), kEnter(K::enter), kEsc(K::escape), kTab(K::tab),
-    kRight(K::right), kHome(K::home), kEnd(K::end), kPageDown(K::pageDown), kShiftUp(K::shiftUp),
-    kBackspace(K::backspace);
+const Key kDown(K::down), kEnter(K::enter), kEsc(K::escape), kTab(K::tab), kRight(K::right),
+    kHome(K::home), kEnd(K::end), kShiftUp(K::shiftUp), kBackspace(K::backspace);
 
 Key ch(const char* c) {
     return Key::character(c);
@@ -193,72 +178,16 @@ void loadSmallLibrary(ControllerHarness& h) {
 
 } // namespace
 
-TEST(ControllerKeys, TheOpenOverlayDecidesWhereKeysGo) {
-    ControllerHarness h;
-    loadSmallLibrary(h);
-    const AppState before = h.state();
-    h.key(ch("z")); // unbound: nothing happens
-    EXPECT_EQ(h.state().artists, before.artists);
-    EXPECT_FALSE(h.state().status);
-
-    // Help: arrows scroll (not below 0), pages by ten, anything else closes it.
-    h.press({ch("?"), kUp});
-    EXPECT_EQ(h.state().helpOffset, 0);
-    h.press({ch("j"), kPageDown});
-    EXPECT_EQ(h.state().helpOffset, 11);
-    h.key(ch("q")); // closes the help, does not quit
-    EXPECT_EQ(h.state().overlay, Overlay::none());
-
-    // Prompts: an empty command does nothing; Esc and Ctrl-C drop the typed text.
-    h.type(":");
-    EXPECT_FALSE(h.state().status);
-    h.keys(":abc");
-    h.key(kEsc);
-    EXPECT_EQ(h.state().overlay, Overlay::none());
-    h.key(ch(":"));
-    EXPECT_EQ(h.state().input.text, "");
-    h.key(Key::ctrl('c'));
-    EXPECT_EQ(h.state().overlay, Overlay::none());
-    h.type("t1:xx"); // the time prompt
-    EXPECT_EQ(h.state().status->text, "Tiempo inválido: usa 1:42");
-
-    // A paste without a prompt is dropped.
-    h.c().handlePaste("vol 20");
-    EXPECT_EQ(h.state().overlay, Overlay::none());
-
-    // The folder list: j moves, x is ignored, d removes, a starts an "add " command.
-    const auto a = h.home.subdir("a"), b = h.home.subdir("b");
-    h.c().addRoot(a.string(), false);
-    h.c().addRoot(b.string(), false);
-    h.type(":paths");
-    h.keys("jjxd");
-    EXPECT_EQ(h.savedSettings().roots, std::vector<std::string>{a.string()});
-    EXPECT_EQ(h.state().status->text, "Carpeta quitada: " + b.string());
-    h.key(ch("a"));
-    EXPECT_EQ(h.state().overlay, Overlay::prompt(PromptKind::command));
-    EXPECT_EQ(h.state().input.text, "add ");
-    h.key(kEsc);
-    h.settle();
-
-    // Equalizer commands: a saved preset is kept, an unknown one refused.
-    h.type(":eq save mío");
-    EXPECT_EQ(h.savedSettings().customPresets.size(), 1u);
-    h.type(":eq nada");
-    EXPECT_TRUE(h.state().status->isError);
-    h.type(":eq off");
-    EXPECT_FALSE(h.savedSettings().eqEnabled);
-}
-
-TEST(ControllerSelection, MarksAndTargets) {
+// What the editing keys act on: the marks in list order, else what is under the cursor.
+TEST(ControllerSelection, MarksTargetsAndReloads) {
     ControllerHarness h;
     loadSmallLibrary(h);
     h.c().jumpToArtist("blur");
     const auto all = AppController::trackPaths(h.state().index, h.state().libraryRows);
     ASSERT_EQ(all.size(), 4u);
     const auto& marked = h.state().marked;
+    EXPECT_EQ(h.c().targetPaths(), all); // the artist pane: the shown artist's every track
 
-    // In the artist pane the target is the shown artist's every track.
-    EXPECT_EQ(h.c().targetPaths(), all);
     // x on an album marks its tracks; again unmarks them; on a partly marked one, the rest.
     h.press({kEnter, ch("x")});
     EXPECT_EQ(marked.size(), 3u);
@@ -266,16 +195,10 @@ TEST(ControllerSelection, MarksAndTargets) {
     EXPECT_TRUE(marked.empty());
     h.press({kDown, ch("x"), kHome, ch("x")});
     EXPECT_EQ(marked.size(), 3u);
-    // Targets are the marks in list order whatever the cursor says.
     h.press({kEnd, ch("x")});
     EXPECT_EQ(h.c().targetPaths(), all);
-
-    // Esc clears the marks only; a second Esc hides the lyrics.
-    h.press({ch("l"), kEsc});
-    EXPECT_TRUE(marked.empty());
-    EXPECT_TRUE(h.state().lyricsVisible);
     h.key(kEsc);
-    EXPECT_FALSE(h.state().lyricsVisible);
+    EXPECT_TRUE(marked.empty());
 
     // Shift+↑ paints a range (album rows, spacers and discs add nothing), never unmarks.
     h.key(kShiftUp); // Ambulance, onto the album Think
@@ -291,8 +214,20 @@ TEST(ControllerSelection, MarksAndTargets) {
     EXPECT_NE(targets[0].find("Abba"), std::string::npos);
     EXPECT_EQ(std::vector<std::string>(targets.begin() + 1, targets.end()),
               std::vector<std::string>(all.begin() + 1, all.end()));
+
+    // A reload with an artist and a track above the cursor, and a marked track gone: the
+    // cursor stays on its artist and track, and only live marks are kept.
+    h.key(kDown);
+    h.store().apply({fakeTrack("Aaron", "X", 1, "Y"), fakeTrack("Abba", "Gold", 0, "Intro")},
+                    {all[1]});
+    h.c().reloadLibrary();
+    h.settle();
+    EXPECT_EQ(artistUnderCursor(h), "Abba");
+    EXPECT_EQ(libraryRowName(h), "Uno");
+    EXPECT_EQ(marked.size(), 3u);
+    EXPECT_FALSE(marked.count(all[1]));
     h.key(kEsc);
-    EXPECT_EQ(h.c().targetPaths().size(), 1u); // the album under the cursor
+    EXPECT_EQ(h.c().targetPaths().size(), 1u); // the track under the cursor
     h.key(kTab);
     EXPECT_TRUE(h.c().targetPaths().empty()); // player pane, nothing playing
 }
@@ -306,17 +241,14 @@ TEST(ControllerLibrary, FoldersAreNormalisedAndCheckedBeforeTheyAreStored) {
     h.c().addRoot("~/music", false);
     setenv("HOME", savedHome.c_str(), 1);
     EXPECT_EQ(h.savedSettings().roots, std::vector<std::string>{music.string()});
-    EXPECT_EQ(h.state().status->text, "Carpeta agregada: " + music.string());
 
     const fs::path cwd = fs::current_path();
     fs::current_path(h.home.path()); // relative paths are taken from the working folder
     const std::string m = music.string();
-    // Each request, and the message it gets.
+    // Each request, and the message it gets ("!" for an error).
     const std::pair<std::string, std::string> requests[] = {
-        {m + "/", "La carpeta ya estaba agregada"},
         {m + "/./", "La carpeta ya estaba agregada"},
         {m + "/../music", "La carpeta ya estaba agregada"},
-        {m + "//", "La carpeta ya estaba agregada"},
         {"music/", "La carpeta ya estaba agregada"},
         {m + "/./song.mp3", "!No es una carpeta: " + m + "/song.mp3"},
         {m + "/nope", "!No existe la carpeta: " + m + "/nope"},
@@ -329,9 +261,8 @@ TEST(ControllerLibrary, FoldersAreNormalisedAndCheckedBeforeTheyAreStored) {
             h.c().addRoot(path, false);
         EXPECT_EQ(h.state().status->isError, message[0] == '!') << path;
         EXPECT_EQ(h.state().status->text, message.substr(message[0] == '!')) << path;
-        if (path[0] != '-') {
-            EXPECT_EQ(h.state().settings.roots.size(), 1u) << path;
-        }
+        EXPECT_EQ(h.state().settings.roots.size(), message.starts_with("Carpeta quitada") ? 0u : 1u)
+            << path;
     }
     fs::current_path(cwd);
     EXPECT_TRUE(h.savedSettings().roots.empty());
@@ -374,39 +305,13 @@ TEST(ControllerLibrary, ScanRequestsCollapseCoversAreDecodedAndFailuresAreReport
                                         "Biblioteca al día: 2 archivos · 0 leídos · 0 quitados",
                                         "Biblioteca al día: 2 archivos · 2 leídos · 0 quitados"}));
 
-    // The shown albums' covers are decoded, and the playing track's at the player's size.
-    ASSERT_EQ(h.state().albumCovers.size(), 2u);
-    int withPixels = 0;
-    for (const auto& [key, art] : h.state().albumCovers) {
-        if (!art.pixels) continue;
-        ++withPixels;
-        ASSERT_EQ(art.pixels->size(),
-                  static_cast<std::size_t>(Layout::albumCoverColumns * 2 * Layout::albumCoverRows));
-        EXPECT_GT(art.pixels->front().r, 200); // the generated cover is red
-    }
-    EXPECT_EQ(withPixels, 1);
+    // The playing track's embedded cover is decoded.
     h.press({kTab, kEnd, kEnter});
     ASSERT_TRUE(h.settleUntilPlaying());
     ASSERT_TRUE(h.state().playback.track);
     ASSERT_TRUE(h.state().cover);
     EXPECT_EQ(h.state().cover->key, h.state().playback.track->path);
     EXPECT_EQ(h.state().cover->pixels.has_value(), h.state().playback.track->title == "Uno");
-
-    // An empty folder where the music was (a drive not mounted): the tracks stay, and the
-    // summary says which folder could not be read.
-    std::filesystem::rename(music, h.home / "away");
-    std::filesystem::create_directory(music);
-    h.c().reindex(false);
-    h.settle();
-    EXPECT_EQ(h.state().index.trackCount, 2);
-    ASSERT_FALSE(h.reports.empty());
-    EXPECT_NE(h.reports.back().text.find(" · No disponible: " + music.string() +
-                                         " (se conservan sus canciones)"),
-              std::string::npos)
-        << h.reports.back().text;
-    EXPECT_TRUE(h.reports.back().isError);
-    std::filesystem::remove(music);
-    std::filesystem::rename(h.home / "away", music);
 
     // The cache breaks under the running program: the scan says so, in Spanish, and the
     // flow comes back to rest (a later request still runs) instead of ending the program.
@@ -438,42 +343,10 @@ TEST(ControllerLibrary, ThrowingJobsAreReportedAndThePoolGoesOn) {
                                             "Error en segundo plano: error desconocido"}));
 }
 
-TEST(ControllerLibrary, ReloadKeepsTheArtistTheTrackAndOnlyLiveMarks) {
-    ControllerHarness h;
-    const Track believe = fakeTrack("Cher", "Believe", 1, "Believe"),
-                strong = fakeTrack("Cher", "Believe", 2, "Strong"),
-                intro = fakeTrack("Cher", "Believe", 0, "Intro");
-    load(h, {fakeTrack("Blur", "Parklife", 1, "Girls"), believe, strong});
-    h.c().jumpToArtist("cher");
-    h.press({kEnter, kDown, ch("x"), kDown, ch("x")});
-    ASSERT_EQ(libraryRowName(h), "Strong");
-    ASSERT_EQ(h.state().marked.size(), 2u);
-
-    // New artists above, a new track above the cursor, and a marked track gone.
-    h.store().apply(
-        {fakeTrack("Abba", "Gold", 1, "Uno"), fakeTrack("Beck", "Odelay", 1, "Dos"), intro},
-        {believe.path});
-    h.c().reloadLibrary();
-    h.settle();
-    EXPECT_EQ(artistUnderCursor(h), "Cher");
-    EXPECT_EQ(h.state().shownArtist, h.state().artists.cursor);
-    EXPECT_EQ(libraryRowName(h), "Strong");
-    EXPECT_EQ(h.state().marked, std::set<std::string>{strong.path});
-
-    // When the shown artist disappears the cursor goes to the first artist.
-    h.store().apply({}, {strong.path, intro.path});
-    h.c().reloadLibrary();
-    h.settle();
-    EXPECT_EQ(artistUnderCursor(h), "Abba");
-    EXPECT_TRUE(h.state().marked.empty());
-}
-
 // Five tagged FLAC files of one album, the second one playing (paused), then edited.
-TEST(ControllerEditing, CoversLyricsAndTheFormKeepThePlayingTrackAndCountTheFileThatFails) {
+TEST(ControllerEditing, CoversAndTheFormKeepThePlayingTrackAndCountTheFileThatFails) {
     if (!fixtures::available()) GTEST_SKIP() << "ffmpeg is not installed";
     ControllerHarness h;
-    h.type(":cover remove");
-    EXPECT_EQ(h.state().status->text, "Selecciona una canción, un álbum o un artista");
     const fs::path music = h.home.subdir("music");
     std::vector<std::string> paths;
     std::vector<Track> tracks;
@@ -503,10 +376,6 @@ TEST(ControllerEditing, CoversLyricsAndTheFormKeepThePlayingTrackAndCountTheFile
     h.press({kHome});
     ASSERT_EQ(libraryRowName(h), "<album>");
 
-    h.type(":cover " + (h.home / "no-existe.png").string());
-    h.settle();
-    EXPECT_EQ(h.reports.back().text,
-              "No se pudo leer la imagen: " + (h.home / "no-existe.png").string());
     // An image larger than 32 MiB is refused before anything is written.
     const fs::path huge = h.home / "enorme.png";
     { std::ofstream(huge) << "x"; }
@@ -536,18 +405,8 @@ TEST(ControllerEditing, CoversLyricsAndTheFormKeepThePlayingTrackAndCountTheFile
     EXPECT_EQ(h.reports.back().text, "Carátula eliminada en 5 pistas");
     EXPECT_TRUE(fixtures::storedPictures(paths[4]).empty());
 
-    // The lyrics of the playing track, edited: blank lines and edge spaces trimmed.
-    h.press({kDown, kDown});
-    ::setenv("VISUAL", "printf '\\n Primera\\nSegunda \\n\\n' >", 1);
-    h.key(ch("L"));
-    h.settle();
-    ::setenv("VISUAL", "true", 1);
-    EXPECT_EQ(h.reports.back().text, "Tags guardados en 1 pista");
-    EXPECT_EQ(TagEditor::lyrics(paths[1]), "Primera\nSegunda");
-    EXPECT_NEAR(h.c().elapsed(), 0.7, 0.05);
-
     // The form on the album: unchanged, it writes nothing.
-    h.press({kHome, ch("e")});
+    h.key(ch("e"));
     h.settle();
     ASSERT_TRUE(h.state().form);
     EXPECT_EQ(h.state().form->paths, paths);
@@ -599,8 +458,6 @@ TEST(ControllerQueue, ListsAskFirstAndDamagedOrNewerQueueFilesAreKept) {
     EXPECT_EQ(last(), "La cola está vacía: no hay nada que guardar");
     h.keys("a"); // Abba's one track
     EXPECT_EQ(last(), "1 canción añadida a la cola");
-    h.type(":save ../fuera");
-    EXPECT_EQ(last(), "Nombre de lista inválido: sin barras y sin punto al principio");
     h.type(":save Mezcla");
     h.settle();
     const fs::path list = h.home.path() / "listas" / "Mezcla.m3u8";

@@ -30,7 +30,6 @@ using namespace std::chrono_literals;
 inline const auto npos = std::string::npos;
 inline const std::string kMessage = "Agranda la terminal (m\xC3\xADnimo 60\xC3\x97"
                                     "16)";
-inline const std::string kBackground = "48;2;20;22;28";
 inline const std::string kError = "38;2;247;118;142";
 
 // Runs the program once the test says go (so its output is recorded from the first
@@ -71,6 +70,13 @@ inline std::string trim(std::string s) {
     return s;
 }
 
+inline int occurrences(const std::string& text, const std::string& what) {
+    int n = 0;
+    for (auto at = text.find(what); at != npos; at = text.find(what, at + 1))
+        ++n;
+    return n;
+}
+
 inline bool waitUntil(const std::function<bool()>& ready, std::chrono::milliseconds limit = 20s) {
     const auto end = std::chrono::steady_clock::now() + limit;
     for (; std::chrono::steady_clock::now() < end; std::this_thread::sleep_for(20ms))
@@ -106,8 +112,6 @@ public:
     std::string busAddress = defaultBusAddress();
     // More variables for the program's window at the next start.
     std::map<std::string, std::string> environment;
-    // A command the program runs under (unshare, a wrapper).
-    std::vector<std::string> launcher;
 
     const fs::path& dir() const { return dir_; }
     fs::path home() const { return dir_ / "home"; }
@@ -121,15 +125,11 @@ public:
         std::string command =
             "sh " + shellQuote((run_ / "run.sh").string()) + " " + shellQuote(run_.string());
         // Appended, not " " + std::string: GCC 12's -Wrestrict misreads that in Release.
-        for (const auto& a : launcher)
-            command.append(" ").append(shellQuote(a));
         command.append(" ").append(shellQuote(TROVAN_BINARY));
         for (const auto& a : args)
             command.append(" ").append(shellQuote(a));
         tmux("-f /dev/null new-session -d -s t -x " + std::to_string(width) + " -y " +
-             std::to_string(height) + " -e COLORTERM=truecolor -e TROVAN_HOME=" +
-             shellQuote(home().string()) + privateHome() + extraEnvironment() +
-             " -e DBUS_SESSION_BUS_ADDRESS=" + shellQuote(busAddress) + " " + shellQuote(command));
+             std::to_string(height) + windowEnvironment() + " " + shellQuote(command));
         tmux("pipe-pane -t t -o " + shellQuote("cat >> " + shellQuote((run_ / "out").string())));
         std::ofstream(run_ / "go") << "";
         waitUntil([&] { return has("pid"); }, 10s);
@@ -163,8 +163,7 @@ public:
     bool waitGone(const std::string& text, std::chrono::milliseconds limit = 20s) {
         return waitUntil([&] { return screen().find(text) == npos; }, limit);
     }
-    // What the program wrote reaches the output file through tmux's pipe a moment after
-    // the screen shows it.
+    // The output file lags the screen by a moment (tmux's pipe).
     bool outputHas(const std::string& text) {
         return waitUntil([&] { return output().find(text) != npos; }, 5s);
     }
@@ -173,11 +172,8 @@ public:
     }
 
     void keys(const std::string& names) { tmux("send-keys -t t " + names); }
-    void command(const std::string& line) {
-        text(line);
-        keys("Enter");
-    }
     void text(const std::string& literal) { tmux("send-keys -t t -l " + shellQuote(literal)); }
+    void command(const std::string& line) { text(line), keys("Enter"); }
     // A left click as the terminal reports it (SGR, 1-based cells), press and release.
     void click(int x, int y) {
         std::string hex;
@@ -199,7 +195,11 @@ public:
     }
     bool waitForSession() {
         return waitUntil(
-            [&] { return flags() == "1 0 1 1 1" && screen(true).find(kBackground) != npos; }, 10s);
+            [&] {
+                return flags() == "1 0 1 1 1" &&
+                       screen(true).find("48;2;20;22;28") /* the background */ != npos;
+            },
+            10s);
     }
 
     // True when the program's media player is on the session bus it was given.
@@ -240,26 +240,26 @@ public:
     }
 
 private:
-    // The program's HOME and XDG folders inside this session's folder: whatever the
-    // sound server's client or other libraries write there goes away with it.
-    std::string extraEnvironment() const {
-        std::string out;
-        for (const auto& [name, value] : environment)
-            out += " -e " + shellQuote(name + "=" + value);
-        return out;
-    }
-    std::string privateHome() {
+    // The variables asked for, and the program's HOME and XDG folders inside this
+    // session's folder: whatever libraries write there goes away with it.
+    std::string windowEnvironment() {
         const fs::path user = dir_ / "user";
         fs::create_directories(user / "runtime");
         fs::permissions(user / "runtime", fs::perms::owner_all);
-        std::string env;
+        auto env = environment;
         for (const auto& [name, sub] : {std::pair{"HOME", ""},
                                         {"XDG_CONFIG_HOME", ".config"},
                                         {"XDG_CACHE_HOME", ".cache"},
                                         {"XDG_STATE_HOME", ".state"},
                                         {"XDG_RUNTIME_DIR", "runtime"}})
-            env += std::string(" -e ") + name + "=" + shellQuote((user / sub).string());
-        return env;
+            env[name] = (user / sub).string();
+        env["COLORTERM"] = "truecolor";
+        env["TROVAN_HOME"] = home().string();
+        env["DBUS_SESSION_BUS_ADDRESS"] = busAddress;
+        std::string out;
+        for (const auto& [name, value] : env)
+            out += " -e " + shellQuote(name + "=" + value);
+        return out;
     }
 
     void stop() {

@@ -1,16 +1,10 @@
 // SPDX-License-Identifier: GPL-3.0-or-later
-// The program's edges in a real terminal: being stopped and killed, signal masks, pastes,
-// what the command line and standard error do during a session, and folder names from old
-// disks.
+// The program's edges in a real terminal: being stopped and killed, signal masks, what the
+// command line says during a session, and folder names from old disks.
 
 #include "app/TmuxSession.h"
 
-#include <chrono>
-#include <iostream>
 #include <map>
-#include <sstream>
-#include <thread>
-#include <unistd.h>
 
 using namespace trovan;
 using namespace trovan::e2e;
@@ -49,57 +43,37 @@ TEST(TmuxShell, EveryWayOutGivesTheTerminalBack) {
     EXPECT_EQ(trim(s.file("status")), "0");
 }
 
-TEST(TmuxShell, StandardErrorSignalMasksASplitPasteAndCtrlZ) {
+TEST(TmuxShell, SignalMasksAndCtrlZ) {
     if (!haveTmux()) GTEST_SKIP() << "tmux is not installed";
     Session s;
     s.start();
     ASSERT_TRUE(s.waitForSession()) << s.flags();
-    const fs::path proc = "/proc/" + std::to_string(s.pid());
-    std::error_code ec;
-    EXPECT_EQ(fs::read_symlink(proc / "fd" / "2", ec), s.home() / "trovan.log") << ec.message();
-    EXPECT_TRUE(fs::is_regular_file(s.home() / "trovan.log"));
 
-    // The signals the main loop handles: blocked in every thread that lives on (the loop
-    // reads them from a signalfd). A short-lived thread seen once with none blocked, under
-    // load only, is still unexplained: the threads checked are those present in two looks
-    // half a second apart, and any other is named in the output.
+    // The signals the main loop reads from a signalfd are blocked in every thread that
+    // lives on (present in two looks half a second apart).
     unsigned long long handled = 0;
     for (int sig : {SIGWINCH, SIGTERM, SIGHUP, SIGINT, SIGTSTP, SIGCONT})
         handled |= 1ULL << (sig - 1);
-    auto blockedIn = [](const fs::path& task) {
-        std::stringstream status(slurp(task / "status"));
-        unsigned long long blocked = 0;
-        for (std::string line; std::getline(status, line);)
-            if (line.rfind("SigBlk:", 0) == 0) blocked = std::stoull(line.substr(7), nullptr, 16);
-        return blocked;
+    auto blocked = [&] {
+        std::map<std::string, unsigned long long> out;
+        for (const auto& task :
+             fs::directory_iterator("/proc/" + std::to_string(s.pid()) + "/task")) {
+            const std::string status = slurp(task.path() / "status");
+            const auto at = status.find("SigBlk:");
+            if (at != npos)
+                out[task.path().filename()] = std::stoull(status.substr(at + 7), nullptr, 16);
+        }
+        return out;
     };
-    std::map<std::string, unsigned long long> first;
-    for (const auto& task : fs::directory_iterator(proc / "task"))
-        first[task.path().filename().string()] = blockedIn(task.path());
+    const auto first = blocked();
     std::this_thread::sleep_for(500ms);
-    int others = 0;
-    for (const auto& task : fs::directory_iterator(proc / "task")) {
-        const std::string id = task.path().filename().string();
-        const auto seen = first.find(id);
-        if (seen == first.end()) continue;
-        others += id == std::to_string(s.pid()) ? 0 : 1;
-        EXPECT_EQ(seen->second & handled, handled) << slurp(task.path() / "comm") << task.path();
-        EXPECT_EQ(blockedIn(task.path()) & handled, handled) << slurp(task.path() / "comm");
-        first.erase(seen);
-    }
-    for (const auto& [id, blocked] : first)
-        if ((blocked & handled) != handled)
-            std::cout << "short-lived thread " << id << " with the signals unblocked\n";
-    EXPECT_GT(others, 0);
-
-    // A paste whose end marker comes in two writes, apart in time, so in two reads.
-    s.text(":");
-    s.tmux("send-keys -t t -H 1b 5b 32 30 30 7e 61 64 64 1b 5b 32 30");
-    std::this_thread::sleep_for(300ms);
-    s.tmux("send-keys -t t -H 31 7e");
-    ASSERT_TRUE(s.waitFor(":add")) << s.screen();
-    s.keys("Escape");
-    ASSERT_TRUE(s.waitGone(":add")) << s.screen();
+    int lasting = 0;
+    for (const auto& [id, mask] : blocked())
+        if (first.count(id)) {
+            ++lasting;
+            EXPECT_EQ(mask & first.at(id) & handled, handled) << "thread " << id;
+        }
+    EXPECT_GT(lasting, 1);
 
     // Ctrl-Z: stopped with the terminal as the shell had it; continued (what fg does),
     // the whole screen comes back.
@@ -123,7 +97,7 @@ TEST(TmuxShell, StandardErrorSignalMasksASplitPasteAndCtrlZ) {
     s.quit();
 }
 
-TEST(TmuxShell, CommandLineErrorsOutliveTheSummaryAndOddFolderNamesARestart) {
+TEST(TmuxShell, CommandLineErrorsOutliveTheSummaryAndOddFolderNamesShow) {
     if (!haveTmux() || !fixtures::available()) GTEST_SKIP() << "tmux or ffmpeg missing";
     Session s;
     // A folder whose name is Latin-1, not UTF-8 (an old disk).
@@ -133,11 +107,6 @@ TEST(TmuxShell, CommandLineErrorsOutliveTheSummaryAndOddFolderNamesARestart) {
     s.start({missing, music.string()});
     ASSERT_TRUE(s.waitFor("Biblioteca al día: 4 archivos")) << s.screen();
     EXPECT_TRUE(s.waitFor("No existe la carpeta: " + missing, 10s)) << s.screen();
-    s.quit();
-
-    s.start();
-    ASSERT_TRUE(s.waitFor("Biblioteca al día: 4 archivos · 0 leídos · 0 quitados")) << s.screen();
-    EXPECT_TRUE(s.waitFor("4 canciones · 3 artistas", 10s)) << s.screen();
     s.command(":paths");
     EXPECT_TRUE(s.waitFor("m\xEF\xBF\xBDsica")) << s.screen(); // shown with U+FFFD
     s.keys("Escape");

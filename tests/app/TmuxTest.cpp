@@ -20,11 +20,6 @@ TEST(Tmux, PlaysSavesRestartsAndFollowsPromptsMouseAndResizes) {
 
     ASSERT_TRUE(s.waitFor("Biblioteca al día: 4 archivos · 4 leídos · 0 quitados (")) << s.screen();
     EXPECT_TRUE(s.outputHas("Buscando archivos…"));
-    // The artist pane: letter headings and artists.
-    EXPECT_EQ(s.line(4).substr(0, 3), "  A");
-    EXPECT_NE(s.line(5).find(" Alfa"), npos);
-    EXPECT_EQ(s.line(6).substr(0, 3), "  B");
-    EXPECT_NE(s.line(7).find(" Beta"), npos);
     EXPECT_NE(s.screen().find("BIBLIOTECA · ALFA"), npos);
     // Once the summary has gone the counts show.
     EXPECT_TRUE(s.waitFor("4 canciones · 3 artistas", 10s)) << s.screen();
@@ -42,18 +37,7 @@ TEST(Tmux, PlaysSavesRestartsAndFollowsPromptsMouseAndResizes) {
     const std::string paused = s.line(39);
     std::this_thread::sleep_for(1200ms);
     EXPECT_EQ(s.line(39), paused); // paused: the time stands still
-    const std::pair<const char*, const char*> seeks[] = {
-        {"5", " 0:10 ━"}, {".", " 0:15 ━"}, {",", " 0:10 ━"}};
-    for (auto [key, time] : seeks) {
-        s.text(key);
-        EXPECT_TRUE(s.waitFor(time)) << key << s.line(39);
-    }
 
-    s.text("+");
-    EXPECT_TRUE(s.waitFor("Vol 85%"));
-    EXPECT_TRUE(s.configHas("\"volume\": 0.85"));
-    s.text("-");
-    EXPECT_TRUE(s.waitFor("Vol 80%"));
     s.command(":vol 50");
     EXPECT_TRUE(s.waitFor("Vol 50%"));
     EXPECT_TRUE(s.configHas("\"volume\": 0.5"));
@@ -93,23 +77,6 @@ TEST(Tmux, PlaysSavesRestartsAndFollowsPromptsMouseAndResizes) {
     EXPECT_NE(s.screen().find(music.string()), npos);
     s.keys("Escape");
 
-    // A touched file is read again, and only that one.
-    const auto touched = music / "beta-1.flac";
-    fs::last_write_time(touched, fs::last_write_time(touched) + 10s);
-    s.command(":reindex");
-    ASSERT_TRUE(s.waitFor("Biblioteca al día: 4 archivos · 1 leído · 0 quitados")) << s.screen();
-
-    // A marked file disappears: it leaves the library and the marks.
-    s.keys("Enter Down Down");
-    s.text("x");
-    ASSERT_TRUE(s.waitFor("BIBLIOTECA · ALFA · 1 marcada")) << s.screen();
-    fs::remove(music / "alfa-2.flac");
-    s.command(":reindex");
-    ASSERT_TRUE(s.waitFor("Biblioteca al día: 3 archivos · 0 leídos · 1 quitado")) << s.screen();
-    EXPECT_EQ(s.screen().find("marcadas"), npos) << s.screen();
-    // Brisa was playing at the last quit: the player shows it again, the list does not.
-    EXPECT_EQ(s.screen().find("02 Brisa"), npos) << s.screen();
-
     // Too small a window: only the message, on row height / 2 from column (width - 34) / 2.
     s.tmux("resize-window -t t -x 59 -y 20");
     EXPECT_TRUE(
@@ -117,14 +84,8 @@ TEST(Tmux, PlaysSavesRestartsAndFollowsPromptsMouseAndResizes) {
         << s.screen();
     EXPECT_EQ(s.flags(), "1 0 1 1 1");
     s.tmux("resize-window -t t -x 100 -y 40");
-    ASSERT_TRUE(s.waitFor("3 canciones · 3 artistas")) << s.screen();
+    ASSERT_TRUE(s.waitFor("4 canciones · 3 artistas")) << s.screen();
     EXPECT_EQ(s.screen().find("Agranda"), npos);
-
-    // Search moves to the matching artist; Esc goes back.
-    s.text("/ga");
-    ASSERT_TRUE(s.waitFor("BIBLIOTECA · GAMMA")) << s.screen();
-    s.keys("Escape");
-    ASSERT_TRUE(s.waitFor("BIBLIOTECA · ALFA")) << s.screen();
 
     // An unknown command: an error in the error colour that goes away by itself.
     s.command(":foo");
@@ -146,12 +107,6 @@ TEST(Tmux, PlaysSavesRestartsAndFollowsPromptsMouseAndResizes) {
     std::this_thread::sleep_for(3s);
     EXPECT_EQ(s.cpuTicks(), before) << "the idle program used CPU time";
 
-    s.text("?");
-    ASSERT_TRUE(s.waitFor("AYUDA")) << s.screen();
-    EXPECT_NE(s.screen().find("Play / pausa"), npos);
-    s.text("x");
-    ASSERT_TRUE(s.waitGone("AYUDA"));
-
     // Rows of both lists start on line 4; the artists are A, Alfa, B, Beta, G, Gamma.
     s.click(5, 9);
     ASSERT_TRUE(s.waitFor("BIBLIOTECA · GAMMA")) << s.screen();
@@ -164,15 +119,6 @@ TEST(Tmux, PlaysSavesRestartsAndFollowsPromptsMouseAndResizes) {
     // A click three quarters along the progress bar (columns 19 to 94 at 100 columns).
     s.click(19 + 57, 39);
     EXPECT_TRUE(s.waitFor(" 0:15 ━")) << s.line(39);
-
-    // A smaller window: everything is laid out again and the cursor stays.
-    s.tmux("resize-window -t t -x 80 -y 30");
-    ASSERT_TRUE(waitUntil([&] { return s.line(29).find("0:15 ━") != npos; })) << s.screen();
-    EXPECT_NE(s.screen().find("BIBLIOTECA · GAMMA"), npos) << s.screen();
-    std::string rule = "  ";
-    for (int i = 0; i < 76; ++i)
-        rule += "─";
-    EXPECT_EQ(s.line(1), rule) << s.screen();
 
     // Quitting saves the settings this run loaded.
     fs::remove(s.home() / "config.json");
