@@ -65,25 +65,6 @@ TEST(ScreenBuffer, OverwritingHalfAWideCharacterRepairsTheOtherHalf) {
     EXPECT_EQ(row(last, 0), "  " + kan);
 }
 
-TEST(ScreenBuffer, DrawingClipsToTheGrid) {
-    EXPECT_TRUE(ScreenBuffer(-4, 5, plain).cells().empty());
-    ScreenBuffer b(4, 2, plain);
-    EXPECT_EQ(b.text("abcdef", -2, 0, 10, plain), 6); // hidden columns still count
-    EXPECT_EQ(row(b, 0), "cdef");
-    b.put("z", 4, 0, plain);
-    b.put("z", -1, 1, plain);
-    b.put("z", 0, 2, plain);
-    // A wide character half off the left edge is not drawn at all.
-    EXPECT_EQ(b.text(kan + "a", -1, 1, 10, plain), 3);
-    EXPECT_EQ(row(b, 1), " a  ");
-    b.fill(Rect{-2, 1, 4, 5}, accent, "#");
-    EXPECT_EQ(row(b, 1), "##  ");
-    EXPECT_EQ(b.at(1, 1).style, accent);
-    b.fill(Rect{0, 0, -3, 2}, accent, "!");
-    b.fill(Rect{2147483000, 2147483000, 2147483000, 2147483000}, accent, "!");
-    EXPECT_EQ(row(b, 0), "cdef");
-}
-
 TEST(ScreenBuffer, LongClustersKeepTheirBytesAndCompareByContent) {
     // Man, woman, girl, boy joined by ZWJ: 25 bytes, too long to keep inline.
     const std::string family = "\xF0\x9F\x91\xA8\xE2\x80\x8D\xF0\x9F\x91\xA9\xE2\x80\x8D"

@@ -166,12 +166,7 @@ TEST_F(CoverArtRendererTest, FolderImagesFollowTheNamesInOrder) {
     }
     EXPECT_FALSE(CoverFile::read(track));
 
-    // Every accepted extension; a cover that does not decode gives way to the next name.
-    for (const std::string ext : {"jpg", "JPEG", "png", "WebP", "gif", "bmp"}) {
-        const Bytes bytes = write("cover." + ext, 1);
-        EXPECT_EQ(CoverFile::read(track), bytes) << ext;
-        std::filesystem::remove(album / ("cover." + ext));
-    }
+    // A cover that does not decode gives way to the next name.
     std::ofstream(album / "cover.jpg") << "no es una imagen";
     EXPECT_EQ(CoverFile::read(track), write("folder.webp", 2));
     EXPECT_FALSE(CoverFile::read((dir / "gone" / "01.mp3").string()));

@@ -5,7 +5,6 @@
 
 #include "terminal/Palette.h"
 #include "ui/Drawing.h"
-#include "ui/Overlays.h"
 #include "ui/PlayerView.h"
 
 #include <gtest/gtest.h>
@@ -14,15 +13,6 @@
 
 using namespace trovan;
 using namespace trovan::testing;
-
-TEST(Overlays, HelpColumnsFollowTheWidth) {
-    const std::tuple<int, int, int> cases[] = {{50, 1, 48}, {143, 2, 96}, {144, 3, 142}};
-    for (const auto& [width, columns, boxWidth] : cases) {
-        int n = 0;
-        EXPECT_EQ(Overlays::helpBox(width, 40, &n).width, boxWidth) << width;
-        EXPECT_EQ(n, columns) << width;
-    }
-}
 
 TEST(PlayerView, TimeFormat) {
     const std::pair<double, const char*> cases[] = {
