@@ -30,7 +30,6 @@ using namespace std::chrono_literals;
 inline const auto npos = std::string::npos;
 inline const std::string kMessage = "Agranda la terminal (m\xC3\xADnimo 60\xC3\x97"
                                     "16)";
-inline const std::string kError = "38;2;247;118;142";
 
 // Runs the program once the test says go (so its output is recorded from the first
 // byte); records its pid, exit status, the terminal modes before and after, whether
@@ -200,27 +199,6 @@ public:
                        screen(true).find("48;2;20;22;28") /* the background */ != npos;
             },
             10s);
-    }
-
-    // True when the program's media player is on the session bus it was given.
-    bool playerPublished() {
-        return fixtures::runProcess({"env", "DBUS_SESSION_BUS_ADDRESS=" + busAddress, "dbus-send",
-                                     "--session", "--print-reply", "--dest=org.freedesktop.DBus",
-                                     "/", "org.freedesktop.DBus.NameHasOwner",
-                                     "string:org.mpris.MediaPlayer2.trovan"})
-                   .output.find("boolean true") != npos;
-    }
-
-    // User plus system CPU ticks (fields 14 and 15 of /proc/<pid>/stat).
-    long cpuTicks() {
-        std::stringstream ss(slurp("/proc/" + std::to_string(pid_) + "/stat"));
-        std::string skip;
-        std::getline(ss, skip, ')');
-        for (int i = 0; i < 11; ++i)
-            ss >> skip;
-        long user = -1, system = -1;
-        ss >> user >> system;
-        return user + system;
     }
 
     // Waits for the program to end with `status` and checks it left the terminal as it

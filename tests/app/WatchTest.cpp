@@ -34,7 +34,7 @@ fs::path song(const std::string& name, const std::string& artist, const std::str
 
 } // namespace
 
-TEST(Watch, FollowsCopiesDeletionsRenamesRewritesBurstsAndLostEvents) {
+TEST(Watch, FollowsCopiesDeletionsRenamesRewritesAndLostEvents) {
     REQUIRE_TOOLS();
     Session s;
     const fs::path music = makeMusic(s.dir());
@@ -93,62 +93,25 @@ TEST(Watch, FollowsCopiesDeletionsRenamesRewritesBurstsAndLostEvents) {
     EXPECT_EQ(lines(log)[3], "archivos=3 leidos=1 movidos=0 quitados=0");
     EXPECT_TRUE(s.waitGone("Gamma")) << s.screen();
 
-    // Two thousand files at once: one update.
-    const fs::path one = song("zeta", "Zeta", "Lote", "Uno", 0.1);
-    fs::create_directories(music / "Lote");
-    for (int i = 0; i < 2000; ++i)
-        fs::copy_file(one, music / "Lote" / ("z" + std::to_string(i) + ".flac"));
-    ASSERT_TRUE(waitUntil([&] { return lines(log).size() >= 5; }, 60s));
-    ASSERT_TRUE(s.waitFor("Zeta", 30s)) << s.screen();
-    std::this_thread::sleep_for(2s);
-    ASSERT_EQ(lines(log).size(), 5u) << slurp(log);
-    EXPECT_EQ(lines(log)[4], "archivos=2000 leidos=2000 movidos=0 quitados=0");
-
     // More events than the kernel keeps while the program is stopped: they are lost, and
     // one rescan takes their place.
-    ASSERT_TRUE(s.waitFor("2005 canciones", 10s)) << s.screen();
+    ASSERT_TRUE(s.waitFor("5 canciones", 10s)) << s.screen();
     const int summaries = occurrences(s.output(), "Biblioteca al día");
     kill(s.pid(), SIGSTOP);
     for (int i = 0; i < 12000; ++i) // a creation and a close each
         ::close(::open((music / (".h" + std::to_string(i))).c_str(), O_CREAT | O_WRONLY, 0644));
     fs::remove(music / "alfa-1.flac");
     kill(s.pid(), SIGCONT);
-    ASSERT_TRUE(s.waitFor("Biblioteca al día: 2004 archivos · 0 leídos · 1 quitado")) << s.screen();
+    ASSERT_TRUE(s.waitFor("Biblioteca al día: 4 archivos · 0 leídos · 1 quitado")) << s.screen();
     std::this_thread::sleep_for(2s);
     EXPECT_EQ(occurrences(s.output(), "Biblioteca al día"), summaries + 1);
-    EXPECT_EQ(lines(log).size(), 5u) << slurp(log);
-    s.quit();
-}
+    EXPECT_EQ(lines(log).size(), 4u) << slurp(log);
 
-// Folders where notifications do not arrive are looked at again every few minutes, and
-// the user is told once. (Watches running out is the watcher's own test.)
-TEST(Watch, PollsUserSpaceMountsAndCanBeTurnedOff) {
-    REQUIRE_TOOLS();
-    if (!fixtures::onPath("bindfs")) GTEST_SKIP() << "bindfs missing";
-    Session s;
-    const fs::path music = makeMusic(s.dir());
-    const fs::path mount = s.dir() / "mnt";
-    fs::create_directories(mount);
-    if (fixtures::runProcess({"bindfs", music.string(), mount.string()}).status != 0)
-        GTEST_SKIP() << "no FUSE mount here";
-    // Unmounted before the session's folder is removed, however the test ends.
-    struct Unmount {
-        fs::path at;
-        ~Unmount() { fixtures::runProcess({"umount", "-l", at.string()}); }
-    } unmount{mount};
-    s.start({mount.string()}, 160, 40);
-    EXPECT_TRUE(s.waitFor("Biblioteca al día: 4 archivos")) << s.screen();
-    const std::string polled = mount.string() + ": se revisa cada 5 min (sistema de archivos FUSE)";
-    EXPECT_TRUE(s.waitFor(polled)) << s.screen();
-    // Off and on again, in the settings too.
+    // Following can be turned off and on, and the choice is kept.
     s.command(":watch off");
     EXPECT_TRUE(s.waitFor("Vigilancia desactivada")) << s.screen();
     EXPECT_TRUE(s.configHas("\"watch\": false"));
     s.command(":watch on");
     EXPECT_TRUE(s.configHas("\"watch\": true"));
-    s.command(":watch");
-    EXPECT_TRUE(
-        s.waitFor("Vigilancia: " + mount.string() + " cada 5 min (sistema de archivos FUSE)"))
-        << s.screen();
     s.quit();
 }
