@@ -18,7 +18,6 @@ namespace {
 const char* const kName = "org.mpris.MediaPlayer2.trovan";
 const char* const kPath = "/org/mpris/MediaPlayer2";
 const char* const kPlayer = "org.mpris.MediaPlayer2.Player";
-const std::string kTrackList = "org.mpris.MediaPlayer2.TrackList";
 
 bool haveTools() {
     return haveTmux() && fixtures::available() && fixtures::SessionBus::available() &&
@@ -63,28 +62,6 @@ struct Clients {
     }
     bool waitStatus(const std::string& status) {
         return waitUntil([&] { return ctl({"status"}) == status; }, 10s);
-    }
-    // The string after each `key` in dbus-send's output, in order.
-    static std::vector<std::string> quoted(const std::string& out, const std::string& key) {
-        std::vector<std::string> found;
-        for (auto p = out.find(key); p != npos; p = out.find(key, p)) {
-            p = out.find('"', p + key.size()) + 1;
-            found.push_back(out.substr(p, out.find('"', p) - p));
-        }
-        return found;
-    }
-    // The track list's ids in order, and their titles through GetTracksMetadata.
-    std::vector<std::string> ids() {
-        return quoted(
-            send("org.freedesktop.DBus.Properties.Get", {"string:" + kTrackList, "string:Tracks"})
-                .output,
-            "object path");
-    }
-    std::vector<std::string> titles() {
-        std::string list = "array:objpath:";
-        for (const auto& id : ids())
-            list += (list.back() == ':' ? "" : ",") + id;
-        return quoted(send(kTrackList + ".GetTracksMetadata", {list}).output, "\"xesam:title\"");
     }
 };
 
@@ -200,39 +177,6 @@ TEST(Mpris, PublishesPlaybackFollowsTheDesktopsCommandsAndRefusesBadOnes) {
     EXPECT_TRUE(waitUntil([&] { return c.ctl({"loop"}) == "Track"; }, 5s));
     s.text("r");
     EXPECT_TRUE(waitUntil([&] { return c.ctl({"loop"}) == "None"; }, 5s));
-
-    // The queue as the desktop's track list: it follows a, A, moves and removals, and GoTo
-    // plays the entry it names.
-    using Titles = std::vector<std::string>;
-    EXPECT_NE(c.send("org.freedesktop.DBus.Properties.Get",
-                     {"string:org.mpris.MediaPlayer2", "string:HasTrackList"})
-                  .output.find("boolean true"),
-              npos);
-    EXPECT_TRUE(waitUntil([&] { return c.titles() == Titles{"Uno", "Dos"}; }, 5s));
-    s.keys("Left j Enter a"); // Tres at the end
-    ASSERT_TRUE(s.waitFor("1 canción añadida a la cola"));
-    EXPECT_TRUE(waitUntil([&] { return c.titles() == Titles{"Uno", "Dos", "Tres"}; }, 5s));
-    s.keys("Left j Enter j A"); // Cuatro next
-    ASSERT_TRUE(s.waitFor("1 canción se reproducirá a continuación"));
-    EXPECT_TRUE(waitUntil(
-        [&] {
-            return c.titles() == Titles{"Uno", "Cuatro", "Dos", "Tres"};
-        },
-        5s));
-    s.keys("c j j J"); // Dos one down
-    EXPECT_TRUE(waitUntil(
-        [&] {
-            return c.titles() == Titles{"Uno", "Cuatro", "Tres", "Dos"};
-        },
-        5s));
-    s.keys("d"); // and out
-    EXPECT_TRUE(waitUntil([&] { return c.titles() == Titles{"Uno", "Cuatro", "Tres"}; }, 5s));
-    s.keys("Escape");
-    const auto list = c.ids();
-    ASSERT_EQ(list.size(), 3u);
-    EXPECT_EQ(c.send(kTrackList + ".GoTo", {"objpath:" + list[2]}).status, 0);
-    EXPECT_TRUE(c.waitMeta("xesam:title", "Tres"));
-    EXPECT_EQ(c.trackId(), list[2]);
 
     // A track with no album and no cover, opened from outside as a queue of one; played
     // to its end it stays loaded, paused at the end.

@@ -90,19 +90,3 @@ TEST(TmuxShell, SignalMasksAndCtrlZ) {
     EXPECT_EQ(paneModes(s), raw);
     s.quit();
 }
-
-TEST(TmuxShell, CommandLineErrorsOutliveTheSummaryAndOddFolderNamesShow) {
-    if (!haveTmux() || !fixtures::available()) GTEST_SKIP() << "tmux or ffmpeg missing";
-    Session s;
-    // A folder whose name is Latin-1, not UTF-8 (an old disk).
-    const fs::path music = s.dir() / "m\xFAsica";
-    fs::rename(makeMusic(s.dir()), music);
-    const std::string missing = (s.dir() / "no-such").string();
-    s.start({missing, music.string()});
-    ASSERT_TRUE(s.waitFor("Biblioteca al día: 4 archivos")) << s.screen();
-    EXPECT_TRUE(s.waitFor("No existe la carpeta: " + missing, 10s)) << s.screen();
-    s.command(":paths");
-    EXPECT_TRUE(s.waitFor("m\xEF\xBF\xBDsica")) << s.screen(); // shown with U+FFFD
-    s.keys("Escape");
-    s.quit();
-}
