@@ -5,7 +5,6 @@
 #include "Fixtures.h"
 
 #include "terminal/Palette.h"
-#include "ui/CoverArtRenderer.h"
 #include "ui/Screen.h"
 
 #include <gtest/gtest.h>
@@ -184,25 +183,6 @@ TEST(ScreenGolden, PlayerPanel) {
     s.settings.volume = 0.29f;
     s.cover = CoverArt{"tw", std::vector<RGB>(99)};
     golden("player-edges", s, small, 900);
-}
-
-// A PNG cover with a transparent border and a half-transparent rim, decoded the way the
-// program decodes covers, on the album rows and in the player panel: the border shows the
-// screen's background, not black.
-TEST(ScreenGolden, TransparentCovers) {
-    if (!fixtures::onPath("ffmpeg")) GTEST_SKIP() << "ffmpeg missing";
-    AppState s = albumView(medium);
-    const std::string ring = "max(abs(2*X-9),abs(2*Y-9))"; // 1, 3, 5, 7, 9 from the centre
-    const std::string inside = "if(lte(" + ring + ",5),";  // the hidden border is black
-    const auto png = rgbaPng(10, 10, inside + "230,0)", inside + "180,0)", inside + "60,0)",
-                             "if(lte(" + ring + ",3),255," + inside + "128,0))");
-    const auto px = CoverArtRenderer::pixels(png, 10, 5);
-    ASSERT_TRUE(px);
-    const auto& air = s.index.artists[static_cast<std::size_t>(
-        s.artistRows[static_cast<std::size_t>(*s.shownArtist)].get<ArtistRow::Artist>()->artist)];
-    s.albumCovers[CoverArt::albumKey(air, air.albums[0])] = CoverArt{"ms", px};
-    s.cover = CoverArt{"tw", px};
-    golden("covers-transparent", s, medium, 126.5);
 }
 
 TEST(ScreenGolden, HeaderStatusAndScanProgress) {
