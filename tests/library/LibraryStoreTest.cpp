@@ -1,6 +1,5 @@
 // SPDX-License-Identifier: GPL-3.0-or-later
 #include "library/LibraryStore.h"
-#include "library/LibraryIndex.h"
 #include "support/TempDir.h"
 
 #include <gtest/gtest.h>
@@ -8,7 +7,6 @@
 
 #include <algorithm>
 #include <fstream>
-#include <thread>
 
 using namespace trovan;
 namespace fx = trovan::fixtures;
@@ -73,9 +71,8 @@ TEST(LibraryStore, KeepsEveryFieldAcrossReopeningAndAppliesInOrder) {
     EXPECT_EQ(sorted(store.loadAll()), expected);
 }
 
-// Other versions are rebuilt empty; a row with only its key columns reads with every
-// other field empty. A cache written before the loudness columns keeps every row, without
-// gains and with a stamp no file has, so the next scan reads each file again.
+// Other versions are rebuilt empty. A cache written before the loudness columns keeps every row,
+// without gains and with a stamp no file has, so the next scan reads each file again.
 TEST(LibraryStore, SchemaVersions) {
     fx::TempDir dir;
     auto v3 = dir / "v3.sqlite";
@@ -83,13 +80,6 @@ TEST(LibraryStore, SchemaVersions) {
     EXPECT_EQ(execRaw(v3, "PRAGMA user_version = 3"), 3);
     EXPECT_TRUE(LibraryStore(v3).loadAll().empty());
     EXPECT_EQ(execRaw(v3, "SELECT 1"), 2);
-    auto old = dir / "old.sqlite";
-    execRaw(old,
-            "CREATE TABLE tracks(path TEXT, whatever INTEGER); INSERT INTO tracks VALUES('/x', 1)");
-    EXPECT_TRUE(LibraryStore(old).loadAll().empty());
-    execRaw(old, "INSERT INTO tracks(path, mtime, size) VALUES('/n', 1.5, 7)");
-    EXPECT_EQ(LibraryStore(old).loadAll(),
-              (std::vector<Track>{{.path = "/n", .mtime = 1.5, .size = 7}}));
 
     auto v1 = dir / "v1.sqlite";
     execRaw(v1, "CREATE TABLE tracks(path TEXT PRIMARY KEY, mtime REAL NOT NULL, size INTEGER "
@@ -111,83 +101,12 @@ TEST(LibraryStore, OpenFailures) {
     fx::TempDir dir;
     auto junk = dir / "library.sqlite";
     std::ofstream(junk, std::ios::binary) << std::string(4096, 'x');
-    try {
-        LibraryStore store(junk);
-        FAIL() << "a file that is not a database opened";
-    } catch (const LibraryStoreError& e) {
-        EXPECT_EQ(std::string(e.what()), "open(\"file is not a database\")");
-    }
+    EXPECT_THROW(LibraryStore{junk}, LibraryStoreError);
     EXPECT_EQ(std::filesystem::file_size(junk), 4096u); // the user's file is left as it was
     std::ofstream(dir / "plain") << "x";
     EXPECT_THROW(LibraryStore(dir / "plain" / "sub" / "library.sqlite"),
                  std::filesystem::filesystem_error);
     EXPECT_THROW(LibraryStore(dir.path()), LibraryStoreError); // a folder is not a file
-}
-
-TEST(LibraryStore, SerialisesCallsFromSeveralThreads) {
-    fx::TempDir dir;
-    LibraryStore store(dir / "library.sqlite");
-    std::vector<std::thread> threads;
-    for (int t = 0; t < 4; ++t)
-        threads.emplace_back([&, t] {
-            for (int i = 0; i < 25; ++i) {
-                store.apply({sample("/t" + std::to_string(t) + "/" + std::to_string(i))}, {});
-                (void)store.loadAll();
-            }
-        });
-    for (auto& t : threads)
-        t.join();
-    EXPECT_EQ(store.stamps().size(), 100u);
-}
-
-TEST(LibraryStore, HostileRowsLoadWholeAndIndex) {
-    fx::TempDir dir;
-    auto file = dir / "library.sqlite";
-    { LibraryStore store(file); }
-    const std::string huge(1 << 20, 'h');
-    // Empty, huge, broken UTF-8 and NUL-holding texts; numbers at both ends of 64 bits and
-    // at the edge of 32; one path spelled twice with different case; an empty path.
-    execRaw(file, "INSERT INTO tracks VALUES('/m/A.flac', -1e300, -5, '" + huge +
-                      "', '', '', '', '', -9223372036854775808, 9223372036854775807, -2147483648, "
-                      "2147483648, '', -1, 0, 0, 'abc', -1e300, 1e308, NULL);"
-                      "INSERT INTO tracks VALUES('/m/a.flac', 0, 0, CAST(X'FFC300' AS TEXT), "
-                      "CAST(X'4100FF' AS TEXT), '', 'x', '', 0, 0, 0, 0, 'FLAC', 0, 0, 0, NULL, "
-                      "NULL, NULL, NULL);"
-                      "INSERT INTO tracks(path, mtime, size) VALUES('', 0, 0);");
-    LibraryStore store(file);
-    auto tracks = sorted(store.loadAll());
-    ASSERT_EQ(tracks.size(), 3u);
-    EXPECT_EQ(tracks[1].title, huge);
-    EXPECT_EQ(std::tie(tracks[1].year, tracks[1].trackNumber, tracks[1].discNumber,
-                       tracks[1].durationMs, tracks[1].size, tracks[1].sampleRate),
-              std::make_tuple(INT64_MIN, INT64_MAX, int64_t{INT32_MIN}, int64_t{INT32_MAX} + 1,
-                              int64_t{-5}, int64_t{-1}));
-    EXPECT_EQ(tracks[2].title, std::string("\xFF\xC3\0", 3));
-    EXPECT_EQ(tracks[2].artist, std::string("A\0\xFF", 3));
-
-    LibraryIndex index(store.loadTable());
-    EXPECT_EQ(index.trackCount, 3);
-    EXPECT_EQ(index.find("/m/A.flac")->title, huge);
-    EXPECT_EQ(index.find("/m/a.flac")->artist, std::string("A\0\xFF", 3));
-    EXPECT_EQ(index.artists.size(), 2u);
-}
-
-TEST(LibraryStore, LeavesNoLogAfterCheckpointOrClose) {
-    fx::TempDir dir;
-    auto file = dir / "library.sqlite";
-    auto wal = dir / "library.sqlite-wal";
-    LibraryStore store(file);
-    std::vector<Track> tracks;
-    for (int i = 0; i < 5000; ++i)
-        tracks.push_back(sample("/m/" + std::to_string(i), std::string(200, 't')));
-    store.apply(tracks, {});
-    EXPECT_GT(std::filesystem::file_size(wal), 1000000u);
-    store.checkpoint();
-    EXPECT_EQ(std::filesystem::file_size(wal), 0u);
-    store.apply({sample("/late")}, {});
-    store.close();
-    EXPECT_FALSE(std::filesystem::exists(wal));
-    EXPECT_EQ(LibraryStore(file).stamps().size(), 5001u);
 }
 
 // The cache file replaced under the running program: the store follows the file now at

@@ -51,25 +51,19 @@ private:
     std::vector<AudioEngine::Task> tasks_;
 };
 
-// Hands out virtual-clock null outputs and remembers what it was asked for.
+// Hands out virtual-clock null outputs.
 struct VirtualOutputs {
     OutputFactory factory() {
         return [this](const OutputFormat& format, AudioRenderer& renderer,
-                      OutputEvents ev) -> std::unique_ptr<AudioOutput> {
-            if (std::exchange(failNext, false)) return nullptr;
+                      OutputEvents) -> std::unique_ptr<AudioOutput> {
             auto out = std::make_unique<NullOutput>(format, renderer,
                                                     NullOutput::Clock::virtualClock, 512);
             current = out.get();
-            formats.push_back(format);
-            events = std::move(ev);
             return out;
         };
     }
 
     NullOutput* current = nullptr; // the latest one; owned by the engine
-    std::vector<OutputFormat> formats;
-    OutputEvents events;
-    bool failNext = false;
 };
 
 // Plays `seconds` through the current output, never letting the callback outrun the decoder.
