@@ -164,20 +164,6 @@ TEST(Mpris, PublishesPlaybackFollowsTheDesktopsCommandsAndRefusesBadOnes) {
     EXPECT_EQ(c.call("SetPosition", {"objpath:" + unoId, "int64:4000000"}).status, 0);
     EXPECT_TRUE(waitUntil([&] { return std::fabs(c.position() - 4) < 0.05; }, 5s));
 
-    // Volume, shuffle and loop from outside: on screen and saved; keys show up outside.
-    c.ctl({"volume", "0.3"});
-    EXPECT_TRUE(s.waitFor("Vol 30%"));
-    EXPECT_TRUE(s.configHas("\"volume\": 0.3"));
-    c.ctl({"shuffle", "On"});
-    EXPECT_TRUE(s.configHas("\"shuffle\": true"));
-    c.ctl({"loop", "Playlist"});
-    EXPECT_TRUE(s.configHas("\"repeatMode\": \"all\""));
-    s.text("sr");
-    EXPECT_TRUE(waitUntil([&] { return c.ctl({"shuffle"}) == "Off"; }, 5s));
-    EXPECT_TRUE(waitUntil([&] { return c.ctl({"loop"}) == "Track"; }, 5s));
-    s.text("r");
-    EXPECT_TRUE(waitUntil([&] { return c.ctl({"loop"}) == "None"; }, 5s));
-
     // A track with no album and no cover, opened from outside as a queue of one; played
     // to its end it stays loaded, paused at the end.
     c.ctl({"open", fileUrl(lib.tres)});

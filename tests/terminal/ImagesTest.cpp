@@ -120,3 +120,37 @@ TEST(Renderer, SixelPicturesAreRedrawnOnlyWhenTheirCellsAre) {
     EXPECT_EQ(gone.find("\x1bP"), std::string::npos);
     EXPECT_NE(gone.find("\x1b[8;3H\x1b[0m\x1b[4X"), std::string::npos);
 }
+
+// Kitty pictures are sent once: drawing a picture again only places it, moving it places it
+// anew, and one that leaves the screen loses its placement but keeps its data for when it
+// comes back.
+TEST(Renderer, KittyPicturesAreSentOnceAndPlacedWhereTheirCellsAre) {
+    Renderer r;
+    r.setGraphics(GraphicsProtocol::kitty);
+    const auto image = gradient(40, 60);
+    const Style plain{};
+    auto frame = [&](int y) {
+        ScreenBuffer b(20, 10, plain);
+        if (y >= 0) b.placeImage(image, Rect{2, y, 4, 3}, Rect{0, 0, 20, 10}, plain);
+        return b;
+    };
+    auto sends = [](const std::string& out) {
+        int n = 0;
+        for (auto at = out.find("\x1b_Ga=t,"); at != std::string::npos;
+             at = out.find("\x1b_Ga=t,", at + 1))
+            ++n;
+        return n;
+    };
+    const std::string first = r.render(frame(1), std::nullopt);
+    EXPECT_EQ(sends(first), 1);
+    EXPECT_NE(first.find("s=40,v=60,"), std::string::npos);
+    EXPECT_NE(first.find("\x1b[2;3H\x1b_Ga=p,"), std::string::npos);
+    EXPECT_EQ(r.render(frame(1), std::nullopt).find("\x1b_G"), std::string::npos);
+    const std::string moved = r.render(frame(5), std::nullopt);
+    EXPECT_EQ(sends(moved), 0);
+    EXPECT_NE(moved.find("\x1b[6;3H\x1b_Ga=p,"), std::string::npos);
+    EXPECT_NE(r.render(frame(-1), std::nullopt).find("\x1b_Ga=d,d=i,"), std::string::npos);
+    const std::string back = r.render(frame(1), std::nullopt);
+    EXPECT_EQ(sends(back), 0);
+    EXPECT_NE(back.find("\x1b[2;3H\x1b_Ga=p,"), std::string::npos);
+}

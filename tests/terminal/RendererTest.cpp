@@ -76,17 +76,3 @@ TEST(Renderer, StyleChangeOnContinuationRedrawsTheWideCharacter) {
     c.fill(Rect{3, 0, 1, 1}, red, Glyph()); // restyle only the right half
     EXPECT_EQ(diff(b, c), kBegin + "\x1b[1;3H" + kPlainSgr + kan + kEnd);
 }
-
-TEST(Renderer, TwoHundredFiftySixColourMode) {
-    Renderer r;
-    r.truecolor = false;
-    // Cube levels 0, 95, 135, 175, 215, 255: each channel goes to the nearest one.
-    EXPECT_EQ(r.color({198, 202, 211}, true), "38;5;188");
-    EXPECT_EQ(Renderer::cubeIndex({47, 48, 114}), 16 + 36 * 0 + 6 * 1 + 1);
-    EXPECT_EQ(Renderer::cubeIndex({115, 154, 155}), 16 + 36 * 2 + 6 * 2 + 3);
-    EXPECT_EQ(Renderer::cubeIndex({194, 195, 234}), 16 + 36 * 3 + 6 * 4 + 4);
-    EXPECT_EQ(Renderer::cubeIndex({235, 255, 0}), 16 + 36 * 5 + 6 * 5 + 0);
-    ScreenBuffer b(1, 1, Style{{255, 255, 255}, {20, 22, 28}, true, true});
-    EXPECT_EQ(r.render(b, std::nullopt),
-              kBegin + kClear + "\x1b[1;1H\x1b[0;1;4;38;5;231;48;5;16m " + kEnd);
-}
