@@ -5,6 +5,7 @@
 #include <taglib/aiffproperties.h>
 #include <taglib/apefile.h>
 #include <taglib/apetag.h>
+#include <taglib/asftag.h>
 #include <taglib/attachedpictureframe.h>
 #include <taglib/commentsframe.h>
 #include <taglib/fileref.h>
@@ -58,6 +59,19 @@ void configure() {
     std::call_once(once, [] {
         static SilentListener silent;
         TagLib::setDebugListener(&silent);
+        // Some of TagLib's key tables (MP4's among them) are filled on first use without a
+        // lock, and scans and tag writes run on several threads: fill them all here, once.
+        const TagLib::PropertyMap none;
+        auto warm = [&none](auto&& tag) {
+            tag.properties();
+            tag.setProperties(none);
+        };
+        warm(TagLib::MP4::Tag());
+        warm(TagLib::ASF::Tag());
+        warm(TagLib::ID3v2::Tag());
+        warm(TagLib::APE::Tag());
+        warm(TagLib::RIFF::Info::Tag());
+        warm(TagLib::Ogg::XiphComment());
         // No default text encoding for ID3v2: TagLib would impose it on every frame it
         // reads, re-encoding frames nobody edited. New frames get UTF-8 where made.
     });

@@ -3,7 +3,13 @@
 #include "media/Codecs.h"
 #include "media/Module.h"
 
+#include "support/Fixtures.h"
+
 #include <gtest/gtest.h>
+
+#include <sys/wait.h>
+#include <thread>
+#include <unistd.h>
 
 using namespace trovan;
 
@@ -42,4 +48,34 @@ TEST(Module, LoadsTheCodecModuleAndReportsWhatIsMissing) {
     const std::vector<std::uint8_t> junk(100, 7);
     EXPECT_FALSE(ImageDecoder::isImage(junk));
     EXPECT_THROW(AudioDecoder("/nonexistent/trovan.flac"), AudioDecodeError);
+}
+
+// TagLib fills some of its key tables on first use, without a lock, and the first files a
+// process opens may be read and edited on several threads at once. Each child here is a
+// first use; twenty of them show a race that goes wrong one time in three.
+TEST(TagLibFile, FirstUseOnSeveralThreadsAtOnce) {
+    if (!fixtures::available()) GTEST_SKIP() << "ffmpeg missing";
+    fixtures::Tone tone;
+    tone.format = fixtures::Format::aac; // no tags: this process leaves TagLib untouched
+    const std::string file = fixtures::cached("threads.m4a", tone).string();
+    for (int run = 0; run < 20; ++run) {
+        const pid_t child = ::fork();
+        if (child == 0) {
+            std::vector<std::thread> threads;
+            for (int i = 0; i < 4; ++i)
+                threads.emplace_back([&file] {
+                    auto f = TagLibFile::open(file);
+                    if (!f) ::_exit(2);
+                    f->properties();
+                    f->set("TITLE", {"x"});
+                });
+            for (auto& t : threads)
+                t.join();
+            ::_exit(0);
+        }
+        int status = 0;
+        ASSERT_EQ(::waitpid(child, &status, 0), child);
+        ASSERT_TRUE(WIFEXITED(status) && WEXITSTATUS(status) == 0)
+            << "run " << run << ", wait status " << status;
+    }
 }
