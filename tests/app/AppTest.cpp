@@ -37,11 +37,7 @@ struct Result {
     std::string out, err;
 };
 
-std::string slurp(const std::filesystem::path& path) {
-    std::stringstream ss;
-    ss << std::ifstream(path).rdbuf();
-    return ss.str();
-}
+using fixtures::slurp;
 
 // Runs `trovan <args>` through the shell, standard output and error into files unless
 // `args` redirects them (descriptors the test opened are inherited).

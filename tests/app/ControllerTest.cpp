@@ -22,6 +22,7 @@
 
 using namespace trovan;
 namespace fs = std::filesystem;
+using fixtures::slurp;
 
 namespace {
 
@@ -415,10 +416,6 @@ TEST(ControllerQueue, ListsAskFirstAndDamagedOrNewerQueueFilesAreKept) {
     ControllerHarness h;
     loadSmallLibrary(h);
     auto last = [&] { return h.reports.empty() ? std::string() : h.reports.back().text; };
-    auto slurp = [](const fs::path& p) {
-        std::ifstream in(p, std::ios::binary);
-        return std::string(std::istreambuf_iterator<char>(in), {});
-    };
     h.keys("a"); // Abba's one track
     EXPECT_EQ(last(), "1 canción añadida a la cola");
     h.type(":save Mezcla");

@@ -56,12 +56,7 @@ inline std::string shellQuote(const std::string& s) {
     return out + "'";
 }
 
-inline std::string slurp(const fs::path& path) {
-    std::ifstream f(path, std::ios::binary);
-    std::stringstream ss;
-    ss << f.rdbuf();
-    return ss.str();
-}
+using fixtures::slurp;
 
 inline std::string trim(std::string s) {
     while (!s.empty() && (s.back() == '\n' || s.back() == ' '))

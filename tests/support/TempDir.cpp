@@ -1,7 +1,9 @@
 // SPDX-License-Identifier: GPL-3.0-or-later
 #include "support/TempDir.h"
 
+#include <algorithm>
 #include <cstdlib>
+#include <fstream>
 #include <stdexcept>
 #include <sys/stat.h>
 #include <vector>
@@ -33,6 +35,15 @@ std::filesystem::path TempDir::subdir(const std::filesystem::path& name) const {
     auto p = path_ / name;
     std::filesystem::create_directories(p);
     return p;
+}
+
+std::string slurp(const std::filesystem::path& file) {
+    std::ifstream in(file, std::ios::binary | std::ios::ate);
+    std::string bytes(static_cast<std::size_t>(std::max<std::streamoff>(in.tellg(), 0)), '\0');
+    in.seekg(0);
+    in.read(bytes.data(), static_cast<std::streamsize>(bytes.size()));
+    bytes.resize(static_cast<std::size_t>(in.gcount()));
+    return bytes;
 }
 
 } // namespace trovan::fixtures

@@ -25,4 +25,7 @@ private:
     std::filesystem::path path_;
 };
 
+// The whole file in one read; empty when it cannot be read.
+std::string slurp(const std::filesystem::path& file);
+
 } // namespace trovan::fixtures

@@ -21,7 +21,7 @@
 using namespace trovan;
 namespace fx = trovan::fixtures;
 namespace fs = std::filesystem;
-using tagfiles::bytesOf;
+using fixtures::slurp;
 
 TEST(Corpus, ReadsAlikeAndWritesChangeNothingElseAndRefusedFilesStayIdentical) {
     const fs::path corpus = fs::path(TROVAN_SOURCE_DIR) / ".." / "shared" / "corpus" / "taglib";
@@ -58,7 +58,7 @@ TEST(Corpus, ReadsAlikeAndWritesChangeNothingElseAndRefusedFilesStayIdentical) {
         auto artist = all[i].find("ARTIST");
         byArtist[artist == all[i].end() || artist->second.empty() ? "" : artist->second[0]]
             .push_back(paths[i]);
-        bytes[paths[i]] = bytesOf(paths[i]);
+        bytes[paths[i]] = slurp(paths[i]);
         entries[paths[i]] = rawtags::withoutTitles(rawtags::read(paths[i]));
         decoded[paths[i]] = fx::decodes(paths[i]);
     }
@@ -85,7 +85,7 @@ TEST(Corpus, ReadsAlikeAndWritesChangeNothingElseAndRefusedFilesStayIdentical) {
 
         const auto result = editor.apply(parsed.patch, group);
         for (const auto& p : result.failed) {
-            if (bytesOf(p) == bytes[p]) continue;
+            if (slurp(p) == bytes[p]) continue;
             // Written, then not readable as a track: still nothing but its title changed.
             EXPECT_FALSE(Track::read(p)) << p << " refused but changed";
             EXPECT_EQ(rawtags::withoutTitles(rawtags::read(p)), entries[p]) << p;
@@ -101,14 +101,14 @@ TEST(Corpus, ReadsAlikeAndWritesChangeNothingElseAndRefusedFilesStayIdentical) {
 
     const Picture cover{fx::image(fx::Cover{}), "image/jpeg"};
     for (const auto& p : paths) {
-        const std::string before = bytesOf(p);
+        const std::string before = slurp(p);
         if (SafeWrite::write(
                 p, [&](TagLibFile& f) { return f.setPicture(cover); }, 1 << 20)) {
-            EXPECT_TRUE(bytesOf(p) == before) << p << " refused but changed";
+            EXPECT_TRUE(slurp(p) == before) << p << " refused but changed";
         }
     }
     for (const auto& p : paths)
-        if (decoded[p] && bytesOf(p) != bytes[p]) {
+        if (decoded[p] && slurp(p) != bytes[p]) {
             EXPECT_TRUE(fx::decodes(p)) << p << " no longer decodes";
         }
     for (const auto& e : fs::recursive_directory_iterator(dir / "corpus"))

@@ -8,9 +8,9 @@
 // has been synced.
 
 #include "TagFiles.h"
+#include "config/WriteSeam.h"
 #include "tags/TagEditor.h"
 #include "tags/WriteJournal.h"
-#include "config/WriteSeam.h"
 
 #include <gtest/gtest.h>
 
@@ -26,7 +26,7 @@
 namespace fs = std::filesystem;
 namespace fx = trovan::fixtures;
 using namespace trovan;
-using tagfiles::bytesOf;
+using fixtures::slurp;
 
 namespace {
 
@@ -138,7 +138,7 @@ TEST_P(FaultInjection, EveryCallFailedOrCutLeavesEachFileOldOrNew) {
 
     std::vector<std::string> oldBytes, newBytes;
     for (const auto& p : paths)
-        oldBytes.push_back(bytesOf(p));
+        oldBytes.push_back(slurp(p));
     const std::set<std::string> targets(paths.begin(), paths.end());
 
     // An undisturbed run counts the calls and gives the new versions.
@@ -159,7 +159,7 @@ TEST_P(FaultInjection, EveryCallFailedOrCutLeavesEachFileOldOrNew) {
         ASSERT_TRUE(broken.empty()) << broken;
     }
     for (const auto& p : paths) {
-        newBytes.push_back(bytesOf(p));
+        newBytes.push_back(slurp(p));
         ASSERT_NE(newBytes.back(), oldBytes[newBytes.size() - 1]);
         EXPECT_TRUE(fx::decodes(p)) << p;
     }
@@ -235,9 +235,9 @@ TEST_P(FaultInjection, EveryCallFailedOrCutLeavesEachFileOldOrNew) {
             auto recovery = WriteJournal(journalFile).recover();
             for (const auto& message : recovery.messages)
                 ADD_FAILURE() << "recovery said: " << message;
-            EXPECT_EQ(WriteJournal(journalFile).openEntries(), 0u) << bytesOf(journalFile);
+            EXPECT_EQ(WriteJournal(journalFile).openEntries(), 0u) << slurp(journalFile);
             for (std::size_t f = 0; f < paths.size(); ++f) {
-                const std::string now = bytesOf(paths[f]);
+                const std::string now = slurp(paths[f]);
                 EXPECT_TRUE(now == oldBytes[f] || now == newBytes[f])
                     << paths[f] << " is neither old nor new";
             }

@@ -20,7 +20,7 @@ namespace fs = std::filesystem;
 namespace fx = trovan::fixtures;
 using namespace trovan;
 
-using tagfiles::bytesOf;
+using fixtures::slurp;
 using tagfiles::copyOf;
 using tagfiles::workFiles;
 
@@ -147,13 +147,13 @@ TEST(TagEditor, FilesThatCannotBeWrittenAreCountedAndLeftByteIdentical) {
                 .string());
     const auto garbage = fx::writeBroken(music, "roto.flac", fx::Broken::garbage).string();
     five.insert(five.begin() + 2, garbage);
-    const std::string garbageBefore = bytesOf(garbage);
+    const std::string garbageBefore = slurp(garbage);
     TagPatch patch;
     patch.changes["TITLE"] = {"Nuevo"};
     auto result = editor.apply(patch, five);
     EXPECT_EQ(result.failed, std::vector<std::string>{garbage});
     EXPECT_EQ(result.updated.size(), 4u);
-    EXPECT_EQ(bytesOf(garbage), garbageBefore);
+    EXPECT_EQ(slurp(garbage), garbageBefore);
     int stored = 0;
     for (const auto& track : store->loadAll()) {
         EXPECT_NE(track.path, garbage);
@@ -165,19 +165,19 @@ TEST(TagEditor, FilesThatCannotBeWrittenAreCountedAndLeftByteIdentical) {
     // A key the format cannot hold (Xiph names exclude "=") fails the write, not silently.
     TagPatch unheld;
     unheld.changes["CLAVE=MALA"] = {"x"};
-    const std::string beforeUnheld = bytesOf(five[0]);
+    const std::string beforeUnheld = slurp(five[0]);
     EXPECT_EQ(editor.apply(unheld, {five[0]}).failed, std::vector<std::string>{five[0]});
-    EXPECT_EQ(bytesOf(five[0]), beforeUnheld);
+    EXPECT_EQ(slurp(five[0]), beforeUnheld);
 
     const std::string flac = five[0];
-    const std::string flacBefore = bytesOf(flac);
+    const std::string flacBefore = slurp(flac);
     std::vector<std::uint8_t> huge(SafeWrite::flacBlockLimit, 0x55);
     EXPECT_EQ(editor.setPicture(Picture{huge, "image/jpeg"}, {flac}).failed.size(), 1u);
-    const std::string mp3 = five[1], mp3Before = bytesOf(mp3);
+    const std::string mp3 = five[1], mp3Before = slurp(mp3);
     const Picture tooLarge{std::vector<uint8_t>(Picture::maxBytes + 1, 0), "image/png"};
     EXPECT_EQ(editor.setPicture(tooLarge, {mp3}).failed, std::vector<std::string>{mp3});
-    EXPECT_EQ(bytesOf(flac), flacBefore);
-    EXPECT_TRUE(bytesOf(mp3) == mp3Before);
+    EXPECT_EQ(slurp(flac), flacBefore);
+    EXPECT_TRUE(slurp(mp3) == mp3Before);
     EXPECT_TRUE(workFiles(music).empty());
 }
 
@@ -234,11 +234,11 @@ TEST(TagEditor, NearlyFullFileSystemRefusesTheWriteAndKeepsTheOriginal) {
         for (int i = 0; i < 40; ++i)
             filler << block;
     }
-    const std::string before = bytesOf(file);
+    const std::string before = slurp(file);
     TagEditor editor(nullptr);
     TagPatch patch;
     patch.changes["TITLE"] = {"No cabe"};
     EXPECT_EQ(editor.apply(patch, {file.string()}).failed.size(), 1u);
-    EXPECT_EQ(bytesOf(file), before);
+    EXPECT_EQ(slurp(file), before);
     EXPECT_TRUE(workFiles(mount).empty());
 }

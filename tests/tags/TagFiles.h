@@ -1,29 +1,17 @@
 // SPDX-License-Identifier: GPL-3.0-or-later
 #pragma once
-// Files for the tag-writing tests: tagged copies of generated fixtures, their bytes, and
+// Files for the tag-writing tests: tagged copies of generated fixtures and
 // the working files a write may leave beside them.
 
 #include "support/Fixtures.h"
 #include "tags/SafeWrite.h"
 
-#include <fstream>
 #include <string>
 #include <vector>
 
 namespace trovan::tagfiles {
 
 namespace fx = trovan::fixtures;
-
-// The whole file in one read (these tests compare many files, many times); empty when
-// it cannot be read.
-inline std::string bytesOf(const std::filesystem::path& file) {
-    std::ifstream in(file, std::ios::binary | std::ios::ate);
-    std::string bytes(static_cast<std::size_t>(std::max<std::streamoff>(in.tellg(), 0)), '\0');
-    in.seekg(0);
-    in.read(bytes.data(), static_cast<std::streamsize>(bytes.size()));
-    bytes.resize(static_cast<std::size_t>(in.gcount()));
-    return bytes;
-}
 
 // The names of our working files in `dir`.
 inline std::vector<std::string> workFiles(const std::filesystem::path& dir) {

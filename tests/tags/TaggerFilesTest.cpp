@@ -184,7 +184,7 @@ TEST(TaggerFiles, EditedFramesKeepDescriptionLanguageAndEncoding) {
     const auto file = taggerFile(fx::Format::mp3, dir.path(), "mp3");
     TagPatch patch;
     patch.changes["COMMENT:ITUNNORM"] = {" 1111", " 2222"}; // a second frame, added
-    patch.changes["COMMENT"] = {"borrar", "Anderer"}; // the second of two frames
+    patch.changes["COMMENT"] = {"borrar", "Anderer"};       // the second of two frames
     patch.changes["URL:TIENDA"] = {"https://example.org/otro"};
     patch.changes["CATALOGNUMBER"] = {"ABC-1"};
     ASSERT_TRUE(editor.apply(patch, {file.string()}).failed.empty());

@@ -18,7 +18,7 @@
 namespace fs = std::filesystem;
 namespace fx = trovan::fixtures;
 using namespace trovan;
-using tagfiles::bytesOf;
+using fixtures::slurp;
 
 namespace {
 
@@ -61,7 +61,7 @@ TEST(WriteJournal, LookAlikesAndLinksAreNeverTrusted) {
     tagfiles::copyOf(fx::Format::flac, outside.parent_path(), "secreto");
     const fs::path song = tagfiles::copyOf(fx::Format::flac, music, "01");
     const fs::path other = tagfiles::copyOf(fx::Format::mp3, music, "02");
-    const std::string songBytes = bytesOf(song), outsideBytes = bytesOf(outside);
+    const std::string songBytes = slurp(song), outsideBytes = slurp(outside);
     const fs::path journalFile = dir / "datos" / "escrituras.diario";
 
     // A folder that arrives with files named like ours, from a process long gone.
@@ -72,7 +72,7 @@ TEST(WriteJournal, LookAlikesAndLinksAreNeverTrusted) {
     // A real backup, replaced by a link to a file outside after its run died.
     const fs::path realBackup = music / ".trovan-bak-2-01.flac";
     deadRewrite(journalFile, other, realBackup);
-    const std::string tornOther = bytesOf(other);
+    const std::string tornOther = slurp(other);
     fs::remove(realBackup);
     fs::create_symlink(outside, realBackup);
 
@@ -83,12 +83,12 @@ TEST(WriteJournal, LookAlikesAndLinksAreNeverTrusted) {
     patch.changes["TITLE"] = {"Otro"};
     EXPECT_TRUE(editor.apply(patch, {song.string()}).failed.empty());
 
-    EXPECT_EQ(bytesOf(outside), outsideBytes);
-    EXPECT_EQ(bytesOf(forgedBackup), "no es una copia");
+    EXPECT_EQ(slurp(outside), outsideBytes);
+    EXPECT_EQ(slurp(forgedBackup), "no es una copia");
     EXPECT_TRUE(fs::is_symlink(forgedTemp));
     EXPECT_TRUE(fs::is_symlink(realBackup));
-    EXPECT_EQ(bytesOf(other), tornOther) << "restored from something that was not its backup";
-    EXPECT_NE(bytesOf(song), songBytes);
+    EXPECT_EQ(slurp(other), tornOther) << "restored from something that was not its backup";
+    EXPECT_NE(slurp(song), songBytes);
     EXPECT_EQ(recovery.restored, 0);
     ASSERT_EQ(recovery.messages.size(), 1u);
     EXPECT_NE(recovery.messages[0].find("Falta la copia de seguridad de 02.mp3"), std::string::npos)
@@ -101,26 +101,26 @@ TEST(WriteJournal, DamagedJournalIsReportedAndItsGoodRecordsStillRestore) {
     fx::TempDir dir;
     const fs::path music = dir.subdir("musica");
     const fs::path song = tagfiles::copyOf(fx::Format::flac, music, "01");
-    const std::string good = bytesOf(song);
+    const std::string good = slurp(song);
     const fs::path journalFile = dir / "datos" / "escrituras.diario";
     deadRewrite(journalFile, song, music / ".trovan-bak-x");
-    ASSERT_NE(bytesOf(song), good);
+    ASSERT_NE(slurp(song), good);
 
     // A line spoilt in the middle, one that does not add up, and a last one cut short.
-    std::string text = bytesOf(journalFile);
+    std::string text = slurp(journalFile);
     std::string spoilt = text.substr(0, text.find('\n') + 1);
     spoilt[2] ^= 1;
     text = "basura sin sentido\n" + spoilt + text + "D\t123-4";
     std::ofstream(journalFile, std::ios::binary | std::ios::trunc) << text;
 
     auto recovery = WriteJournal(journalFile).recover();
-    EXPECT_EQ(bytesOf(song), good);
+    EXPECT_EQ(slurp(song), good);
     EXPECT_EQ(recovery.restored, 1);
     ASSERT_EQ(recovery.messages.size(), 1u);
     EXPECT_NE(recovery.messages[0].find("3 línea(s) ilegible(s) (la primera, la 1)"),
               std::string::npos)
         << recovery.messages[0];
-    EXPECT_EQ(bytesOf(journalFile.string() + ".dañado"), text);
+    EXPECT_EQ(slurp(journalFile.string() + ".dañado"), text);
     EXPECT_EQ(WriteJournal(journalFile).openEntries(), 0u);
     EXPECT_TRUE(tagfiles::workFiles(music).empty());
 }
