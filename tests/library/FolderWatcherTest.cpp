@@ -10,6 +10,7 @@
 #include <gtest/gtest.h>
 
 #include <fstream>
+#include <sys/inotify.h>
 
 using namespace trovan;
 namespace fx = trovan::fixtures;
@@ -68,6 +69,30 @@ TEST(FolderWatcher, GathersFoldersAndHandsThemOutAfterAQuietMoment) {
     EXPECT_EQ(watcher.take(), changes({root + "/new"}, {root, root + "/new/deeper"}))
         << "the new folder's own folder was watched as soon as it was seen";
     EXPECT_FALSE(watcher.due());
+}
+
+// A large library can use up the system's watches: the root where that happens is polled
+// instead, and gives back the watches it took so that the next root can have one.
+TEST(FolderWatcher, FallsBackToPollingWhereWatchesRunOut) {
+    fx::TempDir dir;
+    for (const char* sub : {"a/1", "a/2", "b"})
+        fs::create_directories(dir / "one" / sub);
+    fs::create_directories(dir / "two");
+    std::ofstream(dir / "two" / "x.flac") << "x";
+    FolderWatcher watcher(1000ms, 5000ms, [&](int fd, const char* path, uint32_t mask) {
+        if (std::string_view(path).ends_with("/one/b")) {
+            errno = ENOSPC;
+            return -1;
+        }
+        return inotify_add_watch(fd, path, mask);
+    });
+    watcher.watch({(dir / "one").string(), (dir / "two").string(), (dir / "absent").string()});
+    const auto roots = watcher.roots();
+    EXPECT_EQ(roots.at(0).mode, FolderWatcher::Mode::polled);
+    EXPECT_EQ(roots.at(0).reason, FolderWatcher::Reason::watchLimit);
+    EXPECT_EQ(roots.at(1).mode, FolderWatcher::Mode::watched);
+    EXPECT_EQ(roots.at(2).mode, FolderWatcher::Mode::missing);
+    EXPECT_EQ(watcher.watchCount(), 1u);
 }
 
 // What the end-to-end watch story does not reach: a drive that goes leaves an empty mount
