@@ -97,10 +97,3 @@ TEST(LibraryIndex, AlbumsDiscsAndTracks) {
     EXPECT_EQ(index.libraryRows(0, -3).size(), 14u);
     EXPECT_TRUE(index.libraryRows(1, 8).empty());
 }
-
-TEST(LibraryIndex, EqualNumbersOrderByFoldedTitleThenInput) {
-    auto index = LibraryIndex({track("/a", "X", "Y", 1, 0, 0, "", "track 10"),
-                               track("/b", "X", "Y", 1, 0, 0, "", "Track 2"),
-                               track("/c", "X", "Y", 1, 0, 0, "", "TRACK 2")});
-    EXPECT_EQ(describe(index, index.libraryRows(0, 0)), "A0 0:/b 0:/c 0:/a ");
-}
